@@ -1,0 +1,33 @@
+#!/usr/bin/env bash
+# Installs every Debian package the add-in, its tests and its benchmarks need.
+# Idempotent: packages already present are not touched, and apt's lists are
+# refreshed only when something is missing.
+set -euo pipefail
+
+PACKAGES=(
+  build-essential cmake ninja-build pkg-config git
+  clang libclang-rt-14-dev
+  qt6-base-dev
+  libopencv-dev
+  libzxing-dev libdmtx-dev
+  libpcl-dev libeigen3-dev
+  libplist-dev libtiff-dev
+  libfreetype-dev libfontconfig-dev fonts-dejavu-core fonts-liberation2
+  fonts-ocr-a fonts-ocr-b fonts-urw-base35 fonts-freefont-ttf fonts-noto-mono
+  libgtest-dev libgmock-dev libbenchmark-dev
+  xvfb xauth
+  qrencode dmtx-utils zint barcode
+)
+
+missing=()
+for p in "${PACKAGES[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+done
+
+if ((${#missing[@]})); then
+  SUDO=""
+  [ "$(id -u)" -eq 0 ] || SUDO="sudo"
+  echo "setup: installing ${missing[*]}"
+  $SUDO apt-get update
+  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y --no-install-recommends "${missing[@]}"
+fi
