@@ -1,0 +1,602 @@
+#include "vision/ocr/ocr_mlp.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <numeric>
+#include <sstream>
+
+#include <opencv2/imgproc.hpp>
+
+#include "vision/ocr/mlp.h"
+
+#ifndef VELMORA_VISION_INSTALL_DIR
+#define VELMORA_VISION_INSTALL_DIR "/usr/local/share/velmora/vision"
+#endif
+
+namespace vision {
+
+using ocr_detail::MatF;
+using ocr_detail::Mlp;
+using ocr_detail::VecF;
+
+namespace {
+
+constexpr char kOmcMagic[4] = {'V', 'O', 'M', 'C'};
+constexpr uint32_t kOmcVersion = 1;
+constexpr char kTrfMagic[4] = {'V', 'O', 'T', 'F'};
+constexpr uint32_t kTrfVersion = 1;
+
+enum class Feature : uint8_t { Ratio, Width, Height, Pixel, PixelInvar, PixelBinary, ZoomFactor };
+
+struct FeatureName {
+  const char* name;
+  Feature f;
+};
+constexpr FeatureName kFeatureNames[] = {
+    {"ratio", Feature::Ratio},          {"width", Feature::Width},
+    {"height", Feature::Height},        {"pixel", Feature::Pixel},
+    {"pixel_invar", Feature::PixelInvar}, {"pixel_binary", Feature::PixelBinary},
+    {"zoom_factor", Feature::ZoomFactor},
+};
+
+// The classifier behind a handle.
+class OcrMlp : public HandleBase {
+ public:
+  const char* TypeName() const override { return "ocr_mlp"; }
+  void Clear() override {
+    net = Mlp();
+    HandleBase::Clear();
+  }
+
+  int grid_w = 8, grid_h = 10;
+  std::string interpolation = "constant";
+  std::vector<std::string> feature_names;  // as given, e.g. "default"
+  std::vector<Feature> features;            // expanded
+  std::vector<std::string> classes;
+  std::string preprocessing = "none";
+  int num_components = 10;
+  uint32_t seed = 42;
+  Mlp net;
+
+  int NumInputs() const {
+    int n = 0;
+    for (Feature f : features)
+      n += (f == Feature::Pixel || f == Feature::PixelInvar || f == Feature::PixelBinary)
+               ? grid_w * grid_h
+               : 1;
+    return n;
+  }
+};
+
+std::vector<Feature> ExpandFeatures(const std::vector<std::string>& names, const char* op) {
+  std::vector<Feature> out;
+  for (const auto& n : names) {
+    if (n == "default") {
+      out.push_back(Feature::Ratio);
+      out.push_back(Feature::PixelInvar);
+      continue;
+    }
+    bool found = false;
+    for (const auto& fn : kFeatureNames)
+      if (n == fn.name) {
+        out.push_back(fn.f);
+        found = true;
+      }
+    if (!found) throw HException(op, "Unknown feature: " + n, kErrWrongParamValue);
+  }
+  if (out.empty()) throw HException(op, "No features given", kErrWrongParamValue);
+  return out;
+}
+
+int CvInterpolation(const std::string& s, const char* op) {
+  if (s == "nearest_neighbor") return cv::INTER_NEAREST;
+  if (s == "bilinear") return cv::INTER_LINEAR;
+  if (s == "constant" || s == "weighted") return cv::INTER_AREA;
+  throw HException(op, "Unknown interpolation: " + s, kErrWrongParamValue);
+}
+
+// Resamples a float patch into the grid, aspect ratio preserved, centred.
+cv::Mat ToGrid(const cv::Mat& patch, int gw, int gh, int interp) {
+  cv::Mat grid = cv::Mat::zeros(gh, gw, CV_32F);
+  const double s = std::min(double(gw) / patch.cols, double(gh) / patch.rows);
+  const int w = std::clamp(int(std::lround(patch.cols * s)), 1, gw);
+  const int h = std::clamp(int(std::lround(patch.rows * s)), 1, gh);
+  cv::Mat small;
+  // Area averaging cannot enlarge; enlarge small characters bilinearly.
+  const int mode = (interp == cv::INTER_AREA && (w > patch.cols || h > patch.rows))
+                       ? cv::INTER_LINEAR
+                       : interp;
+  cv::resize(patch, small, cv::Size(w, h), 0, 0, mode);
+  small.copyTo(grid(cv::Rect((gw - w) / 2, (gh - h) / 2, w, h)));
+  return grid;
+}
+
+void ComputeFeatures(const OcrMlp& c, const OcrSample& s, float* out) {
+  const int w = s.gray.cols, h = s.gray.rows;
+  const int interp = CvInterpolation(c.interpolation, "get_features_ocr_class_mlp");
+  for (Feature f : c.features) {
+    switch (f) {
+      case Feature::Ratio: *out++ = float(h) / float(w); break;
+      case Feature::Width: *out++ = float(w); break;
+      case Feature::Height: *out++ = float(h); break;
+      case Feature::ZoomFactor:
+        *out++ = 0.5f * (float(w) / c.grid_w + float(h) / c.grid_h) - 1.f;
+        break;
+      case Feature::Pixel:
+      case Feature::PixelInvar:
+      case Feature::PixelBinary: {
+        cv::Mat patch(h, w, CV_32F);
+        if (f == Feature::PixelBinary) {
+          s.mask.convertTo(patch, CV_32F, 1.0 / 255.0);
+        } else if (f == Feature::Pixel) {
+          // Darkness of the raw gray values, whatever lies in the box.
+          s.gray.convertTo(patch, CV_32F, -1.0 / 255.0, 1.0);
+        } else {
+          // Gray values of the character only (neighbours' parts in the box
+          // are background), stretched to the full range: dark print -> 1.
+          double lo = 255, hi = 0;
+          cv::minMaxLoc(s.gray, nullptr, &hi);
+          cv::minMaxLoc(s.gray, &lo, nullptr, nullptr, nullptr, s.mask);
+          const float range = float(hi - lo);
+          for (int r = 0; r < h; ++r) {
+            const uint8_t* g = s.gray.ptr<uint8_t>(r);
+            const uint8_t* m = s.mask.ptr<uint8_t>(r);
+            float* p = patch.ptr<float>(r);
+            for (int x = 0; x < w; ++x)
+              p[x] = !m[x] ? 0.f : range > 0.f ? (float(hi) - g[x]) / range : 1.f;
+          }
+        }
+        cv::Mat grid = ToGrid(patch, c.grid_w, c.grid_h, interp);
+        for (int r = 0; r < c.grid_h; ++r) {
+          const float* p = grid.ptr<float>(r);
+          out = std::copy(p, p + c.grid_w, out);
+        }
+        break;
+      }
+    }
+  }
+}
+
+// ---- binary helpers (little-endian on disk; the targets are little-endian) --
+
+class Writer {
+ public:
+  void U8(uint8_t v) { buf_.push_back(char(v)); }
+  void U16(uint16_t v) { Raw(&v, 2); }
+  void U32(uint32_t v) { Raw(&v, 4); }
+  void F32(float v) { Raw(&v, 4); }
+  void Str(const std::string& s) {
+    U16(uint16_t(s.size()));
+    buf_.append(s);
+  }
+  void Floats(const float* p, size_t n) { Raw(p, n * 4); }
+  void Raw(const void* p, size_t n) { buf_.append(static_cast<const char*>(p), n); }
+  std::string& Buf() { return buf_; }
+
+ private:
+  std::string buf_;
+};
+
+class Reader {
+ public:
+  Reader(const std::string& data, size_t end, const char* op)
+      : d_(data), end_(end), op_(op) {}
+  uint8_t U8() { uint8_t v; Raw(&v, 1); return v; }
+  uint16_t U16() { uint16_t v; Raw(&v, 2); return v; }
+  uint32_t U32() { uint32_t v; Raw(&v, 4); return v; }
+  std::string Str() {
+    const uint16_t n = U16();
+    Need(n);
+    std::string s = d_.substr(pos_, n);
+    pos_ += n;
+    return s;
+  }
+  void Floats(float* p, size_t n) { Raw(p, n * 4); }
+  void Raw(void* p, size_t n) {
+    Need(n);
+    std::memcpy(p, d_.data() + pos_, n);
+    pos_ += n;
+  }
+  size_t Pos() const { return pos_; }
+  bool AtEnd() const { return pos_ == end_; }
+
+ private:
+  void Need(size_t n) {
+    if (end_ - pos_ < n) throw HException(op_, "Truncated file", kErrFileFormat);
+  }
+  const std::string& d_;
+  size_t pos_ = 0, end_;
+  const char* op_;
+};
+
+uint32_t Fnv1a(const char* p, size_t n) {
+  uint32_t h = 2166136261u;
+  for (size_t i = 0; i < n; ++i) h = (h ^ uint8_t(p[i])) * 16777619u;
+  return h;
+}
+
+std::string ReadWholeFile(const std::string& path, const char* op) {
+  std::ifstream f(path, std::ios::binary);
+  if (!f) throw HException(op, "Cannot open file: " + path, kErrFile);
+  std::ostringstream ss;
+  ss << f.rdbuf();
+  return ss.str();
+}
+
+std::string ResolveOcrPath(const std::string& name) {
+  if (name.find('/') != std::string::npos) return name;
+  return OcrFontFolder() + "/" + name;
+}
+
+void CheckOneValue(const HTuple& t, const char* op, const char* what) {
+  if (t.Length() != 1)
+    throw HException(op, std::string("Wrong number of values of ") + what, kErrWrongParamCount);
+}
+
+OcrMlp* Classifier(const HTuple& h, const char* op) {
+  CheckOneValue(h, op, "OCRHandle");
+  return HandleCast<OcrMlp>(h, op);
+}
+
+// Reads a training file's samples, appending to `out`.
+void ReadTrainFile(const std::string& path, std::vector<OcrSample>* out, const char* op) {
+  const std::string d = ReadWholeFile(path, op);
+  Reader r(d, d.size(), op);
+  char magic[4];
+  r.Raw(magic, 4);
+  if (std::memcmp(magic, kTrfMagic, 4) != 0)
+    throw HException(op, "Not a training file: " + path, kErrFileFormat);
+  if (r.U32() != kTrfVersion)
+    throw HException(op, "Unsupported training file version: " + path, kErrFileFormat);
+  while (!r.AtEnd()) {
+    OcrSample s;
+    s.klass = r.Str();
+    const int w = r.U16(), h = r.U16();
+    if (w == 0 || h == 0) throw HException(op, "Damaged training file", kErrFileFormat);
+    s.gray.create(h, w, CV_8U);
+    s.mask.create(h, w, CV_8U);
+    r.Raw(s.gray.data, size_t(w) * h);
+    r.Raw(s.mask.data, size_t(w) * h);
+    out->push_back(std::move(s));
+  }
+}
+
+void WriteSamples(std::ofstream& f, const std::vector<OcrSample>& samples) {
+  Writer w;
+  for (const auto& s : samples) {
+    w.Str(s.klass);
+    w.U16(uint16_t(s.gray.cols));
+    w.U16(uint16_t(s.gray.rows));
+    w.Raw(s.gray.data, s.gray.total());
+    w.Raw(s.mask.data, s.mask.total());
+  }
+  f.write(w.Buf().data(), std::streamsize(w.Buf().size()));
+}
+
+void AddTrainf(const HObject& character, const HObject& image, const HTuple& klass,
+               const HTuple& train_file, bool replace, const char* op) {
+  if (klass.Length() != character.Count())
+    throw HException(op, "Number of classes and characters differ", kErrWrongParamCount);
+  if (image.Count() != 1) throw HException(op, "Exactly one image expected", kErrWrongObject);
+  const Image& img = image.ImageAt(0, op);
+  std::vector<OcrSample> samples;
+  for (long i = 0; i < character.Count(); ++i) {
+    samples.push_back(OcrCutSample(character.RegionAt(i, op), img, op));
+    samples.back().klass = klass.S(i);
+  }
+  CheckOneValue(train_file, op, "TrainingFile");
+  if (train_file.IsHandle(0)) {
+    auto* set = HandleCast<OcrTrainSamples>(train_file, op);
+    if (replace) set->samples.clear();
+    for (auto& s : samples) set->samples.push_back(std::move(s));
+    return;
+  }
+  const std::string path = train_file.S(0);
+  bool fresh = replace;
+  if (!fresh) {
+    std::ifstream probe(path, std::ios::binary);
+    fresh = !probe || probe.peek() == std::ifstream::traits_type::eof();
+  }
+  std::ofstream f(path, std::ios::binary | (fresh ? std::ios::trunc : std::ios::app));
+  if (!f) throw HException(op, "Cannot write file: " + path, kErrFile);
+  if (fresh) {
+    Writer w;
+    w.Raw(kTrfMagic, 4);
+    w.U32(kTrfVersion);
+    f.write(w.Buf().data(), std::streamsize(w.Buf().size()));
+  }
+  WriteSamples(f, samples);
+  if (!f) throw HException(op, "Cannot write file: " + path, kErrFile);
+}
+
+std::vector<std::pair<float, int>> Ranked(const OcrMlp& c, const OcrSample& s) {
+  std::vector<float> x(size_t(c.NumInputs()));
+  ComputeFeatures(c, s, x.data());
+  const VecF p = c.net.Forward(x.data());
+  std::vector<std::pair<float, int>> r;
+  for (int k = 0; k < p.size(); ++k) r.push_back({p[k], k});
+  // Stable so that equal probabilities keep the class order.
+  std::stable_sort(r.begin(), r.end(), [](auto& a, auto& b) { return a.first > b.first; });
+  return r;
+}
+
+}  // namespace
+
+std::string OcrFontFolder() {
+  if (const char* env = std::getenv("VELMORA_VISION_DIR"); env && *env)
+    return std::string(env) + "/ocr";
+  return std::string(VELMORA_VISION_INSTALL_DIR) + "/ocr";
+}
+
+OcrSample OcrCutSample(const Region& region, const Image& image, const char* op) {
+  if (image.planes.empty()) throw HException(op, "Image without channels", kErrWrongObject);
+  const Region reg = region.Clipped(image.height, image.width);
+  if (reg.Empty()) throw HException(op, "Empty character region", kErrEmptyInput);
+  int r1, c1, r2, c2;
+  reg.BoundingBox(&r1, &c1, &r2, &c2);
+  OcrSample s;
+  cv::Mat plane = image.planes[0];
+  if (plane.depth() != CV_8U) {
+    cv::Mat b;
+    plane.convertTo(b, CV_8U);
+    plane = b;
+  }
+  s.gray = plane(cv::Rect(c1, r1, c2 - c1 + 1, r2 - r1 + 1)).clone();
+  s.mask = reg.ToMask(r2 - r1 + 1, c2 - c1 + 1, r1, c1);
+  return s;
+}
+
+void create_ocr_train_samples(HTuple* handle) {
+  *handle = HTuple(HHandle(std::make_shared<OcrTrainSamples>()));
+}
+
+void create_ocr_class_mlp(const HTuple& width_character, const HTuple& height_character,
+                          const HTuple& interpolation, const HTuple& features,
+                          const HTuple& characters, const HTuple& num_hidden,
+                          const HTuple& preprocessing, const HTuple& num_components,
+                          const HTuple& rand_seed, HTuple* ocr_handle) {
+  const char* op = "create_ocr_class_mlp";
+  CheckOneValue(width_character, op, "WidthCharacter");
+  CheckOneValue(height_character, op, "HeightCharacter");
+  CheckOneValue(num_hidden, op, "NumHidden");
+  auto c = std::make_shared<OcrMlp>();
+  c->grid_w = width_character.I();
+  c->grid_h = height_character.I();
+  if (c->grid_w < 4 || c->grid_h < 4 || c->grid_w > 40 || c->grid_h > 40)
+    throw HException(op, "Character size must lie in 4..40", kErrWrongParamValue);
+  c->interpolation = interpolation.S();
+  CvInterpolation(c->interpolation, op);
+  c->feature_names = features.ToSVec();
+  c->features = ExpandFeatures(c->feature_names, op);
+  c->classes = characters.ToSVec();
+  if (c->classes.size() < 2) throw HException(op, "At least two classes needed", kErrWrongParamValue);
+  for (size_t i = 0; i < c->classes.size(); ++i)
+    for (size_t j = i + 1; j < c->classes.size(); ++j)
+      if (c->classes[i] == c->classes[j])
+        throw HException(op, "Duplicate class: " + c->classes[i], kErrWrongParamValue);
+  const int hidden = num_hidden.I();
+  if (hidden < 1 || hidden > 4096) throw HException(op, "NumHidden out of range", kErrWrongParamValue);
+  c->preprocessing = preprocessing.S();
+  if (c->preprocessing != "none" && c->preprocessing != "normalization")
+    throw HException(op, "Preprocessing must be 'none' or 'normalization'", kErrWrongParamValue);
+  c->num_components = num_components.Empty() ? 10 : num_components.I();
+  c->seed = rand_seed.Empty() ? 42u : uint32_t(rand_seed.L());
+  c->net.Init(c->NumInputs(), hidden, int(c->classes.size()), c->seed);
+  *ocr_handle = HTuple(HHandle(c));
+}
+
+void append_ocr_trainf(const HObject& character, const HObject& image, const HTuple& klass,
+                       const HTuple& train_file) {
+  AddTrainf(character, image, klass, train_file, false, "append_ocr_trainf");
+}
+
+void write_ocr_trainf(const HObject& character, const HObject& image, const HTuple& klass,
+                      const HTuple& train_file) {
+  AddTrainf(character, image, klass, train_file, true, "write_ocr_trainf");
+}
+
+void read_ocr_trainf_samples(const HTuple& train_file, HTuple* samples_handle) {
+  const char* op = "read_ocr_trainf";
+  auto set = std::make_shared<OcrTrainSamples>();
+  for (const auto& f : train_file.ToSVec()) ReadTrainFile(f, &set->samples, op);
+  *samples_handle = HTuple(HHandle(set));
+}
+
+std::vector<float> OcrSampleFeatures(const HTuple& ocr_handle, const OcrSample& s) {
+  const OcrMlp* c = Classifier(ocr_handle, "get_features_ocr_class_mlp");
+  std::vector<float> x(size_t(c->NumInputs()));
+  ComputeFeatures(*c, s, x.data());
+  return x;
+}
+
+void trainf_ocr_class_mlp(const HTuple& ocr_handle, const HTuple& train_file,
+                          const HTuple& max_iterations, const HTuple& weight_tolerance,
+                          const HTuple& error_tolerance, HTuple* error, HTuple* error_log) {
+  const char* op = "trainf_ocr_class_mlp";
+  OcrMlp* c = Classifier(ocr_handle, op);
+  std::vector<OcrSample> from_files;
+  const std::vector<OcrSample>* samples = &from_files;
+  if (train_file.Length() == 1 && train_file.IsHandle(0))
+    samples = &HandleCast<OcrTrainSamples>(train_file, op)->samples;
+  else
+    for (const auto& f : train_file.ToSVec()) ReadTrainFile(f, &from_files, op);
+
+  std::vector<int> labels;
+  std::vector<const OcrSample*> used;
+  for (const auto& s : *samples) {
+    auto it = std::find(c->classes.begin(), c->classes.end(), s.klass);
+    if (it == c->classes.end()) continue;  // classes the classifier does not know
+    labels.push_back(int(it - c->classes.begin()));
+    used.push_back(&s);
+  }
+  if (used.empty()) throw HException(op, "No training samples of the classifier's classes", kErrEmptyInput);
+  const int n_in = c->NumInputs();
+  MatF x(long(used.size()), n_in);
+  for (size_t i = 0; i < used.size(); ++i) ComputeFeatures(*c, *used[i], x.row(long(i)).data());
+
+  ocr_detail::TrainParams p;
+  p.epochs = std::max(1, max_iterations.I());
+  p.seed = c->seed;
+  p.normalise = c->preprocessing == "normalization";
+  p.error_tolerance = error_tolerance.Empty() ? 0.f : float(error_tolerance.D());
+  (void)weight_tolerance;  // Adam with a fixed schedule has no weight-change criterion
+  c->net.Init(n_in, c->net.n_hidden, int(c->classes.size()), c->seed);
+  const std::vector<double> log = ocr_detail::Train(&c->net, x, labels, p);
+  *error = HTuple(log.empty() ? 0.0 : log.back());
+  *error_log = HTuple::Reals(log);
+}
+
+void do_ocr_single_class_mlp(const HObject& character, const HObject& image,
+                             const HTuple& ocr_handle, const HTuple& num, HTuple* klass,
+                             HTuple* confidence) {
+  const char* op = "do_ocr_single_class_mlp";
+  const OcrMlp* c = Classifier(ocr_handle, op);
+  if (character.Count() != 1) throw HException(op, "Exactly one character region expected", kErrWrongObject);
+  if (image.Count() != 1) throw HException(op, "Exactly one image expected", kErrWrongObject);
+  CheckOneValue(num, op, "Num");
+  const long n = num.L();
+  if (n < 1) throw HException(op, "Num must be at least 1", kErrWrongParamValue);
+  const OcrSample s = OcrCutSample(character.RegionAt(0, op), image.ImageAt(0, op), op);
+  const auto r = Ranked(*c, s);
+  klass->Clear();
+  confidence->Clear();
+  for (long i = 0; i < std::min<long>(n, long(r.size())); ++i) {
+    klass->Append(HValue(c->classes[size_t(r[size_t(i)].second)]));
+    confidence->Append(HValue(double(r[size_t(i)].first)));
+  }
+}
+
+void do_ocr_multi_class_mlp(const HObject& character, const HObject& image,
+                            const HTuple& ocr_handle, HTuple* klass, HTuple* confidence) {
+  const char* op = "do_ocr_multi_class_mlp";
+  const OcrMlp* c = Classifier(ocr_handle, op);
+  if (image.Count() != 1) throw HException(op, "Exactly one image expected", kErrWrongObject);
+  klass->Clear();
+  confidence->Clear();
+  for (long i = 0; i < character.Count(); ++i) {
+    const auto r = Ranked(*c, OcrCutSample(character.RegionAt(i, op), image.ImageAt(0, op), op));
+    klass->Append(HValue(c->classes[size_t(r[0].second)]));
+    confidence->Append(HValue(double(r[0].first)));
+  }
+}
+
+void get_features_ocr_class_mlp(const HObject& character, const HTuple& ocr_handle,
+                                const HTuple& transform, HTuple* features) {
+  const char* op = "get_features_ocr_class_mlp";
+  (void)transform;  // features are always those of the classifier's own layout
+  if (character.Count() != 1) throw HException(op, "Exactly one character image expected", kErrWrongObject);
+  const Image& img = character.ImageAt(0, op);
+  const auto x = OcrSampleFeatures(ocr_handle, OcrCutSample(img.domain, img, op));
+  features->Clear();
+  for (float v : x) features->Append(HValue(double(v)));
+}
+
+void get_params_ocr_class_mlp(const HTuple& ocr_handle, HTuple* width_character,
+                              HTuple* height_character, HTuple* interpolation,
+                              HTuple* features, HTuple* characters, HTuple* num_hidden,
+                              HTuple* preprocessing, HTuple* num_components) {
+  const OcrMlp* c = Classifier(ocr_handle, "get_params_ocr_class_mlp");
+  *width_character = HTuple(c->grid_w);
+  *height_character = HTuple(c->grid_h);
+  *interpolation = HTuple(c->interpolation);
+  *features = HTuple::Strings(c->feature_names);
+  *characters = HTuple::Strings(c->classes);
+  *num_hidden = HTuple(c->net.n_hidden);
+  *preprocessing = HTuple(c->preprocessing);
+  *num_components = HTuple(c->num_components);
+}
+
+void write_ocr_class_mlp(const HTuple& ocr_handle, const HTuple& file_name) {
+  const char* op = "write_ocr_class_mlp";
+  const OcrMlp* c = Classifier(ocr_handle, op);
+  CheckOneValue(file_name, op, "FileName");
+  Writer w;
+  w.Raw(kOmcMagic, 4);
+  w.U32(kOmcVersion);
+  w.U16(uint16_t(c->grid_w));
+  w.U16(uint16_t(c->grid_h));
+  w.Str(c->interpolation);
+  w.Str(c->preprocessing);
+  w.U32(uint32_t(c->num_components));
+  w.U32(c->seed);
+  w.U16(uint16_t(c->feature_names.size()));
+  for (const auto& f : c->feature_names) w.Str(f);
+  w.U16(uint16_t(c->classes.size()));
+  for (const auto& k : c->classes) w.Str(k);
+  const Mlp& n = c->net;
+  w.U32(uint32_t(n.n_in));
+  w.U32(uint32_t(n.n_hidden));
+  w.U32(uint32_t(n.n_out));
+  w.Floats(n.mean.data(), size_t(n.n_in));
+  w.Floats(n.inv_std.data(), size_t(n.n_in));
+  w.Floats(n.w1.data(), size_t(n.w1.size()));
+  w.Floats(n.b1.data(), size_t(n.n_hidden));
+  w.Floats(n.w2.data(), size_t(n.w2.size()));
+  w.Floats(n.b2.data(), size_t(n.n_out));
+  w.U32(Fnv1a(w.Buf().data(), w.Buf().size()));
+  const std::string path = file_name.S();
+  std::ofstream f(path, std::ios::binary | std::ios::trunc);
+  f.write(w.Buf().data(), std::streamsize(w.Buf().size()));
+  if (!f) throw HException(op, "Cannot write file: " + path, kErrFile);
+}
+
+void read_ocr_class_mlp(const HTuple& file_name, HTuple* ocr_handle) {
+  const char* op = "read_ocr_class_mlp";
+  CheckOneValue(file_name, op, "FileName");
+  if (!file_name.IsString(0)) throw HException(op, "File name must be a string", kErrWrongParamType);
+  const std::string path = ResolveOcrPath(file_name.S());
+  const std::string d = ReadWholeFile(path, op);
+  if (d.size() < 12 || std::memcmp(d.data(), kOmcMagic, 4) != 0)
+    throw HException(op, "Not an OCR classifier file: " + path, kErrFileFormat);
+  uint32_t stored;
+  std::memcpy(&stored, d.data() + d.size() - 4, 4);
+  if (stored != Fnv1a(d.data(), d.size() - 4))
+    throw HException(op, "Damaged OCR classifier file: " + path, kErrFileFormat);
+  Reader r(d, d.size() - 4, op);
+  char magic[4];
+  r.Raw(magic, 4);
+  if (r.U32() != kOmcVersion)
+    throw HException(op, "Unsupported OCR classifier version: " + path, kErrFileFormat);
+  auto c = std::make_shared<OcrMlp>();
+  c->grid_w = r.U16();
+  c->grid_h = r.U16();
+  c->interpolation = r.Str();
+  c->preprocessing = r.Str();
+  c->num_components = int(r.U32());
+  c->seed = r.U32();
+  for (int i = r.U16(); i > 0; --i) c->feature_names.push_back(r.Str());
+  for (int i = r.U16(); i > 0; --i) c->classes.push_back(r.Str());
+  c->features = ExpandFeatures(c->feature_names, op);
+  CvInterpolation(c->interpolation, op);
+  Mlp& n = c->net;
+  n.n_in = int(r.U32());
+  n.n_hidden = int(r.U32());
+  n.n_out = int(r.U32());
+  if (n.n_in != c->NumInputs() || n.n_out != int(c->classes.size()) || n.n_hidden < 1 ||
+      n.n_hidden > 4096 || c->grid_w < 4 || c->grid_h < 4 || c->grid_w > 40 || c->grid_h > 40)
+    throw HException(op, "Inconsistent OCR classifier file: " + path, kErrFileFormat);
+  n.mean.resize(n.n_in);
+  n.inv_std.resize(n.n_in);
+  n.w1.resize(n.n_hidden, n.n_in);
+  n.b1.resize(n.n_hidden);
+  n.w2.resize(n.n_out, n.n_hidden);
+  n.b2.resize(n.n_out);
+  r.Floats(n.mean.data(), size_t(n.n_in));
+  r.Floats(n.inv_std.data(), size_t(n.n_in));
+  r.Floats(n.w1.data(), size_t(n.w1.size()));
+  r.Floats(n.b1.data(), size_t(n.n_hidden));
+  r.Floats(n.w2.data(), size_t(n.w2.size()));
+  r.Floats(n.b2.data(), size_t(n.n_out));
+  if (!r.AtEnd()) throw HException(op, "Trailing data in OCR classifier file: " + path, kErrFileFormat);
+  *ocr_handle = HTuple(HHandle(c));
+}
+
+void clear_ocr_class_mlp(const HTuple& ocr_handle) {
+  const char* op = "clear_ocr_class_mlp";
+  for (Hlong i = 0; i < ocr_handle.Length(); ++i) HandleCast<OcrMlp>(ocr_handle, op, i)->Clear();
+}
+
+}  // namespace vision

@@ -1,0 +1,86 @@
+#pragma once
+// OCR classifiers built on a multilayer perceptron (one tanh hidden layer,
+// softmax output), with the reference library's operator names.
+#include <string>
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+#include "vision/core/object.h"
+#include "vision/core/tuple.h"
+
+namespace vision {
+
+// One training character: the gray values inside the region's bounding box,
+// the region as a mask of the same size, and its class name. Features are
+// computed from it when training, so one sample set serves any grid size.
+struct OcrSample {
+  cv::Mat gray;  // CV_8U
+  cv::Mat mask;  // CV_8U, 255 inside the character region
+  std::string klass;
+};
+
+// In-memory training set; a handle so that append_ocr_trainf and
+// trainf_ocr_class_mlp accept it in place of a training file name.
+class OcrTrainSamples : public HandleBase {
+ public:
+  const char* TypeName() const override { return "ocr_train_samples"; }
+  void Clear() override { samples.clear(); HandleBase::Clear(); }
+  std::vector<OcrSample> samples;
+};
+
+// Makes an empty in-memory training set.
+void create_ocr_train_samples(HTuple* handle);
+
+void create_ocr_class_mlp(const HTuple& width_character, const HTuple& height_character,
+                          const HTuple& interpolation, const HTuple& features,
+                          const HTuple& characters, const HTuple& num_hidden,
+                          const HTuple& preprocessing, const HTuple& num_components,
+                          const HTuple& rand_seed, HTuple* ocr_handle);
+
+// Appends characters (one region each) with their classes to a training file
+// (a string: the file grows, it is created when missing) or to an in-memory set.
+void append_ocr_trainf(const HObject& character, const HObject& image, const HTuple& klass,
+                       const HTuple& train_file);
+// Writes characters to a training file, replacing it.
+void write_ocr_trainf(const HObject& character, const HObject& image, const HTuple& klass,
+                      const HTuple& train_file);
+// Reads a training file into an in-memory set.
+void read_ocr_trainf_samples(const HTuple& train_file, HTuple* samples_handle);
+
+// Trains with mini-batch Adam on the samples whose class the classifier knows;
+// max_iterations is the number of passes over the data. Error is the final mean
+// cross-entropy, error_log one value per pass. Deterministic for a given seed.
+void trainf_ocr_class_mlp(const HTuple& ocr_handle, const HTuple& train_file,
+                          const HTuple& max_iterations, const HTuple& weight_tolerance,
+                          const HTuple& error_tolerance, HTuple* error, HTuple* error_log);
+
+void do_ocr_single_class_mlp(const HObject& character, const HObject& image,
+                             const HTuple& ocr_handle, const HTuple& num, HTuple* klass,
+                             HTuple* confidence);
+void do_ocr_multi_class_mlp(const HObject& character, const HObject& image,
+                            const HTuple& ocr_handle, HTuple* klass, HTuple* confidence);
+void get_features_ocr_class_mlp(const HObject& character, const HTuple& ocr_handle,
+                                const HTuple& transform, HTuple* features);
+void get_params_ocr_class_mlp(const HTuple& ocr_handle, HTuple* width_character,
+                              HTuple* height_character, HTuple* interpolation,
+                              HTuple* features, HTuple* characters, HTuple* num_hidden,
+                              HTuple* preprocessing, HTuple* num_components);
+
+void write_ocr_class_mlp(const HTuple& ocr_handle, const HTuple& file_name);
+// A bare name (no '/') is looked up in the library's OCR folder:
+// $VELMORA_VISION_DIR/ocr, else the compiled-in installation folder.
+void read_ocr_class_mlp(const HTuple& file_name, HTuple* ocr_handle);
+void clear_ocr_class_mlp(const HTuple& ocr_handle);
+
+// Where a bare classifier name is looked for.
+std::string OcrFontFolder();
+
+// Features of one character from its gray patch and mask (bounding-box
+// sized), as the classifier of `ocr_handle` sees them.
+std::vector<float> OcrSampleFeatures(const HTuple& ocr_handle, const OcrSample& s);
+
+// Cuts one character (region + gray image) into a sample; exposed for tools.
+OcrSample OcrCutSample(const Region& region, const Image& image, const char* op);
+
+}  // namespace vision

@@ -1,0 +1,166 @@
+#include "vision/ocr/ocr_mlp.h"
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+
+#include <gtest/gtest.h>
+#include <opencv2/imgproc.hpp>
+
+namespace vision {
+namespace {
+
+// A light image with one dark shape drawn at (row, col); returns the image
+// and the shape's region (pixels darker than the middle gray).
+struct Drawn {
+  HObject image, region;
+};
+
+Drawn DrawShape(char shape, int row, int col, int size) {
+  cv::Mat m(120, 160, CV_8U, cv::Scalar(220));
+  const cv::Point c(col, row);
+  if (shape == 'O') cv::circle(m, c, size / 2, cv::Scalar(30), std::max(2, size / 6));
+  if (shape == 'I') cv::line(m, c - cv::Point(0, size / 2), c + cv::Point(0, size / 2), cv::Scalar(30), std::max(2, size / 6));
+  if (shape == 'X') {
+    cv::line(m, c - cv::Point(size / 3, size / 2), c + cv::Point(size / 3, size / 2), cv::Scalar(30), std::max(2, size / 6));
+    cv::line(m, c + cv::Point(-size / 3, size / 2), c - cv::Point(-size / 3, size / 2), cv::Scalar(30), std::max(2, size / 6));
+  }
+  Drawn d;
+  d.image = HObject(Image::FromPlanes(PixelType::Byte, {m}));
+  d.region = HObject(Region::FromMask(m < 128));
+  return d;
+}
+
+HTuple TrainedClassifier() {
+  HTuple ocr, set, err, log;
+  create_ocr_class_mlp(HTuple(8), HTuple(10), HTuple("constant"), HTuple("default"),
+                       HTuple::Strings({"O", "I", "X"}), HTuple(16), HTuple("normalization"),
+                       HTuple(10), HTuple(7), &ocr);
+  create_ocr_train_samples(&set);
+  for (int size = 16; size <= 60; size += 4)
+    for (char s : {'O', 'I', 'X'}) {
+      Drawn d = DrawShape(s, 40 + size / 3, 50 + size, size);
+      append_ocr_trainf(d.region, d.image, HTuple(std::string(1, s)), set);
+    }
+  trainf_ocr_class_mlp(ocr, set, HTuple(200), HTuple(1.0), HTuple(0.0), &err, &log);
+  EXPECT_EQ(log.Length(), 200);
+  EXPECT_LT(err.D(), log.D(0));  // training lowered the error
+  return ocr;
+}
+
+TEST(OcrMlp, ClassifiesUnseenSizesBestFirst) {
+  const HTuple ocr = TrainedClassifier();
+  for (char s : {'O', 'I', 'X'})
+    for (int size : {22, 50}) {
+      Drawn d = DrawShape(s, 60, 80, size);
+      HTuple klass, conf;
+      do_ocr_single_class_mlp(d.region, d.image, ocr, HTuple(3), &klass, &conf);
+      ASSERT_EQ(klass.Length(), 3);
+      EXPECT_EQ(klass.S(0), std::string(1, s)) << "size " << size;
+      EXPECT_GE(conf.D(0), conf.D(1));
+      EXPECT_GE(conf.D(1), conf.D(2));
+      EXPECT_LE(conf.D(0) + conf.D(1) + conf.D(2), 1.0 + 1e-5);
+      EXPECT_GT(conf.D(2), -1e-9);
+    }
+}
+
+TEST(OcrMlp, FileRoundTripKeepsOutputsAndRejectsDamage) {
+  const HTuple ocr = TrainedClassifier();
+  const auto dir = std::filesystem::temp_directory_path() / "vision_ocr_test";
+  std::filesystem::create_directories(dir);
+  const std::string path = (dir / "shapes.omc").string();
+  write_ocr_class_mlp(ocr, HTuple(path));
+  HTuple again;
+  read_ocr_class_mlp(HTuple(path), &again);
+  Drawn d = DrawShape('X', 55, 70, 40);
+  HTuple k1, c1, k2, c2;
+  do_ocr_single_class_mlp(d.region, d.image, ocr, HTuple(3), &k1, &c1);
+  do_ocr_single_class_mlp(d.region, d.image, again, HTuple(3), &k2, &c2);
+  EXPECT_EQ(k1, k2);
+  for (int i = 0; i < 3; ++i) EXPECT_FLOAT_EQ(float(c1.D(i)), float(c2.D(i)));
+
+  std::string bytes;
+  {
+    std::ifstream f(path, std::ios::binary);
+    bytes.assign(std::istreambuf_iterator<char>(f), {});
+  }
+  struct Damage {
+    const char* what;
+    std::string content;
+  };
+  std::string flipped = bytes;
+  flipped[bytes.size() / 2] ^= 0x10;
+  const Damage damages[] = {
+      {"truncated", bytes.substr(0, bytes.size() - 9)},
+      {"one bit flipped", flipped},
+      {"empty", ""},
+      {"wrong magic", "XXXX" + bytes.substr(4)},
+  };
+  for (const auto& dmg : damages) {
+    const std::string bad = (dir / "bad.omc").string();
+    std::ofstream(bad, std::ios::binary | std::ios::trunc) << dmg.content;
+    HTuple h;
+    EXPECT_THROW(read_ocr_class_mlp(HTuple(bad), &h), HException) << dmg.what;
+  }
+  HTuple h;
+  EXPECT_THROW(read_ocr_class_mlp(HTuple((dir / "missing.omc").string()), &h), HException);
+  std::filesystem::remove_all(dir);
+}
+
+TEST(OcrMlp, BareNameResolvesInTheLibraryFolder) {
+  const HTuple ocr = TrainedClassifier();
+  const auto dir = std::filesystem::temp_directory_path() / "vision_ocr_folder";
+  std::filesystem::create_directories(dir / "ocr");
+  write_ocr_class_mlp(ocr, HTuple((dir / "ocr" / "Shapes.omc").string()));
+  setenv("VELMORA_VISION_DIR", dir.c_str(), 1);
+  HTuple h;
+  EXPECT_NO_THROW(read_ocr_class_mlp(HTuple("Shapes.omc"), &h));
+  EXPECT_THROW(read_ocr_class_mlp(HTuple("shapes.omc"), &h), HException);  // case matters
+  std::filesystem::remove_all(dir);
+}
+
+TEST(OcrMlp, ClearedOrEmptyHandleAndBadInputsRaise) {
+  const HTuple ocr = TrainedClassifier();
+  Drawn d = DrawShape('O', 60, 80, 30);
+  HTuple k, c;
+  EXPECT_THROW(do_ocr_single_class_mlp(d.region, d.image, HTuple(), HTuple(1), &k, &c), HException);
+  EXPECT_THROW(do_ocr_single_class_mlp(HObject(Region()), d.image, ocr, HTuple(1), &k, &c), HException);
+  EXPECT_THROW(do_ocr_single_class_mlp(d.region, d.image, ocr, HTuple(0), &k, &c), HException);
+  // A region entirely outside the image has nothing to classify.
+  EXPECT_THROW(do_ocr_single_class_mlp(HObject(Region::Rectangle(500, 500, 510, 510)), d.image, ocr,
+                                       HTuple(1), &k, &c), HException);
+  // Num larger than the class count gives every class once.
+  do_ocr_single_class_mlp(d.region, d.image, ocr, HTuple(10), &k, &c);
+  EXPECT_EQ(k.Length(), 3);
+  clear_ocr_class_mlp(ocr);
+  EXPECT_THROW(do_ocr_single_class_mlp(d.region, d.image, ocr, HTuple(1), &k, &c), HException);
+  HTuple h;
+  EXPECT_THROW(create_ocr_class_mlp(HTuple(8), HTuple(10), HTuple("constant"), HTuple("default"),
+                                    HTuple::Strings({"A", "A"}), HTuple(8), HTuple("none"),
+                                    HTuple(10), HTuple(1), &h), HException);
+  EXPECT_THROW(create_ocr_class_mlp(HTuple(8), HTuple(10), HTuple("constant"), HTuple("colour"),
+                                    HTuple::Strings({"A", "B"}), HTuple(8), HTuple("none"),
+                                    HTuple(10), HTuple(1), &h), HException);
+}
+
+TEST(OcrMlp, TrainingFileMatchesInMemorySamples) {
+  const auto path = (std::filesystem::temp_directory_path() / "vision_ocr_test.trf").string();
+  std::remove(path.c_str());
+  Drawn o = DrawShape('O', 60, 80, 30), i = DrawShape('I', 50, 40, 24);
+  append_ocr_trainf(o.region, o.image, HTuple("O"), HTuple(path));
+  append_ocr_trainf(i.region, i.image, HTuple("I"), HTuple(path));
+  HTuple set;
+  read_ocr_trainf_samples(HTuple(path), &set);
+  const auto& s = HandleCast<OcrTrainSamples>(set, "test")->samples;
+  ASSERT_EQ(s.size(), 2u);
+  EXPECT_EQ(s[0].klass, "O");
+  EXPECT_EQ(s[1].klass, "I");
+  // The cut is the region's bounding box: a circle of radius 15 with stroke 5.
+  EXPECT_NEAR(s[0].gray.cols, 35, 2);
+  EXPECT_EQ(s[0].gray.size(), s[0].mask.size());
+  EXPECT_EQ(cv::countNonZero(s[0].mask), o.region.RegionAt(0).Area());
+  std::remove(path.c_str());
+}
+
+}  // namespace
+}  // namespace vision
