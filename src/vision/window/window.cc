@@ -1,0 +1,568 @@
+#include "vision/window/window.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <cstdio>
+#include <mutex>
+#include <optional>
+
+#include <opencv2/imgproc.hpp>
+
+#include "vision/window/color.h"
+#include "vision/window/font.h"
+#include "vision/window/system_query.h"
+
+namespace vision {
+namespace {
+
+constexpr const char* kDefaultFont = "-*-courier-medium-r-normal-*-16-*-*-*-*-*-*-*";
+constexpr int kMaxWindowSide = 16384;
+
+struct PresenterSlot {
+  std::mutex mu;
+  std::shared_ptr<WindowPresenter> presenter;
+};
+
+PresenterSlot& Presenters() {
+  static PresenterSlot slot;
+  return slot;
+}
+
+std::shared_ptr<WindowPresenter> CurrentPresenter() {
+  auto& s = Presenters();
+  std::lock_guard lk(s.mu);
+  return s.presenter;
+}
+
+uint64_t NextWindowId() {
+  static std::atomic<uint64_t> next{1};
+  return next++;
+}
+
+class Window final : public HandleBase {
+ public:
+  Window(int row, int column, int width, int height, bool visible)
+      : id(NextWindowId()), visible(visible), row(row), column(column),
+        canvas(height, width, CV_8UC3, cv::Scalar::all(0)),
+        pr2(height - 1), pc2(width - 1) {}
+  ~Window() override {
+    if (!cleared_ && visible)
+      if (auto p = CurrentPresenter()) p->WindowClosed(id);
+  }
+  const char* TypeName() const override { return "window"; }
+  void Clear() override {
+    bool notify;
+    {
+      std::lock_guard lk(mu);
+      notify = !cleared_ && visible;
+      cleared_ = true;
+      canvas.release();
+      font.reset();
+    }
+    if (notify)
+      if (auto p = CurrentPresenter()) p->WindowClosed(id);
+  }
+
+  int Width() const { return canvas.cols; }
+  int Height() const { return canvas.rows; }
+  double ScaleY() const { return Height() / (pr2 - pr1 + 1); }
+  double ScaleX() const { return Width() / (pc2 - pc1 + 1); }
+  // Window coordinates of the centre of image pixel (r, c).
+  cv::Point2d CentreOf(double r, double c) const {
+    return {(c - pc1 + 0.5) * ScaleX() - 0.5, (r - pr1 + 0.5) * ScaleY() - 0.5};
+  }
+  const Font& CurrentFont(const char* op) {
+    if (!font) {
+      font = Font::Load(font_name, op);
+    }
+    return *font;
+  }
+
+  std::mutex mu;
+  const uint64_t id;
+  const bool visible;
+  const int row, column;
+  cv::Mat canvas;  // CV_8UC3, red first
+  double pr1 = 0, pc1 = 0, pr2, pc2;
+  std::vector<Rgba> colors{Rgba{255, 255, 255, 255}};
+  bool fill = true;
+  double line_width = 1;
+  std::string font_name = kDefaultFont;
+  std::optional<Font> font;
+  double trow = 0, tcol = 0;
+};
+
+// Locks the window of a handle for one operator and, when the operator changed
+// the canvas of a visible window, hands a copy to the presenter afterwards
+// (outside the lock, so that the presenter may call back into the library).
+class Access {
+ public:
+  Access(const HTuple& handle, const char* op, bool draws = false)
+      : w_(HandleCast<Window>(handle, op)), lk_(w_->mu), draws_(draws) {
+    if (w_->IsCleared()) throw HException(op, "Handle has been cleared", kErrHandle);
+  }
+  ~Access() noexcept(false) {
+    if (!draws_ || !w_->visible || std::uncaught_exceptions()) return;
+    auto presenter = CurrentPresenter();
+    if (!presenter || !FlushGraphicEnabled()) return;
+    cv::Mat copy = w_->canvas.clone();
+    uint64_t id = w_->id;
+    lk_.unlock();
+    presenter->WindowChanged(id, copy);
+  }
+  Window* operator->() const { return w_; }
+  Window& operator*() const { return *w_; }
+
+ private:
+  Window* w_;
+  std::unique_lock<std::mutex> lk_;
+  bool draws_;
+};
+
+double NumberArg(const HTuple& t, Hlong i, const char* op, const char* what) {
+  if (t.Length() <= i || !t.IsNumber(i))
+    throw HException(op, std::string("Wrong type of control parameter ") + what, kErrWrongParamType);
+  double v = t.D(i);
+  if (!std::isfinite(v))
+    throw HException(op, std::string("Wrong value of control parameter ") + what, kErrWrongParamValue);
+  return v;
+}
+
+const std::string& StringArg(const HTuple& t, const char* op, const char* what) {
+  if (t.Length() != 1 || !t.IsString(0))
+    throw HException(op, std::string("Wrong type of control parameter ") + what, kErrWrongParamType);
+  return t.S(0);
+}
+
+// Text of one tuple element, as the text operators print values.
+std::string ElementText(const HTuple& t, Hlong i) {
+  if (t.IsString(i)) return t.S(i);
+  if (t.IsInt(i)) return std::to_string(t.L(i));
+  if (t.IsReal(i)) {
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%g", t.D(i));
+    return buf;
+  }
+  return "<handle>";
+}
+
+// Window mask of a region under the current image part: a window pixel is
+// set when the image pixel whose scaled area covers its centre belongs to the
+// region. `pad` extra pixels are added on each side (for margin drawing).
+cv::Mat RegionMask(const Window& w, const Region& region, int pad = 0) {
+  const int H = w.Height(), W = w.Width();
+  cv::Mat mask(H + 2 * pad, W + 2 * pad, CV_8UC1, cv::Scalar(0));
+  if (region.Empty()) return mask;
+  const double sy = w.ScaleY(), sx = w.ScaleX();
+  const auto& runs = region.Runs();
+  int prev_row = INT32_MIN;
+  for (int y = -pad; y < H + pad; ++y) {
+    const int r = int(std::floor(w.pr1 + (y + 0.5) / sy));
+    uint8_t* dst = mask.ptr<uint8_t>(y + pad);
+    if (r == prev_row) {  // upscaled parts repeat the row above
+      std::copy_n(mask.ptr<uint8_t>(y + pad - 1), mask.cols, dst);
+      continue;
+    }
+    prev_row = r;
+    auto it = std::lower_bound(runs.begin(), runs.end(), r,
+                               [](const Run& a, int row) { return a.row < row; });
+    for (; it != runs.end() && it->row == r; ++it) {
+      double x0 = std::ceil((it->cb - w.pc1) * sx - 0.5);
+      double x1 = std::ceil((double(it->ce) + 1 - w.pc1) * sx - 0.5) - 1;
+      x0 = std::max(x0, double(-pad));
+      x1 = std::min(x1, double(W + pad - 1));
+      if (x1 >= x0) std::fill(dst + int(x0) + pad, dst + int(x1) + pad + 1, uint8_t(255));
+    }
+  }
+  return mask;
+}
+
+void PaintMask(Window& w, const cv::Mat& mask, const Rgba& c) {
+  if (c.a == 255) {
+    w.canvas.setTo(cv::Scalar(c.r, c.g, c.b), mask);
+    return;
+  }
+  const double a = c.a / 255.0;
+  for (int y = 0; y < mask.rows; ++y) {
+    const uint8_t* m = mask.ptr<uint8_t>(y);
+    auto* p = w.canvas.ptr<cv::Vec3b>(y);
+    for (int x = 0; x < mask.cols; ++x)
+      if (m[x])
+        p[x] = cv::Vec3b(uint8_t(std::lround(c.r * a + p[x][0] * (1 - a))),
+                         uint8_t(std::lround(c.g * a + p[x][1] * (1 - a))),
+                         uint8_t(std::lround(c.b * a + p[x][2] * (1 - a))));
+  }
+}
+
+void DrawRegion(Window& w, const Region& region, const Rgba& c) {
+  if (w.fill) {
+    PaintMask(w, RegionMask(w, region), c);
+    return;
+  }
+  const int lw = std::max(1, int(std::lround(w.line_width)));
+  cv::Mat mask = RegionMask(w, region, lw);
+  cv::Mat inner;
+  cv::erode(mask, inner, cv::Mat(), cv::Point(-1, -1), lw, cv::BORDER_CONSTANT, cv::Scalar(0));
+  cv::Mat edge = mask & ~inner;
+  PaintMask(w, edge(cv::Rect(lw, lw, w.Width(), w.Height())), c);
+}
+
+cv::Scalar ScalarOf(const Rgba& c) { return cv::Scalar(c.r, c.g, c.b); }
+
+int Thickness(const Window& w) { return std::max(1, int(std::lround(w.line_width))); }
+
+// One plane as bytes: byte images as they are, others scaled from their
+// value range onto 0..255.
+cv::Mat BytePlane(const cv::Mat& plane) {
+  if (plane.depth() == CV_8U) return plane;
+  double lo = 0, hi = 0;
+  cv::minMaxLoc(plane, &lo, &hi);
+  cv::Mat out;
+  double scale = hi > lo ? 255.0 / (hi - lo) : 0;
+  plane.convertTo(out, CV_8U, scale, -lo * scale);
+  return out;
+}
+
+void DrawImage(Window& w, const Image& img, bool color, const char* op) {
+  if (img.type == PixelType::VectorField)
+    throw HException(op, "Vector field images cannot be displayed", kErrWrongObject);
+  if (img.planes.empty()) throw HException(op, "Image has no channels", kErrEmptyInput);
+  const bool rgb = color && img.planes.size() >= 3;
+  if (color && !rgb) throw HException(op, "Three-channel image expected", kErrWrongObject);
+  cv::Mat p[3];
+  for (int k = 0; k < 3; ++k) p[k] = BytePlane(img.planes[rgb ? k : 0]);
+  const int H = w.Height(), W = w.Width();
+  const double sy = w.ScaleY(), sx = w.ScaleX();
+  std::vector<int> cols(size_t(W), -1);
+  for (int x = 0; x < W; ++x) {
+    int c = int(std::floor(w.pc1 + (x + 0.5) / sx));
+    if (c >= 0 && c < img.width) cols[size_t(x)] = c;
+  }
+  cv::Mat domain = RegionMask(w, img.domain);
+  for (int y = 0; y < H; ++y) {
+    int r = int(std::floor(w.pr1 + (y + 0.5) / sy));
+    if (r < 0 || r >= img.height) continue;
+    const uint8_t* m = domain.ptr<uint8_t>(y);
+    auto* dst = w.canvas.ptr<cv::Vec3b>(y);
+    const uint8_t *s0 = p[0].ptr<uint8_t>(r), *s1 = p[1].ptr<uint8_t>(r), *s2 = p[2].ptr<uint8_t>(r);
+    for (int x = 0; x < W; ++x) {
+      int c = cols[size_t(x)];
+      if (c >= 0 && m[x]) dst[x] = cv::Vec3b(s0[c], s1[c], s2[c]);
+    }
+  }
+}
+
+}  // namespace
+
+void SetWindowPresenter(std::shared_ptr<WindowPresenter> presenter) {
+  auto& s = Presenters();
+  std::lock_guard lk(s.mu);
+  s.presenter = std::move(presenter);
+}
+
+void open_window(const HTuple& row, const HTuple& column, const HTuple& width,
+                 const HTuple& height, const HTuple& father_window, const HTuple& mode,
+                 const HTuple& machine, HTuple* window_handle) {
+  const char* op = "open_window";
+  (void)father_window;  // windows are top-level canvases; nesting is the presenter's
+  (void)machine;
+  int r = int(NumberArg(row, 0, op, "Row"));
+  int c = int(NumberArg(column, 0, op, "Column"));
+  int w = int(NumberArg(width, 0, op, "Width"));
+  int h = int(NumberArg(height, 0, op, "Height"));
+  // -1 asks for the default size, as in the reference.
+  if (w == -1) w = 512;
+  if (h == -1) h = 512;
+  if (w < 1 || h < 1 || w > kMaxWindowSide || h > kMaxWindowSide)
+    throw HException(op, "Wrong value of control parameter Width/Height", kErrWrongParamValue);
+  const std::string& m = StringArg(mode, op, "Mode");
+  if (m != "visible" && m != "invisible" && m != "buffer" && m != "transparent")
+    throw HException(op, "Wrong value of control parameter Mode: " + m, kErrWrongParamValue);
+  bool visible = m == "visible" || m == "transparent";
+  auto win = std::make_shared<Window>(r, c, w, h, visible);
+  if (visible)
+    if (auto p = CurrentPresenter()) p->WindowOpened(win->id, r, c, w, h);
+  *window_handle = HTuple(HHandle(win));
+}
+
+void close_window(const HTuple& window_handle) {
+  HandleCast<Window>(window_handle, "close_window")->Clear();
+}
+
+void clear_window(const HTuple& window_handle) {
+  Access w(window_handle, "clear_window", true);
+  w->canvas.setTo(cv::Scalar::all(0));
+}
+
+void set_part(const HTuple& window_handle, const HTuple& row1, const HTuple& column1,
+              const HTuple& row2, const HTuple& column2) {
+  const char* op = "set_part";
+  double r1 = NumberArg(row1, 0, op, "Row1"), c1 = NumberArg(column1, 0, op, "Column1");
+  double r2 = NumberArg(row2, 0, op, "Row2"), c2 = NumberArg(column2, 0, op, "Column2");
+  if (r2 < r1 || c2 < c1)
+    throw HException(op, "Wrong value of control parameter: the part is empty", kErrWrongParamValue);
+  Access w(window_handle, op);
+  w->pr1 = r1;
+  w->pc1 = c1;
+  w->pr2 = r2;
+  w->pc2 = c2;
+}
+
+void get_part(const HTuple& window_handle, HTuple* row1, HTuple* column1, HTuple* row2,
+              HTuple* column2) {
+  Access w(window_handle, "get_part");
+  // Whole-pixel parts come back as integers, as they were most likely given.
+  auto out = [](double v) { return v == std::floor(v) ? HTuple(Hlong(v)) : HTuple(v); };
+  *row1 = out(w->pr1);
+  *column1 = out(w->pc1);
+  *row2 = out(w->pr2);
+  *column2 = out(w->pc2);
+}
+
+void get_window_extents(const HTuple& window_handle, HTuple* row, HTuple* column, HTuple* width,
+                        HTuple* height) {
+  Access w(window_handle, "get_window_extents");
+  *row = HTuple(w->row);
+  *column = HTuple(w->column);
+  *width = HTuple(w->Width());
+  *height = HTuple(w->Height());
+}
+
+void set_color(const HTuple& window_handle, const HTuple& color) {
+  const char* op = "set_color";
+  if (color.Empty()) throw HException(op, "Wrong number of values of control parameter Color", kErrWrongParamCount);
+  std::vector<Rgba> colors;
+  for (Hlong i = 0; i < color.Length(); ++i) {
+    if (!color.IsString(i)) throw HException(op, "Wrong type of control parameter Color", kErrWrongParamType);
+    auto c = ParseColor(color.S(i));
+    if (!c) throw HException(op, "Wrong value of control parameter Color: '" + color.S(i) + "'", kErrWrongParamValue);
+    colors.push_back(*c);
+  }
+  Access w(window_handle, op);
+  w->colors = std::move(colors);
+}
+
+void set_rgb(const HTuple& window_handle, const HTuple& red, const HTuple& green,
+             const HTuple& blue) {
+  const char* op = "set_rgb";
+  Hlong n = red.Length();
+  if (n == 0 || green.Length() != n || blue.Length() != n)
+    throw HException(op, "Wrong number of values of control parameters Red/Green/Blue", kErrWrongParamCount);
+  std::vector<Rgba> colors;
+  for (Hlong i = 0; i < n; ++i) {
+    double v[3] = {NumberArg(red, i, op, "Red"), NumberArg(green, i, op, "Green"),
+                   NumberArg(blue, i, op, "Blue")};
+    for (double x : v)
+      if (x < 0 || x > 255) throw HException(op, "Wrong value of control parameter: colour component out of 0..255", kErrWrongParamValue);
+    colors.push_back(Rgba{uint8_t(v[0]), uint8_t(v[1]), uint8_t(v[2]), 255});
+  }
+  Access w(window_handle, op);
+  w->colors = std::move(colors);
+}
+
+void get_rgb(const HTuple& window_handle, HTuple* red, HTuple* green, HTuple* blue) {
+  Access w(window_handle, "get_rgb");
+  HTuple r, g, b;
+  for (const Rgba& c : w->colors) {
+    r.Append(HValue(Hlong(c.r)));
+    g.Append(HValue(Hlong(c.g)));
+    b.Append(HValue(Hlong(c.b)));
+  }
+  *red = r;
+  *green = g;
+  *blue = b;
+}
+
+void set_draw(const HTuple& window_handle, const HTuple& mode) {
+  const char* op = "set_draw";
+  const std::string& m = StringArg(mode, op, "Mode");
+  if (m != "fill" && m != "margin")
+    throw HException(op, "Wrong value of control parameter Mode: " + m, kErrWrongParamValue);
+  Access w(window_handle, op);
+  w->fill = m == "fill";
+}
+
+void get_draw(const HTuple& window_handle, HTuple* mode) {
+  Access w(window_handle, "get_draw");
+  *mode = HTuple(w->fill ? "fill" : "margin");
+}
+
+void set_line_width(const HTuple& window_handle, const HTuple& width) {
+  const char* op = "set_line_width";
+  double v = NumberArg(width, 0, op, "Width");
+  if (v < 1 || v > 2000) throw HException(op, "Wrong value of control parameter Width", kErrWrongParamValue);
+  Access w(window_handle, op);
+  w->line_width = v;
+}
+
+void get_line_width(const HTuple& window_handle, HTuple* width) {
+  Access w(window_handle, "get_line_width");
+  double v = w->line_width;
+  *width = v == std::floor(v) ? HTuple(Hlong(v)) : HTuple(v);
+}
+
+void disp_region(const HObject& regions, const HTuple& window_handle) {
+  const char* op = "disp_region";
+  Access w(window_handle, op, true);
+  for (long i = 0; i < regions.Count(); ++i)
+    DrawRegion(*w, regions.RegionOrDomainAt(i, op), w->colors[size_t(i) % w->colors.size()]);
+}
+
+void disp_image(const HObject& image, const HTuple& window_handle) {
+  const char* op = "disp_image";
+  Access w(window_handle, op, true);
+  for (long i = 0; i < image.Count(); ++i) DrawImage(*w, image.ImageAt(i, op), false, op);
+}
+
+void disp_color(const HObject& color_image, const HTuple& window_handle) {
+  const char* op = "disp_color";
+  Access w(window_handle, op, true);
+  for (long i = 0; i < color_image.Count(); ++i) DrawImage(*w, color_image.ImageAt(i, op), true, op);
+}
+
+void disp_obj(const HObject& object, const HTuple& window_handle) {
+  const char* op = "disp_obj";
+  Access w(window_handle, op, true);
+  for (long i = 0; i < object.Count(); ++i) {
+    if (object.IsRegion(i)) {
+      DrawRegion(*w, object.RegionAt(i, op), w->colors[size_t(i) % w->colors.size()]);
+    } else {
+      const Image& img = object.ImageAt(i, op);
+      DrawImage(*w, img, img.planes.size() == 3, op);
+    }
+  }
+}
+
+void disp_rectangle1(const HTuple& window_handle, const HTuple& row1, const HTuple& column1,
+                     const HTuple& row2, const HTuple& column2) {
+  const char* op = "disp_rectangle1";
+  Hlong n = row1.Length();
+  if (column1.Length() != n || row2.Length() != n || column2.Length() != n)
+    throw HException(op, "Wrong number of values of the corner parameters", kErrWrongParamCount);
+  Access w(window_handle, op, true);
+  for (Hlong i = 0; i < n; ++i) {
+    double r1 = NumberArg(row1, i, op, "Row1"), c1 = NumberArg(column1, i, op, "Column1");
+    double r2 = NumberArg(row2, i, op, "Row2"), c2 = NumberArg(column2, i, op, "Column2");
+    const Rgba& c = w->colors[size_t(i) % w->colors.size()];
+    if (w->fill) {
+      Region rect = Region::Rectangle(int(std::lround(r1)), int(std::lround(c1)),
+                                      int(std::lround(r2)), int(std::lround(c2)));
+      PaintMask(*w, RegionMask(*w, rect), c);
+    } else {
+      cv::Point2d a = w->CentreOf(r1, c1), b = w->CentreOf(r2, c2);
+      cv::rectangle(w->canvas, cv::Point(int(std::lround(a.x)), int(std::lround(a.y))),
+                    cv::Point(int(std::lround(b.x)), int(std::lround(b.y))), ScalarOf(c),
+                    Thickness(*w), cv::LINE_8);
+    }
+  }
+}
+
+void disp_line(const HTuple& window_handle, const HTuple& row1, const HTuple& column1,
+               const HTuple& row2, const HTuple& column2) {
+  const char* op = "disp_line";
+  Hlong n = row1.Length();
+  if (column1.Length() != n || row2.Length() != n || column2.Length() != n)
+    throw HException(op, "Wrong number of values of the end point parameters", kErrWrongParamCount);
+  Access w(window_handle, op, true);
+  for (Hlong i = 0; i < n; ++i) {
+    cv::Point2d a = w->CentreOf(NumberArg(row1, i, op, "Row1"), NumberArg(column1, i, op, "Column1"));
+    cv::Point2d b = w->CentreOf(NumberArg(row2, i, op, "Row2"), NumberArg(column2, i, op, "Column2"));
+    cv::line(w->canvas, cv::Point(int(std::lround(a.x)), int(std::lround(a.y))),
+             cv::Point(int(std::lround(b.x)), int(std::lround(b.y))),
+             ScalarOf(w->colors[size_t(i) % w->colors.size()]), Thickness(*w), cv::LINE_8);
+  }
+}
+
+void dump_window_image(HObject* image, const HTuple& window_handle) {
+  Access w(window_handle, "dump_window_image");
+  std::vector<cv::Mat> planes;
+  cv::split(w->canvas, planes);
+  *image = HObject(Image::FromPlanes(PixelType::Byte, std::move(planes)));
+}
+
+void set_font(const HTuple& window_handle, const HTuple& font) {
+  const char* op = "set_font";
+  const std::string& name = StringArg(font, op, "Font");
+  Font loaded = Font::Load(name, op);  // outside the window lock: may read files
+  Access w(window_handle, op);
+  w->font = std::move(loaded);
+  w->font_name = name;
+}
+
+void get_font(const HTuple& window_handle, HTuple* font) {
+  Access w(window_handle, "get_font");
+  *font = HTuple(w->font_name);
+}
+
+void query_font(const HTuple& window_handle, HTuple* font) {
+  { Access w(window_handle, "query_font"); }
+  *font = HTuple::Strings(ListFonts());
+}
+
+void get_font_extents(const HTuple& window_handle, HTuple* max_ascent, HTuple* max_descent,
+                      HTuple* max_width, HTuple* max_height) {
+  const char* op = "get_font_extents";
+  Access w(window_handle, op);
+  const Font& f = w->CurrentFont(op);
+  *max_ascent = HTuple(f.Ascent());
+  *max_descent = HTuple(f.Descent());
+  *max_width = HTuple(f.MaxWidth());
+  *max_height = HTuple(f.Height());
+}
+
+void get_string_extents(const HTuple& window_handle, const HTuple& values, HTuple* ascent,
+                        HTuple* descent, HTuple* width, HTuple* height) {
+  const char* op = "get_string_extents";
+  Access w(window_handle, op);
+  const Font& f = w->CurrentFont(op);
+  HTuple a, d, wd, h;
+  for (Hlong i = 0; i < values.Length(); ++i) {
+    a.Append(HValue(Hlong(f.Ascent())));
+    d.Append(HValue(Hlong(f.Descent())));
+    wd.Append(HValue(Hlong(f.TextWidth(ElementText(values, i)))));
+    h.Append(HValue(Hlong(f.Height())));
+  }
+  *ascent = a;
+  *descent = d;
+  *width = wd;
+  *height = h;
+}
+
+void set_tposition(const HTuple& window_handle, const HTuple& row, const HTuple& column) {
+  const char* op = "set_tposition";
+  double r = NumberArg(row, 0, op, "Row"), c = NumberArg(column, 0, op, "Column");
+  Access w(window_handle, op);
+  w->trow = r;
+  w->tcol = c;
+}
+
+void get_tposition(const HTuple& window_handle, HTuple* row, HTuple* column) {
+  Access w(window_handle, "get_tposition");
+  *row = HTuple(w->trow);
+  *column = HTuple(w->tcol);
+}
+
+void write_string(const HTuple& window_handle, const HTuple& string) {
+  const char* op = "write_string";
+  Access w(window_handle, op, true);
+  const Font& f = w->CurrentFont(op);
+  std::string text;
+  for (Hlong i = 0; i < string.Length(); ++i) text += ElementText(string, i);
+  // The cursor is the top left corner of the text cell, in image coordinates.
+  const int top = int(std::lround((w->trow - w->pr1) * w->ScaleY()));
+  const int left = int(std::lround((w->tcol - w->pc1) * w->ScaleX()));
+  const Rgba c = w->colors.front();
+  cv::Mat& canvas = w->canvas;
+  f.Render(text, top, left, [&](int y, int x, uint8_t cov) {
+    if (y < 0 || x < 0 || y >= canvas.rows || x >= canvas.cols) return;
+    const double a = cov / 255.0 * (c.a / 255.0);
+    auto& p = canvas.at<cv::Vec3b>(y, x);
+    p = cv::Vec3b(uint8_t(std::lround(c.r * a + p[0] * (1 - a))),
+                  uint8_t(std::lround(c.g * a + p[1] * (1 - a))),
+                  uint8_t(std::lround(c.b * a + p[2] * (1 - a))));
+  });
+  w->tcol += f.TextWidth(text) / w->ScaleX();
+}
+
+}  // namespace vision
