@@ -1,0 +1,106 @@
+#pragma once
+// Helpers shared by the image operators of this area: parameter reading with
+// the operator's own error texts, and plane conversions.
+#include <cmath>
+#include <string>
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+#include "vision/core/exception.h"
+#include "vision/core/image.h"
+#include "vision/core/object.h"
+#include "vision/core/tuple.h"
+
+namespace vision::filter_detail {
+
+inline void RequireCount(const HTuple& t, Hlong min_len, Hlong max_len, const char* op,
+                         const char* name) {
+  if (t.Length() < min_len || t.Length() > max_len)
+    throw HException(op, std::string("Wrong number of values of control parameter ") + name,
+                     kErrWrongParamCount);
+}
+
+inline double Num(const HTuple& t, Hlong i, const char* op, const char* name) {
+  if (t.Length() <= i)
+    throw HException(op, std::string("Wrong number of values of control parameter ") + name,
+                     kErrWrongParamCount);
+  if (!t.IsNumber(i))
+    throw HException(op, std::string("Wrong type of control parameter ") + name + ": number expected",
+                     kErrWrongParamType);
+  const double v = t.D(i);
+  if (!std::isfinite(v))
+    throw HException(op, std::string("Wrong value of control parameter ") + name, kErrWrongParamValue);
+  return v;
+}
+
+inline Hlong Int(const HTuple& t, Hlong i, const char* op, const char* name) {
+  if (t.Length() <= i)
+    throw HException(op, std::string("Wrong number of values of control parameter ") + name,
+                     kErrWrongParamCount);
+  if (!t.IsInt(i))
+    throw HException(op, std::string("Wrong type of control parameter ") + name + ": integer expected",
+                     kErrWrongParamType);
+  return t.L(i);
+}
+
+inline const std::string& Str(const HTuple& t, Hlong i, const char* op, const char* name) {
+  if (t.Length() <= i)
+    throw HException(op, std::string("Wrong number of values of control parameter ") + name,
+                     kErrWrongParamCount);
+  if (!t.IsString(i))
+    throw HException(op, std::string("Wrong type of control parameter ") + name + ": string expected",
+                     kErrWrongParamType);
+  return t.S(i);
+}
+
+// The value of element i of a per-object parameter: one value for all objects
+// or one per object.
+inline double NumPer(const HTuple& t, Hlong i, Hlong n, const char* op, const char* name) {
+  if (t.Length() != 1 && t.Length() != n)
+    throw HException(op, std::string("Wrong number of values of control parameter ") + name,
+                     kErrWrongParamCount);
+  return Num(t, t.Length() == 1 ? 0 : i, op, name);
+}
+
+// Every element of `obj` must be an image; returns them in order.
+std::vector<const Image*> Images(const HObject& obj, const char* op);
+
+// Value range of an integer pixel type (real: +-FLT_MAX).
+double TypeMin(PixelType t);
+double TypeMax(PixelType t);
+
+// Writes double values into a plane of the given type: integer types round to
+// nearest (halves away from zero) and clip to their range.
+cv::Mat FromDouble(const cv::Mat& d64, PixelType t);
+// Same, truncating toward zero as the type conversion operator does.
+cv::Mat FromDoubleTruncate(const cv::Mat& d64, PixelType t);
+
+inline cv::Mat ToFloat(const cv::Mat& plane) {
+  cv::Mat f;
+  plane.convertTo(f, CV_32F);
+  return f;
+}
+inline cv::Mat ToDouble(const cv::Mat& plane) {
+  cv::Mat d;
+  plane.convertTo(d, CV_64F);
+  return d;
+}
+
+// Image with the same geometry and domain as `like`, new planes.
+inline Image Derived(const Image& like, PixelType type, std::vector<cv::Mat> planes) {
+  Image out;
+  out.width = like.width;
+  out.height = like.height;
+  out.type = type;
+  out.planes = std::move(planes);
+  out.domain = like.domain;
+  return out;
+}
+
+inline void RequireNotVectorField(const Image& img, const char* op) {
+  if (img.type == PixelType::VectorField)
+    throw HException(op, "Image type vector_field is not supported", kErrWrongObject);
+}
+
+}  // namespace vision::filter_detail

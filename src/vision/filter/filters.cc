@@ -1,0 +1,468 @@
+#include "vision/filter/filters.h"
+
+#include <algorithm>
+#include <cmath>
+#include <functional>
+
+#include <opencv2/imgproc.hpp>
+
+#include "vision/filter/filter_util.h"
+
+namespace vision {
+
+using namespace filter_detail;
+
+namespace {
+
+// Mirroring without repeating the border pixel: pixel -1 reads pixel 1.
+constexpr int kMirror = cv::BORDER_REFLECT_101;
+
+// Applies fn to each plane and keeps geometry and domain.
+template <class Fn>
+HObject PerPlane(const HObject& in, const char* op, PixelType (*out_type)(PixelType), Fn fn) {
+  HObject out;
+  for (const Image* img : Images(in, op)) {
+    RequireNotVectorField(*img, op);
+    std::vector<cv::Mat> planes;
+    planes.reserve(img->planes.size());
+    for (const cv::Mat& p : img->planes) planes.push_back(fn(*img, p));
+    out.Push(Derived(*img, out_type ? out_type(img->type) : img->type, std::move(planes)));
+  }
+  return out;
+}
+
+cv::Mat MeanPlane(const cv::Mat& p, PixelType t, int mw, int mh) {
+  cv::Mat d = ToDouble(p), m;
+  cv::blur(d, m, cv::Size(mw, mh), cv::Point(-1, -1), kMirror);
+  return t == PixelType::Real ? ToFloat(m) : FromDouble(m, t);
+}
+
+void MaskSize(const HTuple& mask_width, const HTuple& mask_height, const char* op, int* mw, int* mh) {
+  const double w = Num(mask_width, 0, op, "MaskWidth"), h = Num(mask_height, 0, op, "MaskHeight");
+  if (w < 1 || h < 1 || w > 4001 || h > 4001)
+    throw HException(op, "Wrong value of control parameter MaskWidth or MaskHeight", kErrWrongParamValue);
+  *mw = int(w);
+  *mh = int(h);
+}
+
+// Sampled Gaussian (sum 1) and its first derivative as a correlation kernel
+// that answers 1 on a ramp of slope 1.
+void GaussKernels(double sigma, cv::Mat* smooth, cv::Mat* deriv) {
+  const int r = std::max(1, int(std::ceil(4.0 * sigma)));
+  cv::Mat g(2 * r + 1, 1, CV_64F), d(2 * r + 1, 1, CV_64F);
+  double sum = 0, moment = 0;
+  for (int i = -r; i <= r; ++i) {
+    const double v = std::exp(-0.5 * i * i / (sigma * sigma));
+    g.at<double>(i + r) = v;
+    sum += v;
+    moment += double(i) * i * v;
+  }
+  for (int i = -r; i <= r; ++i) d.at<double>(i + r) = i * g.at<double>(i + r) / moment;
+  g /= sum;
+  g.convertTo(*smooth, CV_32F);
+  d.convertTo(*deriv, CV_32F);
+}
+
+// OpenCV's warps and resizes lack 32-bit integers; they go through doubles.
+template <class Fn>
+cv::Mat Geometric(const cv::Mat& p, Fn fn) {
+  if (p.depth() != CV_32S) return fn(p);
+  cv::Mat d, r, back;
+  p.convertTo(d, CV_64F);
+  r = fn(d);
+  r.convertTo(back, CV_32S);
+  return back;
+}
+
+}  // namespace
+
+void rgb1_to_gray(const HObject& rgb_image, HObject* gray_image) {
+  const char* op = "rgb1_to_gray";
+  HObject out;
+  for (const Image* img : Images(rgb_image, op)) {
+    RequireNotVectorField(*img, op);
+    if (img->planes.size() == 1) {
+      out.Push(*img);
+      continue;
+    }
+    if (img->planes.size() != 3 && img->planes.size() != 4)
+      throw HException(op, "Image must have one or three channels", kErrWrongObject);
+    cv::Mat r = ToDouble(img->planes[0]), g = ToDouble(img->planes[1]), b = ToDouble(img->planes[2]);
+    cv::Mat y = 0.299 * r + 0.587 * g + 0.114 * b;
+    out.Push(Derived(*img, img->type, {img->type == PixelType::Real ? ToFloat(y) : FromDouble(y, img->type)}));
+  }
+  *gray_image = out;
+}
+
+void scale_image(const HObject& image, HObject* image_scaled, const HTuple& mult, const HTuple& add) {
+  const char* op = "scale_image";
+  const double m = Num(mult, 0, op, "Mult"), a = Num(add, 0, op, "Add");
+  *image_scaled = PerPlane(image, op, nullptr, [&](const Image& img, const cv::Mat& p) {
+    cv::Mat d = ToDouble(p) * m + a;
+    return img.type == PixelType::Real ? ToFloat(d) : FromDouble(d, img.type);
+  });
+}
+
+void invert_image(const HObject& image, HObject* image_invert) {
+  const char* op = "invert_image";
+  *image_invert = PerPlane(image, op, nullptr, [&](const Image& img, const cv::Mat& p) {
+    switch (img.type) {
+      case PixelType::Byte: return cv::Mat(255 - p);
+      case PixelType::UInt2: return cv::Mat(65535 - p);
+      case PixelType::Real: return cv::Mat(-p);
+      default: return FromDouble(-ToDouble(p), img.type);  // -(-32768) clips
+    }
+  });
+}
+
+void mean_image(const HObject& image, HObject* image_mean, const HTuple& mask_width,
+                const HTuple& mask_height) {
+  const char* op = "mean_image";
+  int mw, mh;
+  MaskSize(mask_width, mask_height, op, &mw, &mh);
+  *image_mean = PerPlane(image, op, nullptr, [&](const Image& img, const cv::Mat& p) {
+    return MeanPlane(p, img.type, mw, mh);
+  });
+}
+
+void emphasize(const HObject& image, HObject* image_emphasize, const HTuple& mask_width,
+               const HTuple& mask_height, const HTuple& factor) {
+  const char* op = "emphasize";
+  int mw, mh;
+  MaskSize(mask_width, mask_height, op, &mw, &mh);
+  const double f = Num(factor, 0, op, "Factor");
+  if (f < 0) throw HException(op, "Wrong value of control parameter Factor", kErrWrongParamValue);
+  *image_emphasize = PerPlane(image, op, nullptr, [&](const Image& img, const cv::Mat& p) {
+    if (img.type != PixelType::Byte && img.type != PixelType::Int2 && img.type != PixelType::UInt2)
+      throw HException(op, std::string("Image type ") + PixelTypeName(img.type) + " is not supported",
+                       kErrWrongObject);
+    cv::Mat orig = ToDouble(p), mean = ToDouble(MeanPlane(p, img.type, mw, mh));
+    cv::Mat diff = (orig - mean) * f;
+    // round() of the difference, halves away from zero, before adding orig.
+    for (int r = 0; r < diff.rows; ++r) {
+      double* d = diff.ptr<double>(r);
+      for (int c = 0; c < diff.cols; ++c) d[c] = std::round(d[c]);
+    }
+    return FromDouble(diff + orig, img.type);
+  });
+}
+
+void derivate_gauss(const HObject& image, HObject* deriv_gauss, const HTuple& sigma,
+                    const HTuple& component) {
+  const char* op = "derivate_gauss";
+  RequireCount(sigma, 1, 2, op, "Sigma");
+  const double sc = Num(sigma, 0, op, "Sigma"), sr = sigma.Length() > 1 ? Num(sigma, 1, op, "Sigma") : sc;
+  if (sc <= 0 || sr <= 0 || sc > 1000 || sr > 1000)
+    throw HException(op, "Wrong value of control parameter Sigma", kErrWrongParamValue);
+  const std::string& comp = Str(component, 0, op, "Component");
+  if (comp != "x" && comp != "y" && comp != "gradient" && comp != "none")
+    throw HException(op, "Wrong value of control parameter Component: '" + comp + "'",
+                     kErrNotImplemented);
+  cv::Mat gc, dc, gr, dr;
+  GaussKernels(sc, &gc, &dc);
+  GaussKernels(sr, &gr, &dr);
+  *deriv_gauss = PerPlane(image, op, [](PixelType) { return PixelType::Real; },
+                          [&](const Image&, const cv::Mat& p) {
+    cv::Mat f = ToFloat(p), out;
+    auto filt = [&](const cv::Mat& kx, const cv::Mat& ky) {
+      cv::Mat o;
+      cv::sepFilter2D(f, o, CV_32F, kx, ky, cv::Point(-1, -1), 0, kMirror);
+      return o;
+    };
+    if (comp == "none") return filt(gc, gr);
+    if (comp == "x") return filt(dc, gr);
+    if (comp == "y") return filt(gc, dr);
+    cv::Mat gx = filt(dc, gr), gy = filt(gc, dr);
+    cv::magnitude(gx, gy, out);
+    return out;
+  });
+}
+
+void rotate_image(const HObject& image, HObject* image_rotate, const HTuple& phi,
+                  const HTuple& interpolation) {
+  const char* op = "rotate_image";
+  double angle = std::fmod(Num(phi, 0, op, "Phi"), 360.0);
+  if (angle < 0) angle += 360.0;
+  const std::string& interp = Str(interpolation, 0, op, "Interpolation");
+  int flag;
+  if (interp == "constant" || interp == "nearest_neighbor") flag = cv::INTER_NEAREST;
+  else if (interp == "bilinear" || interp == "weighted") flag = cv::INTER_LINEAR;
+  else throw HException(op, "Wrong value of control parameter Interpolation: '" + interp + "'", kErrWrongParamValue);
+
+  const double quarter = angle / 90.0;
+  const long k = std::lround(quarter);
+  const bool exact = std::fabs(quarter - double(k)) < 1e-9;
+  HObject out;
+  for (const Image* img : Images(image, op)) {
+    RequireNotVectorField(*img, op);
+    std::function<cv::Mat(const cv::Mat&, int)> xf;
+    int ow = img->width, oh = img->height;
+    if (exact) {
+      if (k % 2 == 1) std::swap(ow, oh);
+      xf = [k](const cv::Mat& m, int) {
+        cv::Mat r;
+        switch (k % 4) {
+          case 1: cv::rotate(m, r, cv::ROTATE_90_COUNTERCLOCKWISE); break;
+          case 2: cv::rotate(m, r, cv::ROTATE_180); break;
+          case 3: cv::rotate(m, r, cv::ROTATE_90_CLOCKWISE); break;
+          default: r = m.clone(); break;
+        }
+        return r;
+      };
+    } else {
+      const cv::Point2f centre(float((img->width - 1) / 2.0), float((img->height - 1) / 2.0));
+      const cv::Mat M = cv::getRotationMatrix2D(centre, angle, 1.0);
+      const cv::Size size(img->width, img->height);
+      xf = [M, size](const cv::Mat& m, int f) {
+        return Geometric(m, [&](const cv::Mat& s) {
+          cv::Mat r;
+          cv::warpAffine(s, r, M, size, f, cv::BORDER_CONSTANT, cv::Scalar(0));
+          return r;
+        });
+      };
+    }
+    Image res;
+    res.width = ow;
+    res.height = oh;
+    res.type = img->type;
+    for (const cv::Mat& p : img->planes) res.planes.push_back(xf(p, flag));
+    res.domain = Region::FromMask(xf(img->domain.ToMask(img->height, img->width), cv::INTER_NEAREST));
+    out.Push(std::move(res));
+  }
+  *image_rotate = out;
+}
+
+void zoom_image_factor(const HObject& image, HObject* image_zoomed, const HTuple& scale_width,
+                       const HTuple& scale_height, const HTuple& interpolation) {
+  const char* op = "zoom_image_factor";
+  const double sw = Num(scale_width, 0, op, "ScaleWidth"), sh = Num(scale_height, 0, op, "ScaleHeight");
+  if (sw <= 0 || sh <= 0 || sw > 100 || sh > 100)
+    throw HException(op, "Wrong value of control parameter ScaleWidth or ScaleHeight", kErrWrongParamValue);
+  const std::string& interp = Str(interpolation, 0, op, "Interpolation");
+  if (interp != "nearest_neighbor" && interp != "bilinear" && interp != "constant" &&
+      interp != "weighted" && interp != "bicubic")
+    throw HException(op, "Wrong value of control parameter Interpolation: '" + interp + "'", kErrWrongParamValue);
+  HObject out;
+  for (const Image* img : Images(image, op)) {
+    RequireNotVectorField(*img, op);
+    const int ow = int(std::lround(img->width * sw)), oh = int(std::lround(img->height * sh));
+    if (ow < 1 || oh < 1 || ow > 32768 || oh > 32768)
+      throw HException(op, "Zoomed image size out of range", kErrWrongParamValue);
+    int flag = cv::INTER_LINEAR;
+    if (interp == "nearest_neighbor") flag = cv::INTER_NEAREST;
+    else if (interp == "bicubic") flag = cv::INTER_CUBIC;
+    else if (interp != "bilinear" && (sw < 1 || sh < 1)) flag = cv::INTER_AREA;  // smooths when shrinking
+    Image res;
+    res.width = ow;
+    res.height = oh;
+    res.type = img->type;
+    for (const cv::Mat& p : img->planes)
+      res.planes.push_back(Geometric(p, [&](const cv::Mat& s) {
+        cv::Mat r;
+        cv::resize(s, r, cv::Size(ow, oh), 0, 0, flag);
+        return r;
+      }));
+    if (img->FullDomain()) {
+      res.domain = Region::Rectangle(0, 0, oh - 1, ow - 1);
+    } else {
+      cv::Mat m;
+      cv::resize(img->domain.ToMask(img->height, img->width), m, cv::Size(ow, oh), 0, 0, cv::INTER_NEAREST);
+      res.domain = Region::FromMask(m);
+    }
+    out.Push(std::move(res));
+  }
+  *image_zoomed = out;
+}
+
+namespace {
+
+template <class T>
+void FillRuns(cv::Mat& p, const std::vector<Run>& runs, double value) {
+  const T v = cv::saturate_cast<T>(value);
+  for (const Run& r : runs) std::fill(p.ptr<T>(r.row) + r.cb, p.ptr<T>(r.row) + r.ce + 1, v);
+}
+
+void FillPlane(cv::Mat& p, const std::vector<Run>& runs, double value) {
+  switch (p.depth()) {
+    case CV_8U: FillRuns<uint8_t>(p, runs, value); break;
+    case CV_16U: FillRuns<uint16_t>(p, runs, value); break;
+    case CV_16S: FillRuns<int16_t>(p, runs, value); break;
+    case CV_32S: FillRuns<int32_t>(p, runs, value); break;
+    default: FillRuns<float>(p, runs, value); break;
+  }
+}
+
+// Pixels of the region with a 4-neighbour outside it.
+Region InnerBorder(const Region& reg) {
+  if (reg.Empty()) return reg;
+  int r1, c1, r2, c2;
+  reg.BoundingBox(&r1, &c1, &r2, &c2);
+  cv::Mat m = reg.ToMask(r2 - r1 + 3, c2 - c1 + 3, r1 - 1, c1 - 1), e;
+  cv::erode(m, e, cv::getStructuringElement(cv::MORPH_CROSS, cv::Size(3, 3)), cv::Point(-1, -1), 1,
+            cv::BORDER_CONSTANT, cv::Scalar(0));
+  return Region::FromMask(m & ~e, r1 - 1, c1 - 1);
+}
+
+}  // namespace
+
+void paint_region(const HObject& region, const HObject& image, HObject* image_result,
+                  const HTuple& grayval, const HTuple& type) {
+  const char* op = "paint_region";
+  const std::string& mode = Str(type, 0, op, "Type");
+  if (mode != "fill" && mode != "margin")
+    throw HException(op, "Wrong value of control parameter Type: '" + mode + "'", kErrWrongParamValue);
+  Region reg;
+  for (long i = 0; i < region.Count(); ++i) reg = reg.Union(region.RegionAt(i, op));
+  if (mode == "margin") reg = InnerBorder(reg);
+  HObject out;
+  for (const Image* img : Images(image, op)) {
+    RequireNotVectorField(*img, op);
+    const Hlong nc = img->Channels();
+    if (grayval.Length() != 1 && grayval.Length() != nc)
+      throw HException(op, "Wrong number of values of control parameter Grayval", kErrWrongParamCount);
+    const Region clipped = reg.Clipped(img->height, img->width);
+    Image res = *img;
+    for (Hlong k = 0; k < nc; ++k) {
+      cv::Mat p = img->planes[size_t(k)].clone();
+      FillPlane(p, clipped.Runs(), Num(grayval, grayval.Length() == 1 ? 0 : k, op, "Grayval"));
+      res.planes[size_t(k)] = p;
+    }
+    out.Push(std::move(res));
+  }
+  *image_result = out;
+}
+
+void real_to_vector_field(const HObject& row, const HObject& col, HObject* vector_field,
+                          const HTuple& type) {
+  const char* op = "real_to_vector_field";
+  const std::string& vt = Str(type, 0, op, "Type");
+  if (vt != "vector_field_relative" && vt != "vector_field_absolute")
+    throw HException(op, "Wrong value of control parameter Type: '" + vt + "'", kErrWrongParamValue);
+  const auto rows = Images(row, op), cols = Images(col, op);
+  if (rows.size() != cols.size())
+    throw HException(op, "Different numbers of row and column images", kErrWrongParamCount);
+  HObject out;
+  for (size_t i = 0; i < rows.size(); ++i) {
+    const Image &r = *rows[i], &c = *cols[i];
+    if (r.type != PixelType::Real || c.type != PixelType::Real || r.planes.size() != 1 || c.planes.size() != 1)
+      throw HException(op, "Row and column images must be one-channel real images", kErrWrongObject);
+    if (r.width != c.width || r.height != c.height)
+      throw HException(op, "Images of different sizes", kErrImageSize);
+    Image v = Derived(r, PixelType::VectorField, {r.planes[0], c.planes[0]});
+    v.vector_field_type = vt;
+    v.domain = r.domain.Intersection(c.domain);
+    out.Push(std::move(v));
+  }
+  *vector_field = out;
+}
+
+void vector_field_to_real(const HObject& vector_field, HObject* row, HObject* col) {
+  const char* op = "vector_field_to_real";
+  HObject ro, co;
+  for (const Image* v : Images(vector_field, op)) {
+    if (v->type != PixelType::VectorField || v->planes.size() != 2)
+      throw HException(op, "Image must be a vector field", kErrWrongObject);
+    ro.Push(Derived(*v, PixelType::Real, {v->planes[0]}));
+    co.Push(Derived(*v, PixelType::Real, {v->planes[1]}));
+  }
+  *row = ro;
+  *col = co;
+}
+
+namespace {
+
+// Least-squares integration of a gradient field with the discrete Poisson
+// equation. The central-difference gradients are averaged onto the edges
+// between pixels; edges leaving the image do not exist, which is the Neumann
+// boundary. Odd sizes are mirrored to even ones (cv::dct needs even sizes);
+// the mirrored problem has the same solution on the original half.
+cv::Mat PoissonIntegrate(const cv::Mat& gr, const cv::Mat& gc) {
+  const int H = gr.rows, W = gr.cols;
+  cv::Mat div(H, W, CV_64F, cv::Scalar(0));
+  for (int r = 0; r < H; ++r) {
+    const float* c0 = gc.ptr<float>(r);
+    double* d = div.ptr<double>(r);
+    for (int c = 0; c + 1 < W; ++c) {
+      const double p = 0.5 * (double(c0[c]) + c0[c + 1]);
+      d[c] += p;
+      d[c + 1] -= p;
+    }
+  }
+  for (int r = 0; r + 1 < H; ++r) {
+    const float *a = gr.ptr<float>(r), *b = gr.ptr<float>(r + 1);
+    double *d0 = div.ptr<double>(r), *d1 = div.ptr<double>(r + 1);
+    for (int c = 0; c < W; ++c) {
+      const double p = 0.5 * (double(a[c]) + b[c]);
+      d0[c] += p;
+      d1[c] -= p;
+    }
+  }
+  // div is the divergence; L u = div is diagonal in the cosine basis.
+  const int EH = H % 2 ? 2 * H : H, EW = W % 2 ? 2 * W : W;
+  cv::Mat f(EH, EW, CV_64F);
+  for (int r = 0; r < EH; ++r) {
+    const double* s = div.ptr<double>(r < H ? r : 2 * H - 1 - r);
+    double* t = f.ptr<double>(r);
+    for (int c = 0; c < EW; ++c) t[c] = s[c < W ? c : 2 * W - 1 - c];
+  }
+  cv::Mat F;
+  cv::dct(f, F);
+  std::vector<double> lr(static_cast<size_t>(EH)), lc(static_cast<size_t>(EW));
+  for (int k = 0; k < EH; ++k) lr[size_t(k)] = 2.0 * std::cos(CV_PI * k / EH) - 2.0;
+  for (int k = 0; k < EW; ++k) lc[size_t(k)] = 2.0 * std::cos(CV_PI * k / EW) - 2.0;
+  for (int r = 0; r < EH; ++r) {
+    double* p = F.ptr<double>(r);
+    for (int c = 0; c < EW; ++c) {
+      const double l = lr[size_t(r)] + lc[size_t(c)];
+      p[c] = (r == 0 && c == 0) ? 0.0 : p[c] / l;  // the free constant: zero mean
+    }
+  }
+  cv::Mat u;
+  cv::idct(F, u);
+  cv::Mat out;
+  u(cv::Rect(0, 0, W, H)).convertTo(out, CV_32F);
+  // Mirroring keeps the mean of the original half; remove rounding drift.
+  out -= cv::mean(out)[0];
+  return out;
+}
+
+}  // namespace
+
+void reconstruct_height_field_from_gradient(const HObject& gradient, HObject* height_field,
+                                            const HTuple& reconstruction_method,
+                                            const HTuple& gen_param_name,
+                                            const HTuple& gen_param_value) {
+  const char* op = "reconstruct_height_field_from_gradient";
+  const std::string& method = Str(reconstruction_method, 0, op, "ReconstructionMethod");
+  if (method == "fft_cyclic" || method == "rft_cyclic")
+    throw HException(op, "Reconstruction method '" + method + "' is not available", kErrNotImplemented);
+  if (method != "poisson")
+    throw HException(op, "Wrong value of control parameter ReconstructionMethod: '" + method + "'",
+                     kErrWrongParamValue);
+  if (gen_param_name.Length() != gen_param_value.Length())
+    throw HException(op, "GenParamName and GenParamValue differ in length", kErrWrongParamCount);
+  for (Hlong i = 0; i < gen_param_name.Length(); ++i) {
+    // Speed tuning has nothing to tune here; any other name is an error.
+    if (Str(gen_param_name, i, op, "GenParamName") != "optimize_speed")
+      throw HException(op, "Wrong value of control parameter GenParamName", kErrWrongParamValue);
+  }
+  HObject out;
+  for (const Image* v : Images(gradient, op)) {
+    if (v->type != PixelType::VectorField || v->planes.size() != 2)
+      throw HException(op, "Gradient must be a vector field", kErrWrongObject);
+    cv::Mat gr = v->planes[0], gc = v->planes[1];
+    if (v->vector_field_type == "vector_field_absolute") {
+      gr = gr.clone();
+      gc = gc.clone();
+      for (int r = 0; r < v->height; ++r)
+        for (int c = 0; c < v->width; ++c) {
+          gr.at<float>(r, c) -= float(r);
+          gc.at<float>(r, c) -= float(c);
+        }
+    }
+    out.Push(Derived(*v, PixelType::Real, {PoissonIntegrate(gr, gc)}));
+  }
+  *height_field = out;
+}
+
+}  // namespace vision
