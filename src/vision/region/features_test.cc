@@ -1,0 +1,228 @@
+#include <cmath>
+
+#include <gtest/gtest.h>
+
+#include "vision/region/region_ops.h"
+#include "vision/region/region_test_util.h"
+
+namespace vision {
+namespace {
+
+using test::Art;
+
+struct ShapeCase {
+  const char* name;
+  Region region;
+  double area, row, col, width, height, holes, connect;
+};
+
+TEST(RegionFeatures, KnownShapes) {
+  const ShapeCase cases[] = {
+      {"rectangle", Region::Rectangle(10, 20, 12, 23), 12, 11, 21.5, 4, 3, 0, 1},
+      {"single pixel", Region::Rectangle(-3, 7, -3, 7), 1, -3, 7, 1, 1, 0, 1},
+      {"L-shape", Art({"#..", "#..", "###"}), 5, 1.4, 0.6, 3, 3, 0, 1},
+      {"ring", Art({"###", "#.#", "###"}), 8, 1, 1, 3, 3, 1, 1},
+      {"two blobs", Art({"##...", "....#"}), 3, 1.0 / 3, 5.0 / 3, 5, 2, 0, 2},
+      // Diagonal contact joins in the 8-neighbourhood; the enclosed pixel is
+      // a hole because the background is 4-connected.
+      {"diamond", Art({".#.", "#.#", ".#."}), 4, 1, 1, 3, 3, 1, 1},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    HTuple v;
+    region_features(HObject(c.region),
+                    HTuple{"area", "row", "column", "width", "height", "holes_num", "connect_num",
+                           "euler_number", "ratio"},
+                    &v);
+    ASSERT_EQ(v.Length(), 9);
+    EXPECT_EQ(v.L(0), Hlong(c.area));
+    EXPECT_NEAR(v.D(1), c.row, 1e-9);
+    EXPECT_NEAR(v.D(2), c.col, 1e-9);
+    EXPECT_EQ(v.L(3), Hlong(c.width));
+    EXPECT_EQ(v.L(4), Hlong(c.height));
+    EXPECT_EQ(v.L(5), Hlong(c.holes));
+    EXPECT_EQ(v.L(6), Hlong(c.connect));
+    EXPECT_EQ(v.L(7), Hlong(c.connect - c.holes));
+    EXPECT_NEAR(v.D(8), c.height / c.width, 1e-9);
+  }
+}
+
+TEST(RegionFeatures, DiscApproachesContinuousValues) {
+  const double r = 30;
+  Region disc = test::Disc(r, 100, -40);
+  HTuple v;
+  region_features(HObject(disc),
+                  HTuple{"area", "ra", "rb", "circularity", "compactness", "convexity",
+                         "anisometry", "outer_radius", "inner_radius", "max_diameter",
+                         "rectangularity"},
+                  &v);
+  EXPECT_NEAR(v.D(0) / (M_PI * r * r), 1.0, 0.01);
+  EXPECT_NEAR(v.D(1), r, 0.3);
+  EXPECT_NEAR(v.D(2), r, 0.3);
+  EXPECT_GT(v.D(3), 0.95);
+  EXPECT_NEAR(v.D(4), 1.0, 0.15);  // a digital contour is a little longer
+  EXPECT_NEAR(v.D(5), 1.0, 0.02);
+  EXPECT_NEAR(v.D(6), 1.0, 0.01);
+  EXPECT_NEAR(v.D(7), r, 0.1);
+  EXPECT_NEAR(v.D(8), r, 1.0);
+  EXPECT_NEAR(v.D(9), 2 * r, 0.1);
+  EXPECT_LT(v.D(10), 0.95);  // a disc is no rectangle
+}
+
+TEST(RegionFeatures, RectangleIsConvexAndRectangular) {
+  HTuple v;
+  region_features(HObject(Region::Rectangle(0, 0, 9, 39)),
+                  HTuple{"convexity", "rectangularity", "contlength", "phi", "anisometry"}, &v);
+  EXPECT_NEAR(v.D(0), 1.0, 1e-9);
+  EXPECT_GT(v.D(1), 0.97);
+  EXPECT_NEAR(v.D(2), 2 * 39 + 2 * 9, 1e-6);  // through the border pixel centres
+  EXPECT_NEAR(v.D(3), 0.0, 1e-9);
+  EXPECT_NEAR(v.D(4), 4.0, 0.05);
+}
+
+TEST(RegionFeatures, AngleConventions) {
+  // Rising to the right on screen (row falls as column grows) is positive.
+  Region rising = Art({"....#", "...#.", "..#..", ".#...", "#...."});
+  Region falling = Art({"#....", ".#...", "..#..", "...#.", "....#"});
+  Region vertical = Region::Rectangle(0, 0, 19, 2);
+  struct Case { const char* name; Region r; double phi; };
+  for (const auto& c : {Case{"rising", rising, M_PI / 4}, Case{"falling", falling, -M_PI / 4},
+                        Case{"vertical", vertical, M_PI / 2}}) {
+    SCOPED_TRACE(c.name);
+    HTuple phi, row, col, p2, l1, l2;
+    region_features(HObject(c.r), HTuple("phi"), &phi);
+    EXPECT_NEAR(phi.D(0), c.phi, 1e-6);
+    smallest_rectangle2(HObject(c.r), &row, &col, &p2, &l1, &l2);
+    EXPECT_NEAR(p2.D(0), c.phi, 1e-6);
+    EXPECT_GE(l1.D(0), l2.D(0));
+  }
+}
+
+TEST(RegionFeatures, SmallestRectangle2MeasuresPixelCentres) {
+  HTuple row, col, phi, l1, l2;
+  HObject regions;
+  concat_obj(HObject(Region::Rectangle(0, 0, 9, 19)), HObject(Region::Rectangle(5, 5, 5, 5)), &regions);
+  smallest_rectangle2(regions, &row, &col, &phi, &l1, &l2);
+  ASSERT_EQ(l1.Length(), 2);
+  EXPECT_NEAR(row.D(0), 4.5, 1e-9);
+  EXPECT_NEAR(col.D(0), 9.5, 1e-9);
+  EXPECT_NEAR(phi.D(0), 0.0, 1e-9);
+  EXPECT_NEAR(l1.D(0), 9.5, 1e-9);
+  EXPECT_NEAR(l2.D(0), 4.5, 1e-9);
+  EXPECT_NEAR(l1.D(1), 0.0, 1e-9);
+  EXPECT_NEAR(l2.D(1), 0.0, 1e-9);
+  EXPECT_NEAR(row.D(1), 5.0, 1e-9);
+}
+
+TEST(RegionFeatures, EmptyRegionAndEmptyList) {
+  HTuple a, r, c;
+  area_center(HObject(Region()), &a, &r, &c);
+  ASSERT_EQ(a.Length(), 1);
+  EXPECT_EQ(a.L(0), 0);
+  EXPECT_EQ(r.D(0), 0.0);
+  EXPECT_EQ(c.D(0), 0.0);
+  area_center(HObject(), &a, &r, &c);
+  EXPECT_EQ(a.Length(), 0);
+  HTuple v;
+  region_features(HObject(Region()), HTuple{"area", "circularity", "holes_num"}, &v);
+  EXPECT_EQ(v.Length(), 3);
+  HObject sel;
+  select_shape(HObject(), &sel, HTuple("area"), HTuple("and"), HTuple(0), HTuple(10));
+  EXPECT_EQ(sel.Count(), 0);
+  EXPECT_THROW(region_features(HObject(Region()), HTuple("no_such_feature"), &v), HException);
+}
+
+TEST(SelectShape, InclusiveBoundsAndOperations) {
+  HObject list;
+  for (int n : {1, 4, 9, 16}) concat_obj(list, HObject(Region::Rectangle(0, 0, 0, n - 1)), &list);
+  struct Case { HTuple features, op, min, max; std::vector<Hlong> areas; };
+  const Case cases[] = {
+      {HTuple("area"), HTuple("and"), HTuple(4), HTuple(9), {4, 9}},
+      {HTuple{"area", "width"}, HTuple("and"), HTuple{1, 5}, HTuple{100, 100}, {9, 16}},
+      {HTuple{"area", "width"}, HTuple("or"), HTuple{1, 10}, HTuple{1, 100}, {1, 16}},
+      {HTuple{"area", "height"}, HTuple("and"), HTuple(1.0), HTuple(1.0), {1}},
+  };
+  for (const auto& c : cases) {
+    HObject sel;
+    select_shape(list, &sel, c.features, c.op, c.min, c.max);
+    HTuple a, r, col;
+    area_center(sel, &a, &r, &col);
+    EXPECT_EQ(a.ToLVec(), c.areas) << c.features.ToString() << " " << c.op.ToString();
+  }
+  HObject sel;
+  EXPECT_THROW(select_shape(list, &sel, HTuple("area"), HTuple("xor"), HTuple(0), HTuple(1)), HException);
+  EXPECT_THROW(select_shape(list, &sel, HTuple{"area", "width"}, HTuple("and"), HTuple{0, 1, 2}, HTuple(1)),
+               HException);
+}
+
+TEST(SortRegion, Modes) {
+  // a: top right, tall; b: lower left; c: middle, starts lowest.
+  Region a = Region::Rectangle(0, 20, 9, 22);
+  Region b = Region::Rectangle(5, 0, 6, 2);
+  Region c = Region::Rectangle(7, 10, 8, 11);
+  HObject list;
+  for (const Region& r : {a, b, c}) concat_obj(list, HObject(r), &list);
+  struct Case { const char* mode; const char* order; const char* dir; std::vector<int> cols; };
+  const Case cases[] = {
+      {"first_point", "true", "column", {0, 10, 20}},
+      {"first_point", "false", "column", {20, 10, 0}},
+      {"first_point", "true", "row", {20, 0, 10}},
+      {"last_point", "true", "row", {0, 10, 20}},
+      {"upper_left", "true", "row", {20, 0, 10}},
+      {"lower_right", "true", "row", {0, 10, 20}},
+      {"upper_right", "false", "column", {20, 10, 0}},
+      {"lower_left", "true", "row", {0, 10, 20}},
+      {"character", "true", "row", {0, 10, 20}},  // all three share rows: one line
+  };
+  for (const auto& cs : cases) {
+    HObject sorted;
+    sort_region(list, &sorted, HTuple(cs.mode), HTuple(cs.order), HTuple(cs.dir));
+    HTuple r1, c1, r2, c2;
+    smallest_rectangle1(sorted, &r1, &c1, &r2, &c2);
+    std::vector<Hlong> want(cs.cols.begin(), cs.cols.end());
+    EXPECT_EQ(c1.ToLVec(), want) << cs.mode << " " << cs.order << " " << cs.dir;
+  }
+  HObject sorted;
+  EXPECT_THROW(sort_region(list, &sorted, HTuple("diagonal"), HTuple("true"), HTuple("row")), HException);
+}
+
+TEST(ObjectLists, SelectCopyConcatCount) {
+  HObject rects;
+  gen_rectangle1(&rects, HTuple{0, 10, 20}, HTuple{0, 0, 0}, HTuple{1, 11, 21}, HTuple{5, 5, 5});
+  HTuple n;
+  count_obj(rects, &n);
+  EXPECT_EQ(n.L(0), 3);
+  HObject sel;
+  select_obj(rects, &sel, HTuple{3, 1});
+  HTuple r1, c1, r2, c2;
+  smallest_rectangle1(sel, &r1, &c1, &r2, &c2);
+  EXPECT_EQ(r1.ToLVec(), (std::vector<Hlong>{20, 0}));
+  EXPECT_THROW(select_obj(rects, &sel, HTuple(0)), HException);
+  EXPECT_THROW(select_obj(rects, &sel, HTuple(4)), HException);
+  copy_obj(rects, &sel, HTuple(2), HTuple(-1));
+  count_obj(sel, &n);
+  EXPECT_EQ(n.L(0), 2);
+  EXPECT_THROW(copy_obj(rects, &sel, HTuple(2), HTuple(3)), HException);
+  EXPECT_THROW(gen_rectangle1(&sel, HTuple(5), HTuple(0), HTuple(4), HTuple(0)), HException);
+
+  HTuple rows, cols;
+  get_region_points(HObject(Art({".#", "##"})), &rows, &cols);
+  EXPECT_EQ(rows.ToLVec(), (std::vector<Hlong>{0, 1, 1}));
+  EXPECT_EQ(cols.ToLVec(), (std::vector<Hlong>{1, 0, 1}));
+  select_region_point(rects, &sel, HTuple(11), HTuple(5));
+  smallest_rectangle1(sel, &r1, &c1, &r2, &c2);
+  EXPECT_EQ(r1.ToLVec(), (std::vector<Hlong>{10}));
+}
+
+TEST(ObjectLists, ReduceDomainIntersectsTheOldDomain) {
+  Image img = Image::FromPlanes(PixelType::Byte, {cv::Mat(4, 6, CV_8UC1, cv::Scalar(7))});
+  img.domain = Region::Rectangle(0, 0, 3, 2);
+  HObject reduced, dom;
+  reduce_domain(HObject(img), HObject(Region::Rectangle(-5, 1, 1, 100)), &reduced);
+  get_domain(reduced, &dom);
+  EXPECT_EQ(test::R(dom), Region::Rectangle(0, 1, 1, 2));
+  EXPECT_THROW(reduce_domain(HObject(img), HObject(), &reduced), HException);
+}
+
+}  // namespace
+}  // namespace vision

@@ -1,0 +1,284 @@
+// Morphology on runs (rectangles and discs), skeleton and distance transform.
+#include <algorithm>
+#include <cmath>
+#include <deque>
+
+#include <opencv2/imgproc.hpp>
+
+#include "vision/region/region_ops.h"
+#include "vision/region/region_util.h"
+
+namespace vision {
+
+using detail::GrowRuns;
+using detail::ParamDouble;
+using detail::ParamInt;
+using detail::RegionsOf;
+using detail::ShiftRows;
+
+namespace {
+
+// Union of the region shifted down by 0..n-1 rows, by doubling: O(runs log n).
+Region UnionOfShifts(const Region& r, int n) {
+  Region y = r;
+  int covered = 1;
+  while (covered * 2 <= n) {
+    y = y.Union(ShiftRows(y, covered));
+    covered *= 2;
+  }
+  if (covered < n) y = y.Union(ShiftRows(y, n - covered));
+  return y;
+}
+
+// Intersection of the region shifted up by 0..n-1 rows.
+Region IntersectionOfShifts(const Region& r, int n) {
+  Region y = r;
+  int covered = 1;
+  while (covered * 2 <= n && !y.Empty()) {
+    y = y.Intersection(ShiftRows(y, -covered));
+    covered *= 2;
+  }
+  if (covered < n && !y.Empty()) y = y.Intersection(ShiftRows(y, -(n - covered)));
+  return y;
+}
+
+// The rectangle reaches (w-1)/2 columns left and w/2 right of its reference
+// point, and (h-1)/2 rows up and h/2 down.
+Region DilateRect(const Region& r, int w, int h) {
+  if (r.Empty()) return r;
+  Region g = GrowRuns(r, (w - 1) / 2, w / 2);
+  return ShiftRows(UnionOfShifts(g, h), -((h - 1) / 2));
+}
+
+Region ErodeRect(const Region& r, int w, int h) {
+  if (r.Empty()) return r;
+  Region g = GrowRuns(r, -((w - 1) / 2), -(w / 2));
+  return ShiftRows(IntersectionOfShifts(g, h), (h - 1) / 2);
+}
+
+void RectSize(const HTuple& width, const HTuple& height, const char* op, int* w, int* h) {
+  Hlong ww = ParamInt(width, op, "Width"), hh = ParamInt(height, op, "Height");
+  if (ww < 1 || hh < 1 || ww > (1 << 20) || hh > (1 << 20))
+    throw HException(op, "Wrong size of the structuring rectangle", kErrWrongParamValue);
+  *w = int(ww);
+  *h = int(hh);
+}
+
+// Half widths of the disc's rows: offsets dr = -k..k, half width of each.
+std::vector<int> DiscRows(const HTuple& radius, const char* op) {
+  double r = ParamDouble(radius, op, "Radius");
+  if (r < 0.5 || r > 4096)
+    throw HException(op, "Wrong value of Radius: 0.5 or more expected", kErrWrongParamValue);
+  const int k = int(std::floor(r + 1e-9));
+  std::vector<int> half(size_t(2 * k + 1));
+  for (int dr = -k; dr <= k; ++dr)
+    half[size_t(dr + k)] = int(std::floor(std::sqrt(std::max(0.0, r * r - dr * dr)) + 1e-9));
+  return half;
+}
+
+Region DilateDisc(const Region& r, const std::vector<int>& half) {
+  if (r.Empty()) return r;
+  const int k = int(half.size() / 2);
+  std::vector<Run> runs;
+  runs.reserve(r.Runs().size() * half.size());
+  for (int dr = -k; dr <= k; ++dr) {
+    int w = half[size_t(dr + k)];
+    for (const Run& x : r.Runs()) runs.push_back({x.row + dr, x.cb - w, x.ce + w});
+  }
+  return Region::FromRuns(std::move(runs));
+}
+
+Region ErodeDisc(const Region& r, const std::vector<int>& half) {
+  if (r.Empty()) return r;
+  const int k = int(half.size() / 2);
+  Region y = GrowRuns(r, -half[size_t(k)], -half[size_t(k)]);
+  for (int dr = -k; dr <= k && !y.Empty(); ++dr) {
+    if (dr == 0) continue;
+    int w = half[size_t(dr + k)];
+    // A pixel stays when row +dr holds its whole disc row.
+    y = y.Intersection(ShiftRows(GrowRuns(r, -w, -w), -dr));
+  }
+  return y;
+}
+
+template <class F>
+void ForEach(const HObject& in, HObject* out, const char* op, F f) {
+  HObject res;
+  for (const Region& r : RegionsOf(in, op)) res.Push(f(r));
+  *out = std::move(res);
+}
+
+}  // namespace
+
+void dilation_rectangle1(const HObject& region, HObject* region_dilation, const HTuple& width,
+                         const HTuple& height) {
+  int w, h;
+  RectSize(width, height, "dilation_rectangle1", &w, &h);
+  ForEach(region, region_dilation, "dilation_rectangle1", [&](const Region& r) { return DilateRect(r, w, h); });
+}
+
+void erosion_rectangle1(const HObject& region, HObject* region_erosion, const HTuple& width,
+                        const HTuple& height) {
+  int w, h;
+  RectSize(width, height, "erosion_rectangle1", &w, &h);
+  ForEach(region, region_erosion, "erosion_rectangle1", [&](const Region& r) { return ErodeRect(r, w, h); });
+}
+
+void opening_rectangle1(const HObject& region, HObject* region_opening, const HTuple& width,
+                        const HTuple& height) {
+  int w, h;
+  RectSize(width, height, "opening_rectangle1", &w, &h);
+  ForEach(region, region_opening, "opening_rectangle1",
+          [&](const Region& r) { return DilateRect(ErodeRect(r, w, h), w, h); });
+}
+
+void closing_rectangle1(const HObject& region, HObject* region_closing, const HTuple& width,
+                        const HTuple& height) {
+  int w, h;
+  RectSize(width, height, "closing_rectangle1", &w, &h);
+  ForEach(region, region_closing, "closing_rectangle1",
+          [&](const Region& r) { return ErodeRect(DilateRect(r, w, h), w, h); });
+}
+
+void dilation_circle(const HObject& region, HObject* region_dilation, const HTuple& radius) {
+  auto half = DiscRows(radius, "dilation_circle");
+  ForEach(region, region_dilation, "dilation_circle", [&](const Region& r) { return DilateDisc(r, half); });
+}
+
+void erosion_circle(const HObject& region, HObject* region_erosion, const HTuple& radius) {
+  auto half = DiscRows(radius, "erosion_circle");
+  ForEach(region, region_erosion, "erosion_circle", [&](const Region& r) { return ErodeDisc(r, half); });
+}
+
+void opening_circle(const HObject& region, HObject* region_opening, const HTuple& radius) {
+  auto half = DiscRows(radius, "opening_circle");
+  ForEach(region, region_opening, "opening_circle",
+          [&](const Region& r) { return DilateDisc(ErodeDisc(r, half), half); });
+}
+
+void closing_circle(const HObject& region, HObject* region_closing, const HTuple& radius) {
+  auto half = DiscRows(radius, "closing_circle");
+  ForEach(region, region_closing, "closing_circle",
+          [&](const Region& r) { return ErodeDisc(DilateDisc(r, half), half); });
+}
+
+namespace {
+
+// Zhang-Suen thinning of a mask with a zero border; keeps 8-connectivity.
+void Thin(cv::Mat& m) {
+  auto at = [&](int y, int x) -> int { return m.at<uint8_t>(y, x) ? 1 : 0; };
+  std::vector<cv::Point> del;
+  bool changed = true;
+  while (changed) {
+    changed = false;
+    for (int pass = 0; pass < 2; ++pass) {
+      del.clear();
+      for (int y = 1; y < m.rows - 1; ++y)
+        for (int x = 1; x < m.cols - 1; ++x) {
+          if (!m.at<uint8_t>(y, x)) continue;
+          int p2 = at(y - 1, x), p3 = at(y - 1, x + 1), p4 = at(y, x + 1), p5 = at(y + 1, x + 1);
+          int p6 = at(y + 1, x), p7 = at(y + 1, x - 1), p8 = at(y, x - 1), p9 = at(y - 1, x - 1);
+          int b = p2 + p3 + p4 + p5 + p6 + p7 + p8 + p9;
+          if (b < 2 || b > 6) continue;
+          int a = (!p2 && p3) + (!p3 && p4) + (!p4 && p5) + (!p5 && p6) + (!p6 && p7) +
+                  (!p7 && p8) + (!p8 && p9) + (!p9 && p2);
+          if (a != 1) continue;
+          if (pass == 0 ? (p2 * p4 * p6 || p4 * p6 * p8) : (p2 * p4 * p8 || p2 * p6 * p8)) continue;
+          del.emplace_back(x, y);
+        }
+      for (const auto& p : del) m.at<uint8_t>(p) = 0;
+      if (!del.empty()) changed = true;
+    }
+  }
+}
+
+}  // namespace
+
+void skeleton(const HObject& region, HObject* skeleton_out) {
+  ForEach(region, skeleton_out, "skeleton", [](const Region& r) {
+    if (r.Empty()) return r;
+    int r0, c0;
+    cv::Mat m = detail::MaskWithMargin(r, 1, &r0, &c0);
+    Thin(m);
+    return Region::FromMask(m, r0, c0);
+  });
+}
+
+void distance_transform(const HObject& region, HObject* distance_image, const HTuple& metric,
+                        const HTuple& foreground, const HTuple& width, const HTuple& height) {
+  constexpr const char* op = "distance_transform";
+  std::string met = detail::ParamString(metric, op, "Metric");
+  std::string fg = detail::ParamString(foreground, op, "Foreground");
+  if (met != "city-block" && met != "chessboard" && met != "octagonal" && met != "euclidean")
+    throw HException(op, "Wrong value of Metric '" + met + "'", kErrWrongParamValue);
+  if (fg != "true" && fg != "false")
+    throw HException(op, "Wrong value of Foreground: 'true' or 'false' expected", kErrWrongParamValue);
+  Hlong w = ParamInt(width, op, "Width"), h = ParamInt(height, op, "Height");
+  if (w < 1 || h < 1 || w > 32768 || h > 32768)
+    throw HException(op, "Wrong image size", kErrWrongParamValue);
+  HObject out;
+  for (const Region& r : RegionsOf(region, op)) {
+    cv::Mat mask = r.ToMask(int(h), int(w));
+    // Measured pixels are the region (or its complement); the sources are the
+    // others. Outside the image counts as a source for the foreground, as the
+    // region ends there.
+    cv::Mat inside = fg == "true" ? mask : (255 - mask);
+    cv::Mat dist(int(h), int(w), CV_32S, cv::Scalar(0));
+    if (met == "euclidean") {
+      cv::Mat padded;
+      cv::copyMakeBorder(inside, padded, 1, 1, 1, 1, cv::BORDER_CONSTANT, fg == "true" ? 0 : 255);
+      cv::Mat d;
+      cv::distanceTransform(padded, d, cv::DIST_L2, cv::DIST_MASK_PRECISE);
+      d(cv::Rect(1, 1, int(w), int(h))).convertTo(dist, CV_32S);  // rounds to nearest
+      if (fg == "false" && cv::countNonZero(inside) == inside.total()) dist.setTo(0);
+    } else {
+      // Multi-source breadth-first growth; octagonal alternates the 4- and
+      // 8-neighbourhood from step to step.
+      std::vector<cv::Point> frontier, next;
+      cv::Mat done(int(h), int(w), CV_8U, cv::Scalar(0));
+      for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x)
+          if (!inside.at<uint8_t>(y, x)) done.at<uint8_t>(y, x) = 1;
+      // Seeds: sources next to a measured pixel, plus the virtual outside ring.
+      bool outside_source = fg == "true";
+      int step = 0;
+      auto use8 = [&](int s) {
+        if (met == "chessboard") return true;
+        if (met == "city-block") return false;
+        return s % 2 == 0;  // octagonal: 4 on odd steps, 8 on even ones
+      };
+      for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x)
+          if (done.at<uint8_t>(y, x)) frontier.emplace_back(x, y);
+      while (true) {
+        ++step;
+        next.clear();
+        const bool n8 = use8(step);
+        auto visit = [&](int x, int y) {
+          if (x < 0 || y < 0 || x >= w || y >= h || done.at<uint8_t>(y, x)) return;
+          done.at<uint8_t>(y, x) = 1;
+          dist.at<int32_t>(y, x) = step;
+          next.emplace_back(x, y);
+        };
+        for (const auto& p : frontier) {
+          visit(p.x + 1, p.y), visit(p.x - 1, p.y), visit(p.x, p.y + 1), visit(p.x, p.y - 1);
+          if (n8) visit(p.x + 1, p.y + 1), visit(p.x - 1, p.y - 1), visit(p.x + 1, p.y - 1), visit(p.x - 1, p.y + 1);
+        }
+        if (outside_source) {
+          // The ring just outside the image reaches its border pixels (and,
+          // diagonally, nothing more than the border itself).
+          for (int x = 0; x < w; ++x) visit(x, 0), visit(x, int(h) - 1);
+          for (int y = 0; y < h; ++y) visit(0, y), visit(int(w) - 1, y);
+          outside_source = false;
+        }
+        if (next.empty()) break;
+        std::swap(frontier, next);
+      }
+    }
+    Image img = Image::FromPlanes(PixelType::Int4, {dist});
+    out.Push(std::move(img));
+  }
+  *distance_image = std::move(out);
+}
+
+}  // namespace vision

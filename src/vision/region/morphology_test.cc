@@ -1,0 +1,133 @@
+#include <gtest/gtest.h>
+
+#include <opencv2/imgproc.hpp>
+
+#include "vision/region/region_ops.h"
+#include "vision/region/region_test_util.h"
+
+namespace vision {
+namespace {
+
+using test::R;
+
+Region Apply(void (*op)(const HObject&, HObject*, const HTuple&, const HTuple&), const Region& r,
+             int w, int h) {
+  HObject out;
+  op(HObject(r), &out, HTuple(w), HTuple(h));
+  return R(out);
+}
+
+Region ApplyDisc(void (*op)(const HObject&, HObject*, const HTuple&), const Region& r, double radius) {
+  HObject out;
+  op(HObject(r), &out, HTuple(radius));
+  return R(out);
+}
+
+TEST(Morphology, DiscPixelSets) {
+  const Region dot = Region::Rectangle(0, 0, 0, 0);
+  struct Case { double radius; Hlong area; int reach; };
+  for (auto c : {Case{0.5, 1, 0}, Case{1.5, 9, 1}, Case{2.5, 21, 2}, Case{3.5, 37, 3}, Case{1.0, 5, 1}}) {
+    Region d = ApplyDisc(dilation_circle, dot, c.radius);
+    EXPECT_EQ(d.Area(), c.area) << c.radius;
+    int r1, c1, r2, c2;
+    d.BoundingBox(&r1, &c1, &r2, &c2);
+    EXPECT_EQ(r1, -c.reach);
+    EXPECT_EQ(c2, c.reach);
+    // Eroding the dilated dot by the same disc gives the dot back.
+    EXPECT_EQ(ApplyDisc(erosion_circle, d, c.radius), dot) << c.radius;
+  }
+  HObject out;
+  EXPECT_THROW(dilation_circle(HObject(dot), &out, HTuple(0.2)), HException);
+}
+
+TEST(Morphology, EvenRectanglesAreAnchoredLeftOfCentre) {
+  const Region dot = Region::Rectangle(10, 10, 10, 10);
+  struct Case { int w, h; Region dilated; };
+  const Case cases[] = {
+      {1, 1, dot},
+      {3, 3, Region::Rectangle(9, 9, 11, 11)},
+      {2, 2, Region::Rectangle(10, 10, 11, 11)},
+      {4, 1, Region::Rectangle(10, 9, 10, 12)},
+      {1, 6, Region::Rectangle(8, 10, 13, 10)},
+  };
+  for (const auto& c : cases) {
+    Region d = Apply(dilation_rectangle1, dot, c.w, c.h);
+    EXPECT_EQ(d, c.dilated) << c.w << "x" << c.h;
+    EXPECT_EQ(Apply(erosion_rectangle1, d, c.w, c.h), dot) << c.w << "x" << c.h;
+  }
+  HObject out;
+  EXPECT_THROW(dilation_rectangle1(HObject(dot), &out, HTuple(0), HTuple(3)), HException);
+}
+
+// Run arithmetic against OpenCV's raster morphology with the same element.
+TEST(Morphology, MatchesRasterMorphology) {
+  const int margin = 12, h = 40, w = 50;
+  for (unsigned seed : {11u, 12u}) {
+    Region r = test::RandomBlobs(seed, h, w, 0.6);
+    cv::Mat mask = r.ToMask(h + 2 * margin, w + 2 * margin, -margin, -margin);
+    for (auto [kw, kh] : {std::pair{3, 3}, {2, 5}, {7, 2}, {1, 9}, {10, 1}}) {
+      cv::Mat k = cv::Mat::ones(kh, kw, CV_8U), d, e;
+      cv::dilate(mask, d, k, cv::Point(kw / 2, kh / 2), 1, cv::BORDER_CONSTANT, 0);
+      cv::erode(mask, e, k, cv::Point((kw - 1) / 2, (kh - 1) / 2), 1, cv::BORDER_CONSTANT, 0);
+      EXPECT_EQ(Apply(dilation_rectangle1, r, kw, kh), Region::FromMask(d, -margin, -margin)) << kw << "x" << kh;
+      EXPECT_EQ(Apply(erosion_rectangle1, r, kw, kh), Region::FromMask(e, -margin, -margin)) << kw << "x" << kh;
+    }
+    for (double radius : {1.5, 2.5, 3.5}) {
+      int k = int(radius);
+      cv::Mat disc = cv::Mat::zeros(2 * k + 1, 2 * k + 1, CV_8U);
+      for (int y = -k; y <= k; ++y)
+        for (int x = -k; x <= k; ++x) disc.at<uint8_t>(y + k, x + k) = x * x + y * y <= radius * radius;
+      cv::Mat d, e;
+      cv::dilate(mask, d, disc, cv::Point(k, k), 1, cv::BORDER_CONSTANT, 0);
+      cv::erode(mask, e, disc, cv::Point(k, k), 1, cv::BORDER_CONSTANT, 0);
+      EXPECT_EQ(ApplyDisc(dilation_circle, r, radius), Region::FromMask(d, -margin, -margin)) << radius;
+      EXPECT_EQ(ApplyDisc(erosion_circle, r, radius), Region::FromMask(e, -margin, -margin)) << radius;
+    }
+  }
+}
+
+TEST(Morphology, ClosingAtTheImageBorderHasNoArtefacts) {
+  // Two characters, the first touching column 0, joined by a wide closing:
+  // nothing is lost at the border and nothing grows outside the bounding box.
+  Region text = Region::Rectangle(5, 0, 14, 3).Union(Region::Rectangle(5, 9, 14, 12));
+  Region closed = Apply(closing_rectangle1, text, 300, 1);
+  EXPECT_EQ(closed, Region::Rectangle(5, 0, 14, 12));
+  Region vclosed = Apply(closing_rectangle1, Region::Rectangle(0, 0, 2, 0).Union(Region::Rectangle(6, 0, 8, 0)), 1, 300);
+  EXPECT_EQ(vclosed, Region::Rectangle(0, 0, 8, 0));
+  EXPECT_EQ(ApplyDisc(closing_circle, text, 3.5).Intersection(text), text);
+  // A dilation may leave the image: results are unbounded.
+  int r1, c1, r2, c2;
+  Apply(dilation_rectangle1, text, 5, 5).BoundingBox(&r1, &c1, &r2, &c2);
+  EXPECT_EQ(c1, -2);
+}
+
+TEST(Morphology, OpeningRemovesThinParts) {
+  // A 7x7 block with a one pixel wide tail.
+  Region r = Region::Rectangle(0, 0, 6, 6).Union(Region::Rectangle(3, 7, 3, 20));
+  EXPECT_EQ(Apply(opening_rectangle1, r, 1, 3), Region::Rectangle(0, 0, 6, 6));
+  EXPECT_EQ(Apply(opening_rectangle1, r, 3, 1), r);
+  EXPECT_EQ(ApplyDisc(opening_circle, r, 1.5), Region::Rectangle(0, 0, 6, 6));
+  HObject out;
+  opening_circle(HObject(), &out, HTuple(2.5));
+  EXPECT_EQ(out.Count(), 0);
+  EXPECT_TRUE(ApplyDisc(erosion_circle, Region(), 2.5).Empty());
+}
+
+TEST(Morphology, SkeletonIsThinConnectedAndInside) {
+  Region bar = Region::Rectangle(10, 10, 16, 60);  // 7 rows high
+  Region ell = bar.Union(Region::Rectangle(10, 10, 50, 16));
+  for (const Region& r : {bar, ell}) {
+    HObject sk;
+    skeleton(HObject(r), &sk);
+    const Region& s = R(sk);
+    EXPECT_EQ(s.Intersection(r), s);
+    HObject parts;
+    connection(sk, &parts);
+    EXPECT_EQ(parts.Count(), 1);
+    // One pixel per column along the bar's middle part.
+    for (int c = 20; c <= 50; ++c) EXPECT_EQ(s.Intersection(Region::Rectangle(10, c, 16, c)).Area(), 1) << c;
+  }
+}
+
+}  // namespace
+}  // namespace vision

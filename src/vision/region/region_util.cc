@@ -1,0 +1,250 @@
+#include "vision/region/region_util.h"
+
+#include <algorithm>
+#include <cmath>
+#include <numeric>
+
+#include <opencv2/imgproc.hpp>
+
+namespace vision::detail {
+
+namespace {
+const HTuple& Need(const HTuple& t, const char* op, const char* name, Hlong i) {
+  if (t.Empty())
+    throw HException(op, std::string("Missing value of parameter ") + name, kErrWrongParamCount);
+  (void)i;
+  return t;
+}
+Hlong Index(const HTuple& t, Hlong i) { return t.Length() == 1 ? 0 : i; }
+}  // namespace
+
+double ParamDouble(const HTuple& t, const char* op, const char* name, Hlong i) {
+  Need(t, op, name, i);
+  Hlong k = Index(t, i);
+  if (k >= t.Length() || !t.IsNumber(k))
+    throw HException(op, std::string("Wrong type of parameter ") + name + ": number expected",
+                     kErrWrongParamType);
+  double v = t.D(k);
+  if (!std::isfinite(v))
+    throw HException(op, std::string("Wrong value of parameter ") + name, kErrWrongParamValue);
+  return v;
+}
+
+Hlong ParamInt(const HTuple& t, const char* op, const char* name, Hlong i) {
+  double v = ParamDouble(t, op, name, i);
+  if (std::fabs(v) > 1e15)
+    throw HException(op, std::string("Wrong value of parameter ") + name, kErrWrongParamValue);
+  return t.IsInt(Index(t, i)) ? t.L(Index(t, i)) : Hlong(std::llround(v));
+}
+
+std::string ParamString(const HTuple& t, const char* op, const char* name, Hlong i) {
+  Need(t, op, name, i);
+  Hlong k = Index(t, i);
+  if (k >= t.Length() || !t.IsString(k))
+    throw HException(op, std::string("Wrong type of parameter ") + name + ": string expected",
+                     kErrWrongParamType);
+  return t.S(k);
+}
+
+void CheckBroadcast(const HTuple& t, Hlong n, const char* op, const char* name) {
+  if (t.Length() != 1 && t.Length() != n)
+    throw HException(op, std::string("Wrong number of values of parameter ") + name,
+                     kErrWrongParamCount);
+}
+
+std::vector<Region> RegionsOf(const HObject& obj, const char* op) {
+  std::vector<Region> out;
+  out.reserve(size_t(obj.Count()));
+  for (long i = 0; i < obj.Count(); ++i) out.push_back(obj.RegionOrDomainAt(i, op));
+  return out;
+}
+
+HObject ObjectOf(std::vector<Region> regions) {
+  HObject o;
+  for (auto& r : regions) o.Push(std::move(r));
+  return o;
+}
+
+namespace {
+
+int Find(std::vector<int>& parent, int x) {
+  while (parent[size_t(x)] != x) {
+    parent[size_t(x)] = parent[size_t(parent[size_t(x)])];
+    x = parent[size_t(x)];
+  }
+  return x;
+}
+
+void Unite(std::vector<int>& parent, int a, int b) {
+  a = Find(parent, a);
+  b = Find(parent, b);
+  if (a == b) return;
+  // The smaller index stays root, so a root is its component's first run.
+  if (a < b) parent[size_t(b)] = a;
+  else parent[size_t(a)] = b;
+}
+
+// Union-find over the runs: runs of adjacent rows join when they overlap (4)
+// or touch diagonally (8). Returns per run the index of its component's root.
+std::vector<int> LabelRuns(const std::vector<Run>& runs, int neighborhood) {
+  const int n = int(runs.size());
+  std::vector<int> parent(static_cast<size_t>(n));
+  std::iota(parent.begin(), parent.end(), 0);
+  const int slack = neighborhood == 8 ? 1 : 0;
+  int prev_begin = 0, prev_end = 0;  // runs of the previous row
+  int i = 0;
+  while (i < n) {
+    int row = runs[size_t(i)].row;
+    int row_end = i;
+    while (row_end < n && runs[size_t(row_end)].row == row) ++row_end;
+    bool adjacent = prev_end > prev_begin && runs[size_t(prev_begin)].row == row - 1;
+    if (adjacent) {
+      int j = prev_begin;
+      for (int k = i; k < row_end; ++k) {
+        const Run& cur = runs[size_t(k)];
+        while (j < prev_end && int64_t(runs[size_t(j)].ce) + slack < cur.cb) ++j;
+        for (int m = j; m < prev_end && int64_t(runs[size_t(m)].cb) <= int64_t(cur.ce) + slack; ++m)
+          Unite(parent, k, m);
+      }
+    }
+    prev_begin = i;
+    prev_end = row_end;
+    i = row_end;
+  }
+  for (int k = 0; k < n; ++k) parent[size_t(k)] = Find(parent, k);
+  return parent;
+}
+
+}  // namespace
+
+std::vector<Region> Components(const Region& r, int neighborhood) {
+  const auto& runs = r.Runs();
+  std::vector<int> root = LabelRuns(runs, neighborhood);
+  std::vector<int> slot(runs.size(), -1);
+  std::vector<std::vector<Run>> parts;
+  for (size_t k = 0; k < runs.size(); ++k) {
+    int& s = slot[size_t(root[k])];
+    if (s < 0) {
+      s = int(parts.size());
+      parts.emplace_back();
+    }
+    parts[size_t(s)].push_back(runs[k]);
+  }
+  std::vector<Region> out;
+  out.reserve(parts.size());
+  for (auto& p : parts) out.push_back(Region::FromSortedRuns(std::move(p)));
+  return out;
+}
+
+namespace {
+// Background runs inside the bounding box grown by one pixel; the first run is
+// the top frame row, which every component touching the outside joins.
+Region FramedBackground(const Region& r) {
+  int r1, c1, r2, c2;
+  r.BoundingBox(&r1, &c1, &r2, &c2);
+  Region frame = Region::Rectangle(r1 - 1, c1 - 1, r2 + 1, c2 + 1);
+  return frame.Difference(r);
+}
+}  // namespace
+
+std::vector<Region> Holes(const Region& r, int foreground_neighborhood) {
+  if (r.Empty()) return {};
+  Region bg = FramedBackground(r);
+  auto parts = Components(bg, foreground_neighborhood == 8 ? 4 : 8);
+  if (!parts.empty()) parts.erase(parts.begin());  // the outside
+  return parts;
+}
+
+Region FillHoles(const Region& r, int foreground_neighborhood) {
+  Region out = r;
+  for (const Region& h : Holes(r, foreground_neighborhood)) out = out.Union(h);
+  return out;
+}
+
+Region ShiftRows(const Region& r, int dr) { return dr == 0 ? r : r.Translated(dr, 0); }
+
+Region GrowRuns(const Region& r, int left, int right) {
+  std::vector<Run> runs;
+  runs.reserve(r.Runs().size());
+  for (const Run& x : r.Runs()) {
+    int64_t a = int64_t(x.cb) - left, b = int64_t(x.ce) + right;
+    if (a <= b) runs.push_back({x.row, int(a), int(b)});
+  }
+  // Growing may make runs of a row touch; shrinking keeps them sorted.
+  if (left > 0 || right > 0) return Region::FromRuns(std::move(runs));
+  return Region::FromSortedRuns(std::move(runs));
+}
+
+namespace {
+// Sum of c*c for c = lo..hi, exact for negative bounds too.
+double SumSquares(int64_t lo, int64_t hi) {
+  auto sq = [](double k) { return k * (k + 1) * (2 * k + 1) / 6.0; };  // 0..k, sq(-1) = 0
+  if (lo >= 0) return sq(double(hi)) - sq(double(lo - 1));
+  if (hi < 0) return sq(double(-lo)) - sq(double(-hi - 1));
+  return sq(double(hi)) + sq(double(-lo));
+}
+}  // namespace
+
+Moments ComputeMoments(const Region& r) {
+  Moments m;
+  double sr = 0, sc = 0, srr = 0, scc = 0, src = 0, a = 0;
+  for (const Run& x : r.Runs()) {
+    double n = double(x.ce) - x.cb + 1;
+    double row = x.row;
+    double s1 = n * (double(x.cb) + x.ce) / 2.0;
+    double s2 = SumSquares(x.cb, x.ce);
+    a += n;
+    sr += n * row;
+    sc += s1;
+    srr += n * row * row;
+    scc += s2;
+    src += row * s1;
+  }
+  if (a <= 0) return m;
+  m.area = a;
+  m.row = sr / a;
+  m.col = sc / a;
+  m.mrr = srr / a - m.row * m.row;
+  m.mcc = scc / a - m.col * m.col;
+  m.mrc = src / a - m.row * m.col;
+  if (m.mrr < 0) m.mrr = 0;
+  if (m.mcc < 0) m.mcc = 0;
+  return m;
+}
+
+void EllipticAxis(const Moments& m, double* ra, double* rb, double* phi) {
+  double s = std::sqrt((m.mrr - m.mcc) * (m.mrr - m.mcc) + 4.0 * m.mrc * m.mrc);
+  *ra = std::sqrt(std::max(0.0, 8.0 * (m.mrr + m.mcc + s))) / 2.0;
+  *rb = std::sqrt(std::max(0.0, 8.0 * (m.mrr + m.mcc - s))) / 2.0;
+  double p = (m.mrc == 0 && m.mcc == m.mrr) ? 0.0 : -0.5 * std::atan2(2.0 * m.mrc, m.mcc - m.mrr);
+  if (p <= -M_PI / 2 + 1e-12) p += M_PI;
+  *phi = p;
+}
+
+std::vector<cv::Point2d> HullPoints(const Region& r) {
+  std::vector<cv::Point2f> pts;
+  pts.reserve(r.Runs().size() * 2);
+  for (const Run& x : r.Runs()) {
+    pts.emplace_back(float(x.cb), float(x.row));
+    if (x.ce != x.cb) pts.emplace_back(float(x.ce), float(x.row));
+  }
+  std::vector<cv::Point2d> out;
+  if (pts.size() <= 2) {
+    for (auto& p : pts) out.emplace_back(p.x, p.y);
+    return out;
+  }
+  std::vector<cv::Point2f> hull;
+  cv::convexHull(pts, hull, false, true);
+  for (auto& p : hull) out.emplace_back(p.x, p.y);
+  return out;
+}
+
+cv::Mat MaskWithMargin(const Region& r, int margin, int* row0, int* col0) {
+  int r1, c1, r2, c2;
+  r.BoundingBox(&r1, &c1, &r2, &c2);
+  *row0 = r1 - margin;
+  *col0 = c1 - margin;
+  return r.ToMask(r2 - r1 + 1 + 2 * margin, c2 - c1 + 1 + 2 * margin, *row0, *col0);
+}
+
+}  // namespace vision::detail

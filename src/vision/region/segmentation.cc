@@ -1,0 +1,407 @@
+// Segmentation: thresholds, components, set operations, holes, cutting and
+// gray-value statistics in regions.
+#include <algorithm>
+#include <cmath>
+#include <numeric>
+
+#include "vision/region/features.h"
+#include "vision/region/region_ops.h"
+#include "vision/region/region_util.h"
+
+namespace vision {
+
+using detail::ParamDouble;
+using detail::ParamString;
+using detail::RegionsOf;
+
+namespace {
+
+// Calls f(row, col_begin, values...) style access: reads the gray value of a
+// plane at (row, col) as double whatever its depth.
+double ReadPixel(const cv::Mat& m, int row, int col) {
+  switch (m.depth()) {
+    case CV_8U: return m.ptr<uint8_t>(row)[col];
+    case CV_16U: return m.ptr<uint16_t>(row)[col];
+    case CV_16S: return m.ptr<int16_t>(row)[col];
+    case CV_32S: return m.ptr<int32_t>(row)[col];
+    case CV_32F: return m.ptr<float>(row)[col];
+    case CV_64F: return m.ptr<double>(row)[col];
+  }
+  return 0;
+}
+
+const Image& GrayImage(const HObject& obj, long i, const char* op) {
+  const Image& img = obj.ImageAt(i, op);
+  if (img.type == PixelType::VectorField)
+    throw HException(op, "Wrong pixel type: vector field images are not supported", kErrWrongParamValue);
+  if (img.planes.empty()) throw HException(op, "Image without channels", kErrEmptyInput);
+  return img;
+}
+
+// The domain clipped to the image's matrix, so that every pixel read is valid.
+Region ValidDomain(const Image& img) { return img.domain.Clipped(img.height, img.width); }
+
+// Pixels of `area` whose value lies in [lo, hi] in every channel.
+template <class T>
+void ThresholdRow(const std::vector<const T*>& rows, int row, int cb, int ce, double lo, double hi,
+                  std::vector<Run>* out) {
+  int start = -1;
+  for (int c = cb; c <= ce + 1; ++c) {
+    bool in = c <= ce;
+    if (in)
+      for (const T* p : rows) {
+        double v = double(p[c]);
+        if (!(v >= lo && v <= hi)) { in = false; break; }
+      }
+    if (in && start < 0) start = c;
+    if (!in && start >= 0) {
+      out->push_back({row, start, c - 1});
+      start = -1;
+    }
+  }
+}
+
+template <class T>
+Region ThresholdImage(const Image& img, const Region& dom, double lo, double hi) {
+  std::vector<Run> runs;
+  std::vector<const T*> rows(img.planes.size());
+  for (const Run& x : dom.Runs()) {
+    for (size_t k = 0; k < img.planes.size(); ++k) rows[k] = img.planes[k].ptr<T>(x.row);
+    ThresholdRow<T>(rows, x.row, x.cb, x.ce, lo, hi, &runs);
+  }
+  return Region::FromSortedRuns(std::move(runs));
+}
+
+}  // namespace
+
+void threshold(const HObject& image, HObject* region, const HTuple& min_gray,
+               const HTuple& max_gray) {
+  constexpr const char* op = "threshold";
+  Hlong n = std::max(min_gray.Length(), max_gray.Length());
+  if (n == 0) throw HException(op, "Missing gray value limits", kErrWrongParamCount);
+  detail::CheckBroadcast(min_gray, n, op, "MinGray");
+  detail::CheckBroadcast(max_gray, n, op, "MaxGray");
+  HObject out;
+  for (long i = 0; i < image.Count(); ++i) {
+    const Image& img = GrayImage(image, i, op);
+    Region dom = ValidDomain(img);
+    for (Hlong k = 0; k < n; ++k) {
+      double lo = ParamDouble(min_gray, op, "MinGray", k), hi = ParamDouble(max_gray, op, "MaxGray", k);
+      switch (img.planes[0].depth()) {
+        case CV_8U: out.Push(ThresholdImage<uint8_t>(img, dom, lo, hi)); break;
+        case CV_16U: out.Push(ThresholdImage<uint16_t>(img, dom, lo, hi)); break;
+        case CV_16S: out.Push(ThresholdImage<int16_t>(img, dom, lo, hi)); break;
+        case CV_32S: out.Push(ThresholdImage<int32_t>(img, dom, lo, hi)); break;
+        case CV_32F: out.Push(ThresholdImage<float>(img, dom, lo, hi)); break;
+        default: throw HException(op, "Unsupported pixel depth", kErrWrongParamValue);
+      }
+    }
+  }
+  *region = std::move(out);
+}
+
+namespace {
+
+// Interior local minima of a histogram; a flat valley counts once, at its
+// middle.
+std::vector<int> HistogramMinima(const std::vector<double>& h) {
+  std::vector<int> minima;
+  const int n = int(h.size());
+  int i = 1;
+  while (i < n - 1) {
+    if (h[size_t(i)] < h[size_t(i - 1)]) {
+      int j = i;
+      while (j + 1 < n && h[size_t(j + 1)] == h[size_t(i)]) ++j;
+      if (j + 1 < n && h[size_t(j + 1)] > h[size_t(i)]) minima.push_back((i + j) / 2);
+      i = j + 1;
+    } else {
+      ++i;
+    }
+  }
+  return minima;
+}
+
+std::vector<double> SmoothHistogram(const std::vector<double>& h, double sigma) {
+  const int n = int(h.size()), r = int(std::ceil(3 * sigma));
+  std::vector<double> k(size_t(2 * r + 1));
+  for (int d = -r; d <= r; ++d) k[size_t(d + r)] = std::exp(-0.5 * d * d / (sigma * sigma));
+  std::vector<double> out(h.size(), 0.0);
+  for (int i = 0; i < n; ++i) {
+    double s = 0, w = 0;
+    for (int d = -r; d <= r; ++d) {
+      int j = i + d;
+      if (j < 0 || j >= n) continue;  // no mass outside the gray range
+      s += k[size_t(d + r)] * h[size_t(j)];
+      w += k[size_t(d + r)];
+    }
+    out[size_t(i)] = s / w;
+  }
+  return out;
+}
+
+int OtsuThreshold(const std::vector<double>& h) {
+  double total = 0, mean_all = 0;
+  for (size_t i = 0; i < h.size(); ++i) total += h[i], mean_all += double(i) * h[i];
+  if (total <= 0) return 255;
+  double w0 = 0, sum0 = 0, best = -1;
+  int t_best = 255;
+  for (int t = 0; t < 255; ++t) {
+    w0 += h[size_t(t)];
+    sum0 += t * h[size_t(t)];
+    double w1 = total - w0;
+    if (w0 <= 0 || w1 <= 0) continue;
+    double m0 = sum0 / w0, m1 = (mean_all - sum0) / w1;
+    double var = w0 * w1 * (m0 - m1) * (m0 - m1);
+    if (var > best) best = var, t_best = t;
+  }
+  return t_best;
+}
+
+}  // namespace
+
+void bin_threshold(const HObject& image, HObject* region) {
+  constexpr const char* op = "bin_threshold";
+  HObject out;
+  for (long i = 0; i < image.Count(); ++i) {
+    const Image& img = GrayImage(image, i, op);
+    if (img.type != PixelType::Byte || img.planes.size() != 1)
+      throw HException(op, "Wrong image type: single-channel byte image expected", kErrWrongParamValue);
+    Region dom = ValidDomain(img);
+    std::vector<double> hist(256, 0.0);
+    for (const Run& x : dom.Runs()) {
+      const uint8_t* p = img.planes[0].ptr<uint8_t>(x.row);
+      for (int c = x.cb; c <= x.ce; ++c) hist[p[c]] += 1;
+    }
+    double total = double(dom.Area());
+    if (total > 0)
+      for (double& v : hist) v /= total;
+    // Smooth ever more until one valley is left; its bottom separates the
+    // dark part from the light one.
+    int t = -1;
+    for (double sigma = 1.0; sigma <= 64.0; sigma += 1.0) {
+      auto minima = HistogramMinima(SmoothHistogram(hist, sigma));
+      if (minima.size() == 1) { t = minima[0]; break; }
+      if (minima.empty()) break;
+    }
+    if (t < 0) t = OtsuThreshold(hist);  // unimodal: no valley to cut at
+    out.Push(ThresholdImage<uint8_t>(img, dom, 0, t));
+  }
+  *region = std::move(out);
+}
+
+void connection(const HObject& region, HObject* connected_regions) {
+  const int nb = SystemNeighborhood();
+  HObject out;
+  for (const Region& r : RegionsOf(region, "connection"))
+    for (auto& c : detail::Components(r, nb)) out.Push(std::move(c));
+  *connected_regions = std::move(out);
+}
+
+namespace {
+// Union of many regions by pairwise merging, O(runs log n).
+Region UnionAll(std::vector<Region> rs) {
+  if (rs.empty()) return Region();
+  while (rs.size() > 1) {
+    std::vector<Region> next;
+    next.reserve((rs.size() + 1) / 2);
+    for (size_t i = 0; i + 1 < rs.size(); i += 2) next.push_back(rs[i].Union(rs[i + 1]));
+    if (rs.size() % 2) next.push_back(std::move(rs.back()));
+    rs = std::move(next);
+  }
+  return std::move(rs[0]);
+}
+}  // namespace
+
+void union1(const HObject& region, HObject* region_union) {
+  *region_union = HObject(UnionAll(RegionsOf(region, "union1")));
+}
+
+void union2(const HObject& region1, const HObject& region2, HObject* region_union) {
+  Region u = UnionAll(RegionsOf(region2, "union2"));
+  HObject out;
+  for (const Region& r : RegionsOf(region1, "union2")) out.Push(r.Union(u));
+  *region_union = std::move(out);
+}
+
+void intersection(const HObject& region1, const HObject& region2, HObject* region_intersection) {
+  Region u = UnionAll(RegionsOf(region2, "intersection"));
+  HObject out;
+  for (const Region& r : RegionsOf(region1, "intersection")) out.Push(r.Intersection(u));
+  *region_intersection = std::move(out);
+}
+
+void difference(const HObject& region, const HObject& sub, HObject* region_difference) {
+  Region u = UnionAll(RegionsOf(sub, "difference"));
+  HObject out;
+  for (const Region& r : RegionsOf(region, "difference")) out.Push(r.Difference(u));
+  *region_difference = std::move(out);
+}
+
+void complement(const HObject& region, HObject* region_complement) {
+  int w, h;
+  SystemImageSize(&w, &h);
+  const bool clip = SystemClipRegion();
+  HObject out;
+  for (const Region& r : RegionsOf(region, "complement")) {
+    Region universe = Region::Rectangle(0, 0, h - 1, w - 1);
+    if (!clip && !r.Empty()) {
+      // Without clipping the complement still needs a finite frame: the
+      // system's image rectangle grown to hold the region.
+      int r1, c1, r2, c2;
+      r.BoundingBox(&r1, &c1, &r2, &c2);
+      universe = Region::Rectangle(std::min(r1, 0), std::min(c1, 0), std::max(r2, h - 1),
+                                   std::max(c2, w - 1));
+    }
+    out.Push(universe.Difference(r));
+  }
+  *region_complement = std::move(out);
+}
+
+namespace {
+// Pixels of r with a 4-neighbour outside r: erosion by the 4-cross.
+Region InnerBoundary(const Region& r) {
+  Region eroded = detail::GrowRuns(r, -1, -1)
+                      .Intersection(detail::ShiftRows(r, 1))
+                      .Intersection(detail::ShiftRows(r, -1));
+  return r.Difference(eroded);
+}
+}  // namespace
+
+void boundary(const HObject& region, HObject* region_border, const HTuple& boundary_type) {
+  constexpr const char* op = "boundary";
+  std::string type = ParamString(boundary_type, op, "BoundaryType");
+  if (type != "inner" && type != "outer" && type != "inner_filled")
+    throw HException(op, "Wrong value of BoundaryType '" + type + "'", kErrWrongParamValue);
+  HObject out;
+  for (const Region& r : RegionsOf(region, op)) {
+    if (type == "inner") {
+      out.Push(InnerBoundary(r));
+    } else if (type == "inner_filled") {
+      out.Push(InnerBoundary(detail::FillHoles(r, SystemNeighborhood())).Intersection(r));
+    } else {
+      // 3x3 dilation minus the region: a 4-connected ring outside it.
+      Region g = detail::GrowRuns(r, 1, 1);
+      Region d = g.Union(detail::ShiftRows(g, 1)).Union(detail::ShiftRows(g, -1));
+      out.Push(d.Difference(r));
+    }
+  }
+  *region_border = std::move(out);
+}
+
+void fill_up(const HObject& region, HObject* region_fill_up) {
+  const int nb = SystemNeighborhood();
+  HObject out;
+  for (const Region& r : RegionsOf(region, "fill_up")) out.Push(detail::FillHoles(r, nb));
+  *region_fill_up = std::move(out);
+}
+
+void fill_up_shape(const HObject& region, HObject* region_fill_up, const HTuple& feature,
+                   const HTuple& min, const HTuple& max) {
+  constexpr const char* op = "fill_up_shape";
+  std::string f = ParamString(feature, op, "Feature");
+  std::string name;
+  if (f == "area" || f == "compactness" || f == "convexity" || f == "anisometry" || f == "phi" ||
+      f == "ra" || f == "rb")
+    name = f;
+  else if (f == "inner_circle") name = "inner_radius";
+  else if (f == "outer_circle") name = "outer_radius";
+  else throw HException(op, "Wrong value of Feature '" + f + "'", kErrWrongParamValue);
+  double lo = ParamDouble(min, op, "Min"), hi = ParamDouble(max, op, "Max");
+  const int nb = SystemNeighborhood();
+  HObject out;
+  for (const Region& r : RegionsOf(region, op)) {
+    Region filled = r;
+    for (const Region& h : detail::Holes(r, nb)) {
+      detail::FeatureCache cache(h);
+      double v = cache.Get(name, op);
+      if (v >= lo && v <= hi) filled = filled.Union(h);
+    }
+    out.Push(std::move(filled));
+  }
+  *region_fill_up = std::move(out);
+}
+
+void partition_dynamic(const HObject& region, HObject* partitioned, const HTuple& distance,
+                       const HTuple& percent) {
+  constexpr const char* op = "partition_dynamic";
+  double dist = ParamDouble(distance, op, "Distance"), pct = ParamDouble(percent, op, "Percent");
+  if (dist <= 0) throw HException(op, "Wrong value of Distance: must be positive", kErrWrongParamValue);
+  if (pct < 0 || pct > 100) throw HException(op, "Wrong value of Percent: 0..100 expected", kErrWrongParamValue);
+  HObject out;
+  for (const Region& r : RegionsOf(region, op)) {
+    int r1, c1, r2, c2;
+    r.BoundingBox(&r1, &c1, &r2, &c2);
+    const int width = c2 - c1 + 1;
+    if (r.Empty() || width <= 1.5 * dist) {
+      out.Push(r);
+      continue;
+    }
+    // Vertical extent (lowest to highest pixel) of every column.
+    std::vector<int> top(size_t(width), std::numeric_limits<int>::max()), bottom(size_t(width), std::numeric_limits<int>::min());
+    for (const Run& x : r.Runs())
+      for (int c = x.cb; c <= x.ce; ++c) {
+        size_t k = size_t(c - c1);
+        top[k] = std::min(top[k], x.row);
+        bottom[k] = std::max(bottom[k], x.row);
+      }
+    auto extent = [&](int c) {
+      size_t k = size_t(c - c1);
+      return top[k] > bottom[k] ? 0 : bottom[k] - top[k] + 1;
+    };
+    const int parts = std::max(1, int(std::lround(width / dist)));
+    const double step = double(width) / parts;
+    const int dev = int(std::floor(dist * pct / 100.0));
+    std::vector<int> cuts;  // first column of every part after the first
+    int prev = c1;
+    for (int k = 1; k < parts; ++k) {
+      int init = c1 + int(std::lround(k * step));
+      int lo = std::max(prev + 1, init - dev), hi = std::min(c2, init + dev);
+      if (lo > hi) continue;
+      int best = init < lo ? lo : (init > hi ? hi : init);
+      for (int c = lo; c <= hi; ++c) {
+        int e = extent(c), eb = extent(best);
+        if (e < eb || (e == eb && std::abs(c - init) < std::abs(best - init))) best = c;
+      }
+      cuts.push_back(best);
+      prev = best;
+    }
+    cuts.push_back(c2 + 1);
+    int start = c1;
+    for (int cut : cuts) {
+      Region part = r.Intersection(Region::Rectangle(r1, start, r2, cut - 1));
+      if (!part.Empty()) out.Push(std::move(part));
+      start = cut;
+    }
+  }
+  *partitioned = std::move(out);
+}
+
+void intensity(const HObject& regions, const HObject& image, HTuple* mean, HTuple* deviation) {
+  constexpr const char* op = "intensity";
+  if (image.Count() != 1) throw HException(op, "Exactly one image expected", kErrWrongParamCount);
+  const Image& img = GrayImage(image, 0, op);
+  Region dom = ValidDomain(img);
+  const cv::Mat& plane = img.planes[0];
+  std::vector<double> means, devs;
+  for (const Region& r : RegionsOf(regions, op)) {
+    Region a = r.Intersection(dom);
+    double n = 0, s = 0, s2 = 0;
+    for (const Run& x : a.Runs())
+      for (int c = x.cb; c <= x.ce; ++c) {
+        double v = ReadPixel(plane, x.row, c);
+        n += 1, s += v, s2 += v * v;
+      }
+    if (n <= 0) {
+      means.push_back(0);
+      devs.push_back(0);
+      continue;
+    }
+    double m = s / n;
+    means.push_back(m);
+    devs.push_back(std::sqrt(std::max(0.0, s2 / n - m * m)));
+  }
+  *mean = HTuple::Reals(means);
+  *deviation = HTuple::Reals(devs);
+}
+
+}  // namespace vision

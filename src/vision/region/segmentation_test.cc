@@ -1,0 +1,275 @@
+#include <cmath>
+
+#include <gtest/gtest.h>
+
+#include <opencv2/imgproc.hpp>
+
+#include "vision/region/region_ops.h"
+#include "vision/region/region_test_util.h"
+
+namespace vision {
+namespace {
+
+using test::Art;
+using test::R;
+
+class Segmentation : public ::testing::Test {
+ protected:
+  void SetUp() override { ResetSystem(); }
+  void TearDown() override { ResetSystem(); }
+};
+
+Image ByteImage(const cv::Mat& m) { return Image::FromPlanes(PixelType::Byte, {m}); }
+
+TEST_F(Segmentation, ThresholdIsInclusiveOverTheDomainForEveryType) {
+  cv::Mat m(3, 4, CV_8UC1);
+  for (int i = 0; i < 12; ++i) m.data[i] = uint8_t(i * 10);  // 0..110 row-major
+  Image img = ByteImage(m);
+  img.domain = Region::Rectangle(0, 1, 2, 3);  // column 0 excluded
+  HObject reg;
+  threshold(HObject(img), &reg, HTuple(20), HTuple(60));
+  EXPECT_EQ(R(reg), Art({"..##", "###."}).Intersection(img.domain));
+
+  // The same pixels after shifting the values into each type's range.
+  struct Case { int depth; PixelType type; double offset; };
+  for (auto c : {Case{CV_16U, PixelType::UInt2, 1000}, Case{CV_16S, PixelType::Int2, -50},
+                 Case{CV_32S, PixelType::Int4, -50}, Case{CV_32F, PixelType::Real, -50.5}}) {
+    cv::Mat n;
+    m.convertTo(n, c.depth, 1.0, c.offset);
+    threshold(HObject(Image::FromPlanes(c.type, {n})), &reg, HTuple(20 + c.offset), HTuple(60 + c.offset));
+    EXPECT_EQ(R(reg), Art({"..##", "###."})) << PixelTypeName(c.type);
+  }
+  // Several intervals give one region each; an inverted interval is empty.
+  threshold(HObject(ByteImage(m)), &reg, HTuple{0, 100, 50}, HTuple{0, 255, 40});
+  ASSERT_EQ(reg.Count(), 3);
+  EXPECT_EQ(R(reg, 0).Area(), 1);
+  EXPECT_EQ(R(reg, 1).Area(), 2);
+  EXPECT_TRUE(R(reg, 2).Empty());
+}
+
+TEST_F(Segmentation, BinThresholdReturnsTheDarkMode) {
+  cv::Mat m(40, 60, CV_8UC1);
+  cv::RNG rng(7);
+  for (int y = 0; y < m.rows; ++y)
+    for (int x = 0; x < m.cols; ++x)
+      m.at<uint8_t>(y, x) = cv::saturate_cast<uint8_t>((x < 20 ? 60 : 190) + rng.gaussian(8));
+  HObject reg;
+  bin_threshold(HObject(ByteImage(m)), &reg);
+  EXPECT_EQ(R(reg), Region::Rectangle(0, 0, 39, 19));
+  HObject real(Image::FromPlanes(PixelType::Real, {cv::Mat(2, 2, CV_32F, cv::Scalar(1))}));
+  EXPECT_THROW(bin_threshold(real, &reg), HException);
+}
+
+TEST_F(Segmentation, ConnectionNeighbourhoodAndOrder) {
+  // Diagonal pixels join in the 8-neighbourhood only. The right blob starts
+  // on the first row and so comes first.
+  Region r = Art({"...##", "#..##", ".#...", "..#.."});
+  HObject parts;
+  connection(HObject(r), &parts);
+  ASSERT_EQ(parts.Count(), 2);
+  EXPECT_EQ(R(parts, 0), Art({"...##", "...##"}));
+  EXPECT_EQ(R(parts, 1), Art({"", "#", ".#", "..#"}));
+
+  set_system(HTuple("neighborhood"), HTuple(4));
+  connection(HObject(r), &parts);
+  ASSERT_EQ(parts.Count(), 4);
+  EXPECT_EQ(R(parts, 1), Art({"", "#"}));
+  EXPECT_EQ(R(parts, 3), Art({"", "", "", "..#"}));
+
+  // A U shape meets only at its bottom: one component.
+  ResetSystem();
+  connection(HObject(Art({"#.#", "#.#", "###"})), &parts);
+  EXPECT_EQ(parts.Count(), 1);
+  connection(HObject(Region()), &parts);
+  EXPECT_EQ(parts.Count(), 0);
+}
+
+TEST_F(Segmentation, ConnectionMatchesRasterLabelling) {
+  for (unsigned seed : {1u, 2u, 3u}) {
+    Region r = test::RandomBlobs(seed, 50, 70, 0.45);
+    for (int nb : {4, 8}) {
+      set_system(HTuple("neighborhood"), HTuple(nb));
+      HObject parts;
+      connection(HObject(r), &parts);
+      cv::Mat labels;
+      int n = cv::connectedComponents(r.ToMask(50, 70), labels, nb, CV_32S);
+      ASSERT_EQ(parts.Count(), n - 1) << "seed " << seed << " nb " << nb;
+      // Same partition: every component is one raster label.
+      Hlong total = 0;
+      for (long i = 0; i < parts.Count(); ++i) {
+        const vision::Run& first = R(parts, i).Runs().front();
+        int label = labels.at<int>(first.row, first.cb);
+        EXPECT_EQ(R(parts, i), Region::FromMask(labels == label));
+        total += R(parts, i).Area();
+      }
+      EXPECT_EQ(total, r.Area());
+    }
+  }
+}
+
+TEST_F(Segmentation, SetOperations) {
+  HObject a, b, res;
+  gen_rectangle1(&a, HTuple{0, 10}, HTuple{0, 0}, HTuple{4, 14}, HTuple{4, 4});
+  gen_rectangle1(&b, HTuple{2, 12}, HTuple{2, 2}, HTuple{3, 13}, HTuple{10, 10});
+  intersection(a, b, &res);  // with the union of b
+  ASSERT_EQ(res.Count(), 2);
+  EXPECT_EQ(R(res, 0), Region::Rectangle(2, 2, 3, 4));
+  EXPECT_EQ(R(res, 1), Region::Rectangle(12, 2, 13, 4));
+  union1(a, &res);
+  ASSERT_EQ(res.Count(), 1);
+  EXPECT_EQ(R(res).Area(), 50);
+  union1(HObject(), &res);
+  ASSERT_EQ(res.Count(), 1);
+  EXPECT_TRUE(R(res).Empty());
+  difference(a, b, &res);
+  EXPECT_EQ(R(res, 0).Area(), 25 - 6);
+
+  set_system(HTuple("width"), HTuple(8));
+  set_system(HTuple("height"), HTuple(6));
+  complement(HObject(Region::Rectangle(-3, -3, 2, 2)), &res);
+  EXPECT_EQ(R(res).Area(), 48 - 9);
+  set_system(HTuple("clip_region"), HTuple("false"));
+  complement(HObject(Region::Rectangle(-3, -3, 2, 2)), &res);
+  EXPECT_EQ(R(res).Area(), 9 * 11 - 36);
+}
+
+TEST_F(Segmentation, Boundaries) {
+  Region block = Region::Rectangle(0, 0, 4, 4);
+  Region ring = block.Difference(Region::Rectangle(2, 2, 2, 2));
+  struct Case { const char* type; Region in; Hlong area; };
+  const Case cases[] = {
+      {"inner", block, 16},
+      {"inner", ring, 16 + 4},  // and the hole's 4-neighbours
+      {"inner_filled", ring, 16},
+      {"outer", block, 7 * 7 - 25},
+  };
+  for (const auto& c : cases) {
+    HObject res;
+    boundary(HObject(c.in), &res, HTuple(c.type));
+    EXPECT_EQ(R(res).Area(), c.area) << c.type;
+  }
+  HObject res;
+  EXPECT_THROW(boundary(HObject(block), &res, HTuple("middle")), HException);
+}
+
+TEST_F(Segmentation, FillUpAndFillUpShape) {
+  // Holes of 1, 4 and 9 pixels.
+  Region r = Region::Rectangle(0, 0, 6, 20)
+                 .Difference(Region::Rectangle(3, 2, 3, 2))
+                 .Difference(Region::Rectangle(2, 6, 3, 7))
+                 .Difference(Region::Rectangle(2, 12, 4, 14));
+  HObject res;
+  fill_up(HObject(r), &res);
+  EXPECT_EQ(R(res), Region::Rectangle(0, 0, 6, 20));
+  struct Case { double lo, hi; Hlong filled; };
+  for (auto c : {Case{1, 5, 5}, Case{1, 1, 1}, Case{5, 100, 9}, Case{10, 100, 0}}) {
+    fill_up_shape(HObject(r), &res, HTuple("area"), HTuple(c.lo), HTuple(c.hi));
+    EXPECT_EQ(R(res).Area() - r.Area(), c.filled) << c.lo << ".." << c.hi;
+  }
+  // An opening to the outside is no hole.
+  fill_up(HObject(Art({"###", "#.#", "#.#"})), &res);
+  EXPECT_EQ(R(res).Area(), 7);
+  EXPECT_THROW(fill_up_shape(HObject(r), &res, HTuple("colour"), HTuple(0), HTuple(1)), HException);
+}
+
+TEST_F(Segmentation, PartitionDynamicCutsAtTheNarrowestColumn) {
+  // A tall block (columns 0..11) touching a low block (12..19): the cut near
+  // column 10 moves to 12, where the vertical extent drops.
+  Region r = Region::Rectangle(0, 0, 9, 11).Union(Region::Rectangle(3, 12, 6, 19));
+  HObject parts;
+  partition_dynamic(HObject(r), &parts, HTuple(10), HTuple(25));
+  ASSERT_EQ(parts.Count(), 2);
+  EXPECT_EQ(R(parts, 0), Region::Rectangle(0, 0, 9, 11));
+  EXPECT_EQ(R(parts, 1), Region::Rectangle(3, 12, 6, 19));
+  // With no search range the cut stays at the equal split.
+  partition_dynamic(HObject(r), &parts, HTuple(10), HTuple(0));
+  ASSERT_EQ(parts.Count(), 2);
+  EXPECT_EQ(R(parts, 0), Region::Rectangle(0, 0, 9, 9));
+  // Narrower than 1.5 distances: unchanged. Five equal parts of a bar.
+  partition_dynamic(HObject(r), &parts, HTuple(14), HTuple(25));
+  EXPECT_EQ(parts.Count(), 1);
+  partition_dynamic(HObject(Region::Rectangle(0, 0, 2, 49)), &parts, HTuple(10), HTuple(25));
+  ASSERT_EQ(parts.Count(), 5);
+  for (long i = 0; i < 5; ++i) EXPECT_EQ(R(parts, i).Area(), 30);
+}
+
+TEST_F(Segmentation, DistanceTransformOnABar) {
+  // A bar five rows high inside a larger image: 1 2 3 2 1 across it.
+  Region bar = Region::Rectangle(2, 1, 6, 12);
+  struct Case { const char* metric; std::vector<int> column6; };
+  const Case cases[] = {
+      {"city-block", {0, 0, 1, 2, 3, 2, 1, 0, 0}},
+      {"chessboard", {0, 0, 1, 2, 3, 2, 1, 0, 0}},
+      {"euclidean", {0, 0, 1, 2, 3, 2, 1, 0, 0}},
+      {"octagonal", {0, 0, 1, 2, 3, 2, 1, 0, 0}},
+  };
+  for (const auto& c : cases) {
+    HObject img;
+    distance_transform(HObject(bar), &img, HTuple(c.metric), HTuple("true"), HTuple(16), HTuple(9));
+    const Image& d = img.ImageAt(0);
+    ASSERT_EQ(d.type, PixelType::Int4);
+    ASSERT_EQ(d.width, 16);
+    ASSERT_EQ(d.height, 9);
+    for (int y = 0; y < 9; ++y) EXPECT_EQ(d.planes[0].at<int32_t>(y, 6), c.column6[size_t(y)]) << c.metric << " row " << y;
+  }
+  // Corners tell the metrics apart: the corner pixel's inner neighbour (3,2)
+  // is 2 in city-block and chessboard alike, the pixel (4,3) is 3 in both;
+  // outside, (0,0) is 3 from the bar in city-block, 2 in chessboard.
+  HObject cb, ch;
+  distance_transform(HObject(bar), &cb, HTuple("city-block"), HTuple("false"), HTuple(16), HTuple(9));
+  distance_transform(HObject(bar), &ch, HTuple("chessboard"), HTuple("false"), HTuple(16), HTuple(9));
+  EXPECT_EQ(cb.ImageAt(0).planes[0].at<int32_t>(0, 0), 3);
+  EXPECT_EQ(ch.ImageAt(0).planes[0].at<int32_t>(0, 0), 2);
+  EXPECT_EQ(cb.ImageAt(0).planes[0].at<int32_t>(4, 5), 0);  // inside the bar
+  // The image border ends the region: a region touching it gets 1 there.
+  HObject edge;
+  distance_transform(HObject(Region::Rectangle(0, 0, 8, 15)), &edge, HTuple("city-block"),
+                     HTuple("true"), HTuple(16), HTuple(9));
+  EXPECT_EQ(edge.ImageAt(0).planes[0].at<int32_t>(0, 7), 1);
+  EXPECT_EQ(edge.ImageAt(0).planes[0].at<int32_t>(4, 7), 5);
+  EXPECT_THROW(distance_transform(HObject(bar), &edge, HTuple("manhattan"), HTuple("true"), HTuple(4),
+                                  HTuple(4)), HException);
+}
+
+TEST_F(Segmentation, IntensityMeanAndDeviation) {
+  cv::Mat m = (cv::Mat_<uint8_t>(2, 3) << 10, 20, 30, 40, 50, 60);
+  HObject regions;
+  concat_obj(HObject(Region::Rectangle(0, 0, 0, 2)), HObject(Region()), &regions);
+  concat_obj(regions, HObject(Region::Rectangle(1, 2, 5, 9)), &regions);  // partly outside
+  HTuple mean, dev;
+  intensity(regions, HObject(ByteImage(m)), &mean, &dev);
+  ASSERT_EQ(mean.Length(), 3);
+  EXPECT_DOUBLE_EQ(mean.D(0), 20.0);
+  EXPECT_NEAR(dev.D(0), std::sqrt(200.0 / 3.0), 1e-9);
+  EXPECT_EQ(mean.D(1), 0.0);
+  EXPECT_EQ(dev.D(1), 0.0);
+  EXPECT_DOUBLE_EQ(mean.D(2), 60.0);
+  EXPECT_EQ(dev.D(2), 0.0);
+}
+
+TEST(SystemParameters, DefaultsAndValidation) {
+  ResetSystem();
+  HTuple v;
+  get_system(HTuple("neighborhood"), &v);
+  EXPECT_EQ(v.L(0), 8);
+  get_system(HTuple("clip_region"), &v);
+  EXPECT_EQ(v.S(0), "true");
+  get_system(HTuple("width"), &v);
+  EXPECT_EQ(v.L(0), 512);
+  get_system(HTuple("operating_system"), &v);
+  EXPECT_EQ(v.S(0), "Linux");
+  set_system(HTuple("operating_system"), HTuple("Darwin"));
+  get_system(HTuple("operating_system"), &v);
+  EXPECT_EQ(v.S(0), "Darwin");
+  EXPECT_THROW(set_system(HTuple("neighborhood"), HTuple(6)), HException);
+  EXPECT_THROW(set_system(HTuple("clip_region"), HTuple(1)), HException);
+  EXPECT_THROW(set_system(HTuple("no_such"), HTuple(1)), HException);
+  EXPECT_THROW(get_system(HTuple("no_such"), &v), HException);
+  NoteImageSize(640, 480);
+  get_system(HTuple("height"), &v);
+  EXPECT_EQ(v.L(0), 480);
+  ResetSystem();
+}
+
+}  // namespace
+}  // namespace vision
