@@ -1,0 +1,140 @@
+// Malformed input: truncation, corruption, absurd counts, deep nesting, cycles.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "archive/archive.h"
+#include "archive/test_support.h"
+
+namespace velmora::archive {
+namespace {
+
+using testing::Concat;
+using testing::Hex;
+using testing::LittleHeader;
+
+// A request like the host's: options, a rectangle, an image, shared values.
+std::vector<uint8_t> SampleRequest() {
+  auto attribute = MakeDictionary();
+  attribute->Set("font", MakeString("OCR-B"));
+  attribute->Set("threshold", MakeDouble(0.75));
+  attribute->Set("frame", MakeRect(1, 2, 3.5, 4));
+  auto request = MakeDictionary();
+  request->Set("messageId", MakeInt32(101));
+  request->Set("image", MakeImage(testing::Pattern(3, 2, 4, 8, true, true, false)));
+  request->Set("attribute", attribute);
+  request->Set("again", attribute);
+  return Archive(request);
+}
+
+TEST(ArchiveRobustness, EveryTruncationIsAnError) {
+  const std::vector<uint8_t> full = SampleRequest();
+  ASSERT_NE(Unarchive(full), nullptr);
+  for (std::size_t n = 0; n < full.size(); ++n) {
+    // A copy of exactly n bytes, so that reading past it is caught by tools.
+    const std::vector<uint8_t> prefix(full.begin(), full.begin() + static_cast<std::ptrdiff_t>(n));
+    EXPECT_THROW(Unarchive(prefix.data(), prefix.size()), ArchiveError) << "prefix of " << n << " bytes";
+  }
+}
+
+TEST(ArchiveRobustness, CorruptedBytesNeverCrash) {
+  const std::vector<uint8_t> full = SampleRequest();
+  int errors = 0;
+  for (std::size_t k = 0; k < full.size(); ++k) {
+    for (uint8_t v : {0x00, 0x7F, 0x81, 0x82, 0x83, 0x84, 0x85, 0x86, 0x92, 0xFF}) {
+      std::vector<uint8_t> bytes = full;
+      bytes[k] = v;
+      try {
+        const ObjectPtr o = Unarchive(bytes);
+        if (o) Archive(o);  // whatever was read can be written again
+      } catch (const ArchiveError&) {
+        ++errors;
+      }
+    }
+  }
+  EXPECT_GT(errors, 0);
+}
+
+TEST(ArchiveRobustness, HugeCountsAreRefusedWithoutAllocating) {
+  const std::string array_head = "84 84 84 07 'NSArray' 00 84 84 08 'NSObject' 00 85";
+  const std::string data_head = "84 84 84 06 'NSData' 00 84 84 08 'NSObject' 00 85";
+  const std::string string_head = "84 84 84 08 'NSString' 01 84 84 08 'NSObject' 00 85";
+  const std::pair<const char*, std::vector<uint8_t>> cases[] = {
+      {"array count 2^31-1", Concat({LittleHeader(), Hex(array_head), Hex("84 01 'i' 82 FF FF FF 7F 86")})},
+      {"byte array of 2^31-1", Concat({LittleHeader(), Hex(data_head),
+                                       Hex("84 01 'i' 82 FF FF FF 7F 84 0D '[2147483647c]' 00 00 86")})},
+      {"array of 4e9 ints", Concat({LittleHeader(), Hex(data_head), Hex("84 0D '[4000000000i]' 00 86")})},
+      {"nested arrays of 1e9", Concat({LittleHeader(), Hex(data_head),
+                                       Hex("84 19 '[1000000000[1000000000i]]' 00 86")})},
+      {"arrays of empty elements", Concat({LittleHeader(), Hex(data_head), Hex("84 0C '[100000[0i]]' 00 86")})},
+      {"string of 2^31-1", Concat({LittleHeader(), Hex(string_head), Hex("84 01 '+' 82 FF FF FF 7F 'abc' 86")})},
+      {"negative length", Concat({LittleHeader(), Hex(string_head), Hex("84 01 '+' FF 'abc' 86")})},
+      {"shared string of 2^31-1", Concat({LittleHeader(), Hex("84 84 84 82 FF FF FF 7F 'NSString'")})},
+  };
+  for (const auto& [name, bytes] : cases) {
+    ASSERT_LT(bytes.size(), 100u) << name;
+    EXPECT_THROW(Unarchive(bytes), ArchiveError) << name;
+  }
+}
+
+// N arrays, each holding the next; the innermost holds nil.
+std::vector<uint8_t> NestedArrays(int n) {
+  // Shared strings: "@" 0, "NSArray" 1, "NSObject" 2, "i" 3; class NSArray is #1.
+  std::vector<uint8_t> bytes =
+      Concat({LittleHeader(), Hex("84 84 84 07 'NSArray' 00 84 84 08 'NSObject' 00 85 84 01 'i' 01 92")});
+  for (int k = 1; k < n; ++k) {
+    const auto level = Hex("84 93 95 01 92");
+    bytes.insert(bytes.end(), level.begin(), level.end());
+  }
+  bytes.push_back(0x85);
+  bytes.insert(bytes.end(), static_cast<std::size_t>(n), 0x86);
+  return bytes;
+}
+
+TEST(ArchiveRobustness, NestingDepthIsBounded) {
+  const ObjectPtr ok = Unarchive(NestedArrays(200));
+  ASSERT_TRUE(AsArray(ok));
+  EXPECT_THROW(Unarchive(NestedArrays(300)), ArchiveError);
+  EXPECT_THROW(Unarchive(NestedArrays(100000)), ArchiveError);
+
+  // The writer refuses what the reader would refuse.
+  ObjectPtr deep;
+  for (int k = 0; k < 300; ++k) deep = MakeArray({deep});
+  EXPECT_THROW(Archive(deep), ArchiveError);
+
+  // Deeply nested struct types are refused too.
+  std::string type;
+  for (int k = 0; k < 300; ++k) type += "{a=";
+  type += "i";
+  for (int k = 0; k < 300; ++k) type += "}";
+  std::vector<uint8_t> bytes = Concat({LittleHeader(), Hex("84 84 84 07 'NSValue' 00 84 84 08 'NSObject' 00 85")});
+  bytes.push_back(0x84);
+  bytes.push_back(0x81);
+  bytes.push_back(static_cast<uint8_t>(type.size() & 0xFF));
+  bytes.push_back(static_cast<uint8_t>(type.size() >> 8));
+  bytes.insert(bytes.end(), type.begin(), type.end());
+  bytes.push_back(0x01);
+  EXPECT_THROW(Unarchive(bytes), ArchiveError);
+}
+
+TEST(ArchiveRobustness, CyclesAndMisplacedTagsAreErrors) {
+  const std::string array_head = "84 84 84 07 'NSArray' 00 84 84 08 'NSObject' 00 85 84 01 'i' 01 92";
+  const std::pair<const char*, std::vector<uint8_t>> cases[] = {
+      {"array holding itself", Concat({LittleHeader(), Hex(array_head), Hex("92 86")})},
+      {"class chain naming itself", Concat({LittleHeader(), Hex("84 84 84 01 'X' 00 93 86")})},
+      {"end tag as a value", Concat({LittleHeader(), Hex(array_head), Hex("86 86")})},
+      {"real tag as a count", Concat({LittleHeader(), Hex("84 84 84 07 'NSArray' 00 85 84 01 'i' 83 00 86")})},
+      {"object without class", Concat({LittleHeader(), Hex("84 85 86")})},
+      {"nil type string", Concat({LittleHeader(), Hex("84 84 84 01 'X' 00 85 85 86")})},
+      {"union type", Concat({LittleHeader(), Hex("84 84 84 01 'X' 00 85 84 05 '(u=i)' 00 86")})},
+      {"unclosed struct", Concat({LittleHeader(), Hex("84 84 84 01 'X' 00 85 84 04 '{s=i' 00 86")})},
+      {"bad signature", Hex("04 0B 'streamtypeX' 81 E8 03 84 01 '@' 85")},
+      {"keyed archive", Hex("62 70 6C 69 73 74 30 30")},
+      {"root not an object", Hex("04 0B 'streamtyped' 81 E8 03 84 01 'i' 05")},
+      {"empty", {}},
+  };
+  for (const auto& [name, bytes] : cases) EXPECT_THROW(Unarchive(bytes), ArchiveError) << name;
+}
+
+}  // namespace
+}  // namespace velmora::archive
