@@ -1,0 +1,75 @@
+#pragma once
+// The server half of a named message port, served on the Qt event loop of the
+// thread that creates it. Each connection carries one request; it is read to
+// its end without blocking the loop (a slow client only delays itself), then
+// handed to the callback on that thread, and the reply is written back.
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <map>
+#include <vector>
+
+#include "messaging/port_client.h"
+#include "messaging/unique_fd.h"
+
+class QObject;
+class QSocketNotifier;
+
+namespace velmora {
+
+class LocalPort {
+ public:
+  // Returns the reply block, or nullopt for "no reply".
+  using Callback =
+      std::function<std::optional<std::vector<uint8_t>>(int32_t msgid, const std::vector<uint8_t>& data)>;
+
+  // Registers `name` for this process. Null when another process (or this one)
+  // holds the name, or the port folder is unusable. A null callback makes a port
+  // that only marks the name: requests are read and answered with "no reply".
+  static std::unique_ptr<LocalPort> Create(const std::string& name, Callback callback);
+
+  // Unregisters the name: the socket file is removed while the lock is still
+  // held, so a new owner never loses its fresh socket to our cleanup.
+  ~LocalPort();
+  LocalPort(const LocalPort&) = delete;
+  LocalPort& operator=(const LocalPort&) = delete;
+
+  const std::string& name() const { return name_; }
+  // How long a client may take to deliver its request in full (default: the
+  // send timeout, 5 s).
+  void setReadTimeout(double seconds) { read_timeout_ = seconds; }
+
+ private:
+  struct Connection;
+  enum class Progress { kComplete, kPending, kFailed };
+
+  LocalPort(std::string name, Callback callback);
+  void acceptPending();
+  bool servePendingInOrder();
+  Progress pump(Connection& c);
+  void watch(std::unique_ptr<Connection> c);
+  void onReadable(uint64_t id, bool deadline_passed);
+  void finish(std::unique_ptr<Connection> c);
+
+  std::string name_;
+  std::string socket_path_;
+  Callback callback_;
+  double read_timeout_ = kSendTimeoutSeconds;
+  UniqueFd lock_fd_;
+  UniqueFd listen_fd_;
+  uint64_t next_id_ = 1;
+  // Ordered by arrival, so that requests are served in the order they came.
+  std::map<uint64_t, std::unique_ptr<Connection>> pending_;
+  // Lets loops notice that a callback destroyed the port under them.
+  std::shared_ptr<int> alive_ = std::make_shared<int>(0);
+  // Owner of every signal connection; destroying it cancels them all.
+  std::unique_ptr<QObject> context_;
+  struct NotifierDeleter {
+    void operator()(QSocketNotifier* n) const;
+  };
+  std::unique_ptr<QSocketNotifier, NotifierDeleter> listen_notifier_;
+};
+
+}  // namespace velmora

@@ -1,0 +1,122 @@
+#include "messaging/message_action.h"
+
+#include <cstring>
+#include <memory>
+#include <new>
+#include <stdexcept>
+
+#include "app/app_delegate.h"
+#include "archive/archive.h"
+
+namespace velmora {
+
+// The stereo reconstruction job. Its class arrives with the reconstruction
+// work; until then no job is ever created and the dispatcher only keeps the
+// slot and the fixed acknowledgement.
+class ObjectModel3D;
+
+namespace {
+
+// The current job, owned here; only the main thread touches it.
+std::shared_ptr<ObjectModel3D> gObjectModel3D;
+
+std::optional<std::vector<uint8_t>> Enveloped(const std::vector<uint8_t>& body) {
+  try {
+    return Envelope(body);
+  } catch (const std::bad_alloc&) {
+    return std::nullopt;  // no memory for the reply buffer: no reply
+  }
+}
+
+std::optional<std::vector<uint8_t>> DataRequest(AppDelegate* delegate, const std::vector<uint8_t>& data) {
+  // Shorter than the envelope reads as a wrong magic; the length field is not
+  // trusted, the body is the rest of the block.
+  if (data.size() < EnvelopeHeaderSize) return std::nullopt;
+  uint32_t magic;
+  std::memcpy(&magic, data.data(), sizeof magic);
+  if (magic != EnvelopeMagic) return std::nullopt;
+
+  const archive::ObjectPtr request =
+      archive::Unarchive(data.data() + EnvelopeHeaderSize, data.size() - EnvelopeHeaderSize);
+  if (request && request->kind() != archive::Kind::Dictionary)
+    throw std::invalid_argument("request body is not a dictionary");
+  const uint64_t number = static_cast<uint64_t>(archive::ReadInt(request, "messageId"));
+
+  switch (number) {
+    case RequestOcrImage: {
+      const archive::ObjectPtr image = archive::ReadObject(request, "image");
+      archive::ObjectPtr result;
+      if (image && delegate) result = delegate->ocrImage(image, archive::ReadObject(request, "attribute"));
+      if (!result) result = archive::MakeArray();
+      return Enveloped(archive::Archive(result));
+    }
+    case RequestInstalledFonts: {
+      const archive::ObjectPtr fonts = delegate ? delegate->installedFonts() : nullptr;
+      return Enveloped(fonts ? archive::Archive(fonts) : std::vector<uint8_t>{});
+    }
+    case RequestOcrFilteredImage: {
+      const archive::ObjectPtr image = archive::ReadObject(request, "image");
+      if (!image || !delegate) return std::nullopt;
+      std::optional<std::vector<uint8_t>> body =
+          delegate->ocrFilteredImage(image, archive::ReadObject(request, "attribute"));
+      if (!body) return std::nullopt;
+      return Enveloped(*body);
+    }
+    case RequestDecodeImage: {
+      const archive::ObjectPtr image = archive::ReadObject(request, "image");
+      archive::ObjectPtr result;
+      if (image && delegate) result = delegate->decodeImage(image, archive::ReadObject(request, "attribute"));
+      if (!result) result = archive::MakeDictionary();
+      return Enveloped(archive::Archive(result));
+    }
+    case RequestLibraryStatus: {
+      auto status = archive::MakeDictionary();
+      status->Set("isHalconExist", archive::MakeBool(delegate && delegate->isHalconFrameworkExist()));
+      return Enveloped(archive::Archive(status));
+    }
+    case RequestTerminate: {
+      auto reply = Enveloped(archive::Archive(archive::MakeDictionary()));
+      // Queued on the main thread: the reply goes out before termination starts.
+      if (delegate) delegate->scheduleTerminate();
+      return reply;
+    }
+    default:
+      return std::nullopt;
+  }
+}
+
+std::vector<uint8_t> StereoStart(const std::vector<uint8_t>& data) {
+  // The old job goes before the new request is even decoded.
+  gObjectModel3D.reset();
+  const archive::ObjectPtr parameters =
+      data.empty() ? nullptr : archive::Unarchive(data.data(), data.size());
+  // A job would be created here from `parameters` (window, then reconstruction);
+  // none exists yet, so the request is only acknowledged.
+  (void)parameters;
+  auto reply = archive::MakeDictionary();
+  reply->Set(Stereo_Reconstruct_ErrorResult, archive::MakeInt32(StereoStartReplyCode));
+  return archive::Archive(reply);
+}
+
+}  // namespace
+
+std::optional<std::vector<uint8_t>> MessageAction(AppDelegate* delegate, int32_t msgid,
+                                                  const std::vector<uint8_t>& data) {
+  switch (msgid) {
+    case MessageIdData:
+      return DataRequest(delegate, data);
+    case MessageIdStereoStart:
+      return StereoStart(data);
+    case MessageIdStereoClose:
+      gObjectModel3D.reset();
+      return std::nullopt;
+    default:
+      return std::nullopt;
+  }
+}
+
+std::optional<std::vector<uint8_t>> MessageAction(int32_t msgid, const std::vector<uint8_t>& data) {
+  return MessageAction(AppDelegate::shared(), msgid, data);
+}
+
+}  // namespace velmora
