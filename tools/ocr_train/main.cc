@@ -1,0 +1,171 @@
+// velmora_ocr_train: renders training markings for the five font families,
+// cuts their characters with the recognition service's own segmentation and
+// trains the fifteen classifier files (full font, digits, letters+specials
+// per family) into one folder.
+//
+//   velmora_ocr_train --out DIR [--seed N] [--markings N] [--epochs N]
+//                     [--family NAME] [--threads N]
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <opencv2/imgcodecs.hpp>
+
+#include "markings.h"
+#include "sample_cut.h"
+#include "vision/ocr/ocr_mlp.h"
+
+namespace {
+
+using namespace velmora::ocrgen;
+using vision::HTuple;
+
+struct Options {
+  std::string out;
+  uint32_t seed = 20260;
+  int markings = 1600;  // per family
+  int epochs = 40;
+  int threads = 2;
+  std::string family;  // empty: all
+  std::string dump;    // folder for the first rendered markings of each family
+};
+
+// Classifier layout shared by all fonts; documented in src/ocr/FONTS.md.
+constexpr int kGridW = 10, kGridH = 14;
+
+struct FileSpec {
+  std::string file;
+  std::string classes;
+  int hidden;
+};
+
+std::vector<FileSpec> FilesOf(const Family& f) {
+  const bool no_rej = f.name == "Industrial" || f.name == "Document";
+  const std::string suffix = no_rej ? "_NoRej.omc" : ".omc";
+  const std::string base = f.name;
+  return {
+      {base + (no_rej ? "_NoRej.omc" : ".omc"), f.AllClasses(), 112},
+      {base + "_0-9" + suffix, f.digits, 48},
+      {base + "_A-Z+" + suffix, f.letters + f.specials, 96},
+  };
+}
+
+std::mutex g_print;  // keeps progress lines of the two workers whole
+
+void Say(const char* fmt, const std::string& a, double b = 0, double c = 0) {
+  std::lock_guard<std::mutex> lock(g_print);
+  std::printf(fmt, a.c_str(), b, c);
+  std::fflush(stdout);
+}
+
+void TrainFamily(const Family& fam, const Options& o, uint32_t seed) {
+  const auto t0 = std::chrono::steady_clock::now();
+  std::mt19937 rng(seed);
+  MarkingRenderer renderer;
+  HTuple samples;
+  vision::create_ocr_train_samples(&samples);
+  int used = 0, dropped = 0;
+  const Grade grades[] = {Grade::Clean, Grade::Moderate, Grade::Moderate, Grade::Hard};
+  for (int i = 0; i < o.markings; ++i) {
+    const Face& face = fam.train_faces[size_t(i) % fam.train_faces.size()];
+    const Grade g = grades[size_t(i / int(fam.train_faces.size())) % 4];
+    const int len = std::uniform_int_distribution<int>(5, 16)(rng);
+    const int height = std::uniform_int_distribution<int>(20, 48)(rng);
+    const std::string text = RandomText(fam.AllClasses(), fam.specials, len, rng);
+    try {
+      const Marking m = renderer.Render(text, face, height, g, rng);
+      if (!o.dump.empty() && i < 40)
+        cv::imwrite(o.dump + "/" + fam.name + "_" + std::to_string(i) + ".png", m.rgb);
+      CutMarking cut;
+      if (!CutMarkingCharacters(m, &cut)) {
+        ++dropped;
+        continue;
+      }
+      HTuple classes;
+      for (char c : cut.classes) classes.Append(HTuple(std::string(1, c)));
+      vision::append_ocr_trainf(cut.characters, cut.smoothed, classes, samples);
+      ++used;
+    } catch (const vision::HException& e) {
+      ++dropped;
+      Say("%s: marking skipped: %s\n", fam.name, 0, 0);
+      (void)e;
+    }
+  }
+  const auto t1 = std::chrono::steady_clock::now();
+  Say("%s: %.0f markings used, %.0f dropped\n", fam.name, used, dropped);
+  for (const FileSpec& f : FilesOf(fam)) {
+    HTuple ocr, err, log;
+    HTuple classes;
+    for (char c : f.classes) classes.Append(HTuple(std::string(1, c)));
+    vision::create_ocr_class_mlp(HTuple(kGridW), HTuple(kGridH), HTuple("constant"),
+                                 HTuple("default"), classes, HTuple(f.hidden),
+                                 HTuple("normalization"), HTuple(10), HTuple(long(seed)), &ocr);
+    vision::trainf_ocr_class_mlp(ocr, samples, HTuple(o.epochs), HTuple(1.0), HTuple(0.0), &err,
+                                 &log);
+    vision::write_ocr_class_mlp(ocr, HTuple((std::filesystem::path(o.out) / f.file).string()));
+    Say("  %s: final training error %.4f\n", f.file, err.D());
+  }
+  const auto t2 = std::chrono::steady_clock::now();
+  Say("%s: cutting %.1f s, training %.1f s\n", fam.name,
+      std::chrono::duration<double>(t1 - t0).count(), std::chrono::duration<double>(t2 - t1).count());
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options o;
+  for (int i = 1; i < argc; ++i) {
+    const std::string a = argv[i];
+    auto next = [&]() -> std::string {
+      if (i + 1 >= argc) {
+        std::fprintf(stderr, "%s needs a value\n", a.c_str());
+        std::exit(2);
+      }
+      return argv[++i];
+    };
+    if (a == "--out") o.out = next();
+    else if (a == "--seed") o.seed = uint32_t(std::stoul(next()));
+    else if (a == "--markings") o.markings = std::stoi(next());
+    else if (a == "--epochs") o.epochs = std::stoi(next());
+    else if (a == "--threads") o.threads = std::max(1, std::stoi(next()));
+    else if (a == "--family") o.family = next();
+    else if (a == "--dump") o.dump = next();
+    else {
+      std::fprintf(stderr,
+                   "usage: velmora_ocr_train --out DIR [--seed N] [--markings N] [--epochs N]"
+                   " [--family NAME] [--threads N]\n");
+      return 2;
+    }
+  }
+  if (o.out.empty()) {
+    std::fprintf(stderr, "velmora_ocr_train: --out DIR is required\n");
+    return 2;
+  }
+  std::filesystem::create_directories(o.out);
+  std::printf("velmora_ocr_train: seed %u, %d markings per family, %d epochs\n", o.seed,
+              o.markings, o.epochs);
+  std::vector<const Family*> todo;
+  for (const auto& f : Families()) {
+    if (!o.family.empty() && f.name != o.family) continue;
+    std::printf("%s: classes \"%s\", fonts:", f.name.c_str(), f.AllClasses().c_str());
+    for (const auto& face : f.train_faces) std::printf(" %s;", face.Name().c_str());
+    std::printf("\n");
+    todo.push_back(&f);
+  }
+  // Families are independent; each gets its own seed derived from the base.
+  std::vector<std::thread> workers;
+  for (int w = 0; w < o.threads; ++w)
+    workers.emplace_back([&, w] {
+      for (size_t k = size_t(w); k < todo.size(); k += size_t(o.threads)) {
+        const size_t index = size_t(todo[k] - &Families()[0]);
+        TrainFamily(*todo[k], o, o.seed + uint32_t(index) * 7919u);
+      }
+    });
+  for (auto& t : workers) t.join();
+  return 0;
+}

@@ -1,0 +1,327 @@
+#include "markings.h"
+
+#include <algorithm>
+#include <cmath>
+#include <map>
+#include <stdexcept>
+
+#include <ft2build.h>
+#include FT_FREETYPE_H
+#include <opencv2/imgproc.hpp>
+
+namespace velmora::ocrgen {
+
+namespace {
+
+constexpr const char* kDejaVu = "/usr/share/fonts/truetype/dejavu/";
+constexpr const char* kLiberation = "/usr/share/fonts/truetype/liberation2/";
+constexpr const char* kFree = "/usr/share/fonts/truetype/freefont/";
+constexpr const char* kUrw = "/usr/share/fonts/opentype/urw-base35/";
+constexpr const char* kNoto = "/usr/share/fonts/truetype/noto/";
+
+std::string P(const char* dir, const char* file) { return std::string(dir) + file; }
+
+std::vector<Family> MakeFamilies() {
+  const std::string digits = "0123456789";
+  const std::string upper = "ABCDEFGHIJKLMNOPQRSTUVWXYZ";
+  const std::string lower = "abcdefghijklmnopqrstuvwxyz";
+  std::vector<Family> f;
+  f.push_back({"Industrial", digits, upper, "-/:+",
+               {{P(kDejaVu, "DejaVuSans.ttf")}, {P(kDejaVu, "DejaVuSans-Bold.ttf")},
+                {P(kLiberation, "LiberationSans-Regular.ttf")},
+                {P(kLiberation, "LiberationSans-Bold.ttf")}, {P(kFree, "FreeSans.ttf")},
+                {P(kUrw, "NimbusSans-Regular.otf")}, {P(kDejaVu, "DejaVuSansMono.ttf")},
+                {P(kLiberation, "LiberationMono-Regular.ttf")},
+                {P(kUrw, "NimbusSansNarrow-Regular.otf")}, {P(kUrw, "URWGothic-Book.otf")},
+                {P(kDejaVu, "DejaVuSansCondensed.ttf")}, {P(kNoto, "NotoSansMono-Regular.ttf")}},
+               {{P(kUrw, "NimbusSans-Bold.otf")}, {P(kFree, "FreeSansBold.ttf")},
+                {P(kDejaVu, "DejaVuSansMono-Bold.ttf")}}});
+  f.push_back({"Document", digits, upper + lower, "-/:+",
+               {{P(kDejaVu, "DejaVuSerif.ttf")}, {P(kLiberation, "LiberationSerif-Regular.ttf")},
+                {P(kUrw, "NimbusRoman-Regular.otf")}, {P(kUrw, "C059-Roman.otf")},
+                {P(kDejaVu, "DejaVuSans.ttf")}, {P(kLiberation, "LiberationSans-Regular.ttf")},
+                {P(kFree, "FreeSans.ttf")}, {P(kLiberation, "LiberationSerif-Bold.ttf")},
+                {P(kDejaVu, "DejaVuSerif-Bold.ttf")}, {P(kUrw, "NimbusSans-Regular.otf")}},
+               {{P(kFree, "FreeSerif.ttf")}, {P(kUrw, "P052-Roman.otf")},
+                {P(kLiberation, "LiberationSans-Bold.ttf")}}});
+  f.push_back({"DotPrint", digits, upper, "-/:+",
+               {{P(kDejaVu, "DejaVuSansMono-Bold.ttf"), 5, 7},
+                {P(kDejaVu, "DejaVuSansMono-Bold.ttf"), 7, 9},
+                {P(kLiberation, "LiberationMono-Bold.ttf"), 5, 7},
+                {P(kUrw, "NimbusMonoPS-Bold.otf"), 7, 9},
+                {P(kNoto, "NotoSansMono-Bold.ttf"), 5, 7}},
+               {{P(kFree, "FreeMonoBold.ttf"), 5, 7},
+                {P(kLiberation, "LiberationMono-Bold.ttf"), 7, 9}}});
+  f.push_back({"OCRA", digits, upper, "-/:+",
+               {{"/usr/share/fonts/truetype/ocr-a/OCRA.ttf"},
+                {"/usr/share/fonts/truetype/ocr-a/OCRABold.ttf"},
+                {"/usr/share/fonts/truetype/ocr-a/OCRACondensed.ttf"}},
+               {{"/usr/share/fonts/truetype/ocr-a/OCRA.ttf"}}});
+  f.push_back({"OCRB", digits, upper, "-/:+",
+               {{"/usr/share/fonts/opentype/ocr-b/OCRB.otf"},
+                {"/usr/share/fonts/opentype/ocr-b/OCRBL.otf"},
+                {"/usr/share/fonts/opentype/ocr-b/OCRBS.otf"}},
+               {{"/usr/share/fonts/opentype/ocr-b/OCRB.otf"},
+                {"/usr/share/fonts/opentype/ocr-b/OCRBX.otf"}}});
+  return f;
+}
+
+double U(std::mt19937& rng, double a, double b) {
+  return std::uniform_real_distribution<double>(a, b)(rng);
+}
+
+// Degradation ranges of one grade.
+struct GradeParams {
+  double contrast_lo, contrast_hi, blur_lo, blur_hi, noise_lo, noise_hi, light, tilt_deg,
+      inverted_p;
+  int stroke;  // +/- steps of one half pixel
+};
+
+GradeParams ParamsOf(Grade g) {
+  switch (g) {
+    case Grade::Clean: return {150, 210, 0.3, 0.7, 0, 3, 10, 0.0, 0.0, 0};
+    case Grade::Moderate: return {90, 170, 0.6, 1.2, 3, 8, 35, 1.5, 0.3, 1};
+    case Grade::Hard: return {55, 100, 1.0, 1.7, 6, 13, 60, 3.0, 0.4, 2};
+  }
+  return {};
+}
+
+}  // namespace
+
+const char* GradeName(Grade g) {
+  switch (g) {
+    case Grade::Clean: return "clean";
+    case Grade::Moderate: return "moderate";
+    case Grade::Hard: return "hard";
+  }
+  return "?";
+}
+
+std::string Face::Name() const {
+  std::string n = file.substr(file.find_last_of('/') + 1);
+  if (IsDotMatrix()) n += " " + std::to_string(dot_cols) + "x" + std::to_string(dot_rows);
+  return n;
+}
+
+const std::vector<Family>& Families() {
+  static const std::vector<Family> f = MakeFamilies();
+  return f;
+}
+
+const Family& FamilyByName(const std::string& name) {
+  for (const auto& f : Families())
+    if (f.name == name) return f;
+  throw std::runtime_error("unknown family " + name);
+}
+
+std::string RandomText(const std::string& alphabet, const std::string& specials, int len,
+                       std::mt19937& rng) {
+  std::string plain;
+  for (char c : alphabet)
+    if (specials.find(c) == std::string::npos) plain += c;
+  std::string s;
+  for (int i = 0; i < len; ++i) {
+    const bool edge = i == 0 || i == len - 1;
+    // Specials appear at about the rate they do in lot and date codes.
+    const bool special = !edge && !specials.empty() && U(rng, 0, 1) < 0.08;
+    const std::string& from = special ? specials : plain;
+    s += from[std::uniform_int_distribution<size_t>(0, from.size() - 1)(rng)];
+  }
+  return s;
+}
+
+struct MarkingRenderer::Impl {
+  FT_Library lib = nullptr;
+  std::map<std::string, FT_Face> faces;
+  // Dot patterns per (face, char): rows x cols, 1 where a dot is printed.
+  std::map<std::pair<std::string, char>, cv::Mat> dots;
+
+  ~Impl() {
+    for (auto& [k, f] : faces) FT_Done_Face(f);
+    if (lib) FT_Done_FreeType(lib);
+  }
+
+  FT_Face Get(const std::string& file) {
+    auto it = faces.find(file);
+    if (it != faces.end()) return it->second;
+    FT_Face f = nullptr;
+    if (FT_New_Face(lib, file.c_str(), 0, &f)) throw std::runtime_error("cannot load font " + file);
+    faces[file] = f;
+    return f;
+  }
+
+  // Ink bounding box of one glyph at the face's current size, relative to the
+  // pen position on the baseline (x right, y up).
+  bool GlyphBitmap(FT_Face f, char c, cv::Mat* ink, int* left, int* top, int* advance) {
+    if (FT_Load_Char(f, FT_ULong(uint8_t(c)), FT_LOAD_RENDER)) return false;
+    const FT_Bitmap& b = f->glyph->bitmap;
+    *ink = cv::Mat(int(b.rows), int(b.width), CV_8U);
+    for (unsigned r = 0; r < b.rows; ++r)
+      std::copy(b.buffer + r * b.pitch, b.buffer + r * b.pitch + b.width, ink->ptr<uint8_t>(int(r)));
+    *left = f->glyph->bitmap_left;
+    *top = f->glyph->bitmap_top;
+    *advance = int(f->glyph->advance.x >> 6);
+    return true;
+  }
+
+  cv::Mat DotPattern(const Face& face, char c) {
+    auto key = std::make_pair(face.Name(), c);
+    auto it = dots.find(key);
+    if (it != dots.end()) return it->second;
+    FT_Face f = Get(face.file);
+    FT_Set_Pixel_Sizes(f, 0, 128);
+    cv::Mat ink;
+    int l, t, a, ml, mt, ma;
+    cv::Mat m;
+    GlyphBitmap(f, 'H', &m, &ml, &mt, &ma);
+    const int cap = mt;  // cap height above the baseline
+    GlyphBitmap(f, 'M', &m, &ml, &mt, &ma);
+    const int x0 = ml, x1 = ml + m.cols;  // widest ink column range
+    cv::Mat cell = cv::Mat::zeros(cap, x1 - x0, CV_8U);
+    if (c != ' ' && GlyphBitmap(f, c, &ink, &l, &t, &a)) {
+      for (int r = 0; r < ink.rows; ++r)
+        for (int x = 0; x < ink.cols; ++x) {
+          const int cr = cap - t + r, cx = l + x - x0;
+          if (cr >= 0 && cr < cell.rows && cx >= 0 && cx < cell.cols)
+            cell.at<uint8_t>(cr, cx) = ink.at<uint8_t>(r, x);
+        }
+    }
+    cv::Mat small;
+    cv::resize(cell, small, cv::Size(face.dot_cols, face.dot_rows), 0, 0, cv::INTER_AREA);
+    cv::Mat pattern = small > 70;
+    dots[key] = pattern;
+    return pattern;
+  }
+};
+
+MarkingRenderer::MarkingRenderer() : impl_(std::make_unique<Impl>()) {
+  if (FT_Init_FreeType(&impl_->lib)) throw std::runtime_error("FreeType init failed");
+}
+MarkingRenderer::~MarkingRenderer() = default;
+
+Marking MarkingRenderer::Render(const std::string& text, const Face& face, int char_height,
+                                Grade grade, std::mt19937& rng) {
+  const GradeParams gp = ParamsOf(grade);
+  const int ss = 2;  // supersampling, so stroke changes can be half a pixel
+  const int h2 = char_height * ss;
+  const int margin = h2;
+  // Ink at 2x: float 0..1, generous canvas, cropped later by the margins.
+  const double tracking = U(rng, 0.08, 0.18) * h2;
+  std::vector<cv::Rect> boxes;
+  std::vector<std::pair<cv::Mat, cv::Point>> blits;
+  int pen = margin;
+  const int baseline = margin + h2;
+  if (face.IsDotMatrix()) {
+    const double pitch = double(h2) / (face.dot_rows - 1);
+    const double dot_d = pitch * U(rng, 1.0, 1.2);
+    for (char c : text) {
+      cv::Mat pat = impl_->DotPattern(face, c);
+      const int cw = int(std::ceil((face.dot_cols - 1) * pitch + dot_d)) + 2;
+      const int ch = int(std::ceil(h2 + dot_d)) + 2;
+      cv::Mat glyph = cv::Mat::zeros(ch, cw, CV_8U);
+      for (int r = 0; r < pat.rows; ++r)
+        for (int x = 0; x < pat.cols; ++x)
+          if (pat.at<uint8_t>(r, x))
+            cv::circle(glyph,
+                       cv::Point(int((x * pitch + dot_d / 2 + 1) * 16), int((r * pitch + dot_d / 2 + 1) * 16)),
+                       int(dot_d / 2 * 16), cv::Scalar(255), cv::FILLED, cv::LINE_AA, 4);
+      const cv::Point at(pen, baseline - h2 - int(dot_d / 2) - 1);
+      if (cv::countNonZero(glyph)) {
+        cv::Rect bb = cv::boundingRect(glyph);
+        boxes.push_back(bb + at);
+        blits.push_back({glyph, at});
+      }
+      pen += int((face.dot_cols - 1) * pitch + dot_d + tracking * 0.8);
+    }
+  } else {
+    FT_Face f = impl_->Get(face.file);
+    FT_Set_Pixel_Sizes(f, 0, 100);
+    cv::Mat m;
+    int l, t, a;
+    impl_->GlyphBitmap(f, 'H', &m, &l, &t, &a);
+    FT_Set_Pixel_Sizes(f, 0, FT_UInt(std::max(4.0, 100.0 * h2 / std::max(1, t))));
+    for (char c : text) {
+      if (!impl_->GlyphBitmap(f, c, &m, &l, &t, &a)) continue;
+      const cv::Point at(pen + l, baseline - t);
+      if (!m.empty() && cv::countNonZero(m)) {
+        boxes.push_back(cv::boundingRect(m) + at);
+        blits.push_back({m.clone(), at});
+      }
+      pen += a + int(tracking);
+    }
+  }
+  const int width = pen + margin, height = baseline + margin + h2 / 2;
+  cv::Mat ink = cv::Mat::zeros(height, width, CV_8U);
+  for (auto& [g, at] : blits) {
+    cv::Rect r(at, g.size());
+    cv::Rect clip = r & cv::Rect(0, 0, width, height);
+    cv::Mat dst = ink(clip);
+    cv::max(dst, g(cv::Rect(clip.tl() - at, clip.size())), dst);
+  }
+  // Thicker or thinner strokes (touching or broken print at the extremes).
+  if (gp.stroke > 0) {
+    const int steps = std::uniform_int_distribution<int>(-gp.stroke, gp.stroke)(rng);
+    const cv::Mat k = cv::getStructuringElement(cv::MORPH_ELLIPSE, cv::Size(3, 3));
+    if (steps > 0) cv::dilate(ink, ink, k, cv::Point(-1, -1), steps);
+    if (steps < 0) cv::erode(ink, ink, k, cv::Point(-1, -1), -steps);
+  }
+  // Slight tilt around the text centre; the boxes follow their corners.
+  const double tilt = gp.tilt_deg > 0 ? U(rng, -gp.tilt_deg, gp.tilt_deg) : 0.0;
+  cv::Mat rot = cv::getRotationMatrix2D(cv::Point2f(width / 2.f, baseline - h2 / 2.f), tilt, 1.0);
+  if (tilt != 0.0) cv::warpAffine(ink, ink, rot, ink.size(), cv::INTER_LINEAR);
+  cv::Mat small;
+  cv::resize(ink, small, cv::Size(width / ss, height / ss), 0, 0, cv::INTER_AREA);
+  cv::Mat fink;
+  small.convertTo(fink, CV_32F, 1.0 / 255.0);
+
+  Marking out;
+  out.text = text;
+  for (const auto& b : boxes) {
+    std::vector<cv::Point2f> c = {cv::Point2f(b.x, b.y), cv::Point2f(b.br().x, b.y),
+                                  cv::Point2f(b.x, b.br().y), cv::Point2f(b.br().x, b.br().y)};
+    cv::transform(c, c, rot);
+    cv::Rect rb = cv::boundingRect(c);
+    out.boxes.push_back(cv::Rect(rb.x / ss, rb.y / ss, std::max(1, rb.width / ss),
+                                 std::max(1, rb.height / ss)));
+  }
+
+  // Gray values: ground and print levels, uneven light, blur, noise.
+  const double contrast = U(rng, gp.contrast_lo, gp.contrast_hi);
+  const double mid = U(rng, 110, 150);
+  double bg = std::clamp(mid + contrast / 2, 0.0, 250.0), fg = std::clamp(bg - contrast, 5.0, 255.0);
+  if (U(rng, 0, 1) < gp.inverted_p) std::swap(bg, fg);
+  cv::Mat img(fink.size(), CV_32F);
+  const double gx = U(rng, -1, 1) * gp.light, gy = U(rng, -1, 1) * gp.light * 0.5;
+  for (int r = 0; r < img.rows; ++r) {
+    float* p = img.ptr<float>(r);
+    const float* k = fink.ptr<float>(r);
+    for (int x = 0; x < img.cols; ++x) {
+      const double shade = gx * (double(x) / img.cols - 0.5) + gy * (double(r) / img.rows - 0.5);
+      p[x] = float(bg + (fg - bg) * k[x] + shade);
+    }
+  }
+  const double sigma = U(rng, gp.blur_lo, gp.blur_hi);
+  cv::GaussianBlur(img, img, cv::Size(0, 0), sigma);
+  cv::Mat noise(img.size(), CV_32F);
+  cv::randn(noise, 0.0, U(rng, gp.noise_lo, gp.noise_hi + 1e-3));
+  img += noise;
+  cv::Mat gray;
+  img.convertTo(gray, CV_8U);
+  // A faint colour cast: the planes differ slightly, as camera images do.
+  std::vector<cv::Mat> planes(3);
+  for (int ch = 0; ch < 3; ++ch) gray.convertTo(planes[size_t(ch)], CV_8U, U(rng, 0.94, 1.0));
+  cv::merge(planes, out.rgb);
+  return out;
+}
+
+Marking MarkingRenderer::OnCanvas(const Marking& m, int width, int height, int x, int y) {
+  Marking out = m;
+  const cv::Vec3b ground = m.rgb.at<cv::Vec3b>(0, 0);
+  out.rgb = cv::Mat(height, width, CV_8UC3, cv::Scalar(ground[0], ground[1], ground[2]));
+  const cv::Rect dst = cv::Rect(x, y, m.rgb.cols, m.rgb.rows) & cv::Rect(0, 0, width, height);
+  m.rgb(cv::Rect(dst.x - x, dst.y - y, dst.width, dst.height)).copyTo(out.rgb(dst));
+  for (auto& b : out.boxes) b += cv::Point(x, y);
+  return out;
+}
+
+}  // namespace velmora::ocrgen

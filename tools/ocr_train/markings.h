@@ -1,0 +1,70 @@
+#pragma once
+// Synthetic printed markings for training and evaluating the OCR classifiers:
+// text rendered with FreeType (or as dot-matrix dots), then degraded the way
+// inspection images are (blur, noise, uneven light, low contrast, inverted
+// polarity, tilt, thicker or thinner strokes).
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+namespace velmora::ocrgen {
+
+enum class Grade { Clean, Moderate, Hard };
+const char* GradeName(Grade g);
+
+// One face of a family: an outline font file, or a dot-matrix face whose
+// dot patterns are sampled from that font's glyphs on a cols x rows grid.
+struct Face {
+  std::string file;
+  int dot_cols = 0, dot_rows = 0;  // 0: outline rendering
+  bool IsDotMatrix() const { return dot_cols > 0; }
+  std::string Name() const;
+};
+
+struct Family {
+  std::string name;                 // "Industrial", ...
+  std::string digits, letters, specials;
+  std::vector<Face> train_faces;    // used by the training program
+  std::vector<Face> eval_faces;     // held out where the family has several
+  std::string AllClasses() const { return digits + letters + specials; }
+};
+
+// The five families with their class sets and faces.
+const std::vector<Family>& Families();
+const Family& FamilyByName(const std::string& name);
+
+struct Marking {
+  cv::Mat rgb;                  // CV_8UC3, print on a plain ground
+  std::string text;
+  std::vector<cv::Rect> boxes;  // one per character (blanks have none)
+};
+
+// Renders text with one face; deterministic for a given generator state.
+// `char_height` is the cap height in pixels before degradation.
+class MarkingRenderer {
+ public:
+  MarkingRenderer();
+  ~MarkingRenderer();
+  MarkingRenderer(const MarkingRenderer&) = delete;
+  MarkingRenderer& operator=(const MarkingRenderer&) = delete;
+
+  Marking Render(const std::string& text, const Face& face, int char_height, Grade grade,
+                 std::mt19937& rng);
+  // Places the marking, as rendered, at (x, y) of a plain canvas of the given
+  // size (the ground is the marking's own corner colour); boxes are moved.
+  static Marking OnCanvas(const Marking& m, int width, int height, int x, int y);
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+// A random string of `len` characters from `alphabet`, never starting or
+// ending with a special character (as printed codes rarely do).
+std::string RandomText(const std::string& alphabet, const std::string& specials, int len,
+                       std::mt19937& rng);
+
+}  // namespace velmora::ocrgen

@@ -1,0 +1,42 @@
+#include "sample_cut.h"
+
+#include "imaging/halcon_utility.h"
+#include "ocr/ocr_segment.h"
+#include "vision/region/region_ops.h"
+
+namespace velmora::ocrgen {
+
+vision::HObject ToVisionImage(const cv::Mat& rgb) {
+  std::vector<cv::Mat> planes;
+  cv::split(rgb, planes);
+  return vision::HObject(vision::Image::FromPlanes(vision::PixelType::Byte, std::move(planes)));
+}
+
+bool CutMarkingCharacters(const Marking& m, CutMarking* out) {
+  OcrPassParams p;
+  p.width = m.rgb.cols;
+  p.height = m.rgb.rows;
+  const OcrLineSegmentation seg = SegmentOcrLine(ToVisionImage(m.rgb), p);
+  vision::HTuple n;
+  vision::count_obj(seg.characters, &n);
+  if (size_t(n.L()) != m.boxes.size()) return false;
+  for (long j = 0; j < n.L(); ++j) {
+    vision::HObject c;
+    vision::select_obj(seg.characters, &c, vision::HTuple(j + 1));
+    Rect r;
+    HRegion2Rect(c, &r);
+    // The cut's centre must lie in the rendered character's box (one pixel of
+    // slack for blur), and the box's centre in the cut.
+    const cv::Rect& b = m.boxes[size_t(j)];
+    const int cx = (r.left + r.right) / 2, cy = (r.top + r.bottom) / 2;
+    const int bx = b.x + b.width / 2, by = b.y + b.height / 2;
+    if (cx < b.x - 1 || cx > b.br().x || cy < b.y - 1 || cy > b.br().y) return false;
+    if (bx < r.left - 1 || bx > r.right + 1 || by < r.top - 1 || by > r.bottom + 1) return false;
+  }
+  out->characters = seg.characters;
+  out->smoothed = seg.smoothed;
+  out->classes = m.text;
+  return true;
+}
+
+}  // namespace velmora::ocrgen

@@ -1,0 +1,26 @@
+#pragma once
+// Turns a rendered marking into training characters: the service's own
+// segmentation cuts it, and each cut character is matched to the rendered
+// character at its position. Markings whose segmentation disagrees with the
+// rendered text (a merged or split character, a lost stroke) give nothing.
+#include <string>
+#include <vector>
+
+#include "markings.h"
+#include "vision/core/object.h"
+
+namespace velmora::ocrgen {
+
+// The marking as a three-channel vision image.
+vision::HObject ToVisionImage(const cv::Mat& rgb);
+
+struct CutMarking {
+  vision::HObject characters;  // one region per character, in text order
+  vision::HObject smoothed;    // the image they are classified on
+  std::string classes;         // one class per region
+};
+
+// False when the marking's segmentation does not match its text.
+bool CutMarkingCharacters(const Marking& m, CutMarking* out);
+
+}  // namespace velmora::ocrgen
