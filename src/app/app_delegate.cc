@@ -25,6 +25,7 @@
 #include "messaging/local_port.h"
 #include "messaging/log.h"
 #include "messaging/message_port.h"
+#include "ocr/ocr_filtered_image.h"
 
 namespace velmora {
 
@@ -193,7 +194,7 @@ archive::ObjectPtr AppDelegate::installedFonts() {
 
 std::optional<std::vector<uint8_t>> AppDelegate::ocrFilteredImage(const archive::ObjectPtr& image,
                                                                   const archive::ObjectPtr& attribute) {
-  return std::nullopt;  // service hook
+  return ::velmora::ocrFilteredImage(image, attribute, isHalconFrameworkExist());
 }
 
 archive::ObjectPtr AppDelegate::decodeImage(const archive::ObjectPtr& image,

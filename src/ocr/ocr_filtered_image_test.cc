@@ -47,7 +47,7 @@ TEST(OcrFilteredImage, PreviewHasTheZoomedSize) {
   const Case cases[] = {
       {"no options", nullptr, 120, 80},
       {"height 2", Options({{"stretch_height_level", archive::MakeFloat(2.0f)}}), 120, 160},
-      {"width 1.5", Options({{"stretch_width_level", archive::MakeFloat(1.5f)}}), 180, 80},
+      {"width 2", Options({{"stretch_width_level", archive::MakeFloat(2.0f)}}), 240, 80},
       {"reverse ignored", Options({{"check_reverse", archive::MakeBool(true)}}), 120, 80},
   };
   for (const auto& c : cases) {
@@ -60,14 +60,13 @@ TEST(OcrFilteredImage, PreviewHasTheZoomedSize) {
 
 TEST(OcrFilteredImage, PrintComesOutWhiteOnBlack) {
   const archive::RawBitmap bm = Preview(Marking(120, 80), nullptr);
-  ASSERT_EQ(bm.samples_per_pixel, 4);
   auto rgb = [&](int y, int x) {
     const uint8_t* p = bm.data.data() + size_t(y) * bm.bytes_per_row + size_t(4 * x);
     return std::array<uint8_t, 3>{p[1], p[2], p[3]};
   };
-  // Inside the first bar (columns 12..17) and in the gap after it.
-  EXPECT_EQ(rgb(40, 14), (std::array<uint8_t, 3>{255, 255, 255}));
-  EXPECT_EQ(rgb(40, 21), (std::array<uint8_t, 3>{0, 0, 0}));
+  // Inside the first whole bar (columns 24..29) and in the gap after it.
+  EXPECT_EQ(rgb(40, 26), (std::array<uint8_t, 3>{255, 255, 255}));
+  EXPECT_EQ(rgb(40, 33), (std::array<uint8_t, 3>{0, 0, 0}));
   EXPECT_EQ(rgb(5, 60), (std::array<uint8_t, 3>{0, 0, 0}));
   size_t white = 0;
   for (int y = 0; y < bm.height; ++y)
