@@ -2,6 +2,7 @@
 #include <tiffio.h>
 
 #include <algorithm>
+#include <bit>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -38,14 +39,20 @@ tmsize_t MemRead(thandle_t h, void* buf, tmsize_t n) {
 tmsize_t MemWrite(thandle_t h, void* buf, tmsize_t n) {
   auto* f = static_cast<MemoryFile*>(h);
   if (!f->output || n < 0) return -1;
-  const uint64_t end = f->pos + static_cast<uint64_t>(n);
-  if (end > f->output->size()) {
-    if (end > f->output->capacity()) f->output->reserve(std::max<uint64_t>(end, 2 * f->output->capacity()));
-    f->output->resize(end);
+  std::vector<uint8_t>& out = *f->output;
+  const auto* src = static_cast<const uint8_t*>(buf);
+  std::size_t count = static_cast<std::size_t>(n);
+  if (f->pos > out.size()) out.resize(f->pos);  // a gap left by a seek
+  // Overwrite what exists, append the rest (appending does not zero-fill first).
+  const std::size_t overlap = std::min<std::size_t>(count, out.size() - f->pos);
+  std::memcpy(out.data() + f->pos, src, overlap);
+  if (count > overlap) {
+    if (out.size() + (count - overlap) > out.capacity())
+      out.reserve(std::max(out.size() + (count - overlap), 2 * out.capacity()));
+    out.insert(out.end(), src + overlap, src + count);
   }
-  std::memcpy(f->output->data() + f->pos, buf, static_cast<std::size_t>(n));
-  f->pos = end;
-  f->size = f->output->size();
+  f->pos += count;
+  f->size = out.size();
   return n;
 }
 
@@ -237,17 +244,26 @@ void ReadAsRgba(TIFF* tif, const Messages& m, bool has_alpha, RawBitmap* b) {
   }
 }
 
+// Moves the last byte of each 4-byte pixel to the front (RGBA to ARGB), or
+// the first to the back; written on whole words so that it vectorises.
+void RotatePixels(const uint8_t* src, uint8_t* dst, std::size_t pixels, bool alpha_to_front) {
+  for (std::size_t k = 0; k < pixels; ++k) {
+    uint32_t v;
+    std::memcpy(&v, src + 4 * k, 4);
+    if constexpr (std::endian::native == std::endian::little) {
+      v = alpha_to_front ? (v << 8) | (v >> 24) : (v >> 8) | (v << 24);
+    } else {
+      v = alpha_to_front ? (v >> 8) | (v << 24) : (v << 8) | (v >> 24);
+    }
+    std::memcpy(dst + 4 * k, &v, 4);
+  }
+}
+
 // RGBA as stored becomes ARGB, the platform bitmap's order.
 void MoveAlphaFirst(RawBitmap* b) {
   for (int y = 0; y < b->height; ++y) {
     uint8_t* p = b->data.data() + static_cast<std::size_t>(y) * b->bytes_per_row;
-    for (int x = 0; x < b->width; ++x, p += 4) {
-      const uint8_t a = p[3];
-      p[3] = p[2];
-      p[2] = p[1];
-      p[1] = p[0];
-      p[0] = a;
-    }
+    RotatePixels(p, p, static_cast<std::size_t>(b->width), true);
   }
   b->alpha_first = true;
 }
@@ -435,7 +451,9 @@ std::vector<uint8_t> EncodeTiff(const RawBitmap& b) {
         const uint8_t* src =
             b.data.data() + (source_plane * static_cast<std::size_t>(b.height) + row0 + r) * b.bytes_per_row;
         uint8_t* dst = strip.data() + r * packed;
-        if (move_alpha && !b.planar) {
+        if (move_alpha && !b.planar && spp == 4 && sample_bytes == 1) {
+          RotatePixels(src, dst, static_cast<std::size_t>(b.width), false);
+        } else if (move_alpha && !b.planar) {
           const std::size_t px = static_cast<std::size_t>(spp) * sample_bytes;
           const std::size_t alpha = sample_bytes;
           for (int x = 0; x < b.width; ++x, src += px, dst += px) {
