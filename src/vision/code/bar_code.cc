@@ -1,0 +1,271 @@
+#include "vision/code/bar_code.h"
+
+#include <algorithm>
+#include <cmath>
+#include <memory>
+
+#include <ZXing/BarcodeFormat.h>
+
+#include "vision/code/code_image.h"
+#include "vision/code/code_reader.h"
+
+namespace vision {
+namespace {
+
+using ZXing::BarcodeFormat;
+
+class BarCodeModel : public HandleBase {
+ public:
+  const char* TypeName() const override { return "barcode"; }
+
+  bool training = false;
+  Hlong quiet_zone = 0;
+  Hlong stop_after_result_num = 0;
+  double timeout = -1;
+  double element_size_min = 1.5, element_size_max = 32;
+  std::string check_char = "absent";
+  // Set by a training pass that read a symbol.
+  bool trained = false;
+  int trained_variant = -1;
+  double orientation = 0, contrast = 0;
+};
+
+struct CodeTypeName {
+  const char* name;
+  BarcodeFormat format;
+};
+const CodeTypeName kCodeTypes[] = {
+    {"Code 39", BarcodeFormat::Code39},   {"Code 93", BarcodeFormat::Code93},
+    {"Code 128", BarcodeFormat::Code128}, {"Codabar", BarcodeFormat::Codabar},
+    {"2/5 Interleaved", BarcodeFormat::ITF}, {"EAN-8", BarcodeFormat::EAN8},
+    {"EAN-13", BarcodeFormat::EAN13},     {"UPC-A", BarcodeFormat::UPCA},
+    {"UPC-E", BarcodeFormat::UPCE},       {"GS1 DataBar Omnidir", BarcodeFormat::DataBar},
+    {"GS1 DataBar Expanded", BarcodeFormat::DataBarExpanded},
+};
+
+// Approximate module count of a symbol, to turn its length in pixels into an
+// element size (narrow bar width).
+double Modules(BarcodeFormat f, size_t n) {
+  switch (f) {
+    case BarcodeFormat::Code39: return 13.0 * (n + 2) - 1;
+    case BarcodeFormat::Code93: return 9.0 * (n + 4) + 1;
+    case BarcodeFormat::Code128: return 11.0 * (n + 3) + 2;
+    case BarcodeFormat::Codabar: return 10.0 * (n + 2);
+    case BarcodeFormat::ITF: return 9.0 * n + 9;
+    case BarcodeFormat::EAN8: return 67;
+    case BarcodeFormat::EAN13:
+    case BarcodeFormat::UPCA: return 95;
+    case BarcodeFormat::UPCE: return 51;
+    default: return 96;
+  }
+}
+
+double ElementSize(const code::Found& f) {
+  double len = cv::norm(f.corners[1] - f.corners[0]);
+  if (len < 1) len = cv::norm(f.corners[2] - f.corners[3]);
+  return len / Modules(BarcodeFormat(f.format), f.text.size());
+}
+
+// The quiet zone check: `modules` element widths beyond each end of the
+// symbol's scan line must be free of bars (outside the image counts as free).
+bool QuietZoneFree(const cv::Mat& gray, const code::Found& f, double modules) {
+  if (modules <= 0) return true;
+  cv::Point2d a = f.corners[0], b = f.corners[1];
+  if (cv::norm(b - a) < 1) return true;
+  cv::Point2d dir = (b - a) / cv::norm(b - a);
+  double elem = std::max(1.0, ElementSize(f));
+  // Threshold halfway between the symbol's dark and light levels.
+  double lo = 255, hi = 0;
+  for (int i = 0; i <= 64; ++i) {
+    cv::Point2d p = a + (b - a) * (i / 64.0);
+    int x = int(std::lround(p.x)), y = int(std::lround(p.y));
+    if (x < 0 || y < 0 || x >= gray.cols || y >= gray.rows) continue;
+    double v = gray.at<uint8_t>(y, x);
+    lo = std::min(lo, v);
+    hi = std::max(hi, v);
+  }
+  double thresh = (lo + hi) / 2;
+  // Start one element out: the edge of the outermost bar is blurred.
+  for (double t = 1.5 * elem; t <= (modules + 1) * elem; t += 0.5) {
+    for (int side = 0; side < 2; ++side) {
+      cv::Point2d p = side == 0 ? a - dir * t : b + dir * t;
+      int x = int(std::lround(p.x)), y = int(std::lround(p.y));
+      if (x < 0 || y < 0 || x >= gray.cols || y >= gray.rows) continue;
+      if (gray.at<uint8_t>(y, x) < thresh) return false;
+    }
+  }
+  return true;
+}
+
+Hlong QuietZoneValue(const HTuple& v, Hlong i, const char* op) {
+  if (v.IsString(i)) {
+    if (v.S(i) == "true") return 10;
+    if (v.S(i) == "false") return 0;
+    throw HException(op, "Wrong value of 'quiet_zone': " + v.S(i), kErrWrongParamValue);
+  }
+  if (!v.IsNumber(i)) throw HException(op, "Wrong type of value for 'quiet_zone'", kErrWrongParamType);
+  Hlong q = v.L(i);
+  if (q < 0 || q > 100) throw HException(op, "Wrong value of 'quiet_zone'", kErrWrongParamValue);
+  return q;
+}
+
+void SetParams(BarCodeModel* m, const HTuple& names, const HTuple& values, const char* op) {
+  if (names.Length() != values.Length())
+    throw HException(op, "Number of parameter names and values differ", kErrWrongParamCount);
+  for (Hlong i = 0; i < names.Length(); ++i) {
+    if (!names.IsString(i)) throw HException(op, "Wrong type of parameter name", kErrWrongParamType);
+    const std::string& n = names.S(i);
+    auto number = [&](double lo, double hi) {
+      if (!values.IsNumber(i)) throw HException(op, "Wrong type of value for '" + n + "'", kErrWrongParamType);
+      double d = values.D(i);
+      if (d < lo || d > hi) throw HException(op, "Wrong value of '" + n + "'", kErrWrongParamValue);
+      return d;
+    };
+    if (n == "train") {
+      if (!values.IsString(i)) throw HException(op, "Wrong type of value for 'train'", kErrWrongParamType);
+      const std::string& v = values.S(i);
+      if (v == "all") m->training = true;
+      else if (v == "~all") m->training = false;
+      else throw HException(op, "Wrong value of 'train': " + v, kErrWrongParamValue);
+    } else if (n == "quiet_zone") {
+      m->quiet_zone = QuietZoneValue(values, i, op);
+    } else if (n == "stop_after_result_num") {
+      m->stop_after_result_num = Hlong(number(0, 1 << 20));
+    } else if (n == "timeout") {
+      m->timeout = number(-1, 1e9);
+    } else if (n == "element_size_min") {
+      m->element_size_min = number(0.5, 64);
+    } else if (n == "element_size_max") {
+      m->element_size_max = number(1, 256);
+    } else if (n == "check_char") {
+      if (!values.IsString(i) || (values.S(i) != "absent" && values.S(i) != "present"))
+        throw HException(op, "Wrong value of 'check_char'", kErrWrongParamValue);
+      m->check_char = values.S(i);
+    } else {
+      throw HException(op, "Unknown parameter name: " + n, kErrWrongParamValue);
+    }
+  }
+  if (m->element_size_min > m->element_size_max)
+    throw HException(op, "element_size_min is larger than element_size_max", kErrWrongParamValue);
+}
+
+}  // namespace
+
+void create_bar_code_model(const HTuple& gen_param_names, const HTuple& gen_param_values, HTuple* bar_code_handle) {
+  auto m = std::make_shared<BarCodeModel>();
+  SetParams(m.get(), gen_param_names, gen_param_values, "create_bar_code_model");
+  *bar_code_handle = HTuple(HHandle(m));
+}
+
+void set_bar_code_param(const HTuple& bar_code_handle, const HTuple& gen_param_names, const HTuple& gen_param_values) {
+  const char* op = "set_bar_code_param";
+  SetParams(HandleCast<BarCodeModel>(bar_code_handle, op), gen_param_names, gen_param_values, op);
+}
+
+void get_bar_code_param(const HTuple& bar_code_handle, const HTuple& gen_param_names, HTuple* gen_param_values) {
+  const char* op = "get_bar_code_param";
+  auto* m = HandleCast<BarCodeModel>(bar_code_handle, op);
+  HTuple out;
+  for (Hlong i = 0; i < gen_param_names.Length(); ++i) {
+    if (!gen_param_names.IsString(i)) throw HException(op, "Wrong type of parameter name", kErrWrongParamType);
+    const std::string& n = gen_param_names.S(i);
+    if (n == "train") out.Append(HTuple(m->training ? "all" : "~all"));
+    else if (n == "quiet_zone") out.Append(HTuple(m->quiet_zone));
+    else if (n == "stop_after_result_num") out.Append(HTuple(m->stop_after_result_num));
+    else if (n == "timeout") out.Append(HTuple(m->timeout));
+    else if (n == "element_size_min") out.Append(HTuple(m->element_size_min));
+    else if (n == "element_size_max") out.Append(HTuple(m->element_size_max));
+    else if (n == "check_char") out.Append(HTuple(m->check_char));
+    else if (n == "orientation") out.Append(HTuple(m->orientation));
+    else if (n == "meas_thresh_abs") out.Append(HTuple(m->contrast));
+    else if (n == "trained_preprocessing")
+      out.Append(HTuple(m->trained_variant >= 0 ? code::Variants(code::Symbology::Linear)[m->trained_variant].Name() : std::string()));
+    else throw HException(op, "Unknown parameter name: " + n, kErrWrongParamValue);
+  }
+  *gen_param_values = out;
+}
+
+void query_bar_code_params(const HTuple& bar_code_handle, const HTuple& query_name, HTuple* gen_param_names) {
+  const char* op = "query_bar_code_params";
+  auto* m = HandleCast<BarCodeModel>(bar_code_handle, op);
+  if (query_name.Length() != 1 || !query_name.IsString(0)) throw HException(op, "Wrong query name", kErrWrongParamType);
+  const std::string& q = query_name.S(0);
+  std::vector<std::string> set = {"train", "quiet_zone", "stop_after_result_num", "timeout",
+                                  "element_size_min", "element_size_max", "check_char"};
+  if (q == "trained_general") {
+    *gen_param_names = m->trained ? HTuple::Strings({"element_size_min", "element_size_max", "orientation",
+                                                     "meas_thresh_abs", "trained_preprocessing"})
+                                  : HTuple();
+  } else if (q == "set_general") {
+    *gen_param_names = HTuple::Strings(set);
+  } else if (q == "get_general") {
+    set.insert(set.end(), {"orientation", "meas_thresh_abs", "trained_preprocessing"});
+    *gen_param_names = HTuple::Strings(set);
+  } else {
+    throw HException(op, "Unknown query name: " + q, kErrWrongParamValue);
+  }
+}
+
+void find_bar_code(const HObject& image, HObject* symbol_regions, const HTuple& bar_code_handle,
+                   const HTuple& code_type, HTuple* decoded_data_strings) {
+  const char* op = "find_bar_code";
+  auto* m = HandleCast<BarCodeModel>(bar_code_handle, op);
+  if (code_type.Empty()) throw HException(op, "No code type given", kErrWrongParamCount);
+  int formats = 0;
+  for (Hlong i = 0; i < code_type.Length(); ++i) {
+    if (!code_type.IsString(i)) throw HException(op, "Wrong type of code type", kErrWrongParamType);
+    const std::string& t = code_type.S(i);
+    if (t == "auto") {
+      formats |= int(BarcodeFormat::LinearCodes);
+      continue;
+    }
+    auto it = std::find_if(std::begin(kCodeTypes), std::end(kCodeTypes), [&](const CodeTypeName& c) { return t == c.name; });
+    if (it == std::end(kCodeTypes)) throw HException(op, "Unsupported code type: " + t, kErrWrongParamValue);
+    formats |= int(it->format);
+  }
+  cv::Point offset;
+  cv::Mat gray = code::GrayView(image, op, &offset);
+  const Image& img = image.ImageAt(0, op);
+
+  code::ReadRequest req;
+  req.symbology = code::Symbology::Linear;
+  req.formats = formats;
+  req.max_results = int(m->stop_after_result_num);
+  req.timeout_ms = m->timeout > 0 ? m->timeout : 2000;
+  req.strict_quiet_zone = false;
+  if (!m->training) req.first_variant = m->trained_variant;
+  std::vector<code::Found> found = code::ReadCodes(gray, req);
+
+  found.erase(std::remove_if(found.begin(), found.end(),
+                             [&](const code::Found& f) {
+                               double e = ElementSize(f);
+                               return e < m->element_size_min * 0.5 || e > m->element_size_max * 1.5 ||
+                                      !QuietZoneFree(gray, f, double(m->quiet_zone));
+                             }),
+              found.end());
+  if (m->training && !found.empty()) {
+    const code::Found& f = found.front();
+    double e = ElementSize(f);
+    m->trained = true;
+    m->trained_variant = f.variant;
+    m->element_size_min = std::max(0.5, std::floor(e * 0.7 * 10) / 10);
+    m->element_size_max = std::max(m->element_size_min, std::ceil(e * 1.5 * 10) / 10);
+    m->orientation = std::atan2(-(f.corners[1].y - f.corners[0].y), f.corners[1].x - f.corners[0].x) * 180 / CV_PI;
+    m->contrast = f.contrast;
+  }
+
+  HObject regions;
+  HTuple strings;
+  for (const auto& f : found) {
+    regions.Push(code::QuadRegion(f.corners, offset, img.width, img.height));
+    strings.Append(HValue(f.text));
+  }
+  if (symbol_regions) *symbol_regions = regions;
+  if (decoded_data_strings) *decoded_data_strings = strings;
+}
+
+void clear_bar_code_model(const HTuple& bar_code_handle) {
+  HandleCast<BarCodeModel>(bar_code_handle, "clear_bar_code_model")->Clear();
+}
+
+}  // namespace vision

@@ -1,0 +1,407 @@
+#include "vision/code/code_reader.h"
+
+#include <algorithm>
+#include <cmath>
+#include <memory>
+
+#include <opencv2/imgproc.hpp>
+#include <ZXing/ReadBarcode.h>
+
+namespace vision::code {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using ZXing::BarcodeFormat;
+using ZXing::BarcodeFormats;
+
+// Upscaled work images beyond this many pixels are skipped: they cost more
+// time than any symbol on them is worth and could exhaust memory.
+constexpr double kMaxWorkPixels = 12e6;
+
+BarcodeFormats DefaultFormats(Symbology s) {
+  switch (s) {
+    case Symbology::DataMatrix: return BarcodeFormat::DataMatrix;
+    case Symbology::QR: return BarcodeFormat::QRCode;
+    case Symbology::MicroQR: return BarcodeFormat::MicroQRCode;
+    case Symbology::Linear: return BarcodeFormat::LinearCodes;
+  }
+  return BarcodeFormat::None;
+}
+
+// A prepared image and the map from its pixel coordinates back to the input.
+struct Work {
+  cv::Mat img;
+  cv::Matx33d to_input = cv::Matx33d::eye();
+};
+
+cv::Matx33d Scale(double s) { return {s, 0, 0, 0, s, 0, 0, 0, 1}; }
+cv::Matx33d Shift(double dx, double dy) { return {1, 0, dx, 0, 1, dy, 0, 0, 1}; }
+
+// Maps the 1st..99th percentile of grey values onto the full range, so that
+// a 20 % contrast symbol reaches the binarizers with full swing.
+cv::Mat Stretch(const cv::Mat& g) {
+  int hist[256] = {0};
+  for (int y = 0; y < g.rows; ++y) {
+    const uint8_t* p = g.ptr<uint8_t>(y);
+    for (int x = 0; x < g.cols; ++x) ++hist[p[x]];
+  }
+  long total = long(g.rows) * g.cols, lo_n = total / 100, acc = 0;
+  int lo = 0, hi = 255;
+  for (int v = 0; v < 256; ++v) { acc += hist[v]; if (acc > lo_n) { lo = v; break; } }
+  acc = 0;
+  for (int v = 255; v >= 0; --v) { acc += hist[v]; if (acc > lo_n) { hi = v; break; } }
+  if (hi - lo < 8) return g.clone();
+  cv::Mat out;
+  g.convertTo(out, CV_8U, 255.0 / (hi - lo), -255.0 * lo / (hi - lo));
+  return out;
+}
+
+// A light border, so that symbols touching the image edge or printed with a
+// narrow quiet zone still have one.
+Work Pad(Work w, int border, uint8_t value) {
+  cv::copyMakeBorder(w.img, w.img, border, border, border, border, cv::BORDER_CONSTANT, cv::Scalar(value));
+  w.to_input = w.to_input * Shift(-border, -border);
+  return w;
+}
+
+bool Upscale(Work& w, int scale) {
+  if (scale <= 1) return true;
+  if (double(w.img.cols) * w.img.rows * scale * scale > kMaxWorkPixels) return false;
+  cv::resize(w.img, w.img, cv::Size(), scale, scale, cv::INTER_CUBIC);
+  // Pixel centres: x_in = (x_out + 0.5) / s - 0.5.
+  w.to_input = w.to_input * Shift(0.5 / scale - 0.5, 0.5 / scale - 0.5) * Scale(1.0 / scale);
+  return true;
+}
+
+// Smoothing against sensor noise; linear codes are smoothed along the bars
+// only, which keeps their edges sharp.
+cv::Mat Smooth(const cv::Mat& g, bool linear) {
+  cv::Mat out;
+  if (linear)
+    cv::blur(g, out, cv::Size(1, 7));
+  else
+    cv::GaussianBlur(g, out, cv::Size(0, 0), 1.0);
+  return out;
+}
+
+bool Prepare(const cv::Mat& gray, const Variant& v, Symbology s, bool strict_quiet, Work* w) {
+  const bool linear = s == Symbology::Linear;
+  w->img = gray;
+  w->to_input = cv::Matx33d::eye();
+  switch (v.prep) {
+    case Variant::Prep::Plain:
+      if (v.invert || v.mirror) w->img = gray.clone();
+      break;
+    case Variant::Prep::Stretch:
+      w->img = Stretch(gray);
+      break;
+    case Variant::Prep::Smooth:
+      w->img = Stretch(Smooth(gray, linear));
+      break;
+    case Variant::Prep::Threshold: {
+      cv::Mat sm = Smooth(gray, linear), bin;
+      int block = std::max(15, (std::min(gray.cols, gray.rows) / 16) | 1);
+      cv::adaptiveThreshold(sm, bin, 255, cv::ADAPTIVE_THRESH_MEAN_C, cv::THRESH_BINARY, block, 2);
+      w->img = bin;
+      break;
+    }
+    default:
+      return false;
+  }
+  if (!Upscale(*w, v.scale)) return false;
+  if (v.invert) cv::bitwise_not(w->img, w->img);
+  if (v.prep != Variant::Prep::Plain && !(linear && strict_quiet)) {
+    int border = std::max(8, 6 * v.scale);
+    *w = Pad(std::move(*w), border, 255);
+  }
+  if (v.mirror) {
+    cv::flip(w->img, w->img, 1);
+    w->to_input = w->to_input * cv::Matx33d(-1, 0, w->img.cols - 1, 0, 1, 0, 0, 0, 1);
+  }
+  return true;
+}
+
+double QuadContrast(const cv::Mat& gray, const std::array<cv::Point2d, 4>& q) {
+  cv::Rect box = cv::boundingRect(std::vector<cv::Point2f>{q[0], q[1], q[2], q[3]}) & cv::Rect(0, 0, gray.cols, gray.rows);
+  if (box.area() <= 0) return 0;
+  cv::Mat roi = gray(box);
+  int hist[256] = {0};
+  for (int y = 0; y < roi.rows; ++y)
+    for (int x = 0; x < roi.cols; ++x) ++hist[roi.at<uint8_t>(y, x)];
+  long n = long(box.area()), cut = n / 10, acc = 0;
+  int lo = 0, hi = 255;
+  for (int v = 0; v < 256; ++v) { acc += hist[v]; if (acc > cut) { lo = v; break; } }
+  acc = 0;
+  for (int v = 255; v >= 0; --v) { acc += hist[v]; if (acc > cut) { hi = v; break; } }
+  return hi - lo;
+}
+
+cv::Point2d Apply(const cv::Matx33d& m, double x, double y) {
+  cv::Vec3d p = m * cv::Vec3d(x, y, 1);
+  return {p[0] / p[2], p[1] / p[2]};
+}
+
+std::vector<Found> Zxing(const Work& w, const Variant& v, Symbology s, BarcodeFormats formats, int max_results) {
+  std::vector<Found> out;
+  if (w.img.empty() || w.img.cols < 3 || w.img.rows < 3) return out;
+  ZXing::ImageView view(w.img.data, w.img.cols, w.img.rows, ZXing::ImageFormat::Lum, int(w.img.step));
+  ZXing::DecodeHints hints;
+  hints.setFormats(formats).setTryHarder(!v.quick).setTryRotate(true).setTryDownscale(true);
+  hints.setMaxNumberOfSymbols(uint8_t(std::clamp(max_results, 0, 255) == 0 ? 255 : std::min(max_results, 255)));
+  hints.setBinarizer(v.prep == Variant::Prep::Threshold ? ZXing::Binarizer::FixedThreshold
+                     : v.global_binarizer               ? ZXing::Binarizer::GlobalHistogram
+                                                        : ZXing::Binarizer::LocalAverage);
+  // Codes without a check character (Code 39, Codabar) must agree on three
+  // scan lines before they count.
+  if (s == Symbology::Linear) hints.setMinLineCount(3);
+  for (const auto& r : ZXing::ReadBarcodes(view, hints)) {
+    if (!r.isValid() || !formats.testFlag(r.format())) continue;
+    Found f;
+    f.text = r.text();
+    f.format = int(r.format());
+    const auto& pos = r.position();
+    for (int i = 0; i < 4; ++i) f.corners[i] = Apply(w.to_input, pos[i].x, pos[i].y);
+    f.inverted = v.invert;
+    f.mirrored = v.mirror != r.isMirrored();
+    out.push_back(std::move(f));
+  }
+  return out;
+}
+
+// Textured blobs that may hold a symbol, as rotated rectangles in input
+// coordinates, largest first.
+std::vector<cv::RotatedRect> Candidates(const cv::Mat& gray, bool linear) {
+  std::vector<cv::RotatedRect> out;
+  if (gray.cols < 16 || gray.rows < 16) return out;
+  double f = std::min(1.0, 800.0 / std::max(gray.cols, gray.rows));
+  cv::Mat small;
+  if (f < 1) cv::resize(gray, small, cv::Size(), f, f, cv::INTER_AREA); else small = gray;
+  cv::Mat sm, grad, mask;
+  cv::GaussianBlur(small, sm, cv::Size(0, 0), 1.2);
+  cv::morphologyEx(sm, grad, cv::MORPH_GRADIENT, cv::getStructuringElement(cv::MORPH_RECT, {3, 3}));
+  cv::blur(grad, grad, cv::Size(7, 7));
+  cv::threshold(grad, mask, 0, 255, cv::THRESH_BINARY | cv::THRESH_OTSU);
+  cv::morphologyEx(mask, mask, cv::MORPH_CLOSE, cv::getStructuringElement(cv::MORPH_RECT, {9, 9}));
+  cv::morphologyEx(mask, mask, cv::MORPH_OPEN, cv::getStructuringElement(cv::MORPH_RECT, {5, 5}));
+  std::vector<std::vector<cv::Point>> contours;
+  cv::findContours(mask, contours, cv::RETR_EXTERNAL, cv::CHAIN_APPROX_SIMPLE);
+  std::vector<std::pair<double, cv::RotatedRect>> scored;
+  const double img_area = double(small.cols) * small.rows;
+  for (const auto& c : contours) {
+    double a = cv::contourArea(c);
+    if (a < 120 || a > 0.6 * img_area) continue;
+    cv::RotatedRect r = cv::minAreaRect(c);
+    double lo = std::min(r.size.width, r.size.height), hi = std::max(r.size.width, r.size.height);
+    if (lo < 8 || (!linear && hi > 4 * lo)) continue;
+    // Solid blobs fill their rectangle; thin streaks (edges of objects) do not.
+    if (a < 0.5 * r.size.area()) continue;
+    r.center = cv::Point2f(float((r.center.x + 0.5) / f - 0.5), float((r.center.y + 0.5) / f - 0.5));
+    r.size = cv::Size2f(float(r.size.width / f), float(r.size.height / f));
+    scored.push_back({a, r});
+  }
+  std::sort(scored.begin(), scored.end(), [](auto& a, auto& b) { return a.first > b.first; });
+  for (size_t i = 0; i < scored.size() && i < 4; ++i) out.push_back(scored[i].second);
+  return out;
+}
+
+// The candidate cut out, turned upright and enlarged so that its shorter side
+// is about `target` pixels.
+// With `clear_outside`, everything beyond the candidate's own rectangle is
+// set to white: a symbol printed with too narrow a quiet zone gets one.
+Work CropCandidate(const cv::Mat& gray, const cv::RotatedRect& r, double target, bool clear_outside = false) {
+  double w = r.size.width * 1.35 + 8, h = r.size.height * 1.35 + 8;
+  double s = std::clamp(target / std::min(w, h), 1.0, 4.0);
+  int ow = int(std::ceil(w * s)), oh = int(std::ceil(h * s));
+  // output = S * R(-angle) * (input - centre) + half size
+  double a = -r.angle * CV_PI / 180, ca = std::cos(a), sa = std::sin(a);
+  cv::Matx33d to_out(s * ca, -s * sa, 0, s * sa, s * ca, 0, 0, 0, 1);
+  to_out = Shift(ow / 2.0, oh / 2.0) * to_out * Shift(-r.center.x, -r.center.y);
+  Work wk;
+  cv::Matx23d m(to_out(0, 0), to_out(0, 1), to_out(0, 2), to_out(1, 0), to_out(1, 1), to_out(1, 2));
+  cv::warpAffine(gray, wk.img, cv::Mat(m), cv::Size(ow, oh), cv::INTER_CUBIC, cv::BORDER_REPLICATE);
+  wk.img = Stretch(wk.img);
+  if (clear_outside) {
+    int mw = int(r.size.width * s / 2 + 2 * s), mh = int(r.size.height * s / 2 + 2 * s);
+    cv::Mat keep(wk.img.size(), CV_8U, cv::Scalar(0));
+    cv::rectangle(keep, cv::Point(ow / 2 - mw, oh / 2 - mh), cv::Point(ow / 2 + mw, oh / 2 + mh), cv::Scalar(255), cv::FILLED);
+    wk.img.setTo(255, ~keep);
+  }
+  wk.to_input = to_out.inv();
+  return wk;
+}
+
+bool Allowed(const Variant& v, const ReadRequest& req) {
+  if (req.polarity == Polarity::DarkOnLight && v.invert) return false;
+  if (req.polarity == Polarity::LightOnDark && !v.invert && v.prep != Variant::Prep::Candidates &&
+      v.prep != Variant::Prep::Dmtx)
+    return false;
+  if (req.mirror == Mirror::No && v.mirror) return false;
+  return true;
+}
+
+std::vector<Variant> BuildVariants(Symbology s) {
+  using P = Variant::Prep;
+  std::vector<Variant> v;
+  auto both = [&](Variant x) {
+    v.push_back(x);
+    x.invert = true;
+    v.push_back(x);
+  };
+  Variant quick;
+  quick.quick = true;
+  v.push_back(quick);
+  if (s == Symbology::Linear) {
+    v.push_back({P::Plain});
+    v.push_back({P::Stretch});
+    v.push_back({P::Smooth});
+    v.push_back({P::Smooth, 2});
+    v.push_back({P::Threshold});
+    v.push_back({P::Stretch, 1, true});
+    v.push_back({P::Smooth, 2, true});
+    v.push_back({P::Candidates});
+    return v;
+  }
+  v.push_back({P::Plain});
+  both({P::Stretch});
+  both({P::Stretch, 2});
+  both({P::Smooth, 2});
+  both({P::Stretch, 1, false, false, true});
+  both({P::Threshold, 2});
+  both({P::Stretch, 3});
+  if (s == Symbology::DataMatrix) {
+    both({P::Stretch, 1, false, true});
+    both({P::Stretch, 2, false, true});
+  }
+  v.push_back({P::Candidates});
+  if (s == Symbology::DataMatrix) v.push_back({P::Dmtx});
+  return v;
+}
+
+}  // namespace
+
+std::string Variant::Name() const {
+  static const char* kPrep[] = {"plain", "stretch", "smooth", "threshold", "candidates", "dmtx"};
+  std::string n = kPrep[int(prep)];
+  if (scale > 1) n += "_x" + std::to_string(scale);
+  if (global_binarizer) n += "_global";
+  if (quick) n += "_quick";
+  if (invert) n += "_inverted";
+  if (mirror) n += "_mirrored";
+  return n;
+}
+
+const std::vector<Variant>& Variants(Symbology s) {
+  static const std::vector<Variant> kDm = BuildVariants(Symbology::DataMatrix);
+  static const std::vector<Variant> kQr = BuildVariants(Symbology::QR);
+  static const std::vector<Variant> kMqr = BuildVariants(Symbology::MicroQR);
+  static const std::vector<Variant> kLin = BuildVariants(Symbology::Linear);
+  switch (s) {
+    case Symbology::DataMatrix: return kDm;
+    case Symbology::QR: return kQr;
+    case Symbology::MicroQR: return kMqr;
+    case Symbology::Linear: return kLin;
+  }
+  return kQr;
+}
+
+std::vector<Found> ReadCodes(const cv::Mat& gray, const ReadRequest& req) {
+  std::vector<Found> found;
+  if (gray.empty() || gray.type() != CV_8UC1) return found;
+  const auto start = Clock::now();
+  auto elapsed_ms = [&] { return std::chrono::duration<double, std::milli>(Clock::now() - start).count(); };
+  const BarcodeFormats formats = req.formats ? BarcodeFormats(BarcodeFormat(req.formats)) : DefaultFormats(req.symbology);
+  const auto& variants = Variants(req.symbology);
+  const bool linear = req.symbology == Symbology::Linear;
+
+  std::vector<int> order;
+  if (req.first_variant >= 0 && req.first_variant < int(variants.size())) order.push_back(req.first_variant);
+  for (int i = 0; i < int(variants.size()); ++i)
+    if (i != req.first_variant && Allowed(variants[i], req)) order.push_back(i);
+
+  auto add = [&](std::vector<Found> fs, int idx) {
+    for (auto& f : fs) {
+      bool dup = std::any_of(found.begin(), found.end(), [&](const Found& o) {
+        return o.text == f.text && cv::norm(o.corners[0] - f.corners[0]) + cv::norm(o.corners[2] - f.corners[2]) < 40;
+      });
+      if (dup) continue;
+      f.variant = idx;
+      f.contrast = QuadContrast(gray, f.corners);
+      found.push_back(std::move(f));
+    }
+  };
+  auto enough = [&] { return !found.empty() && (req.max_results <= 0 || int(found.size()) >= req.max_results); };
+
+  for (size_t k = 0; k < order.size(); ++k) {
+    if (k > 0 && req.timeout_ms > 0 && elapsed_ms() > req.timeout_ms) break;
+    const int idx = order[k];
+    const Variant& v = variants[idx];
+    if (v.prep == Variant::Prep::Candidates) {
+      std::vector<std::pair<cv::RotatedRect, bool>> crops;
+      for (const auto& c : Candidates(gray, linear)) {
+        crops.push_back({c, false});
+        if (linear) crops.push_back({c, true});
+      }
+      for (const auto& [c, clear] : crops) {
+        Work base = CropCandidate(gray, c, linear ? 120 : 240, clear);
+        for (int inv = 0; inv < 2; ++inv) {
+          if ((inv && req.polarity == Polarity::DarkOnLight) || (!inv && req.polarity == Polarity::LightOnDark)) continue;
+          for (int mir = 0; mir < (req.symbology == Symbology::DataMatrix && req.mirror != Mirror::No ? 2 : 1); ++mir) {
+            Variant cv_ = v;
+            cv_.invert = inv;
+            cv_.mirror = mir;
+            Work w{base.img.clone(), base.to_input};
+            if (inv) cv::bitwise_not(w.img, w.img);
+            w = Pad(std::move(w), 16, 255);
+            if (mir) {
+              cv::flip(w.img, w.img, 1);
+              w.to_input = w.to_input * cv::Matx33d(-1, 0, w.img.cols - 1, 0, 1, 0, 0, 0, 1);
+            }
+            add(Zxing(w, cv_, req.symbology, formats, req.max_results), idx);
+            if (enough()) return found;
+          }
+        }
+        if (req.timeout_ms > 0 && elapsed_ms() > req.timeout_ms) break;
+      }
+    } else if (v.prep == Variant::Prep::Dmtx) {
+      double budget = req.timeout_ms > 0 ? std::max(50.0, req.timeout_ms - elapsed_ms()) : 1000.0;
+      budget = std::min(budget, 600.0);
+      std::vector<Found> fs;
+      // libdmtx is slow on whole frames: give it the candidates first, enlarged.
+      for (const auto& c : Candidates(gray, false)) {
+        Work base = CropCandidate(gray, c, 160);
+        base = Pad(std::move(base), 12, 255);
+        for (int mir = 0; mir < (req.mirror != Mirror::No ? 2 : 1) && fs.empty(); ++mir) {
+          for (int inv = 0; inv < 2 && fs.empty(); ++inv) {
+            if ((inv && req.polarity == Polarity::DarkOnLight) || (!inv && req.polarity == Polarity::LightOnDark)) continue;
+            Work w{base.img.clone(), base.to_input};
+            if (inv) cv::bitwise_not(w.img, w.img);
+            if (mir) {
+              cv::flip(w.img, w.img, 1);
+              w.to_input = w.to_input * cv::Matx33d(-1, 0, w.img.cols - 1, 0, 1, 0, 0, 0, 1);
+            }
+            auto r = ReadDataMatrixDmtx(w.img, budget / 4);
+            for (auto& f : r) {
+              for (auto& p : f.corners) p = Apply(w.to_input, p.x, p.y);
+              f.inverted = inv;
+              f.mirrored = mir;
+              fs.push_back(f);
+            }
+          }
+        }
+        if (!fs.empty() || elapsed_ms() > req.timeout_ms + budget) break;
+      }
+      add(std::move(fs), idx);
+    } else {
+      Work w;
+      if (!Prepare(gray, v, req.symbology, req.strict_quiet_zone, &w)) continue;
+      add(Zxing(w, v, req.symbology, formats, req.max_results), idx);
+    }
+    if (enough()) break;
+    // One preparation that read something ends the search even when fewer
+    // than max_results were found: the others would only find the same ones.
+    if (!found.empty()) break;
+  }
+  return found;
+}
+
+}  // namespace vision::code

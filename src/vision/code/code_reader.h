@@ -1,0 +1,65 @@
+#pragma once
+// The reading engine behind the data-code and bar-code operators: a fixed
+// chain of image preparations (contrast stretch, quiet border, upscaling,
+// smoothing, local thresholding, inversion, mirroring, rectified candidate
+// crops) in front of zxing-cpp, with libdmtx as a second Data Matrix engine.
+// The chain stops at the first preparation that yields a symbol; a trained
+// model names the preparation to try first.
+#include <array>
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+namespace vision::code {
+
+enum class Symbology { DataMatrix, QR, MicroQR, Linear };
+
+enum class Polarity { Any, DarkOnLight, LightOnDark };
+enum class Mirror { Any, Yes, No };
+
+// One way of preparing the image before a decoder sees it.
+struct Variant {
+  enum class Prep { Plain, Stretch, Smooth, Threshold, Candidates, Dmtx };
+  Prep prep = Prep::Plain;
+  int scale = 1;           // upscaling factor (1, 2, 3)
+  bool invert = false;     // light symbol on dark ground
+  bool mirror = false;     // decode the mirrored image
+  bool global_binarizer = false;  // zxing's histogram binarizer instead of the local one
+  bool quick = false;      // zxing without tryHarder: the fast first look
+  std::string Name() const;
+};
+
+struct Found {
+  std::string text;       // bytes as decoded (UTF-8 for text content)
+  int format = 0;         // ZXing::BarcodeFormat value
+  std::array<cv::Point2d, 4> corners;  // (x, y) in the input image
+  bool inverted = false, mirrored = false;
+  int variant = -1;       // index into Variants(symbology)
+  double contrast = 0;    // grey-level spread inside the symbol
+};
+
+struct ReadRequest {
+  Symbology symbology = Symbology::QR;
+  int formats = 0;              // ZXing::BarcodeFormats mask; 0 = every format of the symbology
+  int first_variant = -1;       // tried before the rest (trained)
+  Polarity polarity = Polarity::Any;
+  Mirror mirror = Mirror::Any;
+  int max_results = 1;          // stop once this many symbols are read; 0 = all of one preparation
+  double timeout_ms = 2000;     // no new preparation starts after this; <= 0 means none
+  bool strict_quiet_zone = false;  // linear codes: no artificial quiet border
+};
+
+// The preparations for a symbology, in the order they are tried.
+const std::vector<Variant>& Variants(Symbology s);
+
+// Reads the symbols of an 8-bit grey image. Never returns a symbol whose
+// checksum or error correction failed.
+std::vector<Found> ReadCodes(const cv::Mat& gray, const ReadRequest& req);
+
+// Second Data Matrix engine (libdmtx). Empty when the library is absent or
+// nothing was decoded within the budget.
+std::vector<Found> ReadDataMatrixDmtx(const cv::Mat& gray, double budget_ms);
+
+}  // namespace vision::code
