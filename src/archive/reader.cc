@@ -46,21 +46,6 @@ KnownClass Classify(std::string_view name, bool* is_mutable) {
   return it->second.first;
 }
 
-const char* FieldTypeName(Field::Type t) {
-  switch (t) {
-    case Field::Type::Nil: return "nil";
-    case Field::Type::Int: return "integer";
-    case Field::Type::UInt: return "unsigned integer";
-    case Field::Type::Real: return "real";
-    case Field::Type::Bytes: return "bytes";
-    case Field::Type::CString: return "C string";
-    case Field::Type::Object: return "object";
-    case Field::Type::Class: return "class";
-    case Field::Type::Compound: return "compound";
-  }
-  return "?";
-}
-
 // The contents of one object, flattened to its values in order.
 std::vector<Field*> Flatten(std::vector<Group>& groups) {
   std::vector<Field*> out;
@@ -468,13 +453,11 @@ class Reader {
         Field& value = *v[1];
         if (encoding.size() == 1) {
           const char t = encoding[0];
-          switch (value.type) {
-            case Field::Type::Int: return Number::Signed(t, value.i);
-            case Field::Type::UInt: return Number::Unsigned(t, value.u);
-            case Field::Type::Real: return Number::Real(t, value.d);
-            default: return bad(std::string("a boxed ") + FieldTypeName(value.type) + " is not a number");
-          }
+          if (value.type == Field::Type::Int) return Number::Signed(t, value.i);
+          if (value.type == Field::Type::UInt) return Number::Unsigned(t, value.u);
+          if (value.type == Field::Type::Real) return Number::Real(t, value.d);
         }
+        // Structs, and scalars that are not numbers, stay boxed values.
         return std::make_shared<Value>(encoding, std::move(value));
       }
       case KnownClass::Image:

@@ -241,7 +241,16 @@ class Writer {
   // as a data object (written once even when shared).
   void WriteImage(const Image& image) {
     ClassChain(kImageChain);
-    const ImageSize size = image.size();
+    // An image read without a size and whose bytes do not decode keeps size 0.
+    ImageSize size;
+    if (image.has_nominal_size()) {
+      size = image.size();
+    } else {
+      try {
+        size = image.size();
+      } catch (const ArchiveError&) {
+      }
+    }
     const std::string size_type = "{CGSize=dd}";
     Shared(size_type);
     Real('d', size.width);
