@@ -63,6 +63,42 @@ void GaussKernels(double sigma, cv::Mat* smooth, cv::Mat* deriv) {
   d.convertTo(*deriv, CV_32F);
 }
 
+// Correlation with an antisymmetric kernel as sums of k(i) * (f(x+i) - f(x-i)),
+// so that a constant neighbourhood gives exactly 0 (flat areas must stay flat
+// for the gradient integration). Mirrored borders.
+cv::Mat AntisymmetricFilter(const cv::Mat& f, const cv::Mat& kernel, bool along_columns) {
+  const int r = kernel.rows / 2, H = f.rows, W = f.cols;
+  std::vector<float> k(static_cast<size_t>(r + 1));
+  for (int i = 1; i <= r; ++i) k[size_t(i)] = kernel.at<float>(r + i);
+  cv::Mat out(H, W, CV_32F);
+  const int n = along_columns ? W : H;
+  std::vector<int> idx(static_cast<size_t>(n + 2 * r));
+  for (int i = -r; i < n + r; ++i) idx[size_t(i + r)] = cv::borderInterpolate(i, n, kMirror);
+  if (along_columns) {
+    for (int y = 0; y < H; ++y) {
+      const float* s = f.ptr<float>(y);
+      float* d = out.ptr<float>(y);
+      for (int x = 0; x < W; ++x) {
+        float acc = 0;
+        for (int i = 1; i <= r; ++i) acc += k[size_t(i)] * (s[idx[size_t(x + r + i)]] - s[idx[size_t(x + r - i)]]);
+        d[x] = acc;
+      }
+    }
+  } else {
+    out.setTo(0);
+    for (int i = 1; i <= r; ++i) {
+      for (int y = 0; y < H; ++y) {
+        const float* a = f.ptr<float>(idx[size_t(y + r + i)]);
+        const float* b = f.ptr<float>(idx[size_t(y + r - i)]);
+        float* d = out.ptr<float>(y);
+        const float ki = k[size_t(i)];
+        for (int x = 0; x < W; ++x) d[x] += ki * (a[x] - b[x]);
+      }
+    }
+  }
+  return out;
+}
+
 // OpenCV's warps and resizes lack 32-bit integers; they go through doubles.
 template <class Fn>
 cv::Mat Geometric(const cv::Mat& p, Fn fn) {
@@ -163,16 +199,19 @@ void derivate_gauss(const HObject& image, HObject* deriv_gauss, const HTuple& si
   GaussKernels(sr, &gr, &dr);
   *deriv_gauss = PerPlane(image, op, [](PixelType) { return PixelType::Real; },
                           [&](const Image&, const cv::Mat& p) {
-    cv::Mat f = ToFloat(p), out;
-    auto filt = [&](const cv::Mat& kx, const cv::Mat& ky) {
+    const cv::Mat f = ToFloat(p), one = cv::Mat::ones(1, 1, CV_32F);
+    auto smooth = [&](const cv::Mat& kx, const cv::Mat& ky) {
       cv::Mat o;
       cv::sepFilter2D(f, o, CV_32F, kx, ky, cv::Point(-1, -1), 0, kMirror);
       return o;
     };
-    if (comp == "none") return filt(gc, gr);
-    if (comp == "x") return filt(dc, gr);
-    if (comp == "y") return filt(gc, dr);
-    cv::Mat gx = filt(dc, gr), gy = filt(gc, dr);
+    if (comp == "none") return smooth(gc, gr);
+    cv::Mat gx, gy;
+    if (comp != "y") gx = AntisymmetricFilter(smooth(one, gr), dc, true);
+    if (comp != "x") gy = AntisymmetricFilter(smooth(gc, one), dr, false);
+    if (comp == "x") return gx;
+    if (comp == "y") return gy;
+    cv::Mat out;
     cv::magnitude(gx, gy, out);
     return out;
   });

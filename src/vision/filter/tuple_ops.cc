@@ -37,9 +37,12 @@ HTuple MapInt(const HTuple& t, const char* op, Fn fn) {
   return HTuple(std::move(v));
 }
 
+// Indices are integers; reals without a fraction (from tuple_floor) count too.
 Hlong Index(const HTuple& t, Hlong i, const char* op) {
-  if (t.Length() <= i || !t.IsInt(i)) throw HException(op, "Wrong type of index: integer expected", kErrWrongParamType);
-  return t.L(i);
+  if (t.Length() > i && t.IsInt(i)) return t.L(i);
+  if (t.Length() > i && t.IsReal(i) && std::trunc(t.D(i)) == t.D(i) && std::fabs(t.D(i)) < 9e15)
+    return Hlong(t.D(i));
+  throw HException(op, "Wrong type of index: integer expected", kErrWrongParamType);
 }
 
 // Library ordering of values: numbers by value, before strings.

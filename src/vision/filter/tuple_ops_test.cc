@@ -66,6 +66,9 @@ TEST(TupleOps, SelectionAndSearch) {
   HTuple r;
   tuple_select_range(t, 1, 3, &r);
   EXPECT_EQ(r, HTuple::Ints({20, 30, 20}));
+  tuple_select_range(t, 1.0, 2.0, &r);  // whole reals serve as indices
+  EXPECT_EQ(r, HTuple::Ints({20, 30}));
+  EXPECT_THROW(tuple_select_range(t, 1.5, 2, &r), HException);
   tuple_select_range(t, 2, 1, &r);  // empty selection is allowed
   EXPECT_TRUE(r.Empty());
   EXPECT_THROW(tuple_select_range(t, 3, 5, &r), HException);
