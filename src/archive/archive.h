@@ -179,7 +179,8 @@ class Image : public Object {
 
   const std::vector<uint8_t>& bytes() const;
   const std::shared_ptr<Data>& encoded() const { return encoded_; }
-  // The nominal size; without one, the bitmap's pixel size.
+  // The nominal size; without one, the bitmap's pixel size (which throws
+  // ArchiveError when the bytes do not decode).
   ImageSize size() const;
   bool has_nominal_size() const { return size_.has_value(); }
   // Decoded bitmap of the bytes (DecodeTiff, or DecodeImageFile for PNG and
