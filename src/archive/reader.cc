@@ -332,7 +332,9 @@ class Reader {
           f.type = Field::Type::Nil;
         } else if (head == detail::kTagNew) {
           const std::size_t index = table_.size();
-          table_.push_back(TableEntry{TableEntry::Type::CString});
+          TableEntry entry;
+          entry.type = TableEntry::Type::CString;
+          table_.push_back(std::move(entry));
           const int64_t s = SharedString();
           if (s < 0) Fail("C string without contents");
           table_[index].text = shared_[s];
