@@ -59,7 +59,7 @@ for t in $fuzzers; do
   echo "fuzz: $t for ${seconds}s ($(find "$seeds" -type f | wc -l) seeds)"
   # The first folder receives new interesting inputs; seeds are only read.
   if ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
-     "$exe" -max_total_time="$seconds" -rss_limit_mb=2048 -timeout=10 -max_len=65536 \
+     "$exe" -max_total_time="$seconds" -rss_limit_mb=2048 -timeout=10 -max_len=16384 \
        -artifact_prefix="$artifacts/" -print_final_stats=1 "$corpus" "$seeds" >"$log" 2>&1; then
     grep -E '^stat::number_of_executed_units' "$log" | sed "s/^/fuzz: $t /" || true
   else
