@@ -16,6 +16,15 @@
 namespace vision {
 namespace {
 
+// Coordinates far outside any canvas are clamped before they become integers,
+// so that absurd parts or positions cannot overflow.
+int ClampToInt(double v) {
+  constexpr double kLimit = 1 << 30;
+  return int(std::clamp(v, -kLimit, kLimit));
+}
+int FloorInt(double v) { return ClampToInt(std::floor(v)); }
+int RoundInt(double v) { return ClampToInt(std::round(v)); }
+
 constexpr const char* kDefaultFont = "-*-courier-medium-r-normal-*-16-*-*-*-*-*-*-*";
 constexpr int kMaxWindowSide = 16384;
 
@@ -158,7 +167,7 @@ cv::Mat RegionMask(const Window& w, const Region& region, int pad = 0) {
   const auto& runs = region.Runs();
   int prev_row = INT32_MIN;
   for (int y = -pad; y < H + pad; ++y) {
-    const int r = int(std::floor(w.pr1 + (y + 0.5) / sy));
+    const int r = FloorInt(w.pr1 + (y + 0.5) / sy);
     uint8_t* dst = mask.ptr<uint8_t>(y + pad);
     if (r == prev_row) {  // upscaled parts repeat the row above
       std::copy_n(mask.ptr<uint8_t>(y + pad - 1), mask.cols, dst);
@@ -200,17 +209,18 @@ void DrawRegion(Window& w, const Region& region, const Rgba& c) {
     PaintMask(w, RegionMask(w, region), c);
     return;
   }
-  const int lw = std::max(1, int(std::lround(w.line_width)));
+  const int lw = std::max(1, RoundInt(w.line_width));
   cv::Mat mask = RegionMask(w, region, lw);
   cv::Mat inner;
-  cv::erode(mask, inner, cv::Mat(), cv::Point(-1, -1), lw, cv::BORDER_CONSTANT, cv::Scalar(0));
+  cv::erode(mask, inner, cv::getStructuringElement(cv::MORPH_RECT, cv::Size(2 * lw + 1, 2 * lw + 1)),
+            cv::Point(-1, -1), 1, cv::BORDER_CONSTANT, cv::Scalar(0));
   cv::Mat edge = mask & ~inner;
   PaintMask(w, edge(cv::Rect(lw, lw, w.Width(), w.Height())), c);
 }
 
 cv::Scalar ScalarOf(const Rgba& c) { return cv::Scalar(c.r, c.g, c.b); }
 
-int Thickness(const Window& w) { return std::max(1, int(std::lround(w.line_width))); }
+int Thickness(const Window& w) { return std::max(1, RoundInt(w.line_width)); }
 
 // One plane as bytes: byte images as they are, others scaled from their
 // value range onto 0..255.
@@ -236,12 +246,12 @@ void DrawImage(Window& w, const Image& img, bool color, const char* op) {
   const double sy = w.ScaleY(), sx = w.ScaleX();
   std::vector<int> cols(size_t(W), -1);
   for (int x = 0; x < W; ++x) {
-    int c = int(std::floor(w.pc1 + (x + 0.5) / sx));
+    int c = FloorInt(w.pc1 + (x + 0.5) / sx);
     if (c >= 0 && c < img.width) cols[size_t(x)] = c;
   }
   cv::Mat domain = RegionMask(w, img.domain);
   for (int y = 0; y < H; ++y) {
-    int r = int(std::floor(w.pr1 + (y + 0.5) / sy));
+    int r = FloorInt(w.pr1 + (y + 0.5) / sy);
     if (r < 0 || r >= img.height) continue;
     const uint8_t* m = domain.ptr<uint8_t>(y);
     auto* dst = w.canvas.ptr<cv::Vec3b>(y);
@@ -446,13 +456,21 @@ void disp_rectangle1(const HTuple& window_handle, const HTuple& row1, const HTup
     double r2 = NumberArg(row2, i, op, "Row2"), c2 = NumberArg(column2, i, op, "Column2");
     const Rgba& c = w->colors[size_t(i) % w->colors.size()];
     if (w->fill) {
-      Region rect = Region::Rectangle(int(std::lround(r1)), int(std::lround(c1)),
-                                      int(std::lround(r2)), int(std::lround(c2)));
-      PaintMask(*w, RegionMask(*w, rect), c);
+      // The window pixels whose centres fall on the rectangle's pixels, as
+      // RegionMask would find them, without building runs for huge ones.
+      const double y0 = std::ceil((std::round(r1) - w->pr1) * w->ScaleY() - 0.5);
+      const double y1 = std::ceil((std::round(r2) + 1 - w->pr1) * w->ScaleY() - 0.5) - 1;
+      const double x0 = std::ceil((std::round(c1) - w->pc1) * w->ScaleX() - 0.5);
+      const double x1 = std::ceil((std::round(c2) + 1 - w->pc1) * w->ScaleX() - 0.5) - 1;
+      cv::Mat mask(w->Height(), w->Width(), CV_8UC1, cv::Scalar(0));
+      const int ya = std::max(0, ClampToInt(y0)), yb = std::min(w->Height() - 1, ClampToInt(y1));
+      const int xa = std::max(0, ClampToInt(x0)), xb = std::min(w->Width() - 1, ClampToInt(x1));
+      if (yb >= ya && xb >= xa) mask(cv::Range(ya, yb + 1), cv::Range(xa, xb + 1)).setTo(255);
+      PaintMask(*w, mask, c);
     } else {
       cv::Point2d a = w->CentreOf(r1, c1), b = w->CentreOf(r2, c2);
-      cv::rectangle(w->canvas, cv::Point(int(std::lround(a.x)), int(std::lround(a.y))),
-                    cv::Point(int(std::lround(b.x)), int(std::lround(b.y))), ScalarOf(c),
+      cv::rectangle(w->canvas, cv::Point(RoundInt(a.x), RoundInt(a.y)),
+                    cv::Point(RoundInt(b.x), RoundInt(b.y)), ScalarOf(c),
                     Thickness(*w), cv::LINE_8);
     }
   }
@@ -468,8 +486,12 @@ void disp_line(const HTuple& window_handle, const HTuple& row1, const HTuple& co
   for (Hlong i = 0; i < n; ++i) {
     cv::Point2d a = w->CentreOf(NumberArg(row1, i, op, "Row1"), NumberArg(column1, i, op, "Column1"));
     cv::Point2d b = w->CentreOf(NumberArg(row2, i, op, "Row2"), NumberArg(column2, i, op, "Column2"));
-    cv::line(w->canvas, cv::Point(int(std::lround(a.x)), int(std::lround(a.y))),
-             cv::Point(int(std::lround(b.x)), int(std::lround(b.y))),
+    // Clip in 64 bits first: OpenCV's fixed-point line drawing overflows on
+    // far-away end points.
+    const int m = Thickness(*w) + 1;
+    cv::Point2l p(RoundInt(a.x) + m, RoundInt(a.y) + m), q(RoundInt(b.x) + m, RoundInt(b.y) + m);
+    if (!cv::clipLine(cv::Size2l(w->Width() + 2 * m, w->Height() + 2 * m), p, q)) continue;
+    cv::line(w->canvas, cv::Point(int(p.x - m), int(p.y - m)), cv::Point(int(q.x - m), int(q.y - m)),
              ScalarOf(w->colors[size_t(i) % w->colors.size()]), Thickness(*w), cv::LINE_8);
   }
 }
@@ -550,8 +572,8 @@ void write_string(const HTuple& window_handle, const HTuple& string) {
   std::string text;
   for (Hlong i = 0; i < string.Length(); ++i) text += ElementText(string, i);
   // The cursor is the top left corner of the text cell, in image coordinates.
-  const int top = int(std::lround((w->trow - w->pr1) * w->ScaleY()));
-  const int left = int(std::lround((w->tcol - w->pc1) * w->ScaleX()));
+  const int top = RoundInt((w->trow - w->pr1) * w->ScaleY());
+  const int left = RoundInt((w->tcol - w->pc1) * w->ScaleX());
   const Rgba c = w->colors.front();
   cv::Mat& canvas = w->canvas;
   f.Render(text, top, left, [&](int y, int x, uint8_t cov) {

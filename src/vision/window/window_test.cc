@@ -177,6 +177,16 @@ TEST(Window, RectanglesAndLines) {
   dump_window_image(&img, w);
   EXPECT_EQ(cv::countNonZero(Lit(img)), 10);
   EXPECT_EQ(Pixel(img, 9, 9), cv::Vec3b(255, 255, 255));
+  // Far-away coordinates are clipped, not turned into billions of runs.
+  clear_window(w);
+  disp_line(w, -1e12, -1e12, 1e12, 1e12);
+  dump_window_image(&img, w);
+  EXPECT_EQ(cv::countNonZero(Lit(img)), 10);
+  disp_rectangle1(w, -1e12, -1e12, 1e12, 1e12);
+  dump_window_image(&img, w);
+  EXPECT_EQ(cv::countNonZero(Lit(img)), 100);
+  set_part(w, 0, 0, 1e12, 1e12);
+  disp_rectangle1(w, 0, 0, 1e11, 1e11);
 }
 
 TEST(Window, FontNamesParseInEveryForm) {
