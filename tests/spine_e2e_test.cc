@@ -260,6 +260,27 @@ TEST(AddinLifecycle, SecondInstanceEndsSilently) {
   ExpectServing(third, "a restart");
 }
 
+// A port folder others can enter is refused: the add-in says so and fails,
+// rather than pass for a second instance.
+TEST(AddinLifecycle, UnsafePortFolderIsAnError) {
+  char tmpl[] = "/tmp/velmora-e2e-unsafe-XXXXXX";
+  ASSERT_NE(mkdtemp(tmpl), nullptr);
+  const std::string runtime = tmpl;
+  std::filesystem::create_directories(runtime + "/velmora");
+  std::filesystem::permissions(runtime + "/velmora", std::filesystem::perms::owner_all |
+                                                         std::filesystem::perms::group_read |
+                                                         std::filesystem::perms::group_exec);
+  {
+    AddinProcess addin({.wait_for_port = false, .runtime_dir = runtime});
+    const auto status = addin.WaitExit(10);
+    ASSERT_TRUE(status.has_value());
+    EXPECT_TRUE(WIFEXITED(*status));
+    EXPECT_EQ(WEXITSTATUS(*status), 1);
+    EXPECT_NE(addin.Stderr().find("not a private folder"), std::string::npos) << addin.Stderr();
+  }
+  std::filesystem::remove_all(runtime);
+}
+
 TEST(AddinLifecycle, StatusItemOnlyWithExactlyMetaAlt) {
   struct Case {
     const char* modifiers;

@@ -22,6 +22,7 @@
 #include <cstring>
 
 #include "app/vision_presence.h"
+#include "decode/decode_image.h"
 #include "messaging/local_port.h"
 #include "messaging/log.h"
 #include "messaging/message_port.h"
@@ -111,11 +112,20 @@ bool AppDelegate::init() {
   // instance: the second covers two instances starting at the same moment.
   const bool marker_answers = SendPortRequest(kInstanceMarkerPortName, 0, nullptr, 0,
                                              PortSendOptions{.want_reply = false}, nullptr) == kPortSuccess;
-  if (!marker_answers) marker_ = LocalPort::Create(kInstanceMarkerPortName, nullptr);
+  LocalPort::Error error = LocalPort::Error::kNameTaken;
+  if (!marker_answers) marker_ = LocalPort::Create(kInstanceMarkerPortName, nullptr, &error);
   another_instance_ = marker_answers || !marker_;
   // In every case, as the original: when another instance owns the name this
   // simply fails and leaves that instance's port alone.
   initMessagePort(kRequestPortName);
+  if (error == LocalPort::Error::kUnusable) {
+    // Not another instance: without a usable port folder nobody can reach us.
+    Log("cannot register port \"%s\": the port folder %s is not a private folder of this user",
+        kInstanceMarkerPortName, PortDirectoryLocation().c_str());
+    start_exit_code_ = 1;
+  } else if (!another_instance_ && !messagePortIsOpen()) {
+    Log("cannot register the request port \"%s\"", kRequestPortName);
+  }
   return !another_instance_;
 }
 
@@ -199,7 +209,7 @@ std::optional<std::vector<uint8_t>> AppDelegate::ocrFilteredImage(const archive:
 
 archive::ObjectPtr AppDelegate::decodeImage(const archive::ObjectPtr& image,
                                             const archive::ObjectPtr& attribute) {
-  return nullptr;  // service hook
+  return ::velmora::decodeImage(image, attribute, isHalconFrameworkExist());
 }
 
 void AppDelegate::terminate() {

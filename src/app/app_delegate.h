@@ -40,8 +40,10 @@ class AppDelegate {
 
   // Start: registers as the shared delegate, takes the single-instance marker
   // and opens the request port. Returns false when another instance runs; the
-  // process must then end at once, silently.
+  // process must then end at once with startExitCode(): 0, silently, when
+  // another instance runs; 1 when the port folder is unusable (logged).
   bool init();
+  int startExitCode() const { return start_exit_code_; }
   // Launch: status item, SIGTERM handler, launch log line. Needs the
   // QApplication.
   void applicationDidFinishLaunching();
@@ -93,6 +95,7 @@ class AppDelegate {
   void installTestHooks();
 
   bool another_instance_ = false;
+  int start_exit_code_ = 0;
   bool terminating_ = false;
   std::unique_ptr<QMenu> menu_;
   UniqueFd signal_read_;

@@ -13,7 +13,7 @@ int main(int argc, char** argv) {
   QApplication::setQuitOnLastWindowClosed(false);  // windows come and go; the add-in stays
 
   velmora::AppDelegate delegate;
-  if (!delegate.init()) return 0;  // another instance runs
+  if (!delegate.init()) return delegate.startExitCode();  // another instance runs, or no port folder
   QObject::connect(&app, &QCoreApplication::aboutToQuit, [&delegate] { delegate.applicationWillTerminate(); });
   delegate.applicationDidFinishLaunching();
   return QApplication::exec();

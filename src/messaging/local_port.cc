@@ -39,14 +39,20 @@ void LocalPort::NotifierDeleter::operator()(QSocketNotifier* n) const {
   n->deleteLater();
 }
 
-std::unique_ptr<LocalPort> LocalPort::Create(const std::string& name, Callback callback) {
+std::unique_ptr<LocalPort> LocalPort::Create(const std::string& name, Callback callback, Error* error) {
+  Error ignored;
+  Error& why = error ? *error : ignored;
+  why = Error::kUnusable;
   const std::string lock_path = PortPath(name, ".lock", true);
   const std::string socket_path = PortPath(name, ".sock", true);
   if (lock_path.empty() || socket_path.empty()) return nullptr;
 
   UniqueFd lock(::open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
   if (!lock.valid()) return nullptr;
-  if (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) return nullptr;  // the name is taken
+  if (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+    if (errno == EWOULDBLOCK) why = Error::kNameTaken;
+    return nullptr;
+  }
 
   // Holding the lock makes us the owner: whatever socket file is left belongs
   // to a process that has died.
@@ -62,6 +68,7 @@ std::unique_ptr<LocalPort> LocalPort::Create(const std::string& name, Callback c
     return nullptr;
   }
 
+  why = Error::kNone;
   std::unique_ptr<LocalPort> port(new LocalPort(name, std::move(callback)));
   port->socket_path_ = socket_path;
   port->lock_fd_ = std::move(lock);

@@ -28,7 +28,9 @@ class LocalPort {
   // Registers `name` for this process. Null when another process (or this one)
   // holds the name, or the port folder is unusable. A null callback makes a port
   // that only marks the name: requests are read and answered with "no reply".
-  static std::unique_ptr<LocalPort> Create(const std::string& name, Callback callback);
+  enum class Error { kNone, kNameTaken, kUnusable };
+  static std::unique_ptr<LocalPort> Create(const std::string& name, Callback callback,
+                                           Error* error = nullptr);
 
   // Unregisters the name: the socket file is removed while the lock is still
   // held, so a new owner never loses its fresh socket to our cleanup.

@@ -18,10 +18,13 @@
 
 namespace velmora {
 
-std::string PortDirectory(bool create) {
+std::string PortDirectoryLocation() {
   const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-  const std::string dir = (runtime && *runtime) ? std::string(runtime) + "/velmora"
-                                                : "/tmp/velmora-" + std::to_string(geteuid());
+  return (runtime && *runtime) ? std::string(runtime) + "/velmora" : "/tmp/velmora-" + std::to_string(geteuid());
+}
+
+std::string PortDirectory(bool create) {
+  const std::string dir = PortDirectoryLocation();
   if (create && ::mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) return {};
   struct stat st {};
   // lstat: a symlink planted in /tmp must not redirect our sockets elsewhere.

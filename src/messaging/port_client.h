@@ -45,6 +45,8 @@ constexpr int32_t FourCharCode(const char (&code)[5]) {
 // Empty when the folder is unusable: not a real folder, owned by another user,
 // or accessible to group or others.
 std::string PortDirectory(bool create);
+// Where the port folder is looked for, whether usable or not (for messages).
+std::string PortDirectoryLocation();
 
 // Path of `<name><suffix>` in the port folder; empty when the name is unusable
 // (empty, contains '/', or too long for a socket address) or there is no folder.
