@@ -234,6 +234,11 @@ void LocalPort::finish(std::unique_ptr<Connection> c) {
     return;
   }
   wire::PutU32(header + 8, static_cast<uint32_t>(length));
+  if (length > portio::kLargeTransfer) {
+    // On Unix stream sockets the sender's buffer bounds what is in flight.
+    const int size = portio::kLargeSocketBuffer;
+    ::setsockopt(c->fd.get(), SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
+  }
   // The client is waiting for this, so a blocking write is short; a client
   // that stops reading is given up after the send timeout.
   const portio::Deadline deadline(kSendTimeoutSeconds);

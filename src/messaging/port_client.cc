@@ -157,6 +157,11 @@ int32_t SendPortRequest(const std::string& name, int32_t msgid, const void* byte
     return kPortTransportError;
   }
 
+  if (length > portio::kLargeTransfer) {
+    // Fewer, larger hand-overs to the server for big payloads.
+    const int size = portio::kLargeSocketBuffer;
+    ::setsockopt(fd.get(), SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
+  }
   uint8_t header[wire::kRequestHeaderSize];
   std::memcpy(header, wire::kRequestMagic, 4);
   wire::PutU32(header + 4, static_cast<uint32_t>(msgid));

@@ -5,6 +5,10 @@
 
 namespace velmora::portio {
 
+// Above this many bytes a transfer asks for larger socket buffers.
+inline constexpr size_t kLargeTransfer = 1 << 20;
+inline constexpr int kLargeSocketBuffer = 4 << 20;
+
 class Deadline {
  public:
   explicit Deadline(double seconds);
