@@ -79,13 +79,16 @@ std::vector<int> DiscRows(const HTuple& radius, const char* op) {
 Region DilateDisc(const Region& r, const std::vector<int>& half) {
   if (r.Empty()) return r;
   const int k = int(half.size() / 2);
-  std::vector<Run> runs;
-  runs.reserve(r.Runs().size() * half.size());
-  for (int dr = -k; dr <= k; ++dr) {
-    int w = half[size_t(dr + k)];
-    for (const Run& x : r.Runs()) runs.push_back({x.row + dr, x.cb - w, x.ce + w});
+  // Union of the region's rows widened by each disc row, merged pairwise.
+  std::vector<Region> parts;
+  for (int dr = -k; dr <= k; ++dr) parts.push_back(ShiftRows(GrowRuns(r, half[size_t(dr + k)], half[size_t(dr + k)]), dr));
+  while (parts.size() > 1) {
+    std::vector<Region> next;
+    for (size_t i = 0; i + 1 < parts.size(); i += 2) next.push_back(parts[i].Union(parts[i + 1]));
+    if (parts.size() % 2) next.push_back(std::move(parts.back()));
+    parts = std::move(next);
   }
-  return Region::FromRuns(std::move(runs));
+  return std::move(parts[0]);
 }
 
 Region ErodeDisc(const Region& r, const std::vector<int>& half) {

@@ -166,12 +166,16 @@ Region ShiftRows(const Region& r, int dr) { return dr == 0 ? r : r.Translated(dr
 Region GrowRuns(const Region& r, int left, int right) {
   std::vector<Run> runs;
   runs.reserve(r.Runs().size());
+  const bool grows = left > 0 || right > 0;
   for (const Run& x : r.Runs()) {
     int64_t a = int64_t(x.cb) - left, b = int64_t(x.ce) + right;
-    if (a <= b) runs.push_back({x.row, int(a), int(b)});
+    if (a > b) continue;
+    // Equal shifts keep the runs sorted; grown runs of a row may now touch.
+    if (grows && !runs.empty() && runs.back().row == x.row && a <= int64_t(runs.back().ce) + 1)
+      runs.back().ce = std::max(runs.back().ce, int(b));
+    else
+      runs.push_back({x.row, int(a), int(b)});
   }
-  // Growing may make runs of a row touch; shrinking keeps them sorted.
-  if (left > 0 || right > 0) return Region::FromRuns(std::move(runs));
   return Region::FromSortedRuns(std::move(runs));
 }
 
