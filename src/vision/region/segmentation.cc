@@ -2,7 +2,9 @@
 // gray-value statistics in regions.
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <numeric>
+#include <type_traits>
 
 #include "vision/region/features.h"
 #include "vision/region/region_ops.h"
@@ -61,9 +63,41 @@ void ThresholdRow(const std::vector<const T*>& rows, int row, int cb, int ce, do
   }
 }
 
+// One channel: compare in the pixel type itself, with the limits rounded
+// inward for integer types, so the inner loop stays free of conversions.
+template <class T>
+void ThresholdRow1(const T* p, int row, int cb, int ce, T lo, T hi, std::vector<Run>* out) {
+  int c = cb;
+  while (c <= ce) {
+    while (c <= ce && !(p[c] >= lo && p[c] <= hi)) ++c;
+    if (c > ce) break;
+    int s = c;
+    while (c <= ce && p[c] >= lo && p[c] <= hi) ++c;
+    out->push_back({row, s, c - 1});
+  }
+}
+
 template <class T>
 Region ThresholdImage(const Image& img, const Region& dom, double lo, double hi) {
   std::vector<Run> runs;
+  if (img.planes.size() == 1) {
+    T tlo, thi;
+    if constexpr (std::is_integral_v<T>) {
+      double l = std::ceil(lo), h = std::floor(hi);
+      if (l > h || h < double(std::numeric_limits<T>::min()) || l > double(std::numeric_limits<T>::max()))
+        return Region();
+      tlo = T(std::max(l, double(std::numeric_limits<T>::min())));
+      thi = T(std::min(h, double(std::numeric_limits<T>::max())));
+    } else {
+      tlo = T(lo);
+      thi = T(hi);
+      // Limits that do not survive the narrowing keep the exact comparison.
+      if (double(tlo) != lo || double(thi) != hi) goto general;
+    }
+    for (const Run& x : dom.Runs()) ThresholdRow1<T>(img.planes[0].ptr<T>(x.row), x.row, x.cb, x.ce, tlo, thi, &runs);
+    return Region::FromSortedRuns(std::move(runs));
+  }
+general:
   std::vector<const T*> rows(img.planes.size());
   for (const Run& x : dom.Runs()) {
     for (size_t k = 0; k < img.planes.size(); ++k) rows[k] = img.planes[k].ptr<T>(x.row);
