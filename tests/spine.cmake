@@ -5,4 +5,8 @@ if(TARGET VelmoraAddin AND TARGET velmora_client AND TARGET archive)
     SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/spine_e2e_test.cc
     LIBS velmora_client archive)
   add_dependencies(spine_e2e_tests VelmoraAddin)
+  if(TARGET velmora)
+    target_compile_definitions(spine_e2e_tests PRIVATE VELMORA_CLI_PATH="$<TARGET_FILE:velmora>")
+    add_dependencies(spine_e2e_tests velmora)
+  endif()
 endif()
