@@ -160,11 +160,12 @@ cv::Mat Render(const cv::Mat& modules, bool linear, const RenderParams& p) {
   cv::Matx33d rz(std::cos(az), -std::sin(az), 0, std::sin(az), std::cos(az), 0, 0, 0, 1);
   cv::Matx33d r = rz * ry * rx;
   double cx = p.center_x * p.canvas_w * ss, cy = p.center_y * p.canvas_h * ss;
-  std::array<cv::Point2f, 4> src{cv::Point2f(0, 0), cv::Point2f(float(sym.cols), 0),
-                                 cv::Point2f(float(sym.cols), float(sym.rows)), cv::Point2f(0, float(sym.rows))};
+  // Outer pixel edges of the module image (pixel centres lie at integers).
+  const float x0 = -0.5f, y0 = -0.5f, x1 = float(sym.cols) - 0.5f, y1 = float(sym.rows) - 0.5f;
+  std::array<cv::Point2f, 4> src{cv::Point2f(x0, y0), cv::Point2f(x1, y0), cv::Point2f(x1, y1), cv::Point2f(x0, y1)};
   std::array<cv::Point2f, 4> dst;
   for (int i = 0; i < 4; ++i) {
-    cv::Vec3d pt((src[i].x / sym.cols - 0.5) * w * ss, (src[i].y / sym.rows - 0.5) * h * ss, 0);
+    cv::Vec3d pt(((src[i].x + 0.5) / sym.cols - 0.5) * w * ss, ((src[i].y + 0.5) / sym.rows - 0.5) * h * ss, 0);
     cv::Vec3d c = r * pt;
     double z = c[2] + f;
     dst[i] = cv::Point2f(float(f * c[0] / z + cx), float(f * c[1] / z + cy));

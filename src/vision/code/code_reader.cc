@@ -136,6 +136,31 @@ double QuadContrast(const cv::Mat& gray, const std::array<cv::Point2d, 4>& q) {
   return hi - lo;
 }
 
+// Light symbols on a dark ground have a darker margin than interior. Decoders
+// may read either polarity whatever the preparation, so the polarity is
+// measured on the input. Returns -1 when the outline is too small to tell.
+int MeasuredInversion(const cv::Mat& gray, const std::array<cv::Point2d, 4>& q) {
+  cv::Point2d c = (q[0] + q[1] + q[2] + q[3]) * 0.25;
+  auto scaled = [&](double f) {
+    std::vector<cv::Point> pts;
+    for (const auto& p : q) pts.emplace_back(cv::Point(int(std::lround(c.x + (p.x - c.x) * f)), int(std::lround(c.y + (p.y - c.y) * f))));
+    return pts;
+  };
+  auto outer = scaled(1.3);
+  cv::Rect box = cv::boundingRect(outer) & cv::Rect(0, 0, gray.cols, gray.rows);
+  if (box.area() < 64 || cv::contourArea(scaled(1.0)) < 64) return -1;
+  cv::Mat in(box.size(), CV_8U, cv::Scalar(0)), ring(box.size(), CV_8U, cv::Scalar(0));
+  auto fill = [&](cv::Mat& m, std::vector<cv::Point> pts, int v) {
+    for (auto& p : pts) p -= box.tl();
+    cv::fillConvexPoly(m, pts, cv::Scalar(v));
+  };
+  fill(in, scaled(0.85), 255);
+  fill(ring, outer, 255);
+  fill(ring, scaled(1.08), 0);
+  if (cv::countNonZero(in) == 0 || cv::countNonZero(ring) == 0) return -1;
+  return cv::mean(gray(box), ring)[0] < cv::mean(gray(box), in)[0] ? 1 : 0;
+}
+
 cv::Point2d Apply(const cv::Matx33d& m, double x, double y) {
   cv::Vec3d p = m * cv::Vec3d(x, y, 1);
   return {p[0] / p[2], p[1] / p[2]};
@@ -326,6 +351,12 @@ std::vector<Found> ReadCodes(const cv::Mat& gray, const ReadRequest& req) {
       if (dup) continue;
       f.variant = idx;
       f.contrast = QuadContrast(gray, f.corners);
+      if (!linear) {
+        int inv = MeasuredInversion(gray, f.corners);
+        if (inv >= 0) f.inverted = inv == 1;
+        if ((req.polarity == Polarity::DarkOnLight && f.inverted) || (req.polarity == Polarity::LightOnDark && !f.inverted))
+          continue;
+      }
       found.push_back(std::move(f));
     }
   };

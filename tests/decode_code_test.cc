@@ -1,0 +1,258 @@
+// The data-code and bar-code operators on generated symbol images.
+#include <gtest/gtest.h>
+
+#include <opencv2/imgproc.hpp>
+
+#include "decode/symbol_gen.h"
+#include "vision/code/bar_code.h"
+#include "vision/code/data_code_2d.h"
+
+namespace vision {
+namespace {
+
+using velmora::symgen::Kind;
+using velmora::symgen::RenderParams;
+
+HObject Gray(const cv::Mat& m) { return HObject(Image::FromPlanes(PixelType::Byte, {m.clone()})); }
+
+cv::Mat Symbol(Kind kind, const std::string& text, RenderParams p = {}) {
+  cv::Mat modules = velmora::symgen::SymbolModules(kind, text);
+  EXPECT_FALSE(modules.empty()) << text;
+  return velmora::symgen::Render(modules, velmora::symgen::IsLinear(kind), p);
+}
+
+const char* TypeOf(Kind k) {
+  return k == Kind::DataMatrix ? "Data Matrix ECC 200" : k == Kind::QR ? "QR Code" : "Micro QR Code";
+}
+
+// Train then read, as the reading service does; returns the strings and the
+// model's outlines of the reading pass.
+HTuple TrainAndRead(const HObject& img, const char* type, HObject* outlines = nullptr, HTuple* model = nullptr) {
+  HTuple h, handles, strings;
+  HObject xlds;
+  create_data_code_2d_model(type, "default_parameters", "standard_recognition", &h);
+  find_data_code_2d(img, &xlds, h, "train", "all", &handles, &strings);
+  find_data_code_2d(img, &xlds, h, HTuple(), HTuple(), &handles, &strings);
+  if (outlines) *outlines = xlds;
+  if (model) *model = h; else clear_data_code_2d_model(h);
+  return strings;
+}
+
+TEST(DataCode2d, ReadsEachTypeWithItsOutline) {
+  struct Case { Kind kind; const char* text; RenderParams p; };
+  RenderParams rotated;  rotated.angle_deg = 33; rotated.module_px = 5;
+  RenderParams small;    small.module_px = 2.2; small.blur_sigma = 0.6;
+  RenderParams faint;    faint.dark = 120; faint.light = 170; faint.noise_sigma = 3;
+  RenderParams skewed;   skewed.tilt_x_deg = 25; skewed.tilt_y_deg = -20; skewed.angle_deg = 70;
+  RenderParams edge;     edge.center_x = 0.12; edge.quiet_modules = 1; edge.module_px = 6;
+  const Case cases[] = {
+      {Kind::DataMatrix, "LOT 4711-A", {}}, {Kind::DataMatrix, "rotated 33", rotated},
+      {Kind::DataMatrix, "small modules", small}, {Kind::DataMatrix, "faint", faint},
+      {Kind::DataMatrix, "skewed 25 deg", skewed}, {Kind::QR, "https://example.org/p?id=42", {}},
+      {Kind::QR, "small QR modules", small}, {Kind::QR, "faint QR", faint}, {Kind::QR, "skewed QR", skewed},
+      {Kind::QR, "touching the edge", edge}, {Kind::MicroQR, "12345", {}}, {Kind::MicroQR, "MQR42", faint},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.text);
+    cv::Mat g = Symbol(c.kind, c.text, c.p);
+    HObject outlines;
+    HTuple s = TrainAndRead(Gray(g), TypeOf(c.kind), &outlines);
+    ASSERT_EQ(s.Length(), 1);
+    EXPECT_EQ(s.S(0), c.text);
+    ASSERT_EQ(outlines.Count(), 1);
+    // The outline lies where the symbol was drawn.
+    const Region& r = outlines.RegionAt(0);
+    int cx = int(c.p.center_x * g.cols), cy = int(c.p.center_y * g.rows);
+    EXPECT_TRUE(r.Contains(cy, cx));
+    EXPECT_GT(r.Area(), 100);
+    EXPECT_LT(r.Area(), int64_t(g.total()) / 2);
+  }
+}
+
+// Two symbols side by side on one canvas.
+cv::Mat TwoSymbols(Kind a, const std::string& ta, Kind b, const std::string& tb) {
+  RenderParams p;
+  p.canvas_w = 320;
+  p.module_px = 5;
+  cv::Mat out;
+  cv::hconcat(Symbol(a, ta, p), Symbol(b, tb, p), out);
+  return out;
+}
+
+TEST(DataCode2d, ModelReadsOnlyItsOwnType) {
+  cv::Mat g = TwoSymbols(Kind::QR, "the QR", Kind::DataMatrix, "the DM");
+  HTuple qr = TrainAndRead(Gray(g), "QR Code");
+  ASSERT_EQ(qr.Length(), 1);
+  EXPECT_EQ(qr.S(0), "the QR");
+  HTuple dm = TrainAndRead(Gray(g), "Data Matrix ECC 200");
+  ASSERT_EQ(dm.Length(), 1);
+  EXPECT_EQ(dm.S(0), "the DM");
+  EXPECT_EQ(TrainAndRead(Gray(g), "Micro QR Code").Length(), 0);
+
+  // With "stop_after_result_num" 0 both symbols of one type are reported.
+  cv::Mat two = TwoSymbols(Kind::QR, "left", Kind::QR, "right");
+  HTuple h, handles, strings;
+  HObject xlds;
+  create_data_code_2d_model("QR Code", HTuple(), HTuple(), &h);
+  find_data_code_2d(Gray(two), &xlds, h, "stop_after_result_num", 0, &handles, &strings);
+  EXPECT_EQ(strings.Length(), 2);
+  EXPECT_EQ(xlds.Count(), 2);
+  EXPECT_EQ(handles.Length(), 2);
+  clear_data_code_2d_model(h);
+}
+
+TEST(DataCode2d, TrainingRecordsPolarityAndMirroring) {
+  RenderParams inv;
+  inv.invert = true;
+  RenderParams mir;
+  mir.mirror = true;
+  struct Case { const char* text; RenderParams p; const char* polarity; const char* mirrored; };
+  const Case cases[] = {{"plain", {}, "dark_on_light", "no"},
+                        {"inverted", inv, "light_on_dark", "no"},
+                        {"mirrored", mir, "dark_on_light", "yes"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.text);
+    HObject img = Gray(Symbol(Kind::DataMatrix, c.text, c.p));
+    HTuple h, v;
+    HTuple s = TrainAndRead(img, "Data Matrix ECC 200", nullptr, &h);
+    ASSERT_EQ(s.Length(), 1);
+    EXPECT_EQ(s.S(0), c.text);
+    get_data_code_2d_param(h, HTuple{"polarity", "mirrored", "trained_preprocessing"}, &v);
+    EXPECT_EQ(v.S(0), c.polarity);
+    EXPECT_EQ(v.S(1), c.mirrored);
+    EXPECT_FALSE(v.S(2).empty());
+    clear_data_code_2d_model(h);
+  }
+  // Without training, a model restricted to dark symbols does not read a light one.
+  HTuple h, handles, strings;
+  HObject xlds;
+  create_data_code_2d_model("Data Matrix ECC 200", "polarity", "dark_on_light", &h);
+  find_data_code_2d(Gray(Symbol(Kind::DataMatrix, "inverted", inv)), &xlds, h, HTuple(), HTuple(), &handles, &strings);
+  EXPECT_EQ(strings.Length(), 0);
+  set_data_code_2d_param(h, "polarity", "any");
+  find_data_code_2d(Gray(Symbol(Kind::DataMatrix, "inverted", inv)), &xlds, h, HTuple(), HTuple(), &handles, &strings);
+  EXPECT_EQ(strings.Length(), 1);
+  clear_data_code_2d_model(h);
+}
+
+TEST(DataCode2d, BadInputRaisesAndOddImagesReadNothing) {
+  EXPECT_THROW(create_data_code_2d_model("Aztec Code", HTuple(), HTuple(), nullptr), HException);
+  HTuple h, handles, strings;
+  HObject xlds;
+  create_data_code_2d_model("QR Code", HTuple(), HTuple(), &h);
+  EXPECT_THROW(set_data_code_2d_param(h, "polarity", "sideways"), HException);
+  EXPECT_THROW(set_data_code_2d_param(h, "no_such_param", 1), HException);
+  EXPECT_THROW(find_data_code_2d(HObject(), &xlds, h, HTuple(), HTuple(), &handles, &strings), HException);
+  EXPECT_THROW(find_data_code_2d(HObject(Region::Rectangle(0, 0, 9, 9)), &xlds, h, HTuple(), HTuple(), &handles, &strings),
+               HException);
+  cv::Mat real(20, 20, CV_32F, cv::Scalar(1));
+  EXPECT_THROW(find_data_code_2d(HObject(Image::FromPlanes(PixelType::Real, {real})), &xlds, h, HTuple(), HTuple(),
+                                 &handles, &strings),
+               HException);
+  // Tiny, blank and noisy images: no symbol, and no false one.
+  cv::Mat noise(480, 640, CV_8U);
+  cv::RNG(7).fill(noise, cv::RNG::UNIFORM, 0, 256);
+  for (const cv::Mat& m : {cv::Mat(1, 1, CV_8U, cv::Scalar(0)), cv::Mat(3000, 4000, CV_8U, cv::Scalar(200)), noise}) {
+    find_data_code_2d(Gray(m), &xlds, h, "train", "all", &handles, &strings);
+    EXPECT_EQ(strings.Length(), 0);
+    EXPECT_EQ(xlds.Count(), 0);
+  }
+  clear_data_code_2d_model(h);
+  EXPECT_THROW(find_data_code_2d(Gray(noise), &xlds, h, HTuple(), HTuple(), &handles, &strings), HException);
+}
+
+TEST(BarCode, TrainsOnCode39AndReadsEveryLinearType) {
+  struct Case { Kind kind; std::string encode, expect; };
+  const Case cases[] = {{Kind::Code39, "PART-0815", "PART-0815"}, {Kind::Code128, "Lot 12/ab", "Lot 12/ab"},
+                        {Kind::EAN13, "400638133393", "4006381333931"}, {Kind::Codabar, "A40156B", "40156"},
+                        {Kind::Code93, "CODE93", "CODE93"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.expect);
+    RenderParams p;
+    p.module_px = 2.5;
+    p.angle_deg = 3;
+    HObject img = Gray(Symbol(c.kind, c.encode, p));
+    HTuple h, names, values, strings;
+    HObject regions;
+    create_bar_code_model("train", "all", &h);
+    set_bar_code_param(h, "quiet_zone", 1);
+    find_bar_code(img, &regions, h, "Code 39", &strings);
+    query_bar_code_params(h, "trained_general", &names);
+    get_bar_code_param(h, names, &values);
+    EXPECT_EQ(values.Length(), names.Length());
+    if (c.kind == Kind::Code39) {
+      // Training measured the symbol: its narrow bar width and orientation.
+      ASSERT_GT(names.Length(), 0);
+      HTuple size, orient;
+      get_bar_code_param(h, HTuple{"element_size_min", "element_size_max"}, &size);
+      EXPECT_LT(size.D(0), p.module_px);
+      EXPECT_GT(size.D(1), p.module_px);
+      get_bar_code_param(h, "orientation", &orient);
+      EXPECT_LT(std::abs(orient.D(0)), 10);
+    } else {
+      EXPECT_EQ(names.Length(), 0);  // nothing of the wrong type was trained
+    }
+    set_bar_code_param(h, "train", "~all");
+    find_bar_code(img, &regions, h, "auto", &strings);
+    ASSERT_EQ(strings.Length(), 1);
+    EXPECT_EQ(strings.S(0), c.expect);
+    EXPECT_EQ(regions.Count(), 1);
+    // The wrong code type asked: nothing.
+    find_bar_code(img, &regions, h, c.kind == Kind::EAN13 ? "Code 128" : "EAN-13", &strings);
+    EXPECT_EQ(strings.Length(), 0);
+    clear_bar_code_model(h);
+  }
+}
+
+TEST(BarCode, TrainingMeasuresOrientation) {
+  RenderParams p;
+  p.module_px = 2.5;
+  p.angle_deg = 90;
+  HTuple h, strings, orient;
+  HObject regions;
+  create_bar_code_model("train", "all", &h);
+  find_bar_code(Gray(Symbol(Kind::Code39, "UPRIGHT", p)), &regions, h, "Code 39", &strings);
+  ASSERT_EQ(strings.Length(), 1);
+  EXPECT_EQ(strings.S(0), "UPRIGHT");
+  get_bar_code_param(h, "orientation", &orient);
+  EXPECT_NEAR(std::abs(orient.D(0)), 90, 10);
+  clear_bar_code_model(h);
+}
+
+TEST(BarCode, QuietZoneAndParameters) {
+  // A dark stripe six modules beside the code: quiet_zone 10 refuses it,
+  // quiet_zone 1 does not.
+  RenderParams p;
+  p.module_px = 3;
+  p.quiet_modules = 10;
+  cv::Mat g = Symbol(Kind::Code128, "QZ-TEST", p);
+  cv::Mat modules = velmora::symgen::SymbolModules(Kind::Code128, "QZ-TEST");
+  int half = int(modules.cols * p.module_px / 2);
+  int x = g.cols / 2 - half - int(6 * p.module_px);
+  cv::rectangle(g, cv::Rect(x - 2, g.rows / 2 - 60, 3, 120), cv::Scalar(p.dark), cv::FILLED);
+  HTuple h, strings;
+  HObject regions;
+  create_bar_code_model(HTuple(), HTuple(), &h);
+  set_bar_code_param(h, "quiet_zone", 1);
+  find_bar_code(Gray(g), &regions, h, "Code 128", &strings);
+  ASSERT_EQ(strings.Length(), 1);
+  set_bar_code_param(h, "quiet_zone", "true");
+  find_bar_code(Gray(g), &regions, h, "Code 128", &strings);
+  EXPECT_EQ(strings.Length(), 0);
+  set_bar_code_param(h, "quiet_zone", "false");
+  HTuple q;
+  get_bar_code_param(h, "quiet_zone", &q);
+  EXPECT_EQ(q.L(0), 0);
+  EXPECT_THROW(set_bar_code_param(h, "quiet_zone", "maybe"), HException);
+  EXPECT_THROW(find_bar_code(Gray(g), &regions, h, "Code 1000", &strings), HException);
+  // Random noise never reads as a bar code.
+  cv::Mat noise(480, 640, CV_8U);
+  cv::RNG(11).fill(noise, cv::RNG::UNIFORM, 0, 256);
+  find_bar_code(Gray(noise), &regions, h, "auto", &strings);
+  EXPECT_EQ(strings.Length(), 0);
+  clear_bar_code_model(h);
+  EXPECT_THROW(clear_bar_code_model(h), HException);
+}
+
+}  // namespace
+}  // namespace vision
