@@ -26,7 +26,7 @@ std::vector<Family> MakeFamilies() {
   const std::string upper = "ABCDEFGHIJKLMNOPQRSTUVWXYZ";
   const std::string lower = "abcdefghijklmnopqrstuvwxyz";
   std::vector<Family> f;
-  f.push_back({"Industrial", digits, upper, "-/:+",
+  f.push_back({"Industrial", digits, upper, "-+:",
                {{P(kDejaVu, "DejaVuSans.ttf")}, {P(kDejaVu, "DejaVuSans-Bold.ttf")},
                 {P(kLiberation, "LiberationSans-Regular.ttf")},
                 {P(kLiberation, "LiberationSans-Bold.ttf")}, {P(kFree, "FreeSans.ttf")},
@@ -36,7 +36,7 @@ std::vector<Family> MakeFamilies() {
                 {P(kDejaVu, "DejaVuSansCondensed.ttf")}, {P(kNoto, "NotoSansMono-Regular.ttf")}},
                {{P(kUrw, "NimbusSans-Bold.otf")}, {P(kFree, "FreeSansBold.ttf")},
                 {P(kDejaVu, "DejaVuSansMono-Bold.ttf")}}});
-  f.push_back({"Document", digits, upper + lower, "-/:+",
+  f.push_back({"Document", digits, upper + lower, "-+:",
                {{P(kDejaVu, "DejaVuSerif.ttf")}, {P(kLiberation, "LiberationSerif-Regular.ttf")},
                 {P(kUrw, "NimbusRoman-Regular.otf")}, {P(kUrw, "C059-Roman.otf")},
                 {P(kDejaVu, "DejaVuSans.ttf")}, {P(kLiberation, "LiberationSans-Regular.ttf")},
@@ -44,7 +44,7 @@ std::vector<Family> MakeFamilies() {
                 {P(kDejaVu, "DejaVuSerif-Bold.ttf")}, {P(kUrw, "NimbusSans-Regular.otf")}},
                {{P(kFree, "FreeSerif.ttf")}, {P(kUrw, "P052-Roman.otf")},
                 {P(kLiberation, "LiberationSans-Bold.ttf")}}});
-  f.push_back({"DotPrint", digits, upper, "-/:+",
+  f.push_back({"DotPrint", digits, upper, "-+:",
                {{P(kDejaVu, "DejaVuSansMono-Bold.ttf"), 5, 7},
                 {P(kDejaVu, "DejaVuSansMono-Bold.ttf"), 7, 9},
                 {P(kLiberation, "LiberationMono-Bold.ttf"), 5, 7},
@@ -52,12 +52,12 @@ std::vector<Family> MakeFamilies() {
                 {P(kNoto, "NotoSansMono-Bold.ttf"), 5, 7}},
                {{P(kFree, "FreeMonoBold.ttf"), 5, 7},
                 {P(kLiberation, "LiberationMono-Bold.ttf"), 7, 9}}});
-  f.push_back({"OCRA", digits, upper, "-/:+",
+  f.push_back({"OCRA", digits, upper, "-+:",
                {{"/usr/share/fonts/truetype/ocr-a/OCRA.ttf"},
                 {"/usr/share/fonts/truetype/ocr-a/OCRABold.ttf"},
                 {"/usr/share/fonts/truetype/ocr-a/OCRACondensed.ttf"}},
                {{"/usr/share/fonts/truetype/ocr-a/OCRA.ttf"}}});
-  f.push_back({"OCRB", digits, upper, "-/:+",
+  f.push_back({"OCRB", digits, upper, "-+:",
                {{"/usr/share/fonts/opentype/ocr-b/OCRB.otf"},
                 {"/usr/share/fonts/opentype/ocr-b/OCRBL.otf"},
                 {"/usr/share/fonts/opentype/ocr-b/OCRBS.otf"}},
@@ -79,9 +79,9 @@ struct GradeParams {
 
 GradeParams ParamsOf(Grade g) {
   switch (g) {
-    case Grade::Clean: return {150, 210, 0.3, 0.7, 0, 3, 10, 0.0, 0.0, 0};
-    case Grade::Moderate: return {90, 170, 0.6, 1.2, 3, 8, 35, 1.5, 0.3, 1};
-    case Grade::Hard: return {55, 100, 1.0, 1.7, 6, 13, 60, 3.0, 0.4, 2};
+    case Grade::Clean: return {150, 210, 0.3, 0.7, 0.3, 0.8, 5, 0.0, 0.0, 0};
+    case Grade::Moderate: return {90, 170, 0.6, 1.2, 0.8, 1.5, 8, 1.5, 0.3, 1};
+    case Grade::Hard: return {55, 100, 1.0, 1.7, 2.0, 4.0, 35, 3.0, 0.4, 2};
   }
   return {};
 }
@@ -204,13 +204,15 @@ Marking MarkingRenderer::Render(const std::string& text, const Face& face, int c
   const GradeParams gp = ParamsOf(grade);
   const int ss = 2;  // supersampling, so stroke changes can be half a pixel
   const int h2 = char_height * ss;
-  const int margin = h2;
-  // Ink at 2x: float 0..1, generous canvas, cropped later by the margins.
-  const double tracking = U(rng, 0.08, 0.18) * h2;
+  // Glyphs are laid out first, then framed with margins of a fraction of the
+  // character height (the host sends crops around the marking); the frame
+  // grows with the tilt so that turned text stays inside.
+  const double tilt = gp.tilt_deg > 0 ? U(rng, -gp.tilt_deg, gp.tilt_deg) : 0.0;
+  const double tracking = U(rng, 0.12, 0.22) * h2;
   std::vector<cv::Rect> boxes;
   std::vector<std::pair<cv::Mat, cv::Point>> blits;
-  int pen = margin;
-  const int baseline = margin + h2;
+  int pen = 0;
+  const int baseline = 2 * h2;
   if (face.IsDotMatrix()) {
     const double pitch = double(h2) / (face.dot_rows - 1);
     const double dot_d = pitch * U(rng, 1.0, 1.2);
@@ -250,7 +252,15 @@ Marking MarkingRenderer::Render(const std::string& text, const Face& face, int c
       pen += a + int(tracking);
     }
   }
-  const int width = pen + margin, height = baseline + margin + h2 / 2;
+  cv::Rect all;
+  for (const auto& b : boxes) all = all.area() ? (all | b) : b;
+  const int margin_h = int(h2 * U(rng, 0.35, 0.8));
+  const int margin_v = int(h2 * U(rng, 0.35, 0.8) +
+                           std::abs(std::sin(tilt * CV_PI / 180)) * all.width / 2);
+  const cv::Point shift(margin_h - all.x, margin_v - all.y);
+  for (auto& b : boxes) b += shift;
+  for (auto& bl : blits) bl.second += shift;
+  const int width = all.width + 2 * margin_h, height = all.height + 2 * margin_v;
   cv::Mat ink = cv::Mat::zeros(height, width, CV_8U);
   for (auto& [g, at] : blits) {
     cv::Rect r(at, g.size());
@@ -265,9 +275,8 @@ Marking MarkingRenderer::Render(const std::string& text, const Face& face, int c
     if (steps > 0) cv::dilate(ink, ink, k, cv::Point(-1, -1), steps);
     if (steps < 0) cv::erode(ink, ink, k, cv::Point(-1, -1), -steps);
   }
-  // Slight tilt around the text centre; the boxes follow their corners.
-  const double tilt = gp.tilt_deg > 0 ? U(rng, -gp.tilt_deg, gp.tilt_deg) : 0.0;
-  cv::Mat rot = cv::getRotationMatrix2D(cv::Point2f(width / 2.f, baseline - h2 / 2.f), tilt, 1.0);
+  // Slight tilt around the centre; the boxes follow their corners.
+  cv::Mat rot = cv::getRotationMatrix2D(cv::Point2f(width / 2.f, height / 2.f), tilt, 1.0);
   if (tilt != 0.0) cv::warpAffine(ink, ink, rot, ink.size(), cv::INTER_LINEAR);
   cv::Mat small;
   cv::resize(ink, small, cv::Size(width / ss, height / ss), 0, 0, cv::INTER_AREA);

@@ -1,0 +1,206 @@
+#include "ocr/ocr_image.h"
+
+#include <cstring>
+
+#include "messaging/log.h"
+#include "ocr/ocr_fonts.h"
+#include "imaging/halcon_utility.h"
+#include "ocr/ocr_segment.h"
+#include "vision/ocr/ocr_mlp.h"
+#include "vision/region/region_ops.h"
+
+namespace velmora {
+
+using vision::HObject;
+using vision::HTuple;
+
+namespace {
+
+constexpr const char* kMethodName = "-[AppDelegate ocrImage:attribute:]";
+
+// Maps a rectangle of the stretched image back to the unstretched one; only
+// the columns change.
+Rect UnstretchRect(Rect r, double w, double h, float stretch) {
+  const double src_w = w * double(stretch), src_h = h;
+  const int rw = r.right - r.left, rh = r.bottom - r.top;
+  if (!(src_w > 0 && src_h > 0 && w > 0 && h > 0 && rw > 0 && rh > 0)) return r;
+  const float f = float(w / src_w);
+  const int left = int(float(r.left) * f);
+  const int width = int(float(rw) * f);
+  r.left = int16_t(left);
+  r.right = int16_t(left + width);
+  return r;
+}
+
+// One pass (segmentation and classification) into `record`; false when the
+// pass produced no text.
+bool RunPass(const HObject& image, double w, double h, int pass, const OcrSettings& s,
+             const HTuple classifiers[3], const OcrClassifyFn& classify, OcrTextRecord* record) {
+  OcrPassParams p;
+  p.width = w;
+  p.height = h;
+  p.angle = pass * 180.0;
+  p.stretch = s.stretch;
+  p.black_level = s.black_level;
+  p.expected_count = s.expected_count;
+  const OcrLineSegmentation seg = SegmentOcrLine(image, p);
+
+  std::vector<std::string> texts;
+  HObject ho_Collected;
+  vision::gen_empty_region(&ho_Collected);
+  HTuple hv_Count;
+  vision::count_obj(seg.characters, &hv_Count);
+  for (long j = 1; j <= hv_Count.L(); ++j) {
+    const FormatRule rule = FormatRuleAt(s.format, size_t(j - 1), s.format_flag);
+    HObject ho_Char;
+    vision::select_obj(seg.characters, &ho_Char, HTuple(j));
+    Rect rect;
+    HRegion2Rect(ho_Char, &rect);
+    const int cw = rect.right - rect.left, ch = rect.bottom - rect.top;
+    if (cw < 1 || ch < 1) {
+      Log("Region invalid [%d]%d %d ", int(j), cw, ch);
+      continue;
+    }
+    HTuple hv_Class, hv_Conf;
+    classify(ho_Char, seg.smoothed, classifiers[rule.slot], HTuple(s.num), &hv_Class, &hv_Conf);
+    std::vector<Candidate> cands = BuildCandidates(rule, hv_Class, hv_Conf);
+    texts.push_back(cands.front().klass);
+    if (s.stretch != 1.0f) rect = UnstretchRect(rect, w, h, s.stretch);
+    record->rects.push_back(rect);
+    if (cands.size() > 5) cands.resize(5);
+    record->candidates.push_back(std::move(cands));
+    HObject ho_Next;
+    vision::concat_obj(ho_Collected, ho_Char, &ho_Next);
+    ho_Collected = ho_Next;
+  }
+  if (texts.empty()) return false;
+  // The text is assembled in a 256-byte buffer: longer texts are cut.
+  char buf[256] = {};
+  size_t used = 0;
+  for (const auto& t : texts) {
+    const size_t n = std::min(t.size(), sizeof(buf) - 1 - used);
+    std::memcpy(buf + used, t.data(), n);
+    used += n;
+  }
+  for (size_t i = 0; i < used; ++i)
+    if (static_cast<unsigned char>(buf[i]) == 0x80) buf[i] = '_';
+  const size_t len = std::strlen(buf);
+  if (len == 0) return false;
+  for (size_t i = 0; i < len; ++i)
+    if (static_cast<unsigned char>(buf[i]) > 0x7f) return false;  // not ASCII
+  record->text.assign(buf, len);
+  record->angle = pass * 180;
+  return true;
+}
+
+}  // namespace
+
+OcrSettings ReadOcrSettings(const archive::ObjectPtr& attribute) {
+  OcrSettings s;
+  if (!attribute) {
+    s.font_name = "Industrial";
+    return s;
+  }
+  s.font_name = archive::ReadString(attribute, "fontName");
+  s.procedure = archive::ReadInt(attribute, "ocr_proc");
+  if (auto f = archive::ReadString(attribute, "format_string")) s.format = *f;
+  const bool by_number = archive::ReadBool(attribute, "recognize_by_number");
+  s.num = s.procedure == 1 ? 10 : 1;
+  if (s.procedure == 1) {
+    s.format_flag = archive::ReadBool(attribute, "recognize_by_format");
+    if (by_number) s.expected_count = archive::ReadInt(attribute, "number_of_letters");
+  } else if (s.procedure == 0) {
+    s.reverse = archive::ReadBool(attribute, "check_reverse");
+    if (by_number) {
+      // Only the expected text's length counts, in characters as the platform's
+      // strings count them (UTF-16 units; ASCII texts are bytes).
+      const auto m = archive::ReadString(attribute, "match_string");
+      long units = 0;
+      if (m)
+        for (unsigned char c : *m) {
+          if ((c & 0xc0) != 0x80) units += (c >= 0xf0) ? 2 : 1;
+        }
+      s.expected_count = units;
+    }
+  }
+  s.stretch = archive::ReadFloat(attribute, "stretch_width_level", 1.0f);
+  s.black_level = archive::ReadInt(attribute, "black_level");
+  return s;
+}
+
+std::vector<OcrTextRecord> RecognizeText(const HObject& image, double width, double height,
+                                         const OcrSettings& settings,
+                                         const OcrClassifyFn& classify) {
+  const OcrClassifyFn fn = classify ? classify : OcrClassifyFn(vision::do_ocr_single_class_mlp);
+  std::vector<OcrTextRecord> records;
+  HTuple classifiers[3];
+  try {
+    readOCRFont(settings.font_name, classifiers);
+    for (int pass = 0; pass < (settings.reverse ? 2 : 1); ++pass) {
+      OcrTextRecord r;
+      if (RunPass(image, width, height, pass, settings, classifiers, fn, &r))
+        records.push_back(std::move(r));
+    }
+    for (auto& c : classifiers) vision::clear_ocr_class_mlp(c);
+  } catch (const vision::HException& e) {
+    Log("%s exception:%s", kMethodName, e.ErrorMessage().c_str());
+  }
+  return records;
+}
+
+archive::ObjectPtr TextRecordObject(const OcrTextRecord& r) {
+  auto d = archive::MakeDictionary();
+  d->is_mutable = true;
+  d->Set("ocr_text", archive::MakeString(r.text));
+  auto rects = archive::MakeArray();
+  rects->is_mutable = true;
+  for (const Rect& rc : r.rects) {
+    const int16_t v[4] = {rc.top, rc.left, rc.bottom, rc.right};
+    std::vector<uint8_t> bytes(8);
+    std::memcpy(bytes.data(), v, 8);  // host byte order, as the host reads it
+    rects->items.push_back(archive::MakeData(std::move(bytes)));
+  }
+  d->Set("ocr_rect", rects);
+  auto confs = archive::MakeArray();
+  confs->is_mutable = true;
+  for (const auto& list : r.candidates) {
+    auto a = archive::MakeArray();
+    a->is_mutable = true;
+    for (const auto& c : list) {
+      auto cd = archive::MakeDictionary();
+      cd->is_mutable = true;
+      cd->Set("class", archive::MakeString(c.klass));
+      cd->Set("confidence", archive::MakeDouble(c.confidence));
+      a->items.push_back(cd);
+    }
+    confs->items.push_back(a);
+  }
+  d->Set("ocr_confidences", confs);
+  d->Set("ocr_angle", archive::MakeInt32(r.angle));
+  return d;
+}
+
+archive::ObjectPtr ocrImage(const archive::ObjectPtr& image, const archive::ObjectPtr& attribute,
+                            bool visionPresent) {
+  if (!visionPresent) {
+    auto empty = archive::MakeArray();
+    empty->is_mutable = true;
+    return empty;
+  }
+  HObject ho_Image;
+  NSImage2HImage(image, &ho_Image);
+  // The nominal size, which may differ from the bitmap's pixel size.
+  double w = 0, h = 0;
+  if (auto img = archive::AsImage(image)) {
+    w = img->size().width;
+    h = img->size().height;
+  }
+  const auto records = RecognizeText(ho_Image, w, h, ReadOcrSettings(attribute));
+  if (records.empty()) return nullptr;
+  auto out = archive::MakeArray();
+  out->is_mutable = true;
+  for (const auto& r : records) out->items.push_back(TextRecordObject(r));
+  return out;
+}
+
+}  // namespace velmora

@@ -1,0 +1,334 @@
+#include "ocr/ocr_image.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+
+#include <gtest/gtest.h>
+#include <opencv2/imgproc.hpp>
+
+#include "ocr/ocr_fonts.h"
+#include "vision/ocr/ocr_mlp.h"
+
+namespace velmora {
+namespace {
+
+using vision::HObject;
+using vision::HTuple;
+namespace fs = std::filesystem;
+
+// Dark text on a light ground, in Hershey strokes thick enough to segment.
+cv::Mat TextImage(cv::Size size, const std::vector<std::pair<std::string, cv::Point>>& lines,
+                  double scale = 1.6) {
+  cv::Mat m(size, CV_8U, cv::Scalar(215));
+  for (const auto& [text, at] : lines)
+    cv::putText(m, text, at, cv::FONT_HERSHEY_SIMPLEX, scale, cv::Scalar(25), 4, cv::LINE_AA);
+  return m;
+}
+
+HObject ToHObject(const cv::Mat& gray) {
+  return HObject(vision::Image::FromPlanes(vision::PixelType::Byte, {gray, gray, gray}));
+}
+
+// A font folder whose three Industrial files have the classes "F", "D" and
+// "L" first, so that a fake classifier can tell which slot it was given.
+class OcrImageTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir_ = fs::temp_directory_path() / ("ocr_image_test_" + std::to_string(::getpid()));
+    fs::create_directories(dir_ / "ocr");
+    const std::pair<const char*, std::vector<std::string>> files[] = {
+        {"Industrial_NoRej.omc", {"F", "0"}},
+        {"Industrial_0-9_NoRej.omc", {"D", "1"}},
+        {"Industrial_A-Z+_NoRej.omc", {"L", "M"}},
+    };
+    for (const auto& [name, classes] : files) {
+      HTuple h;
+      vision::create_ocr_class_mlp(HTuple(8), HTuple(10), HTuple("constant"), HTuple("default"),
+                                   HTuple::Strings(classes), HTuple(4), HTuple("none"), HTuple(10),
+                                   HTuple(1), &h);
+      vision::write_ocr_class_mlp(h, HTuple((dir_ / "ocr" / name).string()));
+    }
+    setenv("VELMORA_VISION_DIR", dir_.c_str(), 1);
+  }
+  void TearDown() override { fs::remove_all(dir_); }
+
+  // Answers with a list chosen per slot, so that format rules can be observed.
+  static void Fake(const HObject&, const HObject&, const HTuple& handle, const HTuple& num,
+                   HTuple* klass, HTuple* conf) {
+    HTuple w, h, interp, feat, chars, hidden, prep, comp;
+    vision::get_params_ocr_class_mlp(handle, &w, &h, &interp, &feat, &chars, &hidden, &prep, &comp);
+    const std::string slot = chars.S(0);
+    const std::vector<std::string> answer =
+        slot == "F" ? std::vector<std::string>{"F", "7", "-", "x", "y", "z", "q"}
+        : slot == "D" ? std::vector<std::string>{"5", "6"}
+                      : std::vector<std::string>{"Q", "/", "R"};
+    klass->Clear();
+    conf->Clear();
+    for (size_t i = 0; i < answer.size() && long(i) < num.L(); ++i) {
+      klass->Append(HTuple(answer[i]));
+      conf->Append(HTuple(0.9 / double(i + 1)));
+    }
+  }
+
+  fs::path dir_;
+};
+
+TEST_F(OcrImageTest, FormatRulesChooseSlotsFiltersAndLiterals) {
+  const cv::Mat img = TextImage({420, 120}, {{"AB1CD", {30, 80}}});
+  struct Case {
+    const char* format;
+    long procedure;
+    bool by_format;
+    std::string text;
+  };
+  const Case cases[] = {
+      {"", 0, false, "FFFFF"},
+      {"$$-$$", 0, false, "55-55"},   // procedure 0 always applies the format
+      {"?+@#$", 0, false, "Q/QF5"},
+      {"$$-$$", 1, true, "55-55"},
+      {"$$-$$", 1, false, "FFFFF"},   // without the flag: full font, no literal
+  };
+  for (const auto& c : cases) {
+    OcrSettings s;
+    s.font_name = "Industrial";
+    s.format = c.format;
+    s.procedure = c.procedure;
+    s.format_flag = c.procedure == 0 || c.by_format;
+    s.num = c.procedure == 1 ? 10 : 1;
+    const auto recs = RecognizeText(ToHObject(img), img.cols, img.rows, s, Fake);
+    ASSERT_EQ(recs.size(), 1u) << c.format;
+    EXPECT_EQ(recs[0].text, c.text) << c.format << " procedure " << c.procedure;
+    ASSERT_EQ(recs[0].candidates.size(), 5u);
+  }
+  // Procedure 1 asks for 10 candidates; the record keeps 5, best first.
+  OcrSettings s;
+  s.font_name = "Industrial";
+  s.procedure = 1;
+  s.num = 10;
+  s.format_flag = false;
+  const auto recs = RecognizeText(ToHObject(img), img.cols, img.rows, s, Fake);
+  ASSERT_EQ(recs.size(), 1u);
+  ASSERT_EQ(recs[0].candidates[0].size(), 5u);
+  EXPECT_EQ(recs[0].candidates[0][4].klass, "y");
+  // With format "$$-$$", position 3 is "-" at confidence 1.0.
+  s.procedure = 0;
+  s.num = 1;
+  s.format_flag = true;
+  s.format = "$$-$$";
+  const auto lit = RecognizeText(ToHObject(img), img.cols, img.rows, s, Fake);
+  EXPECT_EQ(lit[0].candidates[2][0].confidence, 1.0);
+}
+
+TEST_F(OcrImageTest, ReadsOnlyTheTallestLineLeftToRight) {
+  const cv::Mat img = TextImage({480, 260}, {{"ABCDEF", {20, 60}}}, 1.0);
+  cv::Mat both = img.clone();
+  cv::putText(both, "XYZ", {40, 200}, cv::FONT_HERSHEY_SIMPLEX, 2.2, cv::Scalar(25), 5, cv::LINE_AA);
+  OcrSettings s;
+  s.font_name = "Industrial";
+  const auto recs = RecognizeText(ToHObject(both), both.cols, both.rows, s, Fake);
+  ASSERT_EQ(recs.size(), 1u);
+  ASSERT_EQ(recs[0].rects.size(), 3u);
+  for (size_t i = 0; i < 3; ++i) {
+    EXPECT_GT(recs[0].rects[i].top, 120) << "a character of the small line was read";
+    if (i) EXPECT_GT(recs[0].rects[i].left, recs[0].rects[i - 1].right);
+  }
+}
+
+TEST_F(OcrImageTest, CountCorrectionCutsOnlyWhenTheCountDiffers) {
+  const cv::Mat img = TextImage({520, 120}, {{"ABCDEF", {30, 80}}});
+  struct Case {
+    long expected;
+    size_t found;
+  };
+  for (const Case c : {Case{0, 6}, Case{6, 6}, Case{3, 3}}) {
+    OcrSettings s;
+    s.font_name = "Industrial";
+    s.expected_count = c.expected;
+    const auto recs = RecognizeText(ToHObject(img), img.cols, img.rows, s, Fake);
+    ASSERT_EQ(recs.size(), 1u);
+    EXPECT_EQ(recs[0].rects.size(), c.found) << "expected count " << c.expected;
+  }
+}
+
+TEST_F(OcrImageTest, ReversedPassReadsTheImageTurned) {
+  // Text near the left edge: the turned pass sees it near the right edge.
+  const cv::Mat img = TextImage({500, 120}, {{"ABC", {10, 80}}});
+  OcrSettings s;
+  s.font_name = "Industrial";
+  s.reverse = true;
+  const auto recs = RecognizeText(ToHObject(img), img.cols, img.rows, s, Fake);
+  ASSERT_EQ(recs.size(), 2u);
+  EXPECT_EQ(recs[0].angle, 0);
+  EXPECT_EQ(recs[1].angle, 180);
+  ASSERT_EQ(recs[1].rects.size(), 3u);
+  EXPECT_LT(recs[0].rects[0].left, 40);
+  EXPECT_GT(recs[1].rects[0].left, 380);
+  // The turned pass's first character is the original's last, mirrored.
+  EXPECT_NEAR(recs[1].rects[0].left, img.cols - 1 - recs[0].rects[2].right, 2);
+  EXPECT_NEAR(recs[1].rects[0].top, img.rows - 1 - recs[0].rects[2].bottom, 2);
+}
+
+TEST_F(OcrImageTest, StretchedRectanglesMapBackToTheImage) {
+  const cv::Mat img = TextImage({420, 120}, {{"AB1CD", {30, 80}}});
+  OcrSettings plain, wide;
+  plain.font_name = wide.font_name = "Industrial";
+  wide.stretch = 2.0f;
+  const auto a = RecognizeText(ToHObject(img), img.cols, img.rows, plain, Fake);
+  const auto b = RecognizeText(ToHObject(img), img.cols, img.rows, wide, Fake);
+  ASSERT_EQ(a.size(), 1u);
+  ASSERT_EQ(b.size(), 1u);
+  ASSERT_EQ(a[0].rects.size(), b[0].rects.size());
+  for (size_t i = 0; i < a[0].rects.size(); ++i) {
+    EXPECT_NEAR(a[0].rects[i].left, b[0].rects[i].left, 2);
+    EXPECT_NEAR(a[0].rects[i].right, b[0].rects[i].right, 2);
+    EXPECT_EQ(a[0].rects[i].top, b[0].rects[i].top);
+  }
+}
+
+TEST_F(OcrImageTest, FailuresAreLoggedAndEndTheRun) {
+  const cv::Mat img = TextImage({420, 120}, {{"AB1CD", {30, 80}}});
+  struct Case {
+    std::optional<std::string> font;
+    bool logged;
+  };
+  const Case cases[] = {{std::nullopt, true}, {"industrial", true}, {"NoSuchFont", true}};
+  for (const auto& c : cases) {
+    OcrSettings s;
+    s.font_name = c.font;
+    testing::internal::CaptureStderr();
+    const auto recs = RecognizeText(ToHObject(img), img.cols, img.rows, s);
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_TRUE(recs.empty());
+    EXPECT_NE(log.find("-[AppDelegate ocrImage:attribute:] exception:"), std::string::npos) << log;
+  }
+  // A blank image has no character: nothing is classified, nothing logged.
+  const cv::Mat blank(120, 300, CV_8U, cv::Scalar(200));
+  OcrSettings s;
+  testing::internal::CaptureStderr();
+  EXPECT_TRUE(RecognizeText(ToHObject(blank), blank.cols, blank.rows, s).empty());
+  EXPECT_EQ(testing::internal::GetCapturedStderr().find("exception"), std::string::npos);
+  // A font file that is missing fails the load.
+  fs::remove(dir_ / "ocr" / "Industrial_0-9_NoRej.omc");
+  s.font_name = "Industrial";
+  testing::internal::CaptureStderr();
+  EXPECT_TRUE(RecognizeText(ToHObject(img), img.cols, img.rows, s, Fake).empty());
+  EXPECT_NE(testing::internal::GetCapturedStderr().find("exception:"), std::string::npos);
+}
+
+TEST(OcrSettings, ReadFromTheAttributeDictionary) {
+  const OcrSettings nil = ReadOcrSettings(nullptr);
+  EXPECT_EQ(nil.font_name, "Industrial");
+  EXPECT_EQ(nil.num, 1);
+  EXPECT_TRUE(nil.format_flag);
+  EXPECT_FALSE(nil.reverse);
+  EXPECT_EQ(nil.stretch, 1.0f);
+
+  auto d = archive::MakeDictionary();
+  d->Set("ocr_proc", archive::MakeInt32(1));
+  d->Set("check_reverse", archive::MakeBool(true));
+  d->Set("recognize_by_number", archive::MakeBool(true));
+  d->Set("number_of_letters", archive::MakeInt32(7));
+  d->Set("match_string", archive::MakeString("ABC"));
+  d->Set("black_level", archive::MakeInt32(-3));
+  OcrSettings p1 = ReadOcrSettings(d);
+  EXPECT_FALSE(p1.font_name.has_value());
+  EXPECT_EQ(p1.num, 10);
+  EXPECT_FALSE(p1.format_flag);  // "recognize_by_format" absent
+  EXPECT_FALSE(p1.reverse);      // procedure 1 ignores "check_reverse"
+  EXPECT_EQ(p1.expected_count, 7);
+  EXPECT_EQ(p1.black_level, -3);
+
+  d->Set("ocr_proc", archive::MakeInt32(0));
+  d->Set("recognize_by_format", archive::MakeBool(false));
+  OcrSettings p0 = ReadOcrSettings(d);
+  EXPECT_TRUE(p0.format_flag);
+  EXPECT_TRUE(p0.reverse);
+  EXPECT_EQ(p0.expected_count, 3);  // the length of "match_string"
+  EXPECT_EQ(p0.num, 1);
+
+  d->Set("ocr_proc", archive::MakeInt32(2));
+  OcrSettings p2 = ReadOcrSettings(d);
+  EXPECT_EQ(p2.expected_count, 0);
+  EXPECT_FALSE(p2.reverse);
+
+  d->Set("recognize_by_number", archive::MakeBool(false));
+  d->Set("ocr_proc", archive::MakeInt32(0));
+  EXPECT_EQ(ReadOcrSettings(d).expected_count, 0);
+}
+
+TEST(OcrRecords, LayoutOfTheReply) {
+  OcrTextRecord r;
+  r.text = "A1";
+  r.rects = {{10, 20, 30, 40}, {-1, 300, 2, 301}};
+  r.candidates = {{{"A", 0.75}}, {{"1", 0.5}, {"7", 0.25}}};
+  r.angle = 180;
+  auto d = archive::AsDictionary(TextRecordObject(r));
+  ASSERT_TRUE(d);
+  ASSERT_EQ(d->size(), 4u);
+  const char* keys[] = {"ocr_text", "ocr_rect", "ocr_confidences", "ocr_angle"};
+  for (size_t i = 0; i < 4; ++i) EXPECT_EQ(archive::AsString(d->entries()[i].first)->text, keys[i]);
+  auto rects = archive::AsArray(d->Get("ocr_rect"));
+  ASSERT_EQ(rects->items.size(), 2u);
+  auto second = archive::AsData(rects->items[1]);
+  ASSERT_EQ(second->bytes.size(), 8u);
+  int16_t v[4];
+  std::memcpy(v, second->bytes.data(), 8);
+  EXPECT_EQ(v[0], -1);
+  EXPECT_EQ(v[1], 300);
+  EXPECT_EQ(v[2], 2);
+  EXPECT_EQ(v[3], 301);
+  auto confs = archive::AsArray(d->Get("ocr_confidences"));
+  auto c1 = archive::AsArray(confs->items[1]);
+  ASSERT_EQ(c1->items.size(), 2u);
+  EXPECT_EQ(archive::ReadString(c1->items[1], "class"), "7");
+  EXPECT_EQ(archive::ReadDouble(c1->items[1], "confidence"), 0.25);
+  EXPECT_EQ(archive::ReadInt(d, "ocr_angle"), 180);
+
+  auto absent = archive::AsArray(ocrImage(nullptr, nullptr, false));
+  ASSERT_TRUE(absent);
+  EXPECT_TRUE(absent->items.empty());
+}
+
+TEST(OcrFonts, CatalogueAndFileTable) {
+  auto list = archive::AsArray(installedFonts());
+  ASSERT_EQ(list->items.size(), 4u);
+  const char* names[] = {"Industrial", "Document", "DotPrint", "OCRA"};
+  for (size_t i = 0; i < 4; ++i) {
+    EXPECT_EQ(archive::ReadString(list->items[i], "fontName"), names[i]);
+    EXPECT_TRUE(archive::ReadBool(list->items[i], "has0-9"));
+    EXPECT_TRUE(archive::ReadBool(list->items[i], "hasA-Z"));
+  }
+
+  const fs::path dir = fs::temp_directory_path() / ("ocr_fonts_test_" + std::to_string(::getpid()));
+  fs::create_directories(dir / "ocr");
+  setenv("VELMORA_VISION_DIR", dir.c_str(), 1);
+  HTuple h;
+  vision::create_ocr_class_mlp(HTuple(8), HTuple(10), HTuple("constant"), HTuple("default"),
+                               HTuple::Strings({"A", "B"}), HTuple(4), HTuple("none"), HTuple(10),
+                               HTuple(1), &h);
+  for (const char* f : {"OCRB.omc", "OCRB_0-9.omc", "OCRB_A-Z+.omc", "DotPrint.omc",
+                        "DotPrint_0-9.omc", "DotPrint_A-Z+.omc"})
+    vision::write_ocr_class_mlp(h, HTuple((dir / "ocr" / f).string()));
+  struct Case {
+    std::optional<std::string> name;
+    bool loads, raises;
+  };
+  const Case cases[] = {
+      {"OCRB", true, false},      {"DotPrint", true, false}, {"ocrb", false, false},
+      {std::nullopt, false, false}, {"Industrial", false, true},  // "_NoRej" files are absent
+  };
+  for (const auto& c : cases) {
+    HTuple slots[3];
+    if (c.raises) {
+      EXPECT_THROW(readOCRFont(c.name, slots), vision::HException);
+      continue;
+    }
+    readOCRFont(c.name, slots);
+    for (const auto& s : slots) EXPECT_EQ(s.Length(), c.loads ? 1 : 0) << c.name.value_or("nil");
+  }
+  fs::remove_all(dir);
+}
+
+}  // namespace
+}  // namespace velmora

@@ -1,0 +1,29 @@
+#pragma once
+// The character segmentation of the whole-image recognition service: region of
+// interest, rotation, stretch, emphasis, background flattening, polarity,
+// thresholds, the tallest text line and its characters, and the count
+// correction. The training program cuts its samples with the same function,
+// so the classifiers learn exactly what reading shows them.
+#include "vision/core/object.h"
+#include "vision/core/tuple.h"
+
+namespace velmora {
+
+struct OcrPassParams {
+  double width = 0, height = 0;  // nominal image size (W, H)
+  double angle = 0;              // 0 or 180 degrees
+  float stretch = 1.0f;          // horizontal stretch before reading
+  long black_level = 0;          // threshold maximum = 80 + 10 x black_level
+  long expected_count = 0;       // 0: no count correction
+};
+
+struct OcrLineSegmentation {
+  vision::HObject smoothed;    // the image that is classified (S)
+  vision::HObject characters;  // one region per character, reading order
+  long line_count = 0;         // text lines found before the choice
+};
+
+// Raises vision::HException when an operator refuses its input.
+OcrLineSegmentation SegmentOcrLine(const vision::HObject& image, const OcrPassParams& p);
+
+}  // namespace velmora
