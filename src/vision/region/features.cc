@@ -319,14 +319,9 @@ void region_features(const HObject& regions, const HTuple& features, HTuple* val
   for (const Region& r : detail::RegionsOf(regions, op)) {
     detail::FeatureCache cache(r);
     for (const auto& f : names) {
-      double v = cache.Get(f, op);
-      // Counts and coordinates are integers in the reference.
-      static const char* kInts[] = {"area", "row1", "column1", "row2", "column2", "width",
-                                    "height", "holes_num", "connect_num", "euler_number",
-                                    "area_holes"};
-      bool is_int = std::any_of(std::begin(kInts), std::end(kInts), [&](const char* s) { return f == s; });
-      if (is_int) out.Append(HValue(Hlong(std::llround(v))));
-      else out.Append(HValue(v));
+      // All values are reals, counts and coordinates included, as in the
+      // reference.
+      out.Append(HValue(cache.Get(f, op)));
     }
   }
   *value = std::move(out);

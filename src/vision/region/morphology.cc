@@ -58,7 +58,7 @@ Region ErodeRect(const Region& r, int w, int h) {
 
 void RectSize(const HTuple& width, const HTuple& height, const char* op, int* w, int* h) {
   Hlong ww = ParamInt(width, op, "Width"), hh = ParamInt(height, op, "Height");
-  if (ww < 1 || hh < 1 || ww > (1 << 20) || hh > (1 << 20))
+  if (ww < 1 || hh < 1 || ww > (1 << 16) || hh > (1 << 16))
     throw HException(op, "Wrong size of the structuring rectangle", kErrWrongParamValue);
   *w = int(ww);
   *h = int(hh);

@@ -83,7 +83,8 @@ Region ThresholdImage(const Image& img, const Region& dom, double lo, double hi)
   if (img.planes.size() == 1) {
     T tlo, thi;
     if constexpr (std::is_integral_v<T>) {
-      double l = std::ceil(lo), h = std::floor(hi);
+      // Real limits are truncated for integer images, as in the reference.
+      double l = std::trunc(lo), h = std::trunc(hi);
       if (l > h || h < double(std::numeric_limits<T>::min()) || l > double(std::numeric_limits<T>::max()))
         return Region();
       tlo = T(std::max(l, double(std::numeric_limits<T>::min())));
@@ -117,7 +118,19 @@ void threshold(const HObject& image, HObject* region, const HTuple& min_gray,
   detail::CheckBroadcast(max_gray, n, op, "MaxGray");
   HObject out;
   for (long i = 0; i < image.Count(); ++i) {
-    const Image& img = GrayImage(image, i, op);
+    Image lengths;
+    const Image* src = &image.ImageAt(i, op);
+    if (src->type == PixelType::VectorField && src->planes.size() == 2) {
+      // Vector fields are thresholded by the lengths of their vectors.
+      cv::Mat mag;
+      cv::magnitude(src->planes[0], src->planes[1], mag);
+      lengths = Image::FromPlanes(PixelType::Real, {mag});
+      lengths.domain = src->domain;
+      src = &lengths;
+    }
+    const Image& img = *src;
+    if (img.type == PixelType::VectorField || img.planes.empty())
+      throw HException(op, "Wrong image: no gray values", kErrWrongParamValue);
     Region dom = ValidDomain(img);
     for (Hlong k = 0; k < n; ++k) {
       double lo = ParamDouble(min_gray, op, "MinGray", k), hi = ParamDouble(max_gray, op, "MaxGray", k);

@@ -39,6 +39,14 @@ TEST_F(Segmentation, ThresholdIsInclusiveOverTheDomainForEveryType) {
     threshold(HObject(Image::FromPlanes(c.type, {n})), &reg, HTuple(20 + c.offset), HTuple(60 + c.offset));
     EXPECT_EQ(R(reg), Art({"..##", "###."})) << PixelTypeName(c.type);
   }
+  // Real limits truncate on integer images; vector fields use their lengths.
+  threshold(HObject(ByteImage(m)), &reg, HTuple(20.5), HTuple(40.7));
+  EXPECT_EQ(R(reg).Area(), 3);  // [20, 40]: 20, 30 and 40
+  Image vf = Image::FromPlanes(PixelType::VectorField, {cv::Mat(2, 2, CV_32F, cv::Scalar(3)),
+                                                        cv::Mat(2, 2, CV_32F, cv::Scalar(4))});
+  vf.planes[0].at<float>(1, 1) = 0;
+  threshold(HObject(vf), &reg, HTuple(4.5), HTuple(5.0));
+  EXPECT_EQ(R(reg), Art({"##", "#."}));
   // Several intervals give one region each; an inverted interval is empty.
   threshold(HObject(ByteImage(m)), &reg, HTuple{0, 100, 50}, HTuple{0, 255, 40});
   ASSERT_EQ(reg.Count(), 3);
