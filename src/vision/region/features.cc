@@ -124,6 +124,7 @@ struct FeatureCache::Impl {
     if (h.size() <= 2) return M().area;
     int r1, c1, r2, c2;
     r.BoundingBox(&r1, &c1, &r2, &c2);
+    CheckRasterSize(int64_t(r2) - r1 + 1, int64_t(c2) - c1 + 1);
     cv::Mat mask = cv::Mat::zeros(r2 - r1 + 1, c2 - c1 + 1, CV_8UC1);
     std::vector<cv::Point> pts;
     for (const auto& p : h) pts.emplace_back(int(std::lround(p.x)) - c1, int(std::lround(p.y)) - r1);
@@ -149,6 +150,7 @@ struct FeatureCache::Impl {
     double a = std::sqrt(3.0) * ra / 2.0, b = std::sqrt(3.0) * rb / 2.0;
     double cu = std::cos(phi), su = -std::sin(phi);  // long axis (column, row)
     double ext = std::ceil(std::hypot(a, b)) + 1;
+    CheckRasterSize(int64_t(2 * ext + 1), int64_t(2 * ext + 1));
     int rr1 = int(std::floor(mm.row - ext)), rr2 = int(std::ceil(mm.row + ext));
     int cc1 = int(std::floor(mm.col - ext)), cc2 = int(std::ceil(mm.col + ext));
     double in_both = 0, rect_only = 0;

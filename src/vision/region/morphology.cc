@@ -219,6 +219,7 @@ void distance_transform(const HObject& region, HObject* distance_image, const HT
   Hlong w = ParamInt(width, op, "Width"), h = ParamInt(height, op, "Height");
   if (w < 1 || h < 1 || w > 32768 || h > 32768)
     throw HException(op, "Wrong image size", kErrWrongParamValue);
+  detail::CheckRasterSize(h, w);
   HObject out;
   for (const Region& r : RegionsOf(region, op)) {
     cv::Mat mask = r.ToMask(int(h), int(w));

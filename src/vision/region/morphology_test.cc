@@ -129,5 +129,16 @@ TEST(Morphology, SkeletonIsThinConnectedAndInside) {
   }
 }
 
+TEST(Morphology, SparseHugeRegionsAreRefusedNotRasterised) {
+  Region far = Region::Rectangle(0, 0, 0, 0).Union(Region::Rectangle(100000000, 100000000, 100000000, 100000000));
+  HObject out;
+  EXPECT_THROW(skeleton(HObject(far), &out), HException);
+  HTuple v;
+  EXPECT_THROW(region_features(HObject(far), HTuple("inner_radius"), &v), HException);
+  // Run-based operators handle it.
+  dilation_rectangle1(HObject(far), &out, HTuple(3), HTuple(3));
+  EXPECT_EQ(R(out).Area(), 18);
+}
+
 }  // namespace
 }  // namespace vision

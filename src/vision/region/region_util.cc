@@ -52,6 +52,13 @@ void CheckBroadcast(const HTuple& t, Hlong n, const char* op, const char* name) 
                      kErrWrongParamCount);
 }
 
+void CheckRasterSize(int64_t rows, int64_t cols) {
+  // Sparse regions may span huge boxes; refuse rather than exhaust memory.
+  if (rows * cols > (int64_t(1) << 28))
+    throw HException("", "Region too large to rasterise (" + std::to_string(rows) + " x " +
+                             std::to_string(cols) + ")", kErrNoMemory);
+}
+
 std::vector<Region> RegionsOf(const HObject& obj, const char* op) {
   std::vector<Region> out;
   out.reserve(size_t(obj.Count()));
@@ -246,6 +253,7 @@ std::vector<cv::Point2d> HullPoints(const Region& r) {
 cv::Mat MaskWithMargin(const Region& r, int margin, int* row0, int* col0) {
   int r1, c1, r2, c2;
   r.BoundingBox(&r1, &c1, &r2, &c2);
+  CheckRasterSize(int64_t(r2) - r1 + 1 + 2 * margin, int64_t(c2) - c1 + 1 + 2 * margin);
   *row0 = r1 - margin;
   *col0 = c1 - margin;
   return r.ToMask(r2 - r1 + 1 + 2 * margin, c2 - c1 + 1 + 2 * margin, *row0, *col0);
