@@ -184,6 +184,19 @@ TEST(SortRegion, Modes) {
   }
   HObject sorted;
   EXPECT_THROW(sort_region(list, &sorted, HTuple("diagonal"), HTuple("true"), HTuple("row")), HException);
+
+  // Two text lines: "character" reads line by line, "first_point" by column.
+  HObject lines;
+  for (const Region& r : {Region::Rectangle(0, 10, 5, 12), Region::Rectangle(10, 5, 15, 7),
+                          Region::Rectangle(1, 0, 6, 2)})
+    concat_obj(lines, HObject(r), &lines);
+  HTuple r1, c1, r2, c2;
+  sort_region(lines, &sorted, HTuple("character"), HTuple("true"), HTuple("row"));
+  smallest_rectangle1(sorted, &r1, &c1, &r2, &c2);
+  EXPECT_EQ(c1.ToLVec(), (std::vector<Hlong>{0, 10, 5}));
+  sort_region(lines, &sorted, HTuple("first_point"), HTuple("true"), HTuple("column"));
+  smallest_rectangle1(sorted, &r1, &c1, &r2, &c2);
+  EXPECT_EQ(c1.ToLVec(), (std::vector<Hlong>{0, 5, 10}));
 }
 
 TEST(ObjectLists, SelectCopyConcatCount) {
