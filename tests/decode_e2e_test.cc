@@ -1,0 +1,59 @@
+// Request 111 through the real add-in and its request port.
+#include <gtest/gtest.h>
+
+#include "addin_process.h"
+#include "decode/symbol_gen.h"
+
+namespace velmora {
+namespace {
+
+archive::ObjectPtr PlatformImage(const cv::Mat& g) {
+  archive::RawBitmap bm;
+  bm.width = g.cols;
+  bm.height = g.rows;
+  bm.samples_per_pixel = 3;
+  bm.bits_per_sample = 8;
+  bm.bytes_per_row = size_t(3 * g.cols);
+  bm.data.resize(bm.bytes_per_row * size_t(g.rows));
+  for (int y = 0; y < g.rows; ++y)
+    for (int x = 0; x < g.cols; ++x)
+      for (int k = 0; k < 3; ++k) bm.data[size_t(y) * bm.bytes_per_row + size_t(3 * x + k)] = g.at<uint8_t>(y, x);
+  return archive::MakeImage(bm);
+}
+
+TEST(DecodeRequest, AnswersOverThePort) {
+  testing::AddinProcess addin;
+  auto attr = [](int64_t decode) {
+    auto d = archive::MakeDictionary();
+    d->Set("decode", archive::MakeInt64(decode));
+    return d;
+  };
+  const cv::Mat qr = symgen::MakeSample(symgen::Kind::QR, symgen::Grade::Moderate, 3).gray;
+  const std::string qr_text = symgen::MakeSample(symgen::Kind::QR, symgen::Grade::Moderate, 3).text;
+  const auto c39 = symgen::MakeSample(symgen::Kind::Code39, symgen::Grade::Clean, 5);
+  const cv::Mat blank(480, 640, CV_8U, cv::Scalar(128));
+  struct Case { const char* what; cv::Mat image; archive::ObjectPtr attribute; std::optional<std::string> text; };
+  const Case cases[] = {
+      {"QR", qr, attr(2), qr_text},
+      {"Code 39 without attribute", c39.gray, nullptr, c39.text},
+      {"nothing to read", blank, attr(1), std::nullopt},
+      {"QR asked as Data Matrix", qr, attr(1), std::nullopt},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    std::vector<std::pair<std::string, archive::ObjectPtr>> fields = {{"image", PlatformImage(c.image)}};
+    if (c.attribute) fields.push_back({"attribute", c.attribute});
+    auto reply = addin.Request(RequestDecodeImage, fields);
+    ASSERT_TRUE(reply.has_value());
+    auto dict = archive::AsDictionary(*reply);
+    ASSERT_NE(dict, nullptr);
+    if (c.text) {
+      EXPECT_EQ(archive::ReadString(*reply, "decode_text"), *c.text);
+    } else {
+      EXPECT_TRUE(dict->entries().empty());  // null result: an empty dictionary
+    }
+  }
+}
+
+}  // namespace
+}  // namespace velmora
