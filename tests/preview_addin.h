@@ -83,6 +83,8 @@ class Addin {
   Addin(const Addin&) = delete;
   Addin& operator=(const Addin&) = delete;
 
+  pid_t pid() const { return pid_; }
+
   // One 'data' exchange; nullopt on a transport failure, else the reply
   // (not present when the add-in gave none).
   std::optional<PortReply> Send(const std::vector<uint8_t>& block) {
