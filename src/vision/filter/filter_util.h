@@ -70,11 +70,12 @@ std::vector<const Image*> Images(const HObject& obj, const char* op);
 double TypeMin(PixelType t);
 double TypeMax(PixelType t);
 
-// Writes double values into a plane of the given type: integer types round to
-// nearest (halves away from zero) and clip to their range.
-cv::Mat FromDouble(const cv::Mat& d64, PixelType t);
+// Writes the values of a plane of any depth into a plane of the given type:
+// integer types round to nearest (halves away from zero) and clip to their
+// range; real keeps the values.
+cv::Mat FromDouble(const cv::Mat& values, PixelType t);
 // Same, truncating toward zero as the type conversion operator does.
-cv::Mat FromDoubleTruncate(const cv::Mat& d64, PixelType t);
+cv::Mat FromDoubleTruncate(const cv::Mat& values, PixelType t);
 
 inline cv::Mat ToFloat(const cv::Mat& plane) {
   cv::Mat f;

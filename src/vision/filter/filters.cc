@@ -32,9 +32,10 @@ HObject PerPlane(const HObject& in, const char* op, PixelType (*out_type)(PixelT
 }
 
 cv::Mat MeanPlane(const cv::Mat& p, PixelType t, int mw, int mh) {
-  cv::Mat d = ToDouble(p), m;
-  cv::blur(d, m, cv::Size(mw, mh), cv::Point(-1, -1), kMirror);
-  return t == PixelType::Real ? ToFloat(m) : FromDouble(m, t);
+  // Float sums are exact for masks up to 2^24 / 65535 pixels of 16-bit data.
+  cv::Mat f = ToFloat(p), m;
+  cv::blur(f, m, cv::Size(mw, mh), cv::Point(-1, -1), kMirror);
+  return t == PixelType::Real ? m : FromDouble(m, t);
 }
 
 void MaskSize(const HTuple& mask_width, const HTuple& mask_height, const char* op, int* mw, int* mh) {
@@ -123,9 +124,29 @@ void rgb1_to_gray(const HObject& rgb_image, HObject* gray_image) {
     }
     if (img->planes.size() != 3 && img->planes.size() != 4)
       throw HException(op, "Image must have one or three channels", kErrWrongObject);
-    cv::Mat r = ToDouble(img->planes[0]), g = ToDouble(img->planes[1]), b = ToDouble(img->planes[2]);
-    cv::Mat y = 0.299 * r + 0.587 * g + 0.114 * b;
-    out.Push(Derived(*img, img->type, {img->type == PixelType::Real ? ToFloat(y) : FromDouble(y, img->type)}));
+    cv::Mat y;
+    const bool real = img->type == PixelType::Real;
+    if (img->type == PixelType::Byte) {
+      // Integer weights in thousandths: exact, and halves round up.
+      y.create(img->height, img->width, CV_8U);
+      for (int row = 0; row < img->height; ++row) {
+        const uint8_t *r = img->planes[0].ptr<uint8_t>(row), *g = img->planes[1].ptr<uint8_t>(row),
+                      *b = img->planes[2].ptr<uint8_t>(row);
+        uint8_t* d = y.ptr<uint8_t>(row);
+        for (int c = 0; c < img->width; ++c) d[c] = uint8_t((299 * r[c] + 587 * g[c] + 114 * b[c] + 500) / 1000);
+      }
+      out.Push(Derived(*img, img->type, {y}));
+      continue;
+    }
+    if (real) {
+      // Single precision is exact enough for byte rounding and for real images.
+      cv::Mat r = ToFloat(img->planes[0]), g = ToFloat(img->planes[1]), b = ToFloat(img->planes[2]);
+      y = 0.299f * r + 0.587f * g + 0.114f * b;
+    } else {
+      cv::Mat r = ToDouble(img->planes[0]), g = ToDouble(img->planes[1]), b = ToDouble(img->planes[2]);
+      y = 0.299 * r + 0.587 * g + 0.114 * b;
+    }
+    out.Push(Derived(*img, img->type, {real ? y : FromDouble(y, img->type)}));
   }
   *gray_image = out;
 }
@@ -134,8 +155,12 @@ void scale_image(const HObject& image, HObject* image_scaled, const HTuple& mult
   const char* op = "scale_image";
   const double m = Num(mult, 0, op, "Mult"), a = Num(add, 0, op, "Add");
   *image_scaled = PerPlane(image, op, nullptr, [&](const Image& img, const cv::Mat& p) {
-    cv::Mat d = ToDouble(p) * m + a;
-    return img.type == PixelType::Real ? ToFloat(d) : FromDouble(d, img.type);
+    if (img.type == PixelType::Real) {
+      cv::Mat r;
+      p.convertTo(r, CV_32F, m, a);
+      return r;
+    }
+    return FromDouble(cv::Mat(ToDouble(p) * m + a), img.type);
   });
 }
 
@@ -172,14 +197,15 @@ void emphasize(const HObject& image, HObject* image_emphasize, const HTuple& mas
     if (img.type != PixelType::Byte && img.type != PixelType::Int2 && img.type != PixelType::UInt2)
       throw HException(op, std::string("Image type ") + PixelTypeName(img.type) + " is not supported",
                        kErrWrongObject);
-    cv::Mat orig = ToDouble(p), mean = ToDouble(MeanPlane(p, img.type, mw, mh));
-    cv::Mat diff = (orig - mean) * f;
-    // round() of the difference, halves away from zero, before adding orig.
-    for (int r = 0; r < diff.rows; ++r) {
-      double* d = diff.ptr<double>(r);
-      for (int c = 0; c < diff.cols; ++c) d[c] = std::round(d[c]);
+    cv::Mat orig = ToFloat(p), mean = ToFloat(MeanPlane(p, img.type, mw, mh));
+    cv::Mat res(p.size(), CV_32F);
+    for (int r = 0; r < res.rows; ++r) {
+      const float *o = orig.ptr<float>(r), *m = mean.ptr<float>(r);
+      float* d = res.ptr<float>(r);
+      // round() of the scaled difference, halves away from zero, then + orig.
+      for (int c = 0; c < res.cols; ++c) d[c] = std::round((o[c] - m[c]) * float(f)) + o[c];
     }
-    return FromDouble(diff + orig, img.type);
+    return FromDouble(res, img.type);
   });
 }
 
@@ -350,8 +376,8 @@ void paint_region(const HObject& region, const HObject& image, HObject* image_re
   const std::string& mode = Str(type, 0, op, "Type");
   if (mode != "fill" && mode != "margin")
     throw HException(op, "Wrong value of control parameter Type: '" + mode + "'", kErrWrongParamValue);
-  Region reg;
-  for (long i = 0; i < region.Count(); ++i) reg = reg.Union(region.RegionAt(i, op));
+  Region reg = region.Count() > 0 ? region.RegionAt(0, op) : Region();
+  for (long i = 1; i < region.Count(); ++i) reg = reg.Union(region.RegionAt(i, op));
   if (mode == "margin") reg = InnerBorder(reg);
   HObject out;
   for (const Image* img : Images(image, op)) {
@@ -416,50 +442,52 @@ namespace {
 // boundary. Odd sizes are mirrored to even ones (cv::dct needs even sizes);
 // the mirrored problem has the same solution on the original half.
 cv::Mat PoissonIntegrate(const cv::Mat& gr, const cv::Mat& gc) {
-  const int H = gr.rows, W = gr.cols;
-  cv::Mat div(H, W, CV_64F, cv::Scalar(0));
+  const int H = gr.rows, W = gc.cols;
+  const int EH = H % 2 ? 2 * H : H, EW = W % 2 ? 2 * W : W;
+  // The divergence, written straight into the (possibly mirrored) transform
+  // input. The transforms run in single precision, about 1e-4 of the range.
+  cv::Mat f(EH, EW, CV_32F, cv::Scalar(0));
   for (int r = 0; r < H; ++r) {
     const float* c0 = gc.ptr<float>(r);
-    double* d = div.ptr<double>(r);
+    float* d = f.ptr<float>(r);
     for (int c = 0; c + 1 < W; ++c) {
-      const double p = 0.5 * (double(c0[c]) + c0[c + 1]);
+      const float p = 0.5f * (c0[c] + c0[c + 1]);
       d[c] += p;
       d[c + 1] -= p;
     }
   }
   for (int r = 0; r + 1 < H; ++r) {
     const float *a = gr.ptr<float>(r), *b = gr.ptr<float>(r + 1);
-    double *d0 = div.ptr<double>(r), *d1 = div.ptr<double>(r + 1);
+    float *d0 = f.ptr<float>(r), *d1 = f.ptr<float>(r + 1);
     for (int c = 0; c < W; ++c) {
-      const double p = 0.5 * (double(a[c]) + b[c]);
+      const float p = 0.5f * (a[c] + b[c]);
       d0[c] += p;
       d1[c] -= p;
     }
   }
-  // div is the divergence; L u = div is diagonal in the cosine basis.
-  const int EH = H % 2 ? 2 * H : H, EW = W % 2 ? 2 * W : W;
-  cv::Mat f(EH, EW, CV_64F);
-  for (int r = 0; r < EH; ++r) {
-    const double* s = div.ptr<double>(r < H ? r : 2 * H - 1 - r);
-    double* t = f.ptr<double>(r);
-    for (int c = 0; c < EW; ++c) t[c] = s[c < W ? c : 2 * W - 1 - c];
-  }
+  // L u = div is diagonal in the cosine basis.
+  if (EW != W)
+    for (int r = 0; r < H; ++r) {
+      float* t = f.ptr<float>(r);
+      for (int c = W; c < EW; ++c) t[c] = t[2 * W - 1 - c];
+    }
+  if (EH != H)
+    for (int r = H; r < EH; ++r) f.row(2 * H - 1 - r).copyTo(f.row(r));
   cv::Mat F;
   cv::dct(f, F);
-  std::vector<double> lr(static_cast<size_t>(EH)), lc(static_cast<size_t>(EW));
-  for (int k = 0; k < EH; ++k) lr[size_t(k)] = 2.0 * std::cos(CV_PI * k / EH) - 2.0;
-  for (int k = 0; k < EW; ++k) lc[size_t(k)] = 2.0 * std::cos(CV_PI * k / EW) - 2.0;
+  std::vector<float> lr(static_cast<size_t>(EH)), lc(static_cast<size_t>(EW));
+  for (int k = 0; k < EH; ++k) lr[size_t(k)] = float(2.0 * std::cos(CV_PI * k / EH) - 2.0);
+  for (int k = 0; k < EW; ++k) lc[size_t(k)] = float(2.0 * std::cos(CV_PI * k / EW) - 2.0);
   for (int r = 0; r < EH; ++r) {
-    double* p = F.ptr<double>(r);
+    float* p = F.ptr<float>(r);
     for (int c = 0; c < EW; ++c) {
-      const double l = lr[size_t(r)] + lc[size_t(c)];
-      p[c] = (r == 0 && c == 0) ? 0.0 : p[c] / l;  // the free constant: zero mean
+      const float l = lr[size_t(r)] + lc[size_t(c)];
+      p[c] = (r == 0 && c == 0) ? 0.0f : p[c] / l;  // the free constant: zero mean
     }
   }
   cv::Mat u;
   cv::idct(F, u);
-  cv::Mat out;
-  u(cv::Rect(0, 0, W, H)).convertTo(out, CV_32F);
+  cv::Mat out = u(cv::Rect(0, 0, W, H)).clone();
   // Mirroring keeps the mean of the original half; remove rounding drift.
   out -= cv::mean(out)[0];
   return out;

@@ -39,35 +39,50 @@ double TypeMax(PixelType t) {
 }
 
 namespace {
-template <class Fn>
-cv::Mat MapDouble(const cv::Mat& d64, PixelType t, Fn fn) {
-  CV_Assert(d64.type() == CV_64F);
-  cv::Mat out(d64.size(), PixelTypeCvDepth(t));
-  const double lo = TypeMin(t), hi = TypeMax(t);
-  for (int r = 0; r < d64.rows; ++r) {
-    const double* s = d64.ptr<double>(r);
-    for (int c = 0; c < d64.cols; ++c) {
-      double v = s[c];
-      if (t != PixelType::Real) v = std::clamp(fn(v), lo, hi);
-      switch (t) {
-        case PixelType::Byte: out.ptr<uint8_t>(r)[c] = uint8_t(v); break;
-        case PixelType::UInt2: out.ptr<uint16_t>(r)[c] = uint16_t(v); break;
-        case PixelType::Int2: out.ptr<int16_t>(r)[c] = int16_t(v); break;
-        case PixelType::Int4: out.ptr<int32_t>(r)[c] = int32_t(v); break;
-        default: out.ptr<float>(r)[c] = float(v); break;
-      }
+
+template <class S, class T, bool kRound>
+void ConvertRows(const cv::Mat& src, cv::Mat& dst, double lo, double hi) {
+  for (int r = 0; r < src.rows; ++r) {
+    const S* s = src.ptr<S>(r);
+    T* d = dst.ptr<T>(r);
+    for (int c = 0; c < src.cols; ++c) {
+      double v = kRound ? std::round(double(s[c])) : std::trunc(double(s[c]));
+      v = v < lo ? lo : (v > hi ? hi : v);
+      d[c] = T(v);
     }
+  }
+}
+
+template <class S, bool kRound>
+cv::Mat ConvertFrom(const cv::Mat& src, PixelType t) {
+  cv::Mat out(src.size(), PixelTypeCvDepth(t));
+  const double lo = TypeMin(t), hi = TypeMax(t);
+  switch (t) {
+    case PixelType::Byte: ConvertRows<S, uint8_t, kRound>(src, out, lo, hi); break;
+    case PixelType::UInt2: ConvertRows<S, uint16_t, kRound>(src, out, lo, hi); break;
+    case PixelType::Int2: ConvertRows<S, int16_t, kRound>(src, out, lo, hi); break;
+    case PixelType::Int4: ConvertRows<S, int32_t, kRound>(src, out, lo, hi); break;
+    default: src.convertTo(out, CV_32F); break;
   }
   return out;
 }
+
+template <bool kRound>
+cv::Mat Convert(const cv::Mat& src, PixelType t) {
+  switch (src.depth()) {
+    case CV_64F: return ConvertFrom<double, kRound>(src, t);
+    case CV_32F: return ConvertFrom<float, kRound>(src, t);
+    case CV_8U: return ConvertFrom<uint8_t, kRound>(src, t);
+    case CV_16U: return ConvertFrom<uint16_t, kRound>(src, t);
+    case CV_16S: return ConvertFrom<int16_t, kRound>(src, t);
+    default: return ConvertFrom<int32_t, kRound>(src, t);
+  }
+}
+
 }  // namespace
 
-cv::Mat FromDouble(const cv::Mat& d64, PixelType t) {
-  return MapDouble(d64, t, [](double v) { return std::round(v); });
-}
-cv::Mat FromDoubleTruncate(const cv::Mat& d64, PixelType t) {
-  return MapDouble(d64, t, [](double v) { return std::trunc(v); });
-}
+cv::Mat FromDouble(const cv::Mat& d64, PixelType t) { return Convert<true>(d64, t); }
+cv::Mat FromDoubleTruncate(const cv::Mat& d64, PixelType t) { return Convert<false>(d64, t); }
 
 }  // namespace filter_detail
 
@@ -275,7 +290,7 @@ void convert_image_type(const HObject& image, HObject* image_converted, const HT
       } else if (t == PixelType::Real) {
         planes.push_back(ToFloat(p));
       } else {
-        planes.push_back(FromDoubleTruncate(ToDouble(p), t));
+        planes.push_back(FromDoubleTruncate(p, t));
       }
     }
     out.Push(Derived(*img, t, std::move(planes)));

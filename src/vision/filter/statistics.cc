@@ -19,23 +19,85 @@ const Image& SingleImage(const HObject& image, const char* op) {
 }
 
 // The first channel's values under the region, in run order.
-std::vector<double> Values(const Region& reg, const Image& img) {
+template <class T>
+void Gather(const Region& r, const cv::Mat& p, std::vector<float>* v) {
+  for (const Run& run : r.Runs()) {
+    const T* s = p.ptr<T>(run.row);
+    for (int c = run.cb; c <= run.ce; ++c) v->push_back(float(s[c]));
+  }
+}
+
+std::vector<float> Values(const Region& reg, const Image& img) {
+  const Region r = reg.Clipped(img.height, img.width);
+  std::vector<float> v;
+  v.reserve(size_t(r.Area()));
+  const cv::Mat& p = img.planes[0];
+  switch (img.type) {
+    case PixelType::Byte: Gather<uint8_t>(r, p, &v); break;
+    case PixelType::UInt2: Gather<uint16_t>(r, p, &v); break;
+    case PixelType::Int2: Gather<int16_t>(r, p, &v); break;
+    case PixelType::Int4: {
+      // Single precision would round large int4 values: keep them apart.
+      break;
+    }
+    default: Gather<float>(r, p, &v); break;
+  }
+  return v;
+}
+
+std::vector<double> Int4Values(const Region& reg, const Image& img) {
   const Region r = reg.Clipped(img.height, img.width);
   std::vector<double> v;
   v.reserve(size_t(r.Area()));
-  const cv::Mat& p = img.planes[0];
   for (const Run& run : r.Runs()) {
-    for (int c = run.cb; c <= run.ce; ++c) {
-      switch (img.type) {
-        case PixelType::Byte: v.push_back(p.at<uint8_t>(run.row, c)); break;
-        case PixelType::UInt2: v.push_back(p.at<uint16_t>(run.row, c)); break;
-        case PixelType::Int2: v.push_back(p.at<int16_t>(run.row, c)); break;
-        case PixelType::Int4: v.push_back(p.at<int32_t>(run.row, c)); break;
-        default: v.push_back(p.at<float>(run.row, c)); break;
-      }
-    }
+    const int32_t* s = img.planes[0].ptr<int32_t>(run.row);
+    for (int c = run.cb; c <= run.ce; ++c) v.push_back(s[c]);
   }
   return v;
+}
+
+template <class T>
+void PlainMinMaxOf(const Region& r, const cv::Mat& p, double* lo, double* hi) {
+  if (r.Empty()) return;
+  T mn = p.ptr<T>(r.Runs()[0].row)[r.Runs()[0].cb], mx = mn;
+  for (const Run& run : r.Runs()) {
+    const T* s = p.ptr<T>(run.row);
+    for (int c = run.cb; c <= run.ce; ++c) {
+      mn = s[c] < mn ? s[c] : mn;
+      mx = s[c] > mx ? s[c] : mx;
+    }
+  }
+  *lo = double(mn);
+  *hi = double(mx);
+}
+
+// Percent 0 needs no ranking.
+void PlainMinMax(const Region& reg, const Image& img, double* lo, double* hi) {
+  const Region r = reg.Clipped(img.height, img.width);
+  switch (img.type) {
+    case PixelType::UInt2: PlainMinMaxOf<uint16_t>(r, img.planes[0], lo, hi); break;
+    case PixelType::Int2: PlainMinMaxOf<int16_t>(r, img.planes[0], lo, hi); break;
+    case PixelType::Int4: PlainMinMaxOf<int32_t>(r, img.planes[0], lo, hi); break;
+    default: PlainMinMaxOf<float>(r, img.planes[0], lo, hi); break;
+  }
+}
+
+// Rank selection: skip n values at each end, never crossing the median.
+template <class V>
+void RankMinMax(std::vector<V>& v, double percent, double* lo, double* hi) {
+  if (v.empty()) return;
+  const size_t n = std::min<size_t>(size_t(double(v.size()) * percent / 100.0), (v.size() - 1) / 2);
+  if (n == 0) {
+    const auto [a, b] = std::minmax_element(v.begin(), v.end());
+    *lo = double(*a);
+    *hi = double(*b);
+    return;
+  }
+  std::nth_element(v.begin(), v.begin() + long(n), v.end());
+  *lo = double(v[n]);
+  const size_t k = v.size() - 1 - n;
+  std::nth_element(v.begin() + long(n), v.begin() + long(k), v.end());
+  *hi = double(v[k]);
 }
 
 // Byte images go through a histogram: the n-th value from each end.
@@ -78,17 +140,14 @@ void min_max_gray(const HObject& regions, const HObject& image, const HTuple& pe
     double lo = 0, hi = 0;
     if (img.type == PixelType::Byte) {
       if (!reg.Clipped(img.height, img.width).Empty()) ByteMinMax(reg, img, pc, &lo, &hi);
+    } else if (pc == 0) {
+      PlainMinMax(reg, img, &lo, &hi);
+    } else if (img.type == PixelType::Int4) {
+      std::vector<double> v = Int4Values(reg, img);
+      RankMinMax(v, pc, &lo, &hi);
     } else {
-      std::vector<double> v = Values(reg, img);
-      if (!v.empty()) {
-        // Rank selection: skip n values at each end, never crossing the median.
-        const size_t n = std::min<size_t>(size_t(double(v.size()) * pc / 100.0), (v.size() - 1) / 2);
-        std::nth_element(v.begin(), v.begin() + long(n), v.end());
-        lo = v[n];
-        const size_t k = v.size() - 1 - n;
-        std::nth_element(v.begin() + long(n), v.begin() + long(k), v.end());
-        hi = v[k];
-      }
+      std::vector<float> v = Values(reg, img);
+      RankMinMax(v, pc, &lo, &hi);
     }
     mn.Append(HTuple(lo));
     mx.Append(HTuple(hi));
@@ -104,7 +163,13 @@ void gray_histo(const HObject& regions, const HObject& image, HTuple* absolute_h
   const char* op = "gray_histo";
   const Image& img = SingleImage(image, op);
   if (regions.Count() != 1) throw HException(op, "Exactly one region expected", kErrWrongParamCount);
-  const std::vector<double> v = Values(regions.RegionOrDomainAt(0, op), img);
+  std::vector<double> v;
+  if (img.type == PixelType::Int4) {
+    v = Int4Values(regions.RegionOrDomainAt(0, op), img);
+  } else {
+    const std::vector<float> f = Values(regions.RegionOrDomainAt(0, op), img);
+    v.assign(f.begin(), f.end());
+  }
   std::array<int64_t, 256> h{};
   if (img.type == PixelType::Byte) {
     for (double x : v) ++h[size_t(x)];
