@@ -83,7 +83,14 @@ class Window final : public HandleBase {
   }
   const Font& CurrentFont(const char* op) {
     if (!font) {
-      font = Font::Load(font_name, op);
+      try {
+        font = Font::Load(font_name, op);
+      } catch (const HException&) {
+        // A system without the courier metric clones still has some
+        // monospaced font; only the default may fall back to it.
+        if (font_name != kDefaultFont) throw;
+        font = Font::Load("mono-16", op);
+      }
     }
     return *font;
   }

@@ -1,6 +1,8 @@
 #include "vision/window/window.h"
 
+#include <atomic>
 #include <mutex>
+#include <thread>
 
 #include <gtest/gtest.h>
 #include <opencv2/imgproc.hpp>
@@ -323,6 +325,43 @@ TEST(Window, OnlyVisibleWindowsArePresented) {
   HTuple h;
   EXPECT_THROW(open_window(0, 0, 4, 4, 0, "floating", "", &h), HException);
   EXPECT_THROW(open_window(0, 0, 0, 4, 0, "invisible", "", &h), HException);
+}
+
+}  // namespace
+}  // namespace vision
+
+namespace vision {
+namespace {
+
+struct Counter : WindowPresenter {
+  std::atomic<int> opened{0}, changed{0}, closed{0};
+  void WindowOpened(uint64_t, int, int, int, int) override { ++opened; }
+  void WindowChanged(uint64_t, const cv::Mat&) override { ++changed; }
+  void WindowClosed(uint64_t) override { ++closed; }
+};
+
+TEST(Window, WorkerThreadsDrawWhileThePresenterChanges) {
+  auto counter = std::make_shared<Counter>();
+  SetWindowPresenter(counter);
+  HTuple shared = Open(64, 64, "invisible");
+  std::vector<std::thread> workers;
+  for (int t = 0; t < 4; ++t)
+    workers.emplace_back([&, t] {
+      for (int i = 0; i < 50; ++i) {
+        HTuple w = Open(16, 16, "visible");
+        disp_region(HObject(Region::Rectangle(t, i % 16, t + 2, 15)), w);
+        disp_rectangle1(shared, t * 16, i, t * 16 + 3, i + 3);
+        close_window(w);
+      }
+    });
+  for (auto& w : workers) w.join();
+  SetWindowPresenter(nullptr);
+  EXPECT_EQ(counter->opened.load(), 200);
+  EXPECT_EQ(counter->changed.load(), 200);
+  EXPECT_EQ(counter->closed.load(), 200);
+  HObject img;
+  dump_window_image(&img, shared);
+  EXPECT_EQ(cv::countNonZero(Lit(img)), 4 * 4 * 53);
 }
 
 }  // namespace
