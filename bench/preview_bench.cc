@@ -19,8 +19,8 @@ namespace {
 using namespace velmora;
 using preview_test::Marking;
 
-preview_test::Addin& SharedAddin() {
-  static auto addin = std::make_unique<preview_test::Addin>();
+testing::AddinProcess& SharedAddin() {
+  static auto addin = std::make_unique<testing::AddinProcess>();
   return *addin;
 }
 
@@ -63,7 +63,7 @@ void BM_PreviewRequestOverPort(benchmark::State& st) {
   size_t reply_bytes = 0;
   const double cpu0 = ProcessCpuSeconds(addin.pid());
   for (auto _ : st) {
-    auto reply = addin.Send(block);
+    auto reply = preview_test::Send(addin, block);
     if (!reply || !reply->present) {
       st.SkipWithError("no preview reply");
       break;

@@ -1,27 +1,16 @@
 #pragma once
-// Runs the real add-in in a private port folder and sends it preview
-// requests (103) over its request port. Shared by the end-to-end test and the
-// preview benchmark.
-#include <signal.h>
-#include <spawn.h>
-#include <stdlib.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <chrono>
+// Preview requests (103) for the end-to-end test and the preview benchmark:
+// a generated marking, the request block, and one exchange with the add-in
+// that the shared harness runs.
+#include <algorithm>
 #include <cstdint>
-#include <filesystem>
 #include <optional>
-#include <stdexcept>
-#include <string>
-#include <thread>
 #include <vector>
 
+#include "addin_process.h"
 #include "archive/archive.h"
 #include "messaging/port_client.h"
 #include "messaging/protocol.h"
-
-extern char** environ;
 
 namespace velmora::preview_test {
 
@@ -56,61 +45,12 @@ inline std::vector<uint8_t> PreviewRequest(const archive::ObjectPtr& image,
   return Envelope(archive::Archive(d));
 }
 
-class Addin {
- public:
-  // Starts the add-in with its own port folder; throws when it does not come up.
-  Addin() {
-    char tmpl[] = "/tmp/velmora-preview-XXXXXX";
-    if (!mkdtemp(tmpl)) throw std::runtime_error("mkdtemp failed");
-    dir_ = tmpl;
-    setenv("XDG_RUNTIME_DIR", dir_.c_str(), 1);
-    if (!getenv("VELMORA_VISION_DIR")) setenv("VELMORA_VISION_DIR", VELMORA_BUILD_VISION_DIR, 1);
-    setenv("QT_QPA_PLATFORM", "offscreen", 1);
-    const char* argv[] = {VELMORA_ADDIN_PATH, nullptr};
-    if (posix_spawn(&pid_, VELMORA_ADDIN_PATH, nullptr, nullptr, const_cast<char**>(argv), environ) != 0)
-      throw std::runtime_error("cannot start the add-in");
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
-    while (std::chrono::steady_clock::now() < deadline) {
-      auto d = archive::MakeDictionary();
-      d->Set("messageId", archive::MakeInt32(int32_t(RequestLibraryStatus)));
-      if (Send(Envelope(archive::Archive(d))).has_value()) return;
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    Stop();
-    throw std::runtime_error("the add-in's request port did not appear");
-  }
-  ~Addin() { Stop(); }
-  Addin(const Addin&) = delete;
-  Addin& operator=(const Addin&) = delete;
-
-  pid_t pid() const { return pid_; }
-
-  // One 'data' exchange; nullopt on a transport failure, else the reply
-  // (not present when the add-in gave none).
-  std::optional<PortReply> Send(const std::vector<uint8_t>& block) {
-    PortReply reply;
-    PortSendOptions opt;
-    opt.receive_timeout = kLongReceiveTimeoutSeconds;
-    if (SendPortRequest(kRequestPortName, MessageIdData, block.data(), block.size(), opt, &reply) !=
-        kPortSuccess)
-      return std::nullopt;
-    return reply;
-  }
-
- private:
-  void Stop() {
-    if (pid_ > 0) {
-      kill(pid_, SIGTERM);
-      int status = 0;
-      waitpid(pid_, &status, 0);
-      pid_ = -1;
-    }
-    std::error_code ec;
-    if (!dir_.empty()) std::filesystem::remove_all(dir_, ec);
-  }
-
-  pid_t pid_ = -1;
-  std::string dir_;
-};
+// One 'data' exchange; nullopt on a transport failure, else the reply (not
+// present when the add-in gave none).
+inline std::optional<PortReply> Send(testing::AddinProcess& addin, const std::vector<uint8_t>& block) {
+  PortReply reply;
+  if (addin.Send(MessageIdData, block, &reply) != kPortSuccess) return std::nullopt;
+  return reply;
+}
 
 }  // namespace velmora::preview_test

@@ -18,13 +18,13 @@ Rgb At(const archive::RawBitmap& bm, int y, int x) {  // alpha-first RGBA
 
 class PreviewEndToEnd : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() { addin_ = new Addin(); }
+  static void SetUpTestSuite() { addin_ = new testing::AddinProcess(); }
   static void TearDownTestSuite() {
     delete addin_;
     addin_ = nullptr;
   }
   static archive::RawBitmap Request(const archive::ObjectPtr& image, const archive::ObjectPtr& attribute) {
-    auto reply = addin_->Send(PreviewRequest(image, attribute));
+    auto reply = Send(*addin_, PreviewRequest(image, attribute));
     EXPECT_TRUE(reply && reply->present);
     if (!reply || !reply->present) return {};
     // Envelope: magic, then the total length, then the TIFF as it is.
@@ -33,9 +33,9 @@ class PreviewEndToEnd : public ::testing::Test {
     EXPECT_TRUE(body && archive::IsTiff(body->data(), body->size()));
     return archive::DecodeTiff(*body);
   }
-  static Addin* addin_;
+  static testing::AddinProcess* addin_;
 };
-Addin* PreviewEndToEnd::addin_ = nullptr;
+testing::AddinProcess* PreviewEndToEnd::addin_ = nullptr;
 
 TEST_F(PreviewEndToEnd, PrintComesBackWhiteOnBlackAtTheImageSize) {
   const archive::RawBitmap marking = Marking(640, 480);
@@ -74,7 +74,7 @@ TEST_F(PreviewEndToEnd, OptionsTravelWithTheRequest) {
 }
 
 TEST_F(PreviewEndToEnd, NoImageNoReply) {
-  auto reply = addin_->Send(PreviewRequest(nullptr, nullptr));
+  auto reply = Send(*addin_, PreviewRequest(nullptr, nullptr));
   ASSERT_TRUE(reply);
   EXPECT_FALSE(reply->present);
   EXPECT_TRUE(reply->data.empty());
