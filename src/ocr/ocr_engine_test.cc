@@ -142,6 +142,26 @@ TEST(GenImageSmoothed, UniformImageRaisesFromTheEmptyRange) {
                HException);
 }
 
+// Degenerate sizes reach the borders of every step (one-pixel derivatives,
+// odd transform sizes, a domain rectangle without area): a byte image of the
+// input's size or a library error, never a crash.
+TEST(GenImageSmoothed, TinyImagesGiveAnImageOrAnError) {
+  for (auto [w, h] : {std::pair{1, 1}, {1, 7}, {9, 1}, {2, 2}, {3, 5}}) {
+    std::vector<double> v;
+    for (int i = 0; i < w * h; ++i) v.push_back((i * 37) % 200);
+    HObject out;
+    try {
+      gen_image_smoothed(MakeImage(PixelType::Byte, w, h, v), &out, 1.0, 3.0);
+    } catch (const HException&) {
+      continue;
+    }
+    ASSERT_EQ(out.Count(), 1) << w << "x" << h;
+    EXPECT_EQ(out.ImageAt(0).width, w);
+    EXPECT_EQ(out.ImageAt(0).height, h);
+    EXPECT_EQ(out.ImageAt(0).type, PixelType::Byte);
+  }
+}
+
 TEST(GenImageSmoothedPreview, FlatImageIsCopiedAndMarkingIsScaled) {
   HObject flat = MakeImage(PixelType::Byte, 40, 30, std::vector<double>(1200, 90)), out;
   gen_image_smoothed_preview(flat, &out, 1.0, 3.0);
