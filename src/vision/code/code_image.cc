@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <vector>
 
 #include <opencv2/imgproc.hpp>
@@ -15,7 +16,17 @@ cv::Mat GrayView(const HObject& image, const char* op, cv::Point* offset) {
   if (img.type != PixelType::Byte) throw HException(op, "Wrong pixel type: byte image expected", kErrWrongParamType);
   if (img.planes.empty() || img.width <= 0 || img.height <= 0) throw HException(op, "Empty input image", kErrEmptyInput);
   cv::Mat gray;
-  if (img.planes.size() >= 3) {
+  auto same = [&](const cv::Mat& a, const cv::Mat& b) {
+    if (a.data == b.data) return true;
+    for (int y = 0; y < img.height; ++y)
+      if (std::memcmp(a.ptr(y), b.ptr(y), size_t(img.width)) != 0) return false;
+    return true;
+  };
+  // Grey pictures sent as RGB (the usual camera case) need no conversion:
+  // the luminance weights sum to one, so it would give the same plane.
+  if (img.planes.size() >= 3 && same(img.planes[0], img.planes[1]) && same(img.planes[0], img.planes[2])) {
+    gray = img.planes[0];
+  } else if (img.planes.size() >= 3) {
     // Integer luminance as zxing-cpp computes it for RGB input.
     const cv::Mat &r = img.planes[0], &g = img.planes[1], &b = img.planes[2];
     gray.create(img.height, img.width, CV_8U);
