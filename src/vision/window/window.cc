@@ -115,11 +115,13 @@ class Window final : public HandleBase {
 class Access {
  public:
   Access(const HTuple& handle, const char* op, bool draws = false)
-      : w_(HandleCast<Window>(handle, op)), lk_(w_->mu), draws_(draws) {
+      : w_(HandleCast<Window>(handle, op)), lk_(w_->mu), draws_(draws),
+        exceptions_(std::uncaught_exceptions()) {
     if (w_->IsCleared()) throw HException(op, "Handle has been cleared", kErrHandle);
   }
   ~Access() noexcept(false) {
-    if (!draws_ || !w_->visible || std::uncaught_exceptions()) return;
+    // A failed operator shows nothing.
+    if (!draws_ || !w_->visible || std::uncaught_exceptions() > exceptions_) return;
     auto presenter = CurrentPresenter();
     if (!presenter || !FlushGraphicEnabled()) return;
     cv::Mat copy = w_->canvas.clone();
@@ -134,6 +136,7 @@ class Access {
   Window* w_;
   std::unique_lock<std::mutex> lk_;
   bool draws_;
+  int exceptions_;
 };
 
 double NumberArg(const HTuple& t, Hlong i, const char* op, const char* what) {
