@@ -32,6 +32,13 @@ HObject PerPlane(const HObject& in, const char* op, PixelType (*out_type)(PixelT
 }
 
 cv::Mat MeanPlane(const cv::Mat& p, PixelType t, int mw, int mh) {
+  if (t == PixelType::Byte && (mw * mh) % 2 == 1) {
+    // An odd pixel count never averages to a half, so OpenCV's own rounding
+    // of the 8-bit box filter is exact here.
+    cv::Mat m;
+    cv::blur(p, m, cv::Size(mw, mh), cv::Point(-1, -1), kMirror);
+    return m;
+  }
   // Float sums are exact for masks up to 2^24 / 65535 pixels of 16-bit data.
   cv::Mat f = ToFloat(p), m;
   cv::blur(f, m, cv::Size(mw, mh), cv::Point(-1, -1), kMirror);
@@ -197,10 +204,21 @@ void emphasize(const HObject& image, HObject* image_emphasize, const HTuple& mas
     if (img.type != PixelType::Byte && img.type != PixelType::Int2 && img.type != PixelType::UInt2)
       throw HException(op, std::string("Image type ") + PixelTypeName(img.type) + " is not supported",
                        kErrWrongObject);
-    cv::Mat orig = ToFloat(p), mean = ToFloat(MeanPlane(p, img.type, mw, mh));
+    const cv::Mat mean = MeanPlane(p, img.type, mw, mh);
+    if (img.type == PixelType::Byte) {
+      cv::Mat res(p.size(), CV_8U);
+      for (int r = 0; r < res.rows; ++r) {
+        const uint8_t *o = p.ptr<uint8_t>(r), *m = mean.ptr<uint8_t>(r);
+        uint8_t* d = res.ptr<uint8_t>(r);
+        for (int c = 0; c < res.cols; ++c)
+          d[c] = cv::saturate_cast<uint8_t>(std::round((float(o[c]) - float(m[c])) * float(f)) + float(o[c]));
+      }
+      return res;
+    }
+    cv::Mat orig = ToFloat(p), meanf = ToFloat(mean);
     cv::Mat res(p.size(), CV_32F);
     for (int r = 0; r < res.rows; ++r) {
-      const float *o = orig.ptr<float>(r), *m = mean.ptr<float>(r);
+      const float *o = orig.ptr<float>(r), *m = meanf.ptr<float>(r);
       float* d = res.ptr<float>(r);
       // round() of the scaled difference, halves away from zero, then + orig.
       for (int c = 0; c < res.cols; ++c) d[c] = std::round((o[c] - m[c]) * float(f)) + o[c];
@@ -485,9 +503,8 @@ cv::Mat PoissonIntegrate(const cv::Mat& gr, const cv::Mat& gc) {
       p[c] = (r == 0 && c == 0) ? 0.0f : p[c] / l;  // the free constant: zero mean
     }
   }
-  cv::Mat u;
-  cv::idct(F, u);
-  cv::Mat out = u(cv::Rect(0, 0, W, H)).clone();
+  cv::idct(F, f);  // f is free again: reuse its pages
+  cv::Mat out = (EW == W && EH == H) ? f : f(cv::Rect(0, 0, W, H)).clone();
   // Mirroring keeps the mean of the original half; remove rounding drift.
   out -= cv::mean(out)[0];
   return out;

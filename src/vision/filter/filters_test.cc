@@ -147,6 +147,22 @@ TEST(Filters, EmphasizeStepEdge) {
   EXPECT_THROW(emphasize(HObject(MakeImage(PixelType::Real, 1, 1, {0})), &out, 3, 3, 1), HException);
 }
 
+// The byte path of the mean filter must round like the exact mean of the
+// real path, halves up, for odd and even masks, also at the mirrored border.
+TEST(Filters, MeanImageByteRoundsLikeTheExactMean) {
+  std::vector<double> v;
+  for (int i = 0; i < 13 * 11; ++i) v.push_back((i * 97 + i / 7 * 31) % 256);
+  HObject bytes(MakeImage(PixelType::Byte, 13, 11, v)), real(MakeImage(PixelType::Real, 13, 11, v));
+  for (auto [mw, mh] : {std::pair{3, 3}, {5, 3}, {4, 4}, {1, 7}, {2, 1}}) {
+    HObject mb, mr;
+    mean_image(bytes, &mb, mw, mh);
+    mean_image(real, &mr, mw, mh);
+    for (int r = 0; r < 11; ++r)
+      for (int c = 0; c < 13; ++c)
+        ASSERT_EQ(At(mb, r, c), std::floor(At(mr, r, c) + 0.5)) << mw << "x" << mh << " at " << r << "," << c;
+  }
+}
+
 TEST(Filters, DerivateGaussSignOnRamps) {
   std::vector<double> colramp, rowramp;
   for (int r = 0; r < 20; ++r)
