@@ -1,7 +1,8 @@
 // Morphology on runs (rectangles and discs), skeleton and distance transform.
 #include <algorithm>
+#include <array>
 #include <cmath>
-#include <deque>
+#include <limits>
 
 #include <opencv2/imgproc.hpp>
 
@@ -168,31 +169,128 @@ void closing_circle(const HObject& region, HObject* region_closing, const HTuple
 namespace {
 
 // Zhang-Suen thinning of a mask with a zero border; keeps 8-connectivity.
+// Only the remaining foreground pixels are visited in each sub-iteration.
 void Thin(cv::Mat& m) {
-  auto at = [&](int y, int x) -> int { return m.at<uint8_t>(y, x) ? 1 : 0; };
-  std::vector<cv::Point> del;
+  std::vector<cv::Point> fg, keep, del;
+  for (int y = 1; y < m.rows - 1; ++y) {
+    const uint8_t* p = m.ptr<uint8_t>(y);
+    for (int x = 1; x < m.cols - 1; ++x)
+      if (p[x]) fg.emplace_back(x, y);
+  }
+  // Removal decision of both sub-iterations for every 8-neighbourhood, bit k
+  // holding p2..p9 clockwise from the pixel above.
+  static const auto lut = [] {
+    std::array<std::array<bool, 256>, 2> t{};
+    for (int code = 0; code < 256; ++code) {
+      int p[10];
+      for (int k = 0; k < 8; ++k) p[k + 2] = (code >> k) & 1;
+      int b = 0, a = 0;
+      for (int k = 2; k <= 9; ++k) {
+        b += p[k];
+        a += !p[k] && p[k == 9 ? 2 : k + 1];
+      }
+      bool base = b >= 2 && b <= 6 && a == 1;
+      t[0][size_t(code)] = base && !(p[2] && p[4] && p[6]) && !(p[4] && p[6] && p[8]);
+      t[1][size_t(code)] = base && !(p[2] && p[4] && p[8]) && !(p[2] && p[6] && p[8]);
+    }
+    return t;
+  }();
   bool changed = true;
   while (changed) {
     changed = false;
     for (int pass = 0; pass < 2; ++pass) {
       del.clear();
-      for (int y = 1; y < m.rows - 1; ++y)
-        for (int x = 1; x < m.cols - 1; ++x) {
-          if (!m.at<uint8_t>(y, x)) continue;
-          int p2 = at(y - 1, x), p3 = at(y - 1, x + 1), p4 = at(y, x + 1), p5 = at(y + 1, x + 1);
-          int p6 = at(y + 1, x), p7 = at(y + 1, x - 1), p8 = at(y, x - 1), p9 = at(y - 1, x - 1);
-          int b = p2 + p3 + p4 + p5 + p6 + p7 + p8 + p9;
-          if (b < 2 || b > 6) continue;
-          int a = (!p2 && p3) + (!p3 && p4) + (!p4 && p5) + (!p5 && p6) + (!p6 && p7) +
-                  (!p7 && p8) + (!p8 && p9) + (!p9 && p2);
-          if (a != 1) continue;
-          if (pass == 0 ? (p2 * p4 * p6 || p4 * p6 * p8) : (p2 * p4 * p8 || p2 * p6 * p8)) continue;
-          del.emplace_back(x, y);
-        }
-      for (const auto& p : del) m.at<uint8_t>(p) = 0;
+      keep.clear();
+      for (const cv::Point& q : fg) {
+        const uint8_t* up = m.ptr<uint8_t>(q.y - 1) + q.x;
+        const uint8_t* mid = m.ptr<uint8_t>(q.y) + q.x;
+        const uint8_t* dn = m.ptr<uint8_t>(q.y + 1) + q.x;
+        int code = (up[0] != 0) | (up[1] != 0) << 1 | (mid[1] != 0) << 2 | (dn[1] != 0) << 3 |
+                   (dn[0] != 0) << 4 | (dn[-1] != 0) << 5 | (mid[-1] != 0) << 6 | (up[-1] != 0) << 7;
+        bool removable = lut[pass][code];
+        (removable ? del : keep).push_back(q);
+      }
+      for (const auto& q : del) m.at<uint8_t>(q) = 0;
       if (!del.empty()) changed = true;
+      fg.swap(keep);
     }
   }
+}
+
+
+// City-block (4-neighbourhood) or chessboard (8) distance of every measured
+// (non-zero) pixel to the nearest source pixel (zero), outside the image
+// counting as a source when `outside_source`.
+void ChamferDistance(const cv::Mat& inside, bool eight, bool outside_source, cv::Mat* dist) {
+  const int h = inside.rows, w = inside.cols;
+  const int32_t inf = std::numeric_limits<int32_t>::max() / 2;
+  const int32_t border = outside_source ? 0 : inf;
+  cv::Mat d(h, w, CV_32S);
+  for (int y = 0; y < h; ++y) {
+    const uint8_t* in = inside.ptr<uint8_t>(y);
+    int32_t* p = d.ptr<int32_t>(y);
+    for (int x = 0; x < w; ++x) p[x] = in[x] ? inf : 0;
+  }
+  auto at = [&](int y, int x) -> int32_t {
+    return (y < 0 || y >= h || x < 0 || x >= w) ? border : d.at<int32_t>(y, x);
+  };
+  for (int y = 0; y < h; ++y) {
+    int32_t* p = d.ptr<int32_t>(y);
+    for (int x = 0; x < w; ++x) {
+      if (!p[x]) continue;
+      int32_t m = std::min(at(y, x - 1), at(y - 1, x));
+      if (eight) m = std::min({m, at(y - 1, x - 1), at(y - 1, x + 1)});
+      p[x] = std::min(p[x], m + 1);
+    }
+  }
+  for (int y = h - 1; y >= 0; --y) {
+    int32_t* p = d.ptr<int32_t>(y);
+    for (int x = w - 1; x >= 0; --x) {
+      if (!p[x]) continue;
+      int32_t m = std::min(at(y, x + 1), at(y + 1, x));
+      if (eight) m = std::min({m, at(y + 1, x + 1), at(y + 1, x - 1)});
+      p[x] = std::min(p[x], m + 1);
+    }
+  }
+  d.setTo(0, d >= inf);  // no source at all
+  *dist = d;
+}
+
+// Octagonal distance: breadth-first growth from the sources that alternates
+// the 4-neighbourhood (odd steps) and the 8-neighbourhood (even steps).
+void OctagonalDistance(const cv::Mat& inside, bool outside_source, cv::Mat* dist) {
+  const int h = inside.rows, w = inside.cols;
+  cv::Mat d(h, w, CV_32S, cv::Scalar(0));
+  cv::Mat done(h, w, CV_8U, cv::Scalar(0));
+  std::vector<cv::Point> frontier, next;
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x)
+      if (!inside.at<uint8_t>(y, x)) {
+        done.at<uint8_t>(y, x) = 1;
+        frontier.emplace_back(x, y);
+      }
+  for (int step = 1;; ++step) {
+    next.clear();
+    const bool n8 = step % 2 == 0;
+    auto visit = [&](int x, int y) {
+      if (x < 0 || y < 0 || x >= w || y >= h || done.at<uint8_t>(y, x)) return;
+      done.at<uint8_t>(y, x) = 1;
+      d.at<int32_t>(y, x) = step;
+      next.emplace_back(x, y);
+    };
+    for (const auto& p : frontier) {
+      visit(p.x + 1, p.y), visit(p.x - 1, p.y), visit(p.x, p.y + 1), visit(p.x, p.y - 1);
+      if (n8) visit(p.x + 1, p.y + 1), visit(p.x - 1, p.y - 1), visit(p.x + 1, p.y - 1), visit(p.x - 1, p.y + 1);
+    }
+    if (step == 1 && outside_source) {
+      // The ring just outside the image reaches the border pixels first.
+      for (int x = 0; x < w; ++x) visit(x, 0), visit(x, h - 1);
+      for (int y = 0; y < h; ++y) visit(0, y), visit(w - 1, y);
+    }
+    if (next.empty()) break;
+    std::swap(frontier, next);
+  }
+  *dist = d;
 }
 
 }  // namespace
@@ -235,49 +333,11 @@ void distance_transform(const HObject& region, HObject* distance_image, const HT
       cv::distanceTransform(padded, d, cv::DIST_L2, cv::DIST_MASK_PRECISE);
       d(cv::Rect(1, 1, int(w), int(h))).convertTo(dist, CV_32S);  // rounds to nearest
       if (fg == "false" && cv::countNonZero(inside) == inside.total()) dist.setTo(0);
+    } else if (met != "octagonal") {
+      // Two chamfer passes are exact for the 4- and 8-neighbourhood metrics.
+      ChamferDistance(inside, met == "chessboard", fg == "true", &dist);
     } else {
-      // Multi-source breadth-first growth; octagonal alternates the 4- and
-      // 8-neighbourhood from step to step.
-      std::vector<cv::Point> frontier, next;
-      cv::Mat done(int(h), int(w), CV_8U, cv::Scalar(0));
-      for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x)
-          if (!inside.at<uint8_t>(y, x)) done.at<uint8_t>(y, x) = 1;
-      // Seeds: sources next to a measured pixel, plus the virtual outside ring.
-      bool outside_source = fg == "true";
-      int step = 0;
-      auto use8 = [&](int s) {
-        if (met == "chessboard") return true;
-        if (met == "city-block") return false;
-        return s % 2 == 0;  // octagonal: 4 on odd steps, 8 on even ones
-      };
-      for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x)
-          if (done.at<uint8_t>(y, x)) frontier.emplace_back(x, y);
-      while (true) {
-        ++step;
-        next.clear();
-        const bool n8 = use8(step);
-        auto visit = [&](int x, int y) {
-          if (x < 0 || y < 0 || x >= w || y >= h || done.at<uint8_t>(y, x)) return;
-          done.at<uint8_t>(y, x) = 1;
-          dist.at<int32_t>(y, x) = step;
-          next.emplace_back(x, y);
-        };
-        for (const auto& p : frontier) {
-          visit(p.x + 1, p.y), visit(p.x - 1, p.y), visit(p.x, p.y + 1), visit(p.x, p.y - 1);
-          if (n8) visit(p.x + 1, p.y + 1), visit(p.x - 1, p.y - 1), visit(p.x + 1, p.y - 1), visit(p.x - 1, p.y + 1);
-        }
-        if (outside_source) {
-          // The ring just outside the image reaches its border pixels (and,
-          // diagonally, nothing more than the border itself).
-          for (int x = 0; x < w; ++x) visit(x, 0), visit(x, int(h) - 1);
-          for (int y = 0; y < h; ++y) visit(0, y), visit(int(w) - 1, y);
-          outside_source = false;
-        }
-        if (next.empty()) break;
-        std::swap(frontier, next);
-      }
+      OctagonalDistance(inside, fg == "true", &dist);
     }
     Image img = Image::FromPlanes(PixelType::Int4, {dist});
     out.Push(std::move(img));

@@ -357,13 +357,13 @@ void fill_up_shape(const HObject& region, HObject* region_fill_up, const HTuple&
   const int nb = SystemNeighborhood();
   HObject out;
   for (const Region& r : RegionsOf(region, op)) {
-    Region filled = r;
+    std::vector<Run> runs = r.Runs();
     for (const Region& h : detail::Holes(r, nb)) {
       detail::FeatureCache cache(h);
       double v = cache.Get(name, op);
-      if (v >= lo && v <= hi) filled = filled.Union(h);
+      if (v >= lo && v <= hi) runs.insert(runs.end(), h.Runs().begin(), h.Runs().end());
     }
-    out.Push(std::move(filled));
+    out.Push(Region::FromRuns(std::move(runs)));
   }
   *region_fill_up = std::move(out);
 }

@@ -239,6 +239,38 @@ TEST_F(Segmentation, DistanceTransformOnABar) {
                                   HTuple(4)), HException);
 }
 
+TEST_F(Segmentation, DistanceTransformMatchesBruteForce) {
+  const int h = 18, w = 23;
+  Region r = test::RandomBlobs(5, h, w, 0.8);
+  for (const char* metric : {"city-block", "chessboard"}) {
+    for (const char* fg : {"true", "false"}) {
+      HObject img;
+      distance_transform(HObject(r), &img, HTuple(metric), HTuple(fg), HTuple(w), HTuple(h));
+      const cv::Mat& d = img.ImageAt(0).planes[0];
+      const bool inside = std::string(fg) == "true";
+      for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+          if (r.Contains(y, x) != inside) {
+            EXPECT_EQ(d.at<int32_t>(y, x), 0);
+            continue;
+          }
+          // Nearest source: a pixel of the other kind, or (for the
+          // foreground) any pixel just outside the image.
+          int best = 1 << 20;
+          for (int v = -1; v <= h; ++v)
+            for (int u = -1; u <= w; ++u) {
+              bool outside = v < 0 || u < 0 || v >= h || u >= w;
+              bool source = outside ? inside : r.Contains(v, u) != inside;
+              if (!source) continue;
+              int dy = std::abs(v - y), dx = std::abs(u - x);
+              best = std::min(best, std::string(metric) == "city-block" ? dx + dy : std::max(dx, dy));
+            }
+          ASSERT_EQ(d.at<int32_t>(y, x), best) << metric << " fg " << fg << " at " << y << "," << x;
+        }
+    }
+  }
+}
+
 TEST_F(Segmentation, IntensityMeanAndDeviation) {
   cv::Mat m = (cv::Mat_<uint8_t>(2, 3) << 10, 20, 30, 40, 50, 60);
   HObject regions;
