@@ -5,6 +5,7 @@
 // time as the service does).
 //
 //   bench_ocr_accuracy [--markings N] [--family NAME] [--seed N] [--dump DIR]
+//                      [--errors 1]
 //
 // --dump writes every marking as PNG plus truth.tsv (file, family, grade,
 // text, our text, our milliseconds) for bench/ocr/tesseract.sh.
@@ -51,12 +52,14 @@ int main(int argc, char** argv) {
   int markings = 200;
   uint32_t seed = 777001;  // training uses 20260 + k * 7919
   std::string only, dump;
+  bool show_errors = false;
   for (int i = 1; i + 1 < argc; i += 2) {
     const std::string a = argv[i], v = argv[i + 1];
     if (a == "--markings") markings = std::stoi(v);
     else if (a == "--family") only = v;
     else if (a == "--seed") seed = uint32_t(std::stoul(v));
     else if (a == "--dump") dump = v;
+    else if (a == "--errors") show_errors = v == "1";
   }
   std::ofstream truth;
   if (!dump.empty()) {
@@ -91,6 +94,9 @@ int main(int argc, char** argv) {
         chars += text.size();
         errors += std::min(EditDistance(text, got), text.size());
         exact += got == text;
+        if (show_errors && got != text)
+          std::printf("  %s %s [%s]: %s -> %s\n", fam.name.c_str(), GradeName(g), face.Name().c_str(),
+                      text.c_str(), got.c_str());
         if (truth.is_open()) {
           char name[96];
           std::snprintf(name, sizeof name, "%s_%s_%03d.png", fam.name.c_str(), GradeName(g), i);

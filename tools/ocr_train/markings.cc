@@ -47,9 +47,15 @@ std::vector<Family> MakeFamilies() {
   f.push_back({"DotPrint", digits, upper, "-+:",
                {{P(kDejaVu, "DejaVuSansMono-Bold.ttf"), 5, 7},
                 {P(kDejaVu, "DejaVuSansMono-Bold.ttf"), 7, 9},
+                {P(kDejaVu, "DejaVuSansMono.ttf"), 5, 7},
                 {P(kLiberation, "LiberationMono-Bold.ttf"), 5, 7},
+                {P(kLiberation, "LiberationMono-Regular.ttf"), 7, 9},
                 {P(kUrw, "NimbusMonoPS-Bold.otf"), 7, 9},
-                {P(kNoto, "NotoSansMono-Bold.ttf"), 5, 7}},
+                {P(kUrw, "NimbusMonoPS-Bold.otf"), 5, 7},
+                {P(kUrw, "NimbusMonoPS-Regular.otf"), 5, 7},
+                {P(kNoto, "NotoSansMono-Bold.ttf"), 5, 7},
+                {P(kNoto, "NotoSansMono-Bold.ttf"), 7, 9},
+                {P(kNoto, "NotoMono-Regular.ttf"), 5, 7}},
                {{P(kFree, "FreeMonoBold.ttf"), 5, 7},
                 {P(kLiberation, "LiberationMono-Bold.ttf"), 7, 9}}});
   f.push_back({"OCRA", digits, upper, "-+:",
@@ -61,8 +67,7 @@ std::vector<Family> MakeFamilies() {
                {{"/usr/share/fonts/opentype/ocr-b/OCRB.otf"},
                 {"/usr/share/fonts/opentype/ocr-b/OCRBL.otf"},
                 {"/usr/share/fonts/opentype/ocr-b/OCRBS.otf"}},
-               {{"/usr/share/fonts/opentype/ocr-b/OCRB.otf"},
-                {"/usr/share/fonts/opentype/ocr-b/OCRBX.otf"}}});
+               {{"/usr/share/fonts/opentype/ocr-b/OCRB.otf"}}});
   return f;
 }
 

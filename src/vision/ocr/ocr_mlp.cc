@@ -27,7 +27,7 @@ namespace {
 constexpr char kOmcMagic[4] = {'V', 'O', 'M', 'C'};
 constexpr uint32_t kOmcVersion = 1;
 constexpr char kTrfMagic[4] = {'V', 'O', 'T', 'F'};
-constexpr uint32_t kTrfVersion = 1;
+constexpr uint32_t kTrfVersion = 2;
 
 enum class Feature : uint8_t { Ratio, Width, Height, Pixel, PixelInvar, PixelBinary, ZoomFactor };
 
@@ -136,10 +136,11 @@ void ComputeFeatures(const OcrMlp& c, const OcrSample& s, float* out) {
           s.gray.convertTo(patch, CV_32F, -1.0 / 255.0, 1.0);
         } else {
           // Gray values of the character only (neighbours' parts in the box
-          // are background), stretched to the full range: dark print -> 1.
-          double lo = 255, hi = 0;
-          cv::minMaxLoc(s.gray, nullptr, &hi);
+          // are background), stretched between the darkest print and the
+          // ground around the box: dark print -> 1.
+          double lo = 255, hi = s.ground;
           cv::minMaxLoc(s.gray, &lo, nullptr, nullptr, nullptr, s.mask);
+          hi = std::max(hi, lo);
           const float range = float(hi - lo);
           for (int r = 0; r < h; ++r) {
             const uint8_t* g = s.gray.ptr<uint8_t>(r);
@@ -255,6 +256,7 @@ void ReadTrainFile(const std::string& path, std::vector<OcrSample>* out, const c
     OcrSample s;
     s.klass = r.Str();
     const int w = r.U16(), h = r.U16();
+    s.ground = r.U8();
     if (w == 0 || h == 0) throw HException(op, "Damaged training file", kErrFileFormat);
     s.gray.create(h, w, CV_8U);
     s.mask.create(h, w, CV_8U);
@@ -270,6 +272,7 @@ void WriteSamples(std::ofstream& f, const std::vector<OcrSample>& samples) {
     w.Str(s.klass);
     w.U16(uint16_t(s.gray.cols));
     w.U16(uint16_t(s.gray.rows));
+    w.U8(s.ground);
     w.Raw(s.gray.data, s.gray.total());
     w.Raw(s.mask.data, s.mask.total());
   }
@@ -345,6 +348,13 @@ OcrSample OcrCutSample(const Region& region, const Image& image, const char* op)
     plane = b;
   }
   s.gray = plane(cv::Rect(c1, r1, c2 - c1 + 1, r2 - r1 + 1)).clone();
+  // The ground level: the lightest value around the box, two pixels out, so
+  // that a box filled by a bold stroke still knows how light the paper is.
+  const cv::Rect around = cv::Rect(c1 - 2, r1 - 2, c2 - c1 + 5, r2 - r1 + 5) &
+                          cv::Rect(0, 0, plane.cols, plane.rows);
+  double ground = 0;
+  cv::minMaxLoc(plane(around), nullptr, &ground);
+  s.ground = uint8_t(ground);
   s.mask = reg.ToMask(r2 - r1 + 1, c2 - c1 + 1, r1, c1);
   return s;
 }

@@ -17,6 +17,7 @@ namespace vision {
 struct OcrSample {
   cv::Mat gray;  // CV_8U
   cv::Mat mask;  // CV_8U, 255 inside the character region
+  uint8_t ground = 255;  // lightest gray value around the box (the paper)
   std::string klass;
 };
 
