@@ -83,13 +83,18 @@ cv::Mat AntisymmetricFilter(const cv::Mat& f, const cv::Mat& kernel, bool along_
   std::vector<int> idx(static_cast<size_t>(n + 2 * r));
   for (int i = -r; i < n + r; ++i) idx[size_t(i + r)] = cv::borderInterpolate(i, n, kMirror);
   if (along_columns) {
+    // One mirrored copy of the row, then a loop the compiler can vectorise.
+    std::vector<float> buf(static_cast<size_t>(W + 2 * r));
     for (int y = 0; y < H; ++y) {
       const float* s = f.ptr<float>(y);
+      for (int i = 0; i < W + 2 * r; ++i) buf[size_t(i)] = s[idx[size_t(i)]];
+      const float* m = buf.data() + r;
       float* d = out.ptr<float>(y);
-      for (int x = 0; x < W; ++x) {
-        float acc = 0;
-        for (int i = 1; i <= r; ++i) acc += k[size_t(i)] * (s[idx[size_t(x + r + i)]] - s[idx[size_t(x + r - i)]]);
-        d[x] = acc;
+      for (int x = 0; x < W; ++x) d[x] = 0;
+      for (int i = 1; i <= r; ++i) {
+        const float ki = k[size_t(i)];
+        const float *a = m + i, *b = m - i;
+        for (int x = 0; x < W; ++x) d[x] += ki * (a[x] - b[x]);
       }
     }
   } else {
@@ -243,7 +248,8 @@ void derivate_gauss(const HObject& image, HObject* deriv_gauss, const HTuple& si
   GaussKernels(sr, &gr, &dr);
   *deriv_gauss = PerPlane(image, op, [](PixelType) { return PixelType::Real; },
                           [&](const Image&, const cv::Mat& p) {
-    const cv::Mat f = ToFloat(p), one = cv::Mat::ones(1, 1, CV_32F);
+    // 32-bit integers have no direct float filtering in OpenCV.
+    const cv::Mat f = p.depth() == CV_32S ? ToFloat(p) : p, one = cv::Mat::ones(1, 1, CV_32F);
     auto smooth = [&](const cv::Mat& kx, const cv::Mat& ky) {
       cv::Mat o;
       cv::sepFilter2D(f, o, CV_32F, kx, ky, cv::Point(-1, -1), 0, kMirror);
