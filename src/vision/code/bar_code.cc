@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <memory>
+#include <vector>
 
 #include <ZXing/BarcodeFormat.h>
 
@@ -74,24 +75,33 @@ bool QuietZoneFree(const cv::Mat& gray, const code::Found& f, double modules) {
   if (cv::norm(b - a) < 1) return true;
   cv::Point2d dir = (b - a) / cv::norm(b - a);
   double elem = std::max(1.0, ElementSize(f));
-  // Threshold halfway between the symbol's dark and light levels.
-  double lo = 255, hi = 0;
-  for (int i = 0; i <= 64; ++i) {
-    cv::Point2d p = a + (b - a) * (i / 64.0);
+  // Dark and light levels of the symbol along its scan line (10th and 90th
+  // percentile, so that noise does not set them).
+  std::vector<int> levels;
+  for (int i = 0; i <= 128; ++i) {
+    cv::Point2d p = a + (b - a) * (i / 128.0);
     int x = int(std::lround(p.x)), y = int(std::lround(p.y));
-    if (x < 0 || y < 0 || x >= gray.cols || y >= gray.rows) continue;
-    double v = gray.at<uint8_t>(y, x);
-    lo = std::min(lo, v);
-    hi = std::max(hi, v);
+    if (x >= 0 && y >= 0 && x < gray.cols && y < gray.rows) levels.push_back(gray.at<uint8_t>(y, x));
   }
-  double thresh = (lo + hi) / 2;
-  // Start one element out: the edge of the outermost bar is blurred.
-  for (double t = 1.5 * elem; t <= (modules + 1) * elem; t += 0.5) {
+  if (levels.size() < 10) return true;
+  std::sort(levels.begin(), levels.end());
+  const double lo = levels[levels.size() / 10], hi = levels[levels.size() * 9 / 10];
+  const double thresh = lo + 0.4 * (hi - lo);
+  // Start beyond the blurred edge of the outermost bar; a bar is dark on
+  // three neighbouring pixels across the scan line.
+  const cv::Point2d across(-dir.y, dir.x);
+  for (double t = 1.5 * elem + 1.5; t <= (modules + 1) * elem + 1.5; t += 0.5) {
     for (int side = 0; side < 2; ++side) {
-      cv::Point2d p = side == 0 ? a - dir * t : b + dir * t;
-      int x = int(std::lround(p.x)), y = int(std::lround(p.y));
-      if (x < 0 || y < 0 || x >= gray.cols || y >= gray.rows) continue;
-      if (gray.at<uint8_t>(y, x) < thresh) return false;
+      cv::Point2d c = side == 0 ? a - dir * t : b + dir * t;
+      int dark = 0, seen = 0;
+      for (int k = -1; k <= 1; ++k) {
+        cv::Point2d p = c + across * double(2 * k);
+        int x = int(std::lround(p.x)), y = int(std::lround(p.y));
+        if (x < 0 || y < 0 || x >= gray.cols || y >= gray.rows) continue;
+        ++seen;
+        dark += gray.at<uint8_t>(y, x) < thresh;
+      }
+      if (seen > 0 && dark == seen) return false;
     }
   }
   return true;

@@ -176,11 +176,13 @@ std::vector<Found> Zxing(const Work& w, const Variant& v, Symbology s, BarcodeFo
   hints.setBinarizer(v.prep == Variant::Prep::Threshold ? ZXing::Binarizer::FixedThreshold
                      : v.global_binarizer               ? ZXing::Binarizer::GlobalHistogram
                                                         : ZXing::Binarizer::LocalAverage);
-  // Codes without a check character (Code 39, Codabar) must agree on three
-  // scan lines before they count.
-  if (s == Symbology::Linear) hints.setMinLineCount(3);
   for (const auto& r : ZXing::ReadBarcodes(view, hints)) {
     if (!r.isValid() || !formats.testFlag(r.format())) continue;
+    // Codes without a mandatory check character must agree on three scan
+    // lines, not two, before they count.
+    const bool weak = r.format() == BarcodeFormat::Code39 || r.format() == BarcodeFormat::Codabar ||
+                      r.format() == BarcodeFormat::ITF;
+    if (s == Symbology::Linear && weak && r.lineCount() < 3) continue;
     Found f;
     f.text = r.text();
     f.format = int(r.format());
@@ -290,6 +292,7 @@ std::vector<Variant> BuildVariants(Symbology s) {
   both({P::Stretch});
   both({P::Stretch, 2});
   both({P::Smooth, 2});
+  v.push_back({P::Candidates});
   both({P::Stretch, 1, false, false, true});
   both({P::Threshold, 2});
   both({P::Stretch, 3});
@@ -297,7 +300,6 @@ std::vector<Variant> BuildVariants(Symbology s) {
     both({P::Stretch, 1, false, true});
     both({P::Stretch, 2, false, true});
   }
-  v.push_back({P::Candidates});
   if (s == Symbology::DataMatrix) v.push_back({P::Dmtx});
   return v;
 }
@@ -372,8 +374,20 @@ std::vector<Found> ReadCodes(const cv::Mat& gray, const ReadRequest& req) {
         crops.push_back({c, false});
         if (linear) crops.push_back({c, true});
       }
+      // Each crop as it is, smoothed against noise, and Otsu-binarized: the
+      // cut-out is small enough for one global threshold to fit it.
+      std::vector<std::pair<Work, bool>> forms;
       for (const auto& [c, clear] : crops) {
         Work base = CropCandidate(gray, c, linear ? 120 : 240, clear);
+        Work smooth{cv::Mat(), base.to_input}, binary{cv::Mat(), base.to_input};
+        cv::GaussianBlur(base.img, smooth.img, cv::Size(0, 0), 1.0);
+        cv::threshold(base.img, binary.img, 0, 255, cv::THRESH_BINARY | cv::THRESH_OTSU);
+        forms.push_back({std::move(base), false});
+        if (!linear) forms.push_back({std::move(smooth), true});
+        forms.push_back({std::move(binary), true});
+      }
+      for (const auto& [base, extra] : forms) {
+        if (extra && req.timeout_ms > 0 && elapsed_ms() > req.timeout_ms) break;
         for (int inv = 0; inv < 2; ++inv) {
           if ((inv && req.polarity == Polarity::DarkOnLight) || (!inv && req.polarity == Polarity::LightOnDark)) continue;
           for (int mir = 0; mir < (req.symbology == Symbology::DataMatrix && req.mirror != Mirror::No ? 2 : 1); ++mir) {
