@@ -18,8 +18,7 @@ using detail::RegionsOf;
 
 namespace {
 
-// Calls f(row, col_begin, values...) style access: reads the gray value of a
-// plane at (row, col) as double whatever its depth.
+// The gray value of a plane at (row, col) as double, whatever its depth.
 double ReadPixel(const cv::Mat& m, int row, int col) {
   switch (m.depth()) {
     case CV_8U: return m.ptr<uint8_t>(row)[col];
