@@ -3,6 +3,7 @@
 #include <array>
 #include <cmath>
 #include <limits>
+#include <optional>
 
 #include <opencv2/imgproc.hpp>
 
@@ -65,24 +66,36 @@ void RectSize(const HTuple& width, const HTuple& height, const char* op, int* w,
   *h = int(hh);
 }
 
-// Half widths of the disc's rows: offsets dr = -k..k, half width of each.
-std::vector<int> DiscRows(const HTuple& radius, const char* op) {
+// One row of a structuring element: columns lo..hi at row offset dr.
+struct ElementRow { int dr, lo, hi; };
+
+// The disc's rows. A radius like 1.5 or 3.5 gives an odd diameter centred on
+// the reference point (pixel centres within the radius); an integer radius
+// gives an even diameter whose centre lies half a pixel right of and below the
+// reference point, the translation the reference warns about for such radii.
+std::vector<ElementRow> DiscRows(const HTuple& radius, const char* op) {
   double r = ParamDouble(radius, op, "Radius");
   if (r < 0.5 || r > 4096)
     throw HException(op, "Wrong value of Radius: 0.5 or more expected", kErrWrongParamValue);
-  const int k = int(std::floor(r + 1e-9));
-  std::vector<int> half(size_t(2 * k + 1));
-  for (int dr = -k; dr <= k; ++dr)
-    half[size_t(dr + k)] = int(std::floor(std::sqrt(std::max(0.0, r * r - dr * dr)) + 1e-9));
-  return half;
+  const bool even = std::fabs(r - std::round(r)) < 1e-9;
+  const double c = even ? 0.5 : 0.0;
+  const int k = int(std::ceil(r + 1));
+  std::vector<ElementRow> rows;
+  for (int dr = -k; dr <= k; ++dr) {
+    double y = dr - c, rest = r * r - y * y + 1e-9;
+    if (rest < 0) continue;
+    double half = std::sqrt(rest);
+    int lo = int(std::ceil(c - half)), hi = int(std::floor(c + half));
+    if (lo <= hi) rows.push_back({dr, lo, hi});
+  }
+  return rows;
 }
 
-Region DilateDisc(const Region& r, const std::vector<int>& half) {
+Region DilateDisc(const Region& r, const std::vector<ElementRow>& disc) {
   if (r.Empty()) return r;
-  const int k = int(half.size() / 2);
-  // Union of the region's rows widened by each disc row, merged pairwise.
+  // Union of the region's rows widened by each element row, merged pairwise.
   std::vector<Region> parts;
-  for (int dr = -k; dr <= k; ++dr) parts.push_back(ShiftRows(GrowRuns(r, half[size_t(dr + k)], half[size_t(dr + k)]), dr));
+  for (const ElementRow& e : disc) parts.push_back(ShiftRows(GrowRuns(r, -e.lo, e.hi), e.dr));
   while (parts.size() > 1) {
     std::vector<Region> next;
     for (size_t i = 0; i + 1 < parts.size(); i += 2) next.push_back(parts[i].Union(parts[i + 1]));
@@ -92,17 +105,17 @@ Region DilateDisc(const Region& r, const std::vector<int>& half) {
   return std::move(parts[0]);
 }
 
-Region ErodeDisc(const Region& r, const std::vector<int>& half) {
+Region ErodeDisc(const Region& r, const std::vector<ElementRow>& disc) {
   if (r.Empty()) return r;
-  const int k = int(half.size() / 2);
-  Region y = GrowRuns(r, -half[size_t(k)], -half[size_t(k)]);
-  for (int dr = -k; dr <= k && !y.Empty(); ++dr) {
-    if (dr == 0) continue;
-    int w = half[size_t(dr + k)];
-    // A pixel stays when row +dr holds its whole disc row.
-    y = y.Intersection(ShiftRows(GrowRuns(r, -w, -w), -dr));
+  // A pixel stays when, for every element row, row + dr holds columns
+  // col + lo .. col + hi.
+  std::optional<Region> y;
+  for (const ElementRow& e : disc) {
+    Region part = ShiftRows(GrowRuns(r, e.lo, -e.hi), -e.dr);
+    y = y ? y->Intersection(part) : std::move(part);
+    if (y->Empty()) break;
   }
-  return y;
+  return y ? std::move(*y) : Region();
 }
 
 template <class F>

@@ -25,14 +25,17 @@ Region ApplyDisc(void (*op)(const HObject&, HObject*, const HTuple&), const Regi
 
 TEST(Morphology, DiscPixelSets) {
   const Region dot = Region::Rectangle(0, 0, 0, 0);
-  struct Case { double radius; Hlong area; int reach; };
-  for (auto c : {Case{0.5, 1, 0}, Case{1.5, 9, 1}, Case{2.5, 21, 2}, Case{3.5, 37, 3}, Case{1.0, 5, 1}}) {
+  // Integer radii give an even diameter reaching further right and down.
+  struct Case { double radius; Hlong area; int top, right; };
+  for (auto c : {Case{0.5, 1, 0, 0}, Case{1.5, 9, -1, 1}, Case{2.5, 21, -2, 2}, Case{3.5, 37, -3, 3},
+                 Case{1.0, 4, 0, 1}, Case{2.0, 12, -1, 2}}) {
     Region d = ApplyDisc(dilation_circle, dot, c.radius);
     EXPECT_EQ(d.Area(), c.area) << c.radius;
     int r1, c1, r2, c2;
     d.BoundingBox(&r1, &c1, &r2, &c2);
-    EXPECT_EQ(r1, -c.reach);
-    EXPECT_EQ(c2, c.reach);
+    EXPECT_EQ(r1, c.top) << c.radius;
+    EXPECT_EQ(c2, c.right) << c.radius;
+    EXPECT_EQ(r2 - r1, c2 - c1) << c.radius;
     // Eroding the dilated dot by the same disc gives the dot back.
     EXPECT_EQ(ApplyDisc(erosion_circle, d, c.radius), dot) << c.radius;
   }

@@ -96,7 +96,9 @@ void opening_rectangle1(const HObject& region, HObject* region_opening, const HT
 void closing_rectangle1(const HObject& region, HObject* region_closing, const HTuple& width,
                         const HTuple& height);
 // A disc of the pixels whose centres lie within `radius` of the reference
-// point (1.5 gives 3x3, 2.5 gives 21 pixels, 3.5 gives 37 pixels).
+// point (1.5 gives 3x3, 2.5 gives 21 pixels, 3.5 gives 37 pixels). An integer
+// radius gives an even diameter centred half a pixel right of and below the
+// reference point (1 gives 2x2), so use x.5 radii to avoid a translation.
 void dilation_circle(const HObject& region, HObject* region_dilation, const HTuple& radius);
 void erosion_circle(const HObject& region, HObject* region_erosion, const HTuple& radius);
 void opening_circle(const HObject& region, HObject* region_opening, const HTuple& radius);
