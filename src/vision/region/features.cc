@@ -108,10 +108,10 @@ struct FeatureCache::Impl {
     for (const auto& p : Hull()) best = std::max(best, std::hypot(p.x - M().col, p.y - M().row));
     return best;
   }
-  double ContLength() {
+  double ContLength(const char* op) {
     if (r.Empty()) return 0;
     int r0, c0;
-    cv::Mat mask = MaskWithMargin(r, 1, &r0, &c0);
+    cv::Mat mask = MaskWithMargin(r, 1, &r0, &c0, op);
     std::vector<std::vector<cv::Point>> contours;
     cv::findContours(mask, contours, cv::RETR_EXTERNAL, cv::CHAIN_APPROX_NONE);
     double len = 0;
@@ -119,29 +119,29 @@ struct FeatureCache::Impl {
       if (c.size() > 1) len += cv::arcLength(c, true);
     return len;
   }
-  double HullArea() {
+  double HullArea(const char* op) {
     const auto& h = Hull();
     if (h.size() <= 2) return M().area;
     int r1, c1, r2, c2;
     r.BoundingBox(&r1, &c1, &r2, &c2);
-    CheckRasterSize(int64_t(r2) - r1 + 1, int64_t(c2) - c1 + 1);
+    CheckRasterSize(int64_t(r2) - r1 + 1, int64_t(c2) - c1 + 1, op);
     cv::Mat mask = cv::Mat::zeros(r2 - r1 + 1, c2 - c1 + 1, CV_8UC1);
     std::vector<cv::Point> pts;
     for (const auto& p : h) pts.emplace_back(int(std::lround(p.x)) - c1, int(std::lround(p.y)) - r1);
     cv::fillConvexPoly(mask, pts, 255, cv::LINE_8);
     return std::max(double(cv::countNonZero(mask)), M().area);
   }
-  double InnerRadius() {
+  double InnerRadius(const char* op) {
     if (r.Empty()) return 0;
     int r0, c0;
-    cv::Mat mask = MaskWithMargin(r, 1, &r0, &c0);
+    cv::Mat mask = MaskWithMargin(r, 1, &r0, &c0, op);
     cv::Mat dist;
     cv::distanceTransform(mask, dist, cv::DIST_L2, cv::DIST_MASK_PRECISE);
     double mx = 0;
     cv::minMaxLoc(dist, nullptr, &mx);
     return std::max(0.0, mx - 1.0);
   }
-  double Rectangularity() {
+  double Rectangularity(const char* op) {
     const Moments& mm = M();
     if (mm.area <= 0) return 0;
     double ra, rb, phi;
@@ -150,7 +150,7 @@ struct FeatureCache::Impl {
     double a = std::sqrt(3.0) * ra / 2.0, b = std::sqrt(3.0) * rb / 2.0;
     double cu = std::cos(phi), su = -std::sin(phi);  // long axis (column, row)
     double ext = std::ceil(std::hypot(a, b)) + 1;
-    CheckRasterSize(int64_t(2 * ext + 1), int64_t(2 * ext + 1));
+    CheckRasterSize(int64_t(2 * ext + 1), int64_t(2 * ext + 1), op);
     int rr1 = int(std::floor(mm.row - ext)), rr2 = int(std::ceil(mm.row + ext));
     int cc1 = int(std::floor(mm.col - ext)), cc2 = int(std::ceil(mm.col + ext));
     double in_both = 0, rect_only = 0;
@@ -217,14 +217,14 @@ double FeatureCache::Get(const std::string& f, const char* op) {
     if (mx <= 0) return 1;
     return std::min(1.0, c.M().area / (mx * mx * M_PI));
   }
-  if (f == "contlength") return c.ContLength();
+  if (f == "contlength") return c.ContLength(op);
   if (f == "compactness") {
     if (empty) return 0;
-    double l = c.ContLength();
+    double l = c.ContLength(op);
     return l * l / (4.0 * M_PI * c.M().area);
   }
-  if (f == "convexity") return empty ? 0 : c.M().area / c.HullArea();
-  if (f == "rectangularity") return c.Rectangularity();
+  if (f == "convexity") return empty ? 0 : c.M().area / c.HullArea(op);
+  if (f == "rectangularity") return c.Rectangularity(op);
   if (f == "outer_radius") {
     if (empty) return 0;
     std::vector<cv::Point2f> pts;
@@ -234,7 +234,7 @@ double FeatureCache::Get(const std::string& f, const char* op) {
     cv::minEnclosingCircle(pts, centre, rad);
     return rad;
   }
-  if (f == "inner_radius") return c.InnerRadius();
+  if (f == "inner_radius") return c.InnerRadius(op);
   if (f == "max_diameter") {
     double best = 0;
     const auto& h = c.Hull();

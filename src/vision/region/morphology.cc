@@ -312,7 +312,7 @@ void skeleton(const HObject& region, HObject* skeleton_out) {
   ForEach(region, skeleton_out, "skeleton", [](const Region& r) {
     if (r.Empty()) return r;
     int r0, c0;
-    cv::Mat m = detail::MaskWithMargin(r, 1, &r0, &c0);
+    cv::Mat m = detail::MaskWithMargin(r, 1, &r0, &c0, "skeleton");
     Thin(m);
     return Region::FromMask(m, r0, c0);
   });
@@ -330,7 +330,7 @@ void distance_transform(const HObject& region, HObject* distance_image, const HT
   Hlong w = ParamInt(width, op, "Width"), h = ParamInt(height, op, "Height");
   if (w < 1 || h < 1 || w > 32768 || h > 32768)
     throw HException(op, "Wrong image size", kErrWrongParamValue);
-  detail::CheckRasterSize(h, w);
+  detail::CheckRasterSize(h, w, op);
   HObject out;
   for (const Region& r : RegionsOf(region, op)) {
     cv::Mat mask = r.ToMask(int(h), int(w));

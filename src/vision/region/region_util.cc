@@ -52,10 +52,10 @@ void CheckBroadcast(const HTuple& t, Hlong n, const char* op, const char* name) 
                      kErrWrongParamCount);
 }
 
-void CheckRasterSize(int64_t rows, int64_t cols) {
+void CheckRasterSize(int64_t rows, int64_t cols, const char* op) {
   // Sparse regions may span huge boxes; refuse rather than exhaust memory.
   if (rows * cols > (int64_t(1) << 28))
-    throw HException("", "Region too large to rasterise (" + std::to_string(rows) + " x " +
+    throw HException(op, "Region too large to rasterise (" + std::to_string(rows) + " x " +
                              std::to_string(cols) + ")", kErrNoMemory);
 }
 
@@ -252,10 +252,10 @@ std::vector<cv::Point2d> HullPoints(const Region& r) {
   return out;
 }
 
-cv::Mat MaskWithMargin(const Region& r, int margin, int* row0, int* col0) {
+cv::Mat MaskWithMargin(const Region& r, int margin, int* row0, int* col0, const char* op) {
   int r1, c1, r2, c2;
   r.BoundingBox(&r1, &c1, &r2, &c2);
-  CheckRasterSize(int64_t(r2) - r1 + 1 + 2 * margin, int64_t(c2) - c1 + 1 + 2 * margin);
+  CheckRasterSize(int64_t(r2) - r1 + 1 + 2 * margin, int64_t(c2) - c1 + 1 + 2 * margin, op);
   *row0 = r1 - margin;
   *col0 = c1 - margin;
   return r.ToMask(r2 - r1 + 1 + 2 * margin, c2 - c1 + 1 + 2 * margin, *row0, *col0);

@@ -49,10 +49,10 @@ void EllipticAxis(const Moments& m, double* ra, double* rb, double* phi);
 std::vector<cv::Point2d> HullPoints(const Region& r);
 
 // Raises when a rows x cols raster would not fit in memory sensibly.
-void CheckRasterSize(int64_t rows, int64_t cols);
+void CheckRasterSize(int64_t rows, int64_t cols, const char* op);
 
 // Rasterised into a mask with a one pixel margin; (0,0) of the mask lies at
 // (*row0, *col0).
-cv::Mat MaskWithMargin(const Region& r, int margin, int* row0, int* col0);
+cv::Mat MaskWithMargin(const Region& r, int margin, int* row0, int* col0, const char* op);
 
 }  // namespace vision::detail
