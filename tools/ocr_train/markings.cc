@@ -80,13 +80,14 @@ struct GradeParams {
   double contrast_lo, contrast_hi, blur_lo, blur_hi, noise_lo, noise_hi, light, tilt_deg,
       inverted_p;
   int stroke;  // +/- steps of one half pixel
+  double width_scale;  // print condensed or expanded by up to this factor
 };
 
 GradeParams ParamsOf(Grade g) {
   switch (g) {
-    case Grade::Clean: return {150, 210, 0.3, 0.7, 0.3, 0.8, 5, 0.0, 0.0, 0};
-    case Grade::Moderate: return {90, 170, 0.6, 1.2, 0.8, 1.5, 8, 1.5, 0.3, 1};
-    case Grade::Hard: return {55, 100, 1.0, 1.7, 2.0, 4.0, 35, 3.0, 0.4, 2};
+    case Grade::Clean: return {150, 210, 0.3, 0.7, 0.3, 0.8, 5, 0.0, 0.0, 0, 0.1};
+    case Grade::Moderate: return {90, 170, 0.6, 1.2, 0.8, 1.5, 8, 1.5, 0.3, 1, 0.15};
+    case Grade::Hard: return {55, 100, 1.0, 1.7, 2.0, 4.0, 35, 3.0, 0.4, 2, 0.2};
   }
   return {};
 }
@@ -265,14 +266,23 @@ Marking MarkingRenderer::Render(const std::string& text, const Face& face, int c
   const cv::Point shift(margin_h - all.x, margin_v - all.y);
   for (auto& b : boxes) b += shift;
   for (auto& bl : blits) bl.second += shift;
-  const int width = all.width + 2 * margin_h, height = all.height + 2 * margin_v;
-  cv::Mat ink = cv::Mat::zeros(height, width, CV_8U);
+  const int height = all.height + 2 * margin_v;
+  cv::Mat ink = cv::Mat::zeros(height, all.width + 2 * margin_h, CV_8U);
   for (auto& [g, at] : blits) {
     cv::Rect r(at, g.size());
-    cv::Rect clip = r & cv::Rect(0, 0, width, height);
+    cv::Rect clip = r & cv::Rect(0, 0, ink.cols, height);
     cv::Mat dst = ink(clip);
     cv::max(dst, g(cv::Rect(clip.tl() - at, clip.size())), dst);
   }
+  // Condensed or expanded print (printers and stamps differ in pitch).
+  const double sx = 1.0 + U(rng, -gp.width_scale, gp.width_scale);
+  cv::resize(ink, ink, cv::Size(std::max(1, int(ink.cols * sx)), ink.rows), 0, 0, cv::INTER_AREA);
+  for (auto& b : boxes) {
+    const int x0 = int(b.x * sx), x1 = int(std::ceil(b.br().x * sx));
+    b.x = x0;
+    b.width = std::max(1, x1 - x0);
+  }
+  const int width = ink.cols;
   // Thicker or thinner strokes (touching or broken print at the extremes).
   if (gp.stroke > 0) {
     const int steps = std::uniform_int_distribution<int>(-gp.stroke, gp.stroke)(rng);
