@@ -245,6 +245,19 @@ TEST(BarCode, QuietZoneAndParameters) {
   EXPECT_EQ(q.L(0), 0);
   EXPECT_THROW(set_bar_code_param(h, "quiet_zone", "maybe"), HException);
   EXPECT_THROW(find_bar_code(Gray(g), &regions, h, "Code 1000", &strings), HException);
+  // Two equal bar codes in one image: both reported (zxing-cpp 1.4 aborts
+  // when it merges a linear symbol found twice, so this must not reach it).
+  RenderParams twin;
+  twin.canvas_w = 320;
+  twin.module_px = 2;
+  twin.quiet_modules = 10;
+  cv::Mat pair;
+  cv::vconcat(Symbol(Kind::Code128, "TWIN", twin), Symbol(Kind::Code128, "TWIN", twin), pair);
+  set_bar_code_param(h, "quiet_zone", 0);
+  find_bar_code(Gray(pair), &regions, h, "auto", &strings);
+  ASSERT_EQ(strings.Length(), 2);
+  EXPECT_EQ(strings.S(0), "TWIN");
+  EXPECT_EQ(strings.S(1), "TWIN");
   // Random noise never reads as a bar code.
   cv::Mat noise(480, 640, CV_8U);
   cv::RNG(11).fill(noise, cv::RNG::UNIFORM, 0, 256);

@@ -166,31 +166,64 @@ cv::Point2d Apply(const cv::Matx33d& m, double x, double y) {
   return {p[0] / p[2], p[1] / p[2]};
 }
 
+Found FromResult(const ZXing::Result& r, const Work& w, const Variant& v) {
+  Found f;
+  f.text = r.text();
+  f.format = int(r.format());
+  const auto& pos = r.position();
+  for (int i = 0; i < 4; ++i) f.corners[i] = Apply(w.to_input, pos[i].x, pos[i].y);
+  f.inverted = v.invert;
+  f.mirrored = v.mirror != r.isMirrored();
+  return f;
+}
+
 std::vector<Found> Zxing(const Work& w, const Variant& v, Symbology s, BarcodeFormats formats, int max_results) {
   std::vector<Found> out;
   if (w.img.empty() || w.img.cols < 3 || w.img.rows < 3) return out;
-  ZXing::ImageView view(w.img.data, w.img.cols, w.img.rows, ZXing::ImageFormat::Lum, int(w.img.step));
   ZXing::DecodeHints hints;
   hints.setFormats(formats).setTryHarder(!v.quick).setTryRotate(true).setTryDownscale(true);
-  hints.setMaxNumberOfSymbols(uint8_t(std::clamp(max_results, 0, 255) == 0 ? 255 : std::min(max_results, 255)));
   hints.setBinarizer(v.prep == Variant::Prep::Threshold ? ZXing::Binarizer::FixedThreshold
                      : v.global_binarizer               ? ZXing::Binarizer::GlobalHistogram
                                                         : ZXing::Binarizer::LocalAverage);
-  for (const auto& r : ZXing::ReadBarcodes(view, hints)) {
-    if (!r.isValid() || !formats.testFlag(r.format())) continue;
+  if (s != Symbology::Linear) {
+    ZXing::ImageView view(w.img.data, w.img.cols, w.img.rows, ZXing::ImageFormat::Lum, int(w.img.step));
+    hints.setMaxNumberOfSymbols(uint8_t(max_results <= 0 ? 255 : std::min(max_results, 255)));
+    for (const auto& r : ZXing::ReadBarcodes(view, hints))
+      if (r.isValid() && formats.testFlag(r.format())) out.push_back(FromResult(r, w, v));
+    return out;
+  }
+  // Linear codes are read one at a time: zxing-cpp 1.4 asserts when it
+  // merges a linear symbol found twice (on two pyramid levels or twice in one
+  // image). Each symbol read is painted over before the next look.
+  hints.setTryDownscale(false).setMaxNumberOfSymbols(1);
+  // The quick look scans too few lines to find every symbol.
+  if (max_results != 1) hints.setTryHarder(true);
+  cv::Mat img = w.img;
+  const int limit = max_results <= 0 ? 8 : std::min(max_results, 8);
+  for (int n = 0; n < limit; ++n) {
+    ZXing::ImageView view(img.data, img.cols, img.rows, ZXing::ImageFormat::Lum, int(img.step));
+    ZXing::Result r = ZXing::ReadBarcode(view, hints);
+    if (!r.isValid() || !formats.testFlag(r.format())) break;
     // Codes without a mandatory check character must agree on three scan
     // lines, not two, before they count.
     const bool weak = r.format() == BarcodeFormat::Code39 || r.format() == BarcodeFormat::Codabar ||
                       r.format() == BarcodeFormat::ITF;
-    if (s == Symbology::Linear && weak && r.lineCount() < 3) continue;
-    Found f;
-    f.text = r.text();
-    f.format = int(r.format());
+    if (weak && r.lineCount() < 3) {
+      // zxing stops at two lines: ask again for this format alone, with three.
+      ZXing::DecodeHints strict = hints;
+      strict.setFormats(r.format()).setMinLineCount(3);
+      ZXing::Result again = ZXing::ReadBarcode(view, strict);
+      if (!again.isValid() || again.text() != r.text()) break;
+    }
+    out.push_back(FromResult(r, w, v));
+    if (n + 1 == limit) break;
+    if (img.data == w.img.data) img = w.img.clone();
     const auto& pos = r.position();
-    for (int i = 0; i < 4; ++i) f.corners[i] = Apply(w.to_input, pos[i].x, pos[i].y);
-    f.inverted = v.invert;
-    f.mirrored = v.mirror != r.isMirrored();
-    out.push_back(std::move(f));
+    cv::Point2f a(float(pos[0].x), float(pos[0].y)), b(float(pos[1].x), float(pos[1].y));
+    cv::Point2f along = b - a, across(-along.y * 0.6f, along.x * 0.6f);
+    std::vector<cv::Point> band{a - along * 0.05f + across, b + along * 0.05f + across,
+                                b + along * 0.05f - across, a - along * 0.05f - across};
+    cv::fillConvexPoly(img, band, cv::Scalar(255));
   }
   return out;
 }
@@ -348,7 +381,11 @@ std::vector<Found> ReadCodes(const cv::Mat& gray, const ReadRequest& req) {
   auto add = [&](std::vector<Found> fs, int idx) {
     for (auto& f : fs) {
       bool dup = std::any_of(found.begin(), found.end(), [&](const Found& o) {
-        return o.text == f.text && cv::norm(o.corners[0] - f.corners[0]) + cv::norm(o.corners[2] - f.corners[2]) < 40;
+        // Linear symbols are reported as scan lines: one read again further
+        // along its bars lies within its own length.
+        double reach = linear ? 0.6 * cv::norm(o.corners[1] - o.corners[0]) : 20;
+        return o.text == f.text && cv::norm(o.corners[0] - f.corners[0]) < reach + 20 &&
+               cv::norm(o.corners[2] - f.corners[2]) < reach + 20;
       });
       if (dup) continue;
       f.variant = idx;
