@@ -2,6 +2,7 @@
 // gray-value statistics in regions.
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <numeric>
 #include <type_traits>
@@ -63,16 +64,34 @@ void ThresholdRow(const std::vector<const T*>& rows, int row, int cb, int ce, do
 }
 
 // One channel: compare in the pixel type itself, with the limits rounded
-// inward for integer types, so the inner loop stays free of conversions.
+// inward for integer types. The comparison fills a byte mask first (a loop the
+// compiler vectorises), then the runs are read off the mask eight bytes at a
+// time, so long stretches inside or outside cost one test per word.
 template <class T>
-void ThresholdRow1(const T* p, int row, int cb, int ce, T lo, T hi, std::vector<Run>* out) {
-  int c = cb;
-  while (c <= ce) {
-    while (c <= ce && !(p[c] >= lo && p[c] <= hi)) ++c;
-    if (c > ce) break;
-    int s = c;
-    while (c <= ce && p[c] >= lo && p[c] <= hi) ++c;
-    out->push_back({row, s, c - 1});
+void ThresholdRow1(const T* p, int row, int cb, int ce, T lo, T hi, std::vector<uint8_t>* mask,
+                   std::vector<Run>* out) {
+  const int n = ce - cb + 1;
+  mask->resize(size_t(n) + 8);
+  uint8_t* m = mask->data();
+  const T* q = p + cb;
+  for (int i = 0; i < n; ++i) m[i] = uint8_t((q[i] >= lo) & (q[i] <= hi));
+  std::memset(m + n, 0, 8);  // sentinel: every run ends inside the buffer
+  constexpr uint64_t kAllOn = 0x0101010101010101ull;
+  int i = 0;
+  while (i < n) {
+    uint64_t w;
+    std::memcpy(&w, m + i, 8);
+    if (w == 0) { i += 8; continue; }
+    while (!m[i]) ++i;
+    if (i >= n) break;
+    int s = i;
+    for (;;) {
+      std::memcpy(&w, m + i, 8);
+      if (w != kAllOn) break;
+      i += 8;
+    }
+    while (m[i]) ++i;
+    out->push_back({row, cb + s, cb + i - 1});
   }
 }
 
@@ -89,15 +108,18 @@ Region ThresholdImage(const Image& img, const Region& dom, double lo, double hi)
       tlo = T(std::max(l, double(std::numeric_limits<T>::min())));
       thi = T(std::min(h, double(std::numeric_limits<T>::max())));
     } else {
+      // The nearest floats inside [lo, hi] give exactly the same decisions as
+      // comparing in double, without widening every pixel.
       tlo = T(lo);
       thi = T(hi);
-      // Limits that do not survive the narrowing keep the exact comparison.
-      if (double(tlo) != lo || double(thi) != hi) goto general;
+      if (double(tlo) < lo) tlo = std::nextafter(tlo, std::numeric_limits<T>::infinity());
+      if (double(thi) > hi) thi = std::nextafter(thi, -std::numeric_limits<T>::infinity());
     }
-    for (const Run& x : dom.Runs()) ThresholdRow1<T>(img.planes[0].ptr<T>(x.row), x.row, x.cb, x.ce, tlo, thi, &runs);
+    std::vector<uint8_t> mask;
+    for (const Run& x : dom.Runs())
+      ThresholdRow1<T>(img.planes[0].ptr<T>(x.row), x.row, x.cb, x.ce, tlo, thi, &mask, &runs);
     return Region::FromSortedRuns(std::move(runs));
   }
-general:
   std::vector<const T*> rows(img.planes.size());
   for (const Run& x : dom.Runs()) {
     for (size_t k = 0; k < img.planes.size(); ++k) rows[k] = img.planes[k].ptr<T>(x.row);

@@ -55,6 +55,21 @@ TEST_F(Segmentation, ThresholdIsInclusiveOverTheDomainForEveryType) {
   EXPECT_TRUE(R(reg, 2).Empty());
 }
 
+TEST_F(Segmentation, RealThresholdWithInexactLimitsMatchesDoubleComparison) {
+  // Limits such as 0.1 have no exact float; pixels at the neighbouring floats
+  // must fall on the same side as an exact comparison in double puts them.
+  const double lo = -2.7, hi = 0.1;
+  std::vector<float> values{std::nextafter(float(lo), -10.f), float(lo), std::nextafter(float(lo), 10.f),
+                            0.f, std::nextafter(float(hi), -10.f), float(hi), std::nextafter(float(hi), 10.f)};
+  cv::Mat m(1, int(values.size()), CV_32F, values.data());
+  HObject reg;
+  threshold(HObject(Image::FromPlanes(PixelType::Real, {m.clone()})), &reg, HTuple(lo), HTuple(hi));
+  for (int c = 0; c < m.cols; ++c) {
+    double v = values[size_t(c)];
+    EXPECT_EQ(R(reg).Contains(0, c), v >= lo && v <= hi) << "column " << c << " value " << v;
+  }
+}
+
 TEST_F(Segmentation, BinThresholdReturnsTheDarkMode) {
   cv::Mat m(40, 60, CV_8UC1);
   cv::RNG rng(7);
