@@ -136,9 +136,12 @@ double QuadContrast(const cv::Mat& gray, const std::array<cv::Point2d, 4>& q) {
   return hi - lo;
 }
 
-// Light symbols on a dark ground have a darker margin than interior. Decoders
-// may read either polarity whatever the preparation, so the polarity is
-// measured on the input. Returns -1 when the outline is too small to tell.
+// A dark symbol's outermost modules (Data Matrix finder edges, QR finder
+// rings) are darker than the quiet zone just outside them; a light symbol's
+// are lighter. Decoders may read either polarity whatever the preparation, so
+// the polarity is measured on the input. The ring outside stays within about
+// one module, so a narrow quiet zone is enough. Returns -1 when the outline is
+// too small to tell.
 int MeasuredInversion(const cv::Mat& gray, const std::array<cv::Point2d, 4>& q) {
   cv::Point2d c = (q[0] + q[1] + q[2] + q[3]) * 0.25;
   auto scaled = [&](double f) {
@@ -146,19 +149,20 @@ int MeasuredInversion(const cv::Mat& gray, const std::array<cv::Point2d, 4>& q) 
     for (const auto& p : q) pts.emplace_back(cv::Point(int(std::lround(c.x + (p.x - c.x) * f)), int(std::lround(c.y + (p.y - c.y) * f))));
     return pts;
   };
-  auto outer = scaled(1.3);
+  auto outer = scaled(1.1);
   cv::Rect box = cv::boundingRect(outer) & cv::Rect(0, 0, gray.cols, gray.rows);
   if (box.area() < 64 || cv::contourArea(scaled(1.0)) < 64) return -1;
-  cv::Mat in(box.size(), CV_8U, cv::Scalar(0)), ring(box.size(), CV_8U, cv::Scalar(0));
+  cv::Mat edge(box.size(), CV_8U, cv::Scalar(0)), ring(box.size(), CV_8U, cv::Scalar(0));
   auto fill = [&](cv::Mat& m, std::vector<cv::Point> pts, int v) {
     for (auto& p : pts) p -= box.tl();
     cv::fillConvexPoly(m, pts, cv::Scalar(v));
   };
-  fill(in, scaled(0.85), 255);
+  fill(edge, scaled(0.97), 255);
+  fill(edge, scaled(0.85), 0);
   fill(ring, outer, 255);
-  fill(ring, scaled(1.08), 0);
-  if (cv::countNonZero(in) == 0 || cv::countNonZero(ring) == 0) return -1;
-  return cv::mean(gray(box), ring)[0] < cv::mean(gray(box), in)[0] ? 1 : 0;
+  fill(ring, scaled(1.03), 0);
+  if (cv::countNonZero(edge) == 0 || cv::countNonZero(ring) == 0) return -1;
+  return cv::mean(gray(box), ring)[0] < cv::mean(gray(box), edge)[0] ? 1 : 0;
 }
 
 cv::Point2d Apply(const cv::Matx33d& m, double x, double y) {
@@ -182,7 +186,7 @@ std::vector<Found> Zxing(const Work& w, const Variant& v, Symbology s, BarcodeFo
   if (w.img.empty() || w.img.cols < 3 || w.img.rows < 3) return out;
   ZXing::DecodeHints hints;
   hints.setFormats(formats).setTryHarder(!v.quick).setTryRotate(true).setTryDownscale(true);
-  hints.setBinarizer(v.prep == Variant::Prep::Threshold ? ZXing::Binarizer::FixedThreshold
+  hints.setBinarizer(v.prep == Variant::Prep::Threshold || v.fixed_binarizer ? ZXing::Binarizer::FixedThreshold
                      : v.global_binarizer               ? ZXing::Binarizer::GlobalHistogram
                                                         : ZXing::Binarizer::LocalAverage);
   if (s != Symbology::Linear) {
@@ -316,6 +320,12 @@ std::vector<Variant> BuildVariants(Symbology s) {
     v.push_back({P::Smooth});
     v.push_back({P::Smooth, 2});
     v.push_back({P::Threshold});
+    Variant fixed;
+    fixed.fixed_binarizer = true;
+    v.push_back(fixed);
+    fixed.global_binarizer = true;
+    fixed.fixed_binarizer = false;
+    v.push_back(fixed);
     v.push_back({P::Stretch, 1, true});
     v.push_back({P::Smooth, 2, true});
     v.push_back({P::Candidates});
@@ -332,8 +342,8 @@ std::vector<Variant> BuildVariants(Symbology s) {
   if (s == Symbology::DataMatrix) {
     both({P::Stretch, 1, false, true});
     both({P::Stretch, 2, false, true});
+    v.push_back({P::Dmtx});
   }
-  if (s == Symbology::DataMatrix) v.push_back({P::Dmtx});
   return v;
 }
 
@@ -344,6 +354,7 @@ std::string Variant::Name() const {
   std::string n = kPrep[int(prep)];
   if (scale > 1) n += "_x" + std::to_string(scale);
   if (global_binarizer) n += "_global";
+  if (fixed_binarizer) n += "_fixed";
   if (quick) n += "_quick";
   if (invert) n += "_inverted";
   if (mirror) n += "_mirrored";
@@ -425,8 +436,8 @@ std::vector<Found> ReadCodes(const cv::Mat& gray, const ReadRequest& req) {
       }
       for (const auto& [base, extra] : forms) {
         if (extra && req.timeout_ms > 0 && elapsed_ms() > req.timeout_ms) break;
+        // Both inversions: the polarity of what is read is measured, not assumed.
         for (int inv = 0; inv < 2; ++inv) {
-          if ((inv && req.polarity == Polarity::DarkOnLight) || (!inv && req.polarity == Polarity::LightOnDark)) continue;
           for (int mir = 0; mir < (req.symbology == Symbology::DataMatrix && req.mirror != Mirror::No ? 2 : 1); ++mir) {
             Variant cv_ = v;
             cv_.invert = inv;

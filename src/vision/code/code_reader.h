@@ -28,6 +28,7 @@ struct Variant {
   bool mirror = false;     // decode the mirrored image
   bool global_binarizer = false;  // zxing's histogram binarizer instead of the local one
   bool quick = false;      // zxing without tryHarder: the fast first look
+  bool fixed_binarizer = false;   // zxing's fixed mid-grey threshold
   std::string Name() const;
 };
 
