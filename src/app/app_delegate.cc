@@ -27,6 +27,8 @@
 #include "messaging/log.h"
 #include "messaging/message_port.h"
 #include "ocr/ocr_filtered_image.h"
+#include "ocr/ocr_fonts.h"
+#include "ocr/ocr_image.h"
 
 namespace velmora {
 
@@ -195,12 +197,10 @@ bool AppDelegate::isHalconFrameworkExist() {
 
 archive::ObjectPtr AppDelegate::ocrImage(const archive::ObjectPtr& image,
                                          const archive::ObjectPtr& attribute) {
-  return nullptr;  // service hook
+  return ::velmora::ocrImage(image, attribute, isHalconFrameworkExist());
 }
 
-archive::ObjectPtr AppDelegate::installedFonts() {
-  return nullptr;  // service hook
-}
+archive::ObjectPtr AppDelegate::installedFonts() { return ::velmora::installedFonts(); }
 
 std::optional<std::vector<uint8_t>> AppDelegate::ocrFilteredImage(const archive::ObjectPtr& image,
                                                                   const archive::ObjectPtr& attribute) {

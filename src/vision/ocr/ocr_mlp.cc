@@ -142,12 +142,16 @@ void ComputeFeatures(const OcrMlp& c, const OcrSample& s, float* out) {
           cv::minMaxLoc(s.gray, &lo, nullptr, nullptr, nullptr, s.mask);
           hi = std::max(hi, lo);
           const float range = float(hi - lo);
+          // One pixel around the region still belongs to the character:
+          // faint thin strokes (a serif, the bar of an "e") lie there.
+          cv::Mat own;
+          cv::dilate(s.mask, own, cv::Mat::ones(3, 3, CV_8U));
           for (int r = 0; r < h; ++r) {
             const uint8_t* g = s.gray.ptr<uint8_t>(r);
-            const uint8_t* m = s.mask.ptr<uint8_t>(r);
+            const uint8_t* m = own.ptr<uint8_t>(r);
             float* p = patch.ptr<float>(r);
             for (int x = 0; x < w; ++x)
-              p[x] = !m[x] ? 0.f : range > 0.f ? (float(hi) - g[x]) / range : 1.f;
+              p[x] = !m[x] ? 0.f : range > 0.f ? std::max(0.f, float(hi) - g[x]) / range : 1.f;
           }
         }
         cv::Mat grid = ToGrid(patch, c.grid_w, c.grid_h, interp);

@@ -1,0 +1,134 @@
+// The recognition service end to end: requests 101 and 102 over the real
+// request port of the real add-in, on generated markings of every family.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <map>
+#include <opencv2/core.hpp>
+
+#include "addin_process.h"
+#include "markings.h"
+
+namespace velmora {
+namespace {
+
+using ocrgen::Grade;
+using testing::AddinProcess;
+
+archive::ObjectPtr PlatformImage(const cv::Mat& rgb) {
+  archive::RawBitmap bm;
+  bm.width = rgb.cols;
+  bm.height = rgb.rows;
+  bm.samples_per_pixel = 3;
+  bm.bits_per_sample = 8;
+  bm.bytes_per_row = size_t(rgb.cols) * 3;
+  bm.data.assign(rgb.data, rgb.data + rgb.total() * 3);
+  return archive::MakeImage(bm);
+}
+
+archive::ObjectPtr Attributes(const std::string& font, bool reverse = false) {
+  auto d = archive::MakeDictionary();
+  d->Set("fontName", archive::MakeString(font));
+  d->Set("ocr_proc", archive::MakeInt32(0));
+  d->Set("check_reverse", archive::MakeBool(reverse));
+  d->Set("stretch_width_level", archive::MakeFloat(1.0f));
+  return d;
+}
+
+TEST(OcrEndToEnd, FontListAndMarkingsOfEveryFamily) {
+  AddinProcess addin;
+  auto fonts = addin.Request(102);
+  ASSERT_TRUE(fonts && *fonts);
+  auto list = archive::AsArray(*fonts);
+  ASSERT_TRUE(list);
+  ASSERT_EQ(list->items.size(), 4u);
+  EXPECT_EQ(archive::ReadString(list->items[3], "fontName"), "OCRA");
+
+  // Typical lot and date codes; the accuracy on random strings is the
+  // benchmark's business (bench_ocr_accuracy).
+  const std::map<std::string, std::vector<std::string>> texts = {
+      {"Industrial", {"LOT-4711", "W2619K"}}, {"Document", {"Rate:27Ah", "Bead28FR"}},
+      {"DotPrint", {"B24+7153", "KW-2281"}},   {"OCRA", {"AC-2319", "Z7749"}},
+      {"OCRB", {"DE:4582", "M1150T"}},
+  };
+  ocrgen::MarkingRenderer renderer;
+  for (const auto& fam : ocrgen::Families()) {
+    std::mt19937 rng(4242);
+    for (const std::string& text : texts.at(fam.name)) {
+      const ocrgen::Marking m = renderer.Render(text, fam.eval_faces[0], 32, Grade::Clean, rng);
+      auto reply = addin.Request(101, {{"image", PlatformImage(m.rgb)}, {"attribute", Attributes(fam.name)}});
+      ASSERT_TRUE(reply && *reply) << fam.name << " " << text;
+      auto records = archive::AsArray(*reply);
+      ASSERT_TRUE(records);
+      ASSERT_EQ(records->items.size(), 1u);
+      const auto& rec = records->items[0];
+      EXPECT_EQ(archive::ReadString(rec, "ocr_text"), text) << fam.name;
+      EXPECT_EQ(archive::ReadInt(rec, "ocr_angle"), 0);
+      auto rects = archive::AsArray(archive::ReadObject(rec, "ocr_rect"));
+      ASSERT_TRUE(rects);
+      ASSERT_EQ(rects->items.size(), m.boxes.size());
+      // Each box lies on its rendered character (blur and faint anti-aliased
+      // edges move the borders by a few pixels).
+      for (size_t k = 0; k < rects->items.size(); ++k) {
+        auto data = archive::AsData(rects->items[k]);
+        ASSERT_EQ(data->bytes.size(), 8u);
+        int16_t v[4];
+        std::memcpy(v, data->bytes.data(), 8);
+        const cv::Rect& b = m.boxes[k];
+        EXPECT_NEAR(v[1], b.x, 4) << fam.name << " char " << k;
+        EXPECT_NEAR(v[3], b.br().x - 1, 4) << fam.name << " char " << k;
+        EXPECT_NEAR(v[0], b.y, 4);
+        EXPECT_NEAR(v[2], b.br().y - 1, 4);
+      }
+      auto confs = archive::AsArray(archive::ReadObject(rec, "ocr_confidences"));
+      ASSERT_EQ(confs->items.size(), text.size());
+      for (const auto& c : confs->items) {
+        auto cands = archive::AsArray(c);
+        ASSERT_EQ(cands->items.size(), 1u);  // procedure 0 asks for one candidate
+        const double p = archive::ReadDouble(cands->items[0], "confidence");
+        EXPECT_GT(p, 0.0);
+        EXPECT_LE(p, 1.0);
+      }
+    }
+  }
+}
+
+TEST(OcrEndToEnd, UpsideDownMarkingReadsInTheTurnedPass) {
+  AddinProcess addin;
+  ocrgen::MarkingRenderer renderer;
+  std::mt19937 rng(99);
+  const auto& fam = ocrgen::FamilyByName("Industrial");
+  const std::string text = "LOT4711AB";
+  ocrgen::Marking m = renderer.Render(text, fam.eval_faces[0], 34, Grade::Clean, rng);
+  cv::rotate(m.rgb, m.rgb, cv::ROTATE_180);
+  auto reply = addin.Request(101, {{"image", PlatformImage(m.rgb)}, {"attribute", Attributes("Industrial", true)}});
+  ASSERT_TRUE(reply && *reply);
+  auto records = archive::AsArray(*reply);
+  ASSERT_TRUE(records);
+  // The upright pass may read something (turned print still has strokes); the
+  // turned pass reads the text.
+  ASSERT_GE(records->items.size(), 1u);
+  const auto& last = records->items.back();
+  EXPECT_EQ(archive::ReadInt(last, "ocr_angle"), 180);
+  EXPECT_EQ(archive::ReadString(last, "ocr_text"), text);
+}
+
+TEST(OcrEndToEnd, MissingFontNameIsLoggedAndAnswersNothing) {
+  AddinProcess addin;
+  ocrgen::MarkingRenderer renderer;
+  std::mt19937 rng(5);
+  const auto m = renderer.Render("AB12", ocrgen::FamilyByName("OCRA").eval_faces[0], 30,
+                                 Grade::Clean, rng);
+  auto d = archive::MakeDictionary();
+  d->Set("ocr_proc", archive::MakeInt32(0));
+  auto reply = addin.Request(101, {{"image", PlatformImage(m.rgb)}, {"attribute", d}});
+  // No record: the dispatcher answers the service's nil with an empty array.
+  ASSERT_TRUE(reply && *reply);
+  auto records = archive::AsArray(*reply);
+  ASSERT_TRUE(records);
+  EXPECT_TRUE(records->items.empty());
+  EXPECT_TRUE(addin.WaitForLog("-[AppDelegate ocrImage:attribute:] exception:", 5)) << addin.Stderr();
+}
+
+}  // namespace
+}  // namespace velmora
