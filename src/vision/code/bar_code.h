@@ -14,7 +14,8 @@ void create_bar_code_model(const HTuple& gen_param_names, const HTuple& gen_para
 
 // Parameters: "train" ("all", or "~all" to end training), "quiet_zone"
 // (integer modules that must be free beside the symbol, "true" = 10,
-// "false" = 0), "stop_after_result_num" (0 = all), "timeout" (ms, -1 none),
+// "false" = 0), "stop_after_result_num" (0 = all), "timeout" (ms; -1 gives
+// the default budget of 2 s, after which no further image preparation starts),
 // "element_size_min", "element_size_max" (pixels), "check_char" ("absent",
 // "present": a Code 39 check character is verified and kept).
 void set_bar_code_param(const HTuple& bar_code_handle, const HTuple& gen_param_names, const HTuple& gen_param_values);

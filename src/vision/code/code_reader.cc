@@ -300,6 +300,7 @@ bool Allowed(const Variant& v, const ReadRequest& req) {
       v.prep != Variant::Prep::Dmtx)
     return false;
   if (req.mirror == Mirror::No && v.mirror) return false;
+  if (!req.allow_upscale && v.scale > 1) return false;
   return true;
 }
 

@@ -50,6 +50,7 @@ struct ReadRequest {
   int max_results = 1;          // stop once this many symbols are read; 0 = all of one preparation
   double timeout_ms = 2000;     // no new preparation starts after this; <= 0 means none
   bool strict_quiet_zone = false;  // linear codes: no artificial quiet border
+  bool allow_upscale = true;       // false when modules are known to be large
 };
 
 // The preparations for a symbology, in the order they are tried.

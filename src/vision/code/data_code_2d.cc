@@ -203,6 +203,8 @@ void find_data_code_2d(const HObject& image, HObject* symbol_xlds, const HTuple&
                    : m->polarity == "light_on_dark" ? code::Polarity::LightOnDark
                                                     : code::Polarity::Any;
     req.mirror = m->mirrored == "yes" ? code::Mirror::Yes : m->mirrored == "no" ? code::Mirror::No : code::Mirror::Any;
+    // Modules of six pixels and more are resolved without upscaling.
+    req.allow_upscale = m->module_size_min < 6;
   }
   std::vector<code::Found> found = code::ReadCodes(gray, req);
   if (!training) {

@@ -18,8 +18,11 @@ void create_data_code_2d_model(const HTuple& symbol_type, const HTuple& gen_para
 // Parameters: "default_parameters" ("standard_recognition",
 // "enhanced_recognition", "maximum_recognition"), "polarity"
 // ("dark_on_light", "light_on_dark", "any"), "mirrored" ("yes", "no", "any"),
-// "module_size_min", "module_size_max" (pixels), "contrast_min" (grey
-// levels), "timeout" (ms, -1 for none), "stop_after_result_num" (0 = all).
+// "module_size_min", "module_size_max" (pixels; a minimum of 6 and more skips
+// the upscaled preparations), "contrast_min" (grey
+// levels), "timeout" (ms; -1 gives the default budget of 2 s in standard and
+// 5 s in the other modes, after which no further image preparation starts),
+// "stop_after_result_num" (0 = all).
 void set_data_code_2d_param(const HTuple& data_code_handle, const HTuple& gen_param_names,
                             const HTuple& gen_param_values);
 // Additionally readable: "symbol_type", "trained_preprocessing" (name of the
