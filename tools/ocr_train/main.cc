@@ -4,7 +4,7 @@
 // per family) into one folder.
 //
 //   velmora_ocr_train --out DIR [--seed N] [--markings N] [--epochs N]
-//                     [--family NAME] [--threads N]
+//                     [--family NAME] [--threads N] [--grid WxH] [--dump DIR]
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -33,10 +33,10 @@ struct Options {
   int threads = 2;
   std::string family;  // empty: all
   std::string dump;    // folder for the first rendered markings of each family
+  // Classifier layout shared by all fonts; documented in src/ocr/FONTS.md.
+  int grid_w = 12, grid_h = 16;
 };
 
-// Classifier layout shared by all fonts; documented in src/ocr/FONTS.md.
-constexpr int kGridW = 10, kGridH = 14;
 
 struct FileSpec {
   std::string file;
@@ -102,7 +102,7 @@ void TrainFamily(const Family& fam, const Options& o, uint32_t seed) {
     HTuple ocr, err, log;
     HTuple classes;
     for (char c : f.classes) classes.Append(HTuple(std::string(1, c)));
-    vision::create_ocr_class_mlp(HTuple(kGridW), HTuple(kGridH), HTuple("constant"),
+    vision::create_ocr_class_mlp(HTuple(o.grid_w), HTuple(o.grid_h), HTuple("constant"),
                                  HTuple("default"), classes, HTuple(f.hidden),
                                  HTuple("normalization"), HTuple(10), HTuple(long(seed)), &ocr);
     vision::trainf_ocr_class_mlp(ocr, samples, HTuple(o.epochs), HTuple(1.0), HTuple(0.0), &err,
@@ -135,6 +135,11 @@ int main(int argc, char** argv) {
     else if (a == "--threads") o.threads = std::max(1, std::stoi(next()));
     else if (a == "--family") o.family = next();
     else if (a == "--dump") o.dump = next();
+    else if (a == "--grid") {
+      const std::string g = next();
+      o.grid_w = std::stoi(g);
+      o.grid_h = std::stoi(g.substr(g.find('x') + 1));
+    }
     else {
       std::fprintf(stderr,
                    "usage: velmora_ocr_train --out DIR [--seed N] [--markings N] [--epochs N]"
