@@ -33,7 +33,9 @@ std::vector<Family> MakeFamilies() {
                 {P(kUrw, "NimbusSans-Regular.otf")}, {P(kDejaVu, "DejaVuSansMono.ttf")},
                 {P(kLiberation, "LiberationMono-Regular.ttf")},
                 {P(kUrw, "NimbusSansNarrow-Regular.otf")}, {P(kUrw, "URWGothic-Book.otf")},
-                {P(kDejaVu, "DejaVuSansCondensed.ttf")}, {P(kNoto, "NotoSansMono-Regular.ttf")}},
+                {P(kDejaVu, "DejaVuSansCondensed.ttf")}, {P(kNoto, "NotoSansMono-Regular.ttf")},
+                {P(kNoto, "NotoSansMono-Bold.ttf")}, {P(kLiberation, "LiberationMono-Bold.ttf")},
+                {P(kUrw, "NimbusMonoPS-Bold.otf")}},
                {{P(kUrw, "NimbusSans-Bold.otf")}, {P(kFree, "FreeSansBold.ttf")},
                 {P(kDejaVu, "DejaVuSansMono-Bold.ttf")}}});
   f.push_back({"Document", digits, upper + lower, "-+:",
