@@ -1,10 +1,4 @@
 # The recognition service's end-to-end tests.
-# The service logs through velmora_log; the ocr library's own list of
-# dependencies does not name it yet.
-if(TARGET ocr AND TARGET velmora_log)
-  target_link_libraries(ocr PUBLIC velmora_log)
-endif()
-
 # Requests 101 and 102 through the real add-in, on generated markings.
 if(TARGET ocr_markings AND TARGET VelmoraAddin AND TARGET velmora_client AND TARGET archive)
   velmora_test(ocr_e2e_tests
