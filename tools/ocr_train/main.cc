@@ -5,6 +5,7 @@
 //
 //   velmora_ocr_train --out DIR [--seed N] [--markings N] [--epochs N]
 //                     [--family NAME] [--threads N] [--grid WxH] [--dump DIR]
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -71,7 +72,10 @@ void TrainFamily(const Family& fam, const Options& o, uint32_t seed) {
   vision::create_ocr_train_samples(&samples);
   int used = 0, dropped = 0;
   const Grade grades[] = {Grade::Clean, Grade::Moderate, Grade::Moderate, Grade::Hard};
-  for (int i = 0; i < o.markings; ++i) {
+  // Families with many faces get more markings (about 120 per face at the
+  // default count), so each face is still seen often enough.
+  const int count = std::max(o.markings, o.markings * int(fam.train_faces.size()) * 3 / 40);
+  for (int i = 0; i < count; ++i) {
     const Face& face = fam.train_faces[size_t(i) % fam.train_faces.size()];
     const Grade g = grades[size_t(i / int(fam.train_faces.size())) % 4];
     const int len = std::uniform_int_distribution<int>(5, 16)(rng);
@@ -103,7 +107,8 @@ void TrainFamily(const Family& fam, const Options& o, uint32_t seed) {
     HTuple classes;
     for (char c : f.classes) classes.Append(HTuple(std::string(1, c)));
     vision::create_ocr_class_mlp(HTuple(o.grid_w), HTuple(o.grid_h), HTuple("constant"),
-                                 HTuple("default"), classes, HTuple(f.hidden),
+                                 HTuple::Strings({"default", "line_band"}), classes,
+                                 HTuple(f.hidden),
                                  HTuple("normalization"), HTuple(10), HTuple(long(seed)), &ocr);
     vision::trainf_ocr_class_mlp(ocr, samples, HTuple(o.epochs), HTuple(1.0), HTuple(0.0), &err,
                                  &log);
@@ -152,7 +157,7 @@ int main(int argc, char** argv) {
     return 2;
   }
   std::filesystem::create_directories(o.out);
-  std::printf("velmora_ocr_train: seed %u, %d markings per family, %d epochs\n", o.seed,
+  std::printf("velmora_ocr_train: seed %u, at least %d markings per family, %d epochs\n", o.seed,
               o.markings, o.epochs);
   std::vector<const Family*> todo;
   for (const auto& f : Families()) {

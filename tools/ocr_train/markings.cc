@@ -1,7 +1,10 @@
 #include "markings.h"
 
+#include "dot_tables.h"
+
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <map>
 #include <stdexcept>
 
@@ -35,7 +38,10 @@ std::vector<Family> MakeFamilies() {
                 {P(kUrw, "NimbusSansNarrow-Regular.otf")}, {P(kUrw, "URWGothic-Book.otf")},
                 {P(kDejaVu, "DejaVuSansCondensed.ttf")}, {P(kNoto, "NotoSansMono-Regular.ttf")},
                 {P(kNoto, "NotoSansMono-Bold.ttf")}, {P(kLiberation, "LiberationMono-Bold.ttf")},
-                {P(kUrw, "NimbusMonoPS-Bold.otf")}},
+                {P(kUrw, "NimbusMonoPS-Bold.otf")}, {P(kDejaVu, "DejaVuSansMono-Oblique.ttf")},
+                {P(kDejaVu, "DejaVuSansCondensed-Bold.ttf")},
+                {P(kUrw, "NimbusSansNarrow-Bold.otf")}, {P(kFree, "FreeMonoBold.ttf")},
+                {P(kNoto, "NotoMono-Regular.ttf")}},
                {{P(kUrw, "NimbusSans-Bold.otf")}, {P(kFree, "FreeSansBold.ttf")},
                 {P(kDejaVu, "DejaVuSansMono-Bold.ttf")}}});
   f.push_back({"Document", digits, upper + lower, "-+:",
@@ -46,20 +52,21 @@ std::vector<Family> MakeFamilies() {
                 {P(kDejaVu, "DejaVuSerif-Bold.ttf")}, {P(kUrw, "NimbusSans-Regular.otf")}},
                {{P(kFree, "FreeSerif.ttf")}, {P(kUrw, "P052-Roman.otf")},
                 {P(kLiberation, "LiberationSans-Bold.ttf")}}});
+  // Dot-matrix print: designed tables; held out is the dot geometry (square
+  // dots of another size range).
+  auto dots = [](const char* table, bool square, double lo, double hi) {
+    Face f;
+    f.table = table;
+    f.square_dots = square;
+    f.dot_lo = lo;
+    f.dot_hi = hi;
+    return f;
+  };
   f.push_back({"DotPrint", digits, upper, "-+:",
-               {{P(kDejaVu, "DejaVuSansMono-Bold.ttf"), 5, 7},
-                {P(kDejaVu, "DejaVuSansMono-Bold.ttf"), 7, 9},
-                {P(kDejaVu, "DejaVuSansMono.ttf"), 5, 7},
-                {P(kLiberation, "LiberationMono-Bold.ttf"), 5, 7},
-                {P(kLiberation, "LiberationMono-Regular.ttf"), 7, 9},
-                {P(kUrw, "NimbusMonoPS-Bold.otf"), 7, 9},
-                {P(kUrw, "NimbusMonoPS-Bold.otf"), 5, 7},
-                {P(kUrw, "NimbusMonoPS-Regular.otf"), 5, 7},
-                {P(kNoto, "NotoSansMono-Bold.ttf"), 5, 7},
-                {P(kNoto, "NotoSansMono-Bold.ttf"), 7, 9},
-                {P(kNoto, "NotoMono-Regular.ttf"), 5, 7}},
-               {{P(kFree, "FreeMonoBold.ttf"), 5, 7},
-                {P(kLiberation, "LiberationMono-Bold.ttf"), 7, 9}}});
+               {dots("5x7a", false, 1.05, 1.35), dots("5x7b", false, 1.05, 1.35),
+                dots("7x9", false, 1.05, 1.35)},
+               {dots("5x7b", true, 1.05, 1.25), dots("7x9", true, 1.05, 1.25),
+                dots("5x7a", true, 1.05, 1.25)}});
   f.push_back({"OCRA", digits, upper, "-+:",
                {{"/usr/share/fonts/truetype/ocr-a/OCRA.ttf"},
                 {"/usr/share/fonts/truetype/ocr-a/OCRABold.ttf"},
@@ -106,9 +113,13 @@ const char* GradeName(Grade g) {
 }
 
 std::string Face::Name() const {
-  std::string n = file.substr(file.find_last_of('/') + 1);
-  if (IsDotMatrix()) n += " " + std::to_string(dot_cols) + "x" + std::to_string(dot_rows);
-  return n;
+  if (IsDotMatrix()) {
+    char n[64];
+    std::snprintf(n, sizeof n, "dots %s %s %.2f-%.2f", table.c_str(),
+                  square_dots ? "square" : "round", dot_lo, dot_hi);
+    return n;
+  }
+  return file.substr(file.find_last_of('/') + 1);
 }
 
 const std::vector<Family>& Families() {
@@ -141,8 +152,6 @@ std::string RandomText(const std::string& alphabet, const std::string& specials,
 struct MarkingRenderer::Impl {
   FT_Library lib = nullptr;
   std::map<std::string, FT_Face> faces;
-  // Dot patterns per (face, char): rows x cols, 1 where a dot is printed.
-  std::map<std::pair<std::string, char>, cv::Mat> dots;
 
   ~Impl() {
     for (auto& [k, f] : faces) FT_Done_Face(f);
@@ -172,32 +181,12 @@ struct MarkingRenderer::Impl {
     return true;
   }
 
-  cv::Mat DotPattern(const Face& face, char c) {
-    auto key = std::make_pair(face.Name(), c);
-    auto it = dots.find(key);
-    if (it != dots.end()) return it->second;
-    FT_Face f = Get(face.file);
-    FT_Set_Pixel_Sizes(f, 0, 128);
-    cv::Mat ink;
-    int l, t, a, ml, mt, ma;
-    cv::Mat m;
-    GlyphBitmap(f, 'H', &m, &ml, &mt, &ma);
-    const int cap = mt;  // cap height above the baseline
-    GlyphBitmap(f, 'M', &m, &ml, &mt, &ma);
-    const int x0 = ml, x1 = ml + m.cols;  // widest ink column range
-    cv::Mat cell = cv::Mat::zeros(cap, x1 - x0, CV_8U);
-    if (c != ' ' && GlyphBitmap(f, c, &ink, &l, &t, &a)) {
-      for (int r = 0; r < ink.rows; ++r)
-        for (int x = 0; x < ink.cols; ++x) {
-          const int cr = cap - t + r, cx = l + x - x0;
-          if (cr >= 0 && cr < cell.rows && cx >= 0 && cx < cell.cols)
-            cell.at<uint8_t>(cr, cx) = ink.at<uint8_t>(r, x);
-        }
-    }
-    cv::Mat small;
-    cv::resize(cell, small, cv::Size(face.dot_cols, face.dot_rows), 0, 0, cv::INTER_AREA);
-    cv::Mat pattern = small > 70;
-    dots[key] = pattern;
+  // Pattern rows x cols, 1 where the table prints a dot.
+  static cv::Mat DotPattern(const DotTable& t, char c) {
+    cv::Mat pattern = cv::Mat::zeros(t.rows, t.cols, CV_8U);
+    const auto rows = t.Glyph(c);
+    for (int r = 0; r < int(rows.size()); ++r)
+      for (int x = 0; x < t.cols; ++x) pattern.at<uint8_t>(r, x) = rows[size_t(r)][size_t(x)] == '#';
     return pattern;
   }
 };
@@ -222,26 +211,35 @@ Marking MarkingRenderer::Render(const std::string& text, const Face& face, int c
   int pen = 0;
   const int baseline = 2 * h2;
   if (face.IsDotMatrix()) {
-    const double pitch = double(h2) / (face.dot_rows - 1);
-    const double dot_d = pitch * U(rng, 1.0, 1.2);
+    const DotTable& table = DotTableByName(face.table);
+    const double pitch = double(h2) / (table.rows - 1);
+    const double dot_d = pitch * U(rng, face.dot_lo, face.dot_hi);
+    // Character generators leave at least one blank dot column between cells.
+    const double gap = pitch * U(rng, 1.0, 1.5);
     for (char c : text) {
-      cv::Mat pat = impl_->DotPattern(face, c);
-      const int cw = int(std::ceil((face.dot_cols - 1) * pitch + dot_d)) + 2;
+      cv::Mat pat = Impl::DotPattern(table, c);
+      const int cw = int(std::ceil((table.cols - 1) * pitch + dot_d)) + 2;
       const int ch = int(std::ceil(h2 + dot_d)) + 2;
       cv::Mat glyph = cv::Mat::zeros(ch, cw, CV_8U);
       for (int r = 0; r < pat.rows; ++r)
         for (int x = 0; x < pat.cols; ++x)
-          if (pat.at<uint8_t>(r, x))
-            cv::circle(glyph,
-                       cv::Point(int((x * pitch + dot_d / 2 + 1) * 16), int((r * pitch + dot_d / 2 + 1) * 16)),
-                       int(dot_d / 2 * 16), cv::Scalar(255), cv::FILLED, cv::LINE_AA, 4);
+          if (pat.at<uint8_t>(r, x)) {
+            const cv::Point centre(int((x * pitch + dot_d / 2 + 1) * 16),
+                                   int((r * pitch + dot_d / 2 + 1) * 16));
+            const int rad = int(dot_d / 2 * 16);
+            if (face.square_dots)
+              cv::rectangle(glyph, centre - cv::Point(rad, rad), centre + cv::Point(rad, rad),
+                            cv::Scalar(255), cv::FILLED, cv::LINE_AA, 4);
+            else
+              cv::circle(glyph, centre, rad, cv::Scalar(255), cv::FILLED, cv::LINE_AA, 4);
+          }
       const cv::Point at(pen, baseline - h2 - int(dot_d / 2) - 1);
       if (cv::countNonZero(glyph)) {
         cv::Rect bb = cv::boundingRect(glyph);
         boxes.push_back(bb + at);
         blits.push_back({glyph, at});
       }
-      pen += int((face.dot_cols - 1) * pitch + dot_d + tracking * 0.8);
+      pen += int((table.cols - 1) * pitch + dot_d + gap);
     }
   } else {
     FT_Face f = impl_->Get(face.file);

@@ -15,12 +15,15 @@ namespace velmora::ocrgen {
 enum class Grade { Clean, Moderate, Hard };
 const char* GradeName(Grade g);
 
-// One face of a family: an outline font file, or a dot-matrix face whose
-// dot patterns are sampled from that font's glyphs on a cols x rows grid.
+// One face of a family: an outline font file, or a dot-matrix face printed
+// from a designed dot table (dot_tables.h) with round or square dots whose
+// diameter is dot_lo..dot_hi times the dot pitch.
 struct Face {
   std::string file;
-  int dot_cols = 0, dot_rows = 0;  // 0: outline rendering
-  bool IsDotMatrix() const { return dot_cols > 0; }
+  std::string table;  // dot table name; empty: outline rendering
+  bool square_dots = false;
+  double dot_lo = 1.0, dot_hi = 1.2;
+  bool IsDotMatrix() const { return !table.empty(); }
   std::string Name() const;
 };
 

@@ -25,11 +25,18 @@ using ocr_detail::VecF;
 namespace {
 
 constexpr char kOmcMagic[4] = {'V', 'O', 'M', 'C'};
-constexpr uint32_t kOmcVersion = 1;
+// Version 2 adds the feature `line_band`; version 1 files stay readable.
+constexpr uint32_t kOmcVersion = 2;
 constexpr char kTrfMagic[4] = {'V', 'O', 'T', 'F'};
-constexpr uint32_t kTrfVersion = 2;
+// Version 3 stores each character's text line band.
+constexpr uint32_t kTrfVersion = 3;
 
-enum class Feature : uint8_t { Ratio, Width, Height, Pixel, PixelInvar, PixelBinary, ZoomFactor };
+enum class Feature : uint8_t {
+  Ratio, Width, Height, Pixel, PixelInvar, PixelBinary, ZoomFactor, LineBand
+};
+
+// Values `line_band` contributes.
+constexpr int kLineBandValues = 4;
 
 struct FeatureName {
   const char* name;
@@ -39,7 +46,7 @@ constexpr FeatureName kFeatureNames[] = {
     {"ratio", Feature::Ratio},          {"width", Feature::Width},
     {"height", Feature::Height},        {"pixel", Feature::Pixel},
     {"pixel_invar", Feature::PixelInvar}, {"pixel_binary", Feature::PixelBinary},
-    {"zoom_factor", Feature::ZoomFactor},
+    {"zoom_factor", Feature::ZoomFactor}, {"line_band", Feature::LineBand},
 };
 
 // The classifier behind a handle.
@@ -66,7 +73,8 @@ class OcrMlp : public HandleBase {
     for (Feature f : features)
       n += (f == Feature::Pixel || f == Feature::PixelInvar || f == Feature::PixelBinary)
                ? grid_w * grid_h
-               : 1;
+           : f == Feature::LineBand ? kLineBandValues
+                                    : 1;
     return n;
   }
 };
@@ -125,6 +133,19 @@ void ComputeFeatures(const OcrMlp& c, const OcrSample& s, float* out) {
       case Feature::ZoomFactor:
         *out++ = 0.5f * (float(w) / c.grid_w + float(h) / c.grid_h) - 1.f;
         break;
+      case Feature::LineBand: {
+        // Where the box sits in its text line: a lower-case c or a hyphen
+        // looks like C or an underscore alone, not beside its neighbours.
+        const bool known = s.band_bottom >= s.band_top;
+        const int top = known ? std::min(s.band_top, 0) : 0;
+        const int bottom = known ? std::max(s.band_bottom, h - 1) : h - 1;
+        const float band = float(bottom - top + 1);
+        *out++ = float(-top) / band;
+        *out++ = float(bottom - (h - 1)) / band;
+        *out++ = float(h) / band;
+        *out++ = float(w) / band;
+        break;
+      }
       case Feature::Pixel:
       case Feature::PixelInvar:
       case Feature::PixelBinary: {
@@ -254,13 +275,18 @@ void ReadTrainFile(const std::string& path, std::vector<OcrSample>* out, const c
   r.Raw(magic, 4);
   if (std::memcmp(magic, kTrfMagic, 4) != 0)
     throw HException(op, "Not a training file: " + path, kErrFileFormat);
-  if (r.U32() != kTrfVersion)
+  const uint32_t version = r.U32();
+  if (version != kTrfVersion && version != 2)
     throw HException(op, "Unsupported training file version: " + path, kErrFileFormat);
   while (!r.AtEnd()) {
     OcrSample s;
     s.klass = r.Str();
     const int w = r.U16(), h = r.U16();
     s.ground = r.U8();
+    if (version >= 3) {
+      s.band_top = -int(r.U16());
+      s.band_bottom = int(r.U16());
+    }
     if (w == 0 || h == 0) throw HException(op, "Damaged training file", kErrFileFormat);
     s.gray.create(h, w, CV_8U);
     s.mask.create(h, w, CV_8U);
@@ -277,6 +303,9 @@ void WriteSamples(std::ofstream& f, const std::vector<OcrSample>& samples) {
     w.U16(uint16_t(s.gray.cols));
     w.U16(uint16_t(s.gray.rows));
     w.U8(s.ground);
+    const bool known = s.band_bottom >= s.band_top;
+    w.U16(uint16_t(known ? std::clamp(-s.band_top, 0, 65535) : 0));
+    w.U16(uint16_t(known ? std::clamp(s.band_bottom, 0, 65535) : s.gray.rows - 1));
     w.Raw(s.gray.data, s.gray.total());
     w.Raw(s.mask.data, s.mask.total());
   }
@@ -360,7 +389,39 @@ OcrSample OcrCutSample(const Region& region, const Image& image, const char* op)
   cv::minMaxLoc(plane(around), nullptr, &ground);
   s.ground = uint8_t(ground);
   s.mask = reg.ToMask(r2 - r1 + 1, c2 - c1 + 1, r1, c1);
+  // Print is what is darker than halfway between the character's darkest
+  // pixel and the ground; without contrast the band is the box itself.
+  double lo = 255;
+  cv::minMaxLoc(s.gray, &lo, nullptr, nullptr, nullptr, s.mask);
+  s.band_top = 0;
+  s.band_bottom = r2 - r1;
+  if (ground - lo >= 8) {
+    int top = r1, bottom = r2;
+    OcrLineBand(plane, r1, c1, r2, c2, int((lo + ground) / 2), &top, &bottom);
+    s.band_top = top - r1;
+    s.band_bottom = bottom - r1;
+  }
   return s;
+}
+
+void OcrLineBand(const cv::Mat& gray, int r1, int c1, int r2, int c2, int threshold, int* top,
+                 int* bottom) {
+  *top = r1;
+  *bottom = r2;
+  if (gray.empty() || gray.type() != CV_8U) return;
+  // A character size: the larger box side, so that a flat hyphen still looks
+  // as far as its neighbours' full height.
+  const int size = std::max(r2 - r1 + 1, c2 - c1 + 1);
+  const int x0 = std::max(0, c1 - 3 * size), x1 = std::min(gray.cols - 1, c2 + 3 * size);
+  const int y0 = std::max(0, r1 - 2 * size), y1 = std::min(gray.rows - 1, r2 + 2 * size);
+  auto has_print = [&](int row) {
+    const uint8_t* p = gray.ptr<uint8_t>(row);
+    int n = 0;
+    for (int x = x0; x <= x1; ++x) n += p[x] <= threshold;
+    return n >= 2;
+  };
+  while (*top > y0 && has_print(*top - 1)) --*top;
+  while (*bottom < y1 && has_print(*bottom + 1)) ++*bottom;
 }
 
 void create_ocr_train_samples(HTuple* handle) {
@@ -572,7 +633,8 @@ void read_ocr_class_mlp(const HTuple& file_name, HTuple* ocr_handle) {
   Reader r(d, d.size() - 4, op);
   char magic[4];
   r.Raw(magic, 4);
-  if (r.U32() != kOmcVersion)
+  const uint32_t version = r.U32();
+  if (version != kOmcVersion && version != 1)
     throw HException(op, "Unsupported OCR classifier version: " + path, kErrFileFormat);
   auto c = std::make_shared<OcrMlp>();
   c->grid_w = r.U16();
@@ -584,6 +646,9 @@ void read_ocr_class_mlp(const HTuple& file_name, HTuple* ocr_handle) {
   for (int i = r.U16(); i > 0; --i) c->feature_names.push_back(r.Str());
   for (int i = r.U16(); i > 0; --i) c->classes.push_back(r.Str());
   c->features = ExpandFeatures(c->feature_names, op);
+  if (version < 2 &&
+      std::find(c->features.begin(), c->features.end(), Feature::LineBand) != c->features.end())
+    throw HException(op, "Feature line_band in a version 1 file: " + path, kErrFileFormat);
   CvInterpolation(c->interpolation, op);
   Mlp& n = c->net;
   n.n_in = int(r.U32());

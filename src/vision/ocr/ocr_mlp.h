@@ -18,6 +18,9 @@ struct OcrSample {
   cv::Mat gray;  // CV_8U
   cv::Mat mask;  // CV_8U, 255 inside the character region
   uint8_t ground = 255;  // lightest gray value around the box (the paper)
+  // Rows of the text line around the character, relative to the box's top
+  // row: band_top <= 0, band_bottom >= box height - 1 (see OcrLineBand).
+  int band_top = 0, band_bottom = -1;  // band_bottom < band_top: not known
   std::string klass;
 };
 
@@ -80,6 +83,13 @@ std::string OcrFontFolder();
 // Features of one character from its gray patch and mask (bounding-box
 // sized), as the classifier of `ocr_handle` sees them.
 std::vector<float> OcrSampleFeatures(const HTuple& ocr_handle, const OcrSample& s);
+
+// The rows [*top, *bottom] of the text line a character box (rows r1..r2,
+// columns c1..c2) belongs to: starting from the box, rows are added above and
+// below while they hold print (at least two pixels darker than `threshold`)
+// within a few character sizes left and right. Dark print is assumed.
+void OcrLineBand(const cv::Mat& gray, int r1, int c1, int r2, int c2, int threshold, int* top,
+                 int* bottom);
 
 // Cuts one character (region + gray image) into a sample; exposed for tools.
 OcrSample OcrCutSample(const Region& region, const Image& image, const char* op);

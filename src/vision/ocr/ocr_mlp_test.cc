@@ -1,6 +1,7 @@
 #include "vision/ocr/ocr_mlp.h"
 
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 
@@ -159,7 +160,110 @@ TEST(OcrMlp, TrainingFileMatchesInMemorySamples) {
   EXPECT_NEAR(s[0].gray.cols, 35, 2);
   EXPECT_EQ(s[0].gray.size(), s[0].mask.size());
   EXPECT_EQ(cv::countNonZero(s[0].mask), o.region.RegionAt(0).Area());
+  // The text line band travels with the sample (a lone shape: the box).
+  EXPECT_EQ(s[0].band_top, 0);
+  EXPECT_EQ(s[0].band_bottom, s[0].gray.rows - 1);
   std::remove(path.c_str());
+}
+
+// A line "H-o" with a second line far above: the band of each character is
+// the rows of the capital H (rows 40..69), never the other line (rows 5..14).
+TEST(OcrMlp, LineBandSpansTheNeighboursOfItsOwnLineOnly) {
+  cv::Mat m(100, 200, CV_8U, cv::Scalar(200));
+  cv::rectangle(m, cv::Rect(10, 5, 150, 10), cv::Scalar(40), cv::FILLED);  // other line
+  cv::rectangle(m, cv::Rect(20, 40, 4, 30), cv::Scalar(40), cv::FILLED);   // H
+  cv::rectangle(m, cv::Rect(36, 40, 4, 30), cv::Scalar(40), cv::FILLED);
+  cv::rectangle(m, cv::Rect(20, 53, 20, 4), cv::Scalar(40), cv::FILLED);
+  cv::rectangle(m, cv::Rect(46, 55, 10, 3), cv::Scalar(40), cv::FILLED);   // -
+  cv::rectangle(m, cv::Rect(62, 52, 14, 18), cv::Scalar(40), cv::FILLED);  // o
+  cv::rectangle(m, cv::Rect(65, 55, 8, 12), cv::Scalar(200), cv::FILLED);
+  const HObject image(Image::FromPlanes(PixelType::Byte, {m}));
+  struct Case {
+    const char* what;
+    cv::Rect box;
+    int top, bottom;  // expected band rows in the image
+  };
+  const Case cases[] = {
+      {"capital", {20, 40, 20, 30}, 40, 69},
+      {"small letter", {62, 52, 14, 18}, 40, 69},
+      {"hyphen", {46, 55, 10, 3}, 40, 69},
+  };
+  for (const Case& c : cases) {
+    const Region box = Region::FromMask(m(c.box) < 128).Translated(c.box.y, c.box.x);
+    const OcrSample s = OcrCutSample(box, image.ImageAt(0), "test");
+    EXPECT_EQ(c.box.y + s.band_top, c.top) << c.what;
+    EXPECT_EQ(c.box.y + s.band_bottom, c.bottom) << c.what;
+  }
+  // At the image border the band stops at the first and last rows.
+  int top = 0, bottom = 0;
+  cv::Mat full(20, 20, CV_8U, cv::Scalar(0));
+  OcrLineBand(full, 5, 5, 10, 10, 100, &top, &bottom);
+  EXPECT_EQ(top, 0);
+  EXPECT_EQ(bottom, 19);
+}
+
+// With the line band, a small and a large o of the same shape separate, and
+// the feature survives the file; older (version 1) files still load.
+TEST(OcrMlp, LineBandSeparatesCaseAndKeepsFileVersions) {
+  HTuple ocr, set, err, log;
+  create_ocr_class_mlp(HTuple(8), HTuple(10), HTuple("constant"),
+                       HTuple::Strings({"default", "line_band"}), HTuple::Strings({"o", "O"}),
+                       HTuple(8), HTuple("normalization"), HTuple(10), HTuple(3), &ocr);
+  create_ocr_train_samples(&set);
+  auto line = [](int cap, bool small) {
+    cv::Mat m(3 * cap, 4 * cap, CV_8U, cv::Scalar(210));
+    const int top = cap, stroke = std::max(2, cap / 8);
+    cv::rectangle(m, cv::Rect(cap / 4, top, stroke, cap), cv::Scalar(30), cv::FILLED);  // an l
+    const int h = small ? cap * 2 / 3 : cap;
+    const cv::Rect o(cap, top + cap - h, h * 3 / 4, h);
+    cv::ellipse(m, (o.tl() + o.br()) / 2, o.size() / 2, 0, 0, 360, cv::Scalar(30), stroke);
+    Drawn d;
+    d.image = HObject(Image::FromPlanes(PixelType::Byte, {m}));
+    const cv::Rect cut(o.x - stroke, o.y - stroke, o.width + 2 * stroke, o.height + 2 * stroke);
+    d.region = HObject(Region::FromMask(m(cut) < 128).Translated(cut.y, cut.x));
+    return d;
+  };
+  for (int cap = 18; cap <= 48; cap += 3)
+    for (bool small : {true, false}) {
+      const Drawn d = line(cap, small);
+      append_ocr_trainf(d.region, d.image, HTuple(small ? "o" : "O"), set);
+    }
+  trainf_ocr_class_mlp(ocr, set, HTuple(300), HTuple(1.0), HTuple(0.0), &err, &log);
+  const auto dir = std::filesystem::temp_directory_path() / "vision_ocr_band";
+  std::filesystem::create_directories(dir);
+  const std::string path = (dir / "case.omc").string();
+  write_ocr_class_mlp(ocr, HTuple(path));
+  HTuple again;
+  read_ocr_class_mlp(HTuple(path), &again);
+  for (int cap : {20, 40})
+    for (bool small : {true, false}) {
+      const Drawn d = line(cap, small);
+      HTuple k, c;
+      do_ocr_single_class_mlp(d.region, d.image, again, HTuple(1), &k, &c);
+      EXPECT_EQ(k.S(0), small ? "o" : "O") << "cap " << cap;
+    }
+  // The same bytes labelled version 1 (checksum fixed) must be refused, as
+  // version 1 knows no line band; a version 1 file of `default` loads.
+  auto relabel = [](std::string bytes) {
+    bytes[4] = 1;
+    uint32_t h = 2166136261u;
+    for (size_t i = 0; i + 4 < bytes.size(); ++i) h = (h ^ uint8_t(bytes[i])) * 16777619u;
+    std::memcpy(&bytes[bytes.size() - 4], &h, 4);
+    return bytes;
+  };
+  auto bytes_of = [](const std::string& p) {
+    std::ifstream f(p, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(f), {});
+  };
+  const std::string old_band = (dir / "old_band.omc").string();
+  std::ofstream(old_band, std::ios::binary) << relabel(bytes_of(path));
+  HTuple h;
+  EXPECT_THROW(read_ocr_class_mlp(HTuple(old_band), &h), HException);
+  const std::string plain = (dir / "plain.omc").string(), old_plain = (dir / "old_plain.omc").string();
+  write_ocr_class_mlp(TrainedClassifier(), HTuple(plain));
+  std::ofstream(old_plain, std::ios::binary) << relabel(bytes_of(plain));
+  EXPECT_NO_THROW(read_ocr_class_mlp(HTuple(old_plain), &h));
+  std::filesystem::remove_all(dir);
 }
 
 }  // namespace
