@@ -3,6 +3,7 @@
 #include "imaging/halcon_utility.h"
 #include "messaging/log.h"
 #include "ocr/ocr_engine.h"
+#include "ocr/ocr_segment.h"
 #include "vision/core/exception.h"
 #include "vision/filter/filters.h"
 #include "vision/filter/image_ops.h"
@@ -35,32 +36,11 @@ std::optional<std::vector<uint8_t>> ocrFilteredImage(const archive::ObjectPtr& i
     const float stretch_h = archive::ReadFloat(attribute, "stretch_height_level", 1.0f);
     const int64_t black_level = archive::ReadInt(attribute, "black_level");
 
-    HObject ho_Rect, ho_Reduced, ho_Cropped, ho_Rotated, ho_Zoomed, ho_Emph, ho_S;
-    vision::gen_rectangle1(&ho_Rect, 0, 0, HTuple(h - 1), HTuple(w - 1));
-    vision::reduce_domain(ho_Image, ho_Rect, &ho_Reduced);
-    vision::crop_domain(ho_Reduced, &ho_Cropped);
-    vision::rotate_image(ho_Cropped, &ho_Rotated, 0, "constant");
     // Unlike the recognition, the preview applies the vertical stretch too.
-    if (stretch_w != 1.0f || stretch_h != 1.0f)
-      vision::zoom_image_factor(ho_Rotated, &ho_Zoomed, double(stretch_w), double(stretch_h),
-                                "weighted");
-    else
-      ho_Zoomed = ho_Rotated;
-    vision::emphasize(ho_Zoomed, &ho_Emph, 3, 3, 1);
-    gen_image_smoothed_preview(ho_Emph, &ho_S, 1.0, 3.0);
-
-    // Print is always dark on a light ground from here on.
-    HObject ho_Bin, ho_Domain;
-    HTuple hv_TextArea, hv_AllArea, hv_Row, hv_Col;
-    vision::bin_threshold(ho_S, &ho_Bin);
-    vision::area_center(ho_Bin, &hv_TextArea, &hv_Row, &hv_Col);
-    vision::get_domain(ho_S, &ho_Domain);
-    vision::area_center(ho_Domain, &hv_AllArea, &hv_Row, &hv_Col);
-    if (hv_AllArea.L() / 2 < hv_TextArea.L()) {
-      HObject ho_Inverted;
-      vision::invert_image(ho_S, &ho_Inverted);
-      ho_S = ho_Inverted;
-    }
+    HObject ho_S;
+    gen_image_smoothed_preview(PrepareOcrImage(ho_Image, w, h, 0, stretch_w, stretch_h), &ho_S,
+                               1.0, 3.0);
+    MakePrintDark(&ho_S);
 
     HTuple hv_Width, hv_Height;
     vision::get_image_size(ho_S, &hv_Width, &hv_Height);

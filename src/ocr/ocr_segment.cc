@@ -14,35 +14,45 @@ namespace velmora {
 using vision::HObject;
 using vision::HTuple;
 
-OcrLineSegmentation SegmentOcrLine(const HObject& ho_Image, const OcrPassParams& p) {
-  OcrLineSegmentation out;
-  HObject ho_Rect, ho_Reduced, ho_Cropped, ho_Rotated, ho_Zoomed, ho_Emph, ho_S;
+HObject PrepareOcrImage(const HObject& ho_Image, double width, double height, double angle,
+                        float stretch_width, float stretch_height) {
+  HObject ho_Rect, ho_Reduced, ho_Cropped, ho_Rotated, ho_Zoomed, ho_Emph;
   // Region of interest: the nominal size, which may differ from the bitmap's.
-  vision::gen_rectangle1(&ho_Rect, HTuple(0), HTuple(0), HTuple(p.height - 1), HTuple(p.width - 1));
+  vision::gen_rectangle1(&ho_Rect, HTuple(0), HTuple(0), HTuple(height - 1), HTuple(width - 1));
   vision::reduce_domain(ho_Image, ho_Rect, &ho_Reduced);
   vision::crop_domain(ho_Reduced, &ho_Cropped);
-  vision::rotate_image(ho_Cropped, &ho_Rotated, HTuple(p.angle), HTuple("constant"));
-  if (p.stretch != 1.0f) {
-    vision::zoom_image_factor(ho_Rotated, &ho_Zoomed, HTuple(double(p.stretch)), HTuple(1.0),
-                              HTuple("weighted"));
+  vision::rotate_image(ho_Cropped, &ho_Rotated, HTuple(angle), HTuple("constant"));
+  if (stretch_width != 1.0f || stretch_height != 1.0f) {
+    vision::zoom_image_factor(ho_Rotated, &ho_Zoomed, HTuple(double(stretch_width)),
+                              HTuple(double(stretch_height)), HTuple("weighted"));
   } else {
     ho_Zoomed = ho_Rotated;
   }
   vision::emphasize(ho_Zoomed, &ho_Emph, HTuple(3), HTuple(3), HTuple(1));
-  gen_image_smoothed(ho_Emph, &ho_S, HTuple(1.0), HTuple(3.0));
+  return ho_Emph;
+}
 
-  // Polarity: when the dark part covers more than half, the print is light.
+void MakePrintDark(HObject* ho_S) {
   HObject ho_Bin, ho_Domain;
   HTuple hv_TextArea, hv_AllArea, hv_R, hv_C;
-  vision::bin_threshold(ho_S, &ho_Bin);
+  vision::bin_threshold(*ho_S, &ho_Bin);
   vision::area_center(ho_Bin, &hv_TextArea, &hv_R, &hv_C);
-  vision::get_domain(ho_S, &ho_Domain);
+  vision::get_domain(*ho_S, &ho_Domain);
   vision::area_center(ho_Domain, &hv_AllArea, &hv_R, &hv_C);
-  if ((hv_AllArea / HTuple(2)).D() < hv_TextArea.D()) {
+  // Integer division, as the areas are integers.
+  if (hv_AllArea.L() / 2 < hv_TextArea.L()) {
     HObject ho_Inv;
-    vision::invert_image(ho_S, &ho_Inv);
-    ho_S = ho_Inv;
+    vision::invert_image(*ho_S, &ho_Inv);
+    *ho_S = ho_Inv;
   }
+}
+
+OcrLineSegmentation SegmentOcrLine(const HObject& ho_Image, const OcrPassParams& p) {
+  OcrLineSegmentation out;
+  HObject ho_S;
+  gen_image_smoothed(PrepareOcrImage(ho_Image, p.width, p.height, p.angle, p.stretch, 1.0f), &ho_S,
+                     HTuple(1.0), HTuple(3.0));
+  MakePrintDark(&ho_S);
   HTuple hv_Width, hv_Height;
   vision::get_image_size(ho_S, &hv_Width, &hv_Height);
 
@@ -52,8 +62,9 @@ OcrLineSegmentation SegmentOcrLine(const HObject& ho_Image, const OcrPassParams&
 
   // Border cleaning: computed as the procedure does, but nothing uses it.
   {
-    HObject ho_Border, ho_Dil, ho_Compl, ho_Inter, ho_Conn, ho_Sel, ho_Clean;
+    HObject ho_Domain, ho_Border, ho_Dil, ho_Compl, ho_Inter, ho_Conn, ho_Sel, ho_Clean;
     const double h = hv_Height.D();
+    vision::get_domain(ho_S, &ho_Domain);
     vision::boundary(ho_Domain, &ho_Border, HTuple("inner"));
     const long dil = std::max(1L, long(0.1 * h));
     vision::dilation_rectangle1(ho_Border, &ho_Dil, HTuple(dil), HTuple(dil));
