@@ -28,23 +28,6 @@ namespace {
 
 double Ms(Clock::time_point a, Clock::time_point b) { return std::chrono::duration<double, std::milli>(b - a).count(); }
 
-ZXing::BarcodeFormat Format(Kind k) {
-  using F = ZXing::BarcodeFormat;
-  switch (k) {
-    case Kind::DataMatrix: return F::DataMatrix;
-    case Kind::QR: return F::QRCode;
-    case Kind::MicroQR: return F::MicroQRCode;
-    case Kind::Code39: return F::Code39;
-    case Kind::Code128: return F::Code128;
-    case Kind::Code93: return F::Code93;
-    case Kind::EAN13: return F::EAN13;
-    case Kind::EAN8: return F::EAN8;
-    case Kind::UPCA: return F::UPCA;
-    case Kind::ITF: return F::ITF;
-    case Kind::Codabar: return F::Codabar;
-  }
-  return F::None;
-}
 
 vision::HObject ToImage(const cv::Mat& gray) {
   // The service always sees three-channel images.
@@ -89,7 +72,7 @@ ZXing::Result ZxingOnce(const cv::Mat& g, ZXing::BarcodeFormat f, ZXing::Binariz
 // tryDownscale on, the right format; the first binarizer that reads counts.
 std::string ZxingBest(const cv::Mat& g, Kind kind) {
   for (auto b : {ZXing::Binarizer::LocalAverage, ZXing::Binarizer::GlobalHistogram, ZXing::Binarizer::FixedThreshold}) {
-    auto r = ZxingOnce(g, Format(kind), b);
+    auto r = ZxingOnce(g, ZxFormat(kind), b);
     if (r.isValid()) return r.text();
   }
   return {};

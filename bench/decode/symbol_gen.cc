@@ -14,23 +14,6 @@
 namespace velmora::symgen {
 namespace {
 
-ZXing::BarcodeFormat ZxFormat(Kind k) {
-  using F = ZXing::BarcodeFormat;
-  switch (k) {
-    case Kind::DataMatrix: return F::DataMatrix;
-    case Kind::QR: return F::QRCode;
-    case Kind::MicroQR: return F::MicroQRCode;
-    case Kind::Code39: return F::Code39;
-    case Kind::Code128: return F::Code128;
-    case Kind::Code93: return F::Code93;
-    case Kind::EAN13: return F::EAN13;
-    case Kind::EAN8: return F::EAN8;
-    case Kind::UPCA: return F::UPCA;
-    case Kind::ITF: return F::ITF;
-    case Kind::Codabar: return F::Codabar;
-  }
-  return F::None;
-}
 
 // zxing-cpp 1.4 cannot write Micro QR; qrencode can, as text art with two
 // characters per module.
@@ -100,6 +83,24 @@ double U(std::mt19937& rng, double a, double b) { return std::uniform_real_distr
 bool Chance(std::mt19937& rng, double p) { return U(rng, 0, 1) < p; }
 
 }  // namespace
+
+ZXing::BarcodeFormat ZxFormat(Kind k) {
+  using F = ZXing::BarcodeFormat;
+  switch (k) {
+    case Kind::DataMatrix: return F::DataMatrix;
+    case Kind::QR: return F::QRCode;
+    case Kind::MicroQR: return F::MicroQRCode;
+    case Kind::Code39: return F::Code39;
+    case Kind::Code128: return F::Code128;
+    case Kind::Code93: return F::Code93;
+    case Kind::EAN13: return F::EAN13;
+    case Kind::EAN8: return F::EAN8;
+    case Kind::UPCA: return F::UPCA;
+    case Kind::ITF: return F::ITF;
+    case Kind::Codabar: return F::Codabar;
+  }
+  return F::None;
+}
 
 const char* KindName(Kind k) {
   switch (k) {

@@ -9,12 +9,16 @@
 
 #include <opencv2/core.hpp>
 
+#include <ZXing/BarcodeFormat.h>
+
 namespace velmora::symgen {
 
 enum class Kind { DataMatrix, QR, MicroQR, Code39, Code128, Code93, EAN13, EAN8, UPCA, ITF, Codabar };
 enum class Grade { Clean, Moderate, Hard };
 
 const char* KindName(Kind k);
+// The zxing-cpp format of a kind (the writer's and the direct reader's).
+ZXing::BarcodeFormat ZxFormat(Kind k);
 const char* GradeName(Grade g);
 bool IsLinear(Kind k);
 
