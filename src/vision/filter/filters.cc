@@ -1,6 +1,7 @@
 #include "vision/filter/filters.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <functional>
 
@@ -211,12 +212,16 @@ void emphasize(const HObject& image, HObject* image_emphasize, const HTuple& mas
                        kErrWrongObject);
     const cv::Mat mean = MeanPlane(p, img.type, mw, mh);
     if (img.type == PixelType::Byte) {
+      // The difference of two bytes takes only 511 values: round each once.
+      std::array<int, 511> rounded;
+      for (int diff = -255; diff <= 255; ++diff)
+        rounded[size_t(diff + 255)] = int(std::round(float(diff) * float(f)));
       cv::Mat res(p.size(), CV_8U);
       for (int r = 0; r < res.rows; ++r) {
         const uint8_t *o = p.ptr<uint8_t>(r), *m = mean.ptr<uint8_t>(r);
         uint8_t* d = res.ptr<uint8_t>(r);
         for (int c = 0; c < res.cols; ++c)
-          d[c] = cv::saturate_cast<uint8_t>(std::round((float(o[c]) - float(m[c])) * float(f)) + float(o[c]));
+          d[c] = cv::saturate_cast<uint8_t>(rounded[size_t(int(o[c]) - int(m[c]) + 255)] + int(o[c]));
       }
       return res;
     }
