@@ -2,10 +2,18 @@
 // window; the delegate does the rest.
 #include <QApplication>
 #include <cstdlib>
+#include <malloc.h>
 
 #include "app/app_delegate.h"
 
 int main(int argc, char** argv) {
+  // Every request brings megabyte-sized buffers (archive, TIFF, planes). With
+  // glibc's defaults each of them is a fresh mapping whose pages fault in one
+  // by one, which cost more than the transport and decoding together; keeping
+  // them in the heap lets later requests reuse warm pages. Very large
+  // requests still get mappings of their own and give them back.
+  mallopt(M_MMAP_THRESHOLD, 32 << 20);
+  mallopt(M_TRIM_THRESHOLD, 128 << 20);
   // Headless workstations and services: without a display, draw offscreen.
   if (!std::getenv("DISPLAY") && !std::getenv("WAYLAND_DISPLAY") && !std::getenv("QT_QPA_PLATFORM"))
     setenv("QT_QPA_PLATFORM", "offscreen", 1);
