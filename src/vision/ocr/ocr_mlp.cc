@@ -406,13 +406,19 @@ OcrSample OcrCutSample(const Region& region, const Image& image, const char* op)
 
 void OcrLineBand(const cv::Mat& gray, int r1, int c1, int r2, int c2, int threshold, int* top,
                  int* bottom) {
+  // How many character sizes left and right count as the character's line:
+  // far enough to meet a capital or an ascender beside a run of small
+  // letters, near enough that a tilted line does not widen the band much
+  // (six read no better than three).
+  constexpr int kBandReach = 3;
   *top = r1;
   *bottom = r2;
   if (gray.empty() || gray.type() != CV_8U) return;
   // A character size: the larger box side, so that a flat hyphen still looks
   // as far as its neighbours' full height.
   const int size = std::max(r2 - r1 + 1, c2 - c1 + 1);
-  const int x0 = std::max(0, c1 - 3 * size), x1 = std::min(gray.cols - 1, c2 + 3 * size);
+  const int x0 = std::max(0, c1 - kBandReach * size);
+  const int x1 = std::min(gray.cols - 1, c2 + kBandReach * size);
   const int y0 = std::max(0, r1 - 2 * size), y1 = std::min(gray.rows - 1, r2 + 2 * size);
   auto has_print = [&](int row) {
     const uint8_t* p = gray.ptr<uint8_t>(row);

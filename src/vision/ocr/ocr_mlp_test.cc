@@ -202,7 +202,7 @@ TEST(OcrMlp, LineBandSpansTheNeighboursOfItsOwnLineOnly) {
   EXPECT_EQ(bottom, 19);
 }
 
-// With the line band, a small and a large o of the same shape separate, and
+// With the line band, one shape is a small or a capital o by its neighbour, and
 // the feature survives the file; older (version 1) files still load.
 TEST(OcrMlp, LineBandSeparatesCaseAndKeepsFileVersions) {
   HTuple ocr, set, err, log;
@@ -210,12 +210,15 @@ TEST(OcrMlp, LineBandSeparatesCaseAndKeepsFileVersions) {
                        HTuple::Strings({"default", "line_band"}), HTuple::Strings({"o", "O"}),
                        HTuple(8), HTuple("normalization"), HTuple(10), HTuple(3), &ocr);
   create_ocr_train_samples(&set);
-  auto line = [](int cap, bool small) {
-    cv::Mat m(3 * cap, 4 * cap, CV_8U, cv::Scalar(210));
-    const int top = cap, stroke = std::max(2, cap / 8);
-    cv::rectangle(m, cv::Rect(cap / 4, top, stroke, cap), cv::Scalar(30), cv::FILLED);  // an l
-    const int h = small ? cap * 2 / 3 : cap;
-    const cv::Rect o(cap, top + cap - h, h * 3 / 4, h);
+  // The same ellipse (identical pixels for both classes) beside an l of its
+  // own height (a capital O) or of one and a half times it (a small o).
+  auto line = [](int size, bool small) {
+    cv::Mat m(4 * size, 4 * size, CV_8U, cv::Scalar(210));
+    const int base = 3 * size, stroke = std::max(2, size / 8);
+    const int l_height = small ? size * 3 / 2 : size;
+    cv::rectangle(m, cv::Rect(size / 4, base - l_height, stroke, l_height), cv::Scalar(30),
+                  cv::FILLED);
+    const cv::Rect o(size, base - size, size * 3 / 4, size);
     cv::ellipse(m, (o.tl() + o.br()) / 2, o.size() / 2, 0, 0, 360, cv::Scalar(30), stroke);
     Drawn d;
     d.image = HObject(Image::FromPlanes(PixelType::Byte, {m}));
@@ -223,9 +226,9 @@ TEST(OcrMlp, LineBandSeparatesCaseAndKeepsFileVersions) {
     d.region = HObject(Region::FromMask(m(cut) < 128).Translated(cut.y, cut.x));
     return d;
   };
-  for (int cap = 18; cap <= 48; cap += 3)
+  for (int size = 14; size <= 40; size += 2)
     for (bool small : {true, false}) {
-      const Drawn d = line(cap, small);
+      const Drawn d = line(size, small);
       append_ocr_trainf(d.region, d.image, HTuple(small ? "o" : "O"), set);
     }
   trainf_ocr_class_mlp(ocr, set, HTuple(300), HTuple(1.0), HTuple(0.0), &err, &log);
@@ -235,12 +238,12 @@ TEST(OcrMlp, LineBandSeparatesCaseAndKeepsFileVersions) {
   write_ocr_class_mlp(ocr, HTuple(path));
   HTuple again;
   read_ocr_class_mlp(HTuple(path), &again);
-  for (int cap : {20, 40})
+  for (int size : {17, 31})
     for (bool small : {true, false}) {
-      const Drawn d = line(cap, small);
+      const Drawn d = line(size, small);
       HTuple k, c;
       do_ocr_single_class_mlp(d.region, d.image, again, HTuple(1), &k, &c);
-      EXPECT_EQ(k.S(0), small ? "o" : "O") << "cap " << cap;
+      EXPECT_EQ(k.S(0), small ? "o" : "O") << "size " << size;
     }
   // The same bytes labelled version 1 (checksum fixed) must be refused, as
   // version 1 knows no line band; a version 1 file of `default` loads.
