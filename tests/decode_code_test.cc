@@ -135,6 +135,33 @@ TEST(DataCode2d, TrainingRecordsPolarityAndMirroring) {
   clear_data_code_2d_model(h);
 }
 
+TEST(DataCode2d, ReadingAfterTrainingAnswersForTheImageReadAndTheCurrentParameters) {
+  // The reading pass reuses the training pass's symbols only for the very
+  // image trained on, and only while the parameters stay as training left them.
+  RenderParams inv;
+  inv.invert = true;
+  HObject first = Gray(Symbol(Kind::QR, "first"));
+  HObject second = Gray(Symbol(Kind::QR, "second"));
+  HTuple h, handles, strings;
+  HObject xlds;
+  create_data_code_2d_model("QR Code", "default_parameters", "standard_recognition", &h);
+  find_data_code_2d(first, &xlds, h, "train", "all", &handles, &strings);
+  find_data_code_2d(second, &xlds, h, HTuple(), HTuple(), &handles, &strings);
+  ASSERT_EQ(strings.Length(), 1);
+  EXPECT_EQ(strings.S(0), "second");
+  // A copy of the same pixels in other memory is another image, read afresh.
+  find_data_code_2d(Gray(Symbol(Kind::QR, "first")), &xlds, h, HTuple(), HTuple(), &handles, &strings);
+  ASSERT_EQ(strings.Length(), 1);
+  EXPECT_EQ(strings.S(0), "first");
+  find_data_code_2d(first, &xlds, h, HTuple(), HTuple(), &handles, &strings);
+  ASSERT_EQ(strings.Length(), 1);
+  // A dark symbol is no longer reported once the model is told to read light ones.
+  set_data_code_2d_param(h, "polarity", "light_on_dark");
+  find_data_code_2d(first, &xlds, h, HTuple(), HTuple(), &handles, &strings);
+  EXPECT_EQ(strings.Length(), 0);
+  clear_data_code_2d_model(h);
+}
+
 TEST(DataCode2d, BadInputRaisesAndOddImagesReadNothing) {
   EXPECT_THROW(create_data_code_2d_model("Aztec Code", HTuple(), HTuple(), nullptr), HException);
   HTuple h, handles, strings;

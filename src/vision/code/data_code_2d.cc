@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <memory>
+#include <optional>
 #include <set>
 
 #include "vision/code/code_image.h"
@@ -27,6 +28,30 @@ class DataCode2dModel : public HandleBase {
   double timeout = -1;
   Hlong stop_after_result_num = 1;
   int trained_variant = -1;
+
+  // What the last full training pass found, and on which image. Reading the
+  // same image right after training (what the code reading service always
+  // does) would start with the preparation training just recorded and repeat
+  // exactly that decode, so the reading pass takes these symbols instead.
+  // Any parameter change forgets them.
+  struct TrainedRead {
+    std::vector<cv::Mat> planes;  // shared with the image, which is immutable
+    Region domain;
+    Hlong stop_after = 0;
+    std::vector<code::Found> found;
+  };
+  std::optional<TrainedRead> trained_read;
+
+  bool IsTrainedImage(const Image& img, Hlong stop_after) const {
+    if (!trained_read || trained_read->stop_after != stop_after || trained_read->planes.size() != img.planes.size() ||
+        !(trained_read->domain == img.domain))
+      return false;
+    for (size_t k = 0; k < img.planes.size(); ++k) {
+      const cv::Mat &a = trained_read->planes[k], &b = img.planes[k];
+      if (a.data != b.data || a.size() != b.size() || a.step != b.step || a.type() != b.type()) return false;
+    }
+    return true;
+  }
 
   void ApplyDefaults(const std::string& level, const char* op) {
     if (level == "standard_recognition") {
@@ -63,6 +88,7 @@ Hlong IntParam(const HTuple& v, Hlong i, const char* op, const std::string& name
 }
 
 void SetParams(DataCode2dModel* m, const HTuple& names, const HTuple& values, const char* op) {
+  m->trained_read.reset();
   if (names.Length() != values.Length())
     throw HException(op, "Number of parameter names and values differ", kErrWrongParamCount);
   // default_parameters resets the others, so it is applied first.
@@ -206,7 +232,11 @@ void find_data_code_2d(const HObject& image, HObject* symbol_xlds, const HTuple&
     // Modules of six pixels and more are resolved without upscaling.
     req.allow_upscale = m->module_size_min < 6;
   }
-  std::vector<code::Found> found = code::ReadCodes(gray, req);
+  // Without upscaling allowed the reading pass could not repeat an upscaled
+  // training decode, so the trained symbols only stand in when it is.
+  std::vector<code::Found> found = !training && req.allow_upscale && m->IsTrainedImage(img, stop_after)
+                                       ? m->trained_read->found
+                                       : code::ReadCodes(gray, req);
   if (!training) {
     // Symbols fainter than the model accepts are not reported.
     found.erase(std::remove_if(found.begin(), found.end(),
@@ -218,6 +248,11 @@ void find_data_code_2d(const HObject& image, HObject* symbol_xlds, const HTuple&
     if (trains("mirrored")) m->mirrored = f.mirrored ? "yes" : "no";
     if (trains("contrast")) m->contrast_min = std::clamp<Hlong>(Hlong(f.contrast * 0.7), 1, m->contrast_min);
     if (trains("image_preparation")) m->trained_variant = f.variant;
+  }
+  if (training) {
+    m->trained_read.reset();
+    if (train.count("all") && !found.empty())
+      m->trained_read = DataCode2dModel::TrainedRead{img.planes, img.domain, stop_after, found};
   }
 
   HObject xlds;
