@@ -56,6 +56,29 @@ cv::Mat Stretch(const cv::Mat& g) {
   return out;
 }
 
+// Maps the darkest percent to black and everything from the median grey up
+// to white: a label on a mid-grey part then lies on white ground, which gives
+// a linear code printed with a narrow quiet zone the quiet zone it lacks.
+cv::Mat GroundStretch(const cv::Mat& g) {
+  int hist[256] = {0};
+  for (int y = 0; y < g.rows; ++y) {
+    const uint8_t* p = g.ptr<uint8_t>(y);
+    for (int x = 0; x < g.cols; ++x) ++hist[p[x]];
+  }
+  const long total = long(g.rows) * g.cols;
+  long acc = 0;
+  int lo = -1, median = 255;
+  for (int v = 0; v < 256; ++v) {
+    acc += hist[v];
+    if (lo < 0 && acc > total / 100) lo = v;
+    if (acc > total / 2) { median = v; break; }
+  }
+  if (lo < 0 || median - lo < 8) return g.clone();
+  cv::Mat out;
+  g.convertTo(out, CV_8U, 255.0 / (median - lo), -255.0 * lo / (median - lo));
+  return out;
+}
+
 // A light border, so that symbols touching the image edge or printed with a
 // narrow quiet zone still have one.
 Work Pad(Work w, int border, uint8_t value) {
@@ -97,6 +120,9 @@ bool Prepare(const cv::Mat& gray, const Variant& v, Symbology s, bool strict_qui
       break;
     case Variant::Prep::Smooth:
       w->img = Stretch(Smooth(gray, linear));
+      break;
+    case Variant::Prep::Ground:
+      w->img = GroundStretch(Smooth(gray, linear));
       break;
     case Variant::Prep::Threshold: {
       cv::Mat sm = Smooth(gray, linear), bin;
@@ -329,6 +355,8 @@ std::vector<Variant> BuildVariants(Symbology s) {
     v.push_back(fixed);
     v.push_back({P::Stretch, 1, true});
     v.push_back({P::Smooth, 2, true});
+    v.push_back({P::Ground});
+    v.push_back({P::Ground, 2});
     v.push_back({P::Candidates});
     return v;
   }
@@ -351,7 +379,7 @@ std::vector<Variant> BuildVariants(Symbology s) {
 }  // namespace
 
 std::string Variant::Name() const {
-  static const char* kPrep[] = {"plain", "stretch", "smooth", "threshold", "candidates", "dmtx"};
+  static const char* kPrep[] = {"plain", "stretch", "smooth", "threshold", "candidates", "dmtx", "ground"};
   std::string n = kPrep[int(prep)];
   if (scale > 1) n += "_x" + std::to_string(scale);
   if (global_binarizer) n += "_global";
