@@ -327,7 +327,11 @@ Marking MarkingRenderer::Render(const std::string& text, const Face& face, int c
   const double sigma = U(rng, gp.blur_lo, gp.blur_hi);
   cv::GaussianBlur(img, img, cv::Size(0, 0), sigma);
   cv::Mat noise(img.size(), CV_32F);
-  cv::randn(noise, 0.0, U(rng, gp.noise_lo, gp.noise_hi + 1e-3));
+  // The noise comes from the marking's own generator, not OpenCV's
+  // per-thread one, so a marking does not depend on what was drawn before it.
+  const double noise_sigma = U(rng, gp.noise_lo, gp.noise_hi + 1e-3);
+  cv::RNG noise_rng(rng());
+  noise_rng.fill(noise, cv::RNG::NORMAL, 0.0, noise_sigma);
   img += noise;
   cv::Mat gray;
   img.convertTo(gray, CV_8U);
