@@ -7,6 +7,7 @@
 #include <opencv2/core.hpp>
 
 #include "addin_process.h"
+#include "platform_image.h"
 #include "markings.h"
 
 namespace velmora {
@@ -15,16 +16,7 @@ namespace {
 using ocrgen::Grade;
 using testing::AddinProcess;
 
-archive::ObjectPtr PlatformImage(const cv::Mat& rgb) {
-  archive::RawBitmap bm;
-  bm.width = rgb.cols;
-  bm.height = rgb.rows;
-  bm.samples_per_pixel = 3;
-  bm.bits_per_sample = 8;
-  bm.bytes_per_row = size_t(rgb.cols) * 3;
-  bm.data.assign(rgb.data, rgb.data + rgb.total() * 3);
-  return archive::MakeImage(bm);
-}
+using testing::PlatformImage;
 
 archive::ObjectPtr Attributes(const std::string& font, bool reverse = false) {
   auto d = archive::MakeDictionary();

@@ -14,22 +14,14 @@
 #include <vector>
 
 #include "addin_process.h"
+#include "platform_image.h"
 #include "markings.h"
 
 namespace {
 
 using namespace velmora;
 
-archive::ObjectPtr PlatformImage(const cv::Mat& rgb) {
-  archive::RawBitmap bm;
-  bm.width = rgb.cols;
-  bm.height = rgb.rows;
-  bm.samples_per_pixel = 3;
-  bm.bits_per_sample = 8;
-  bm.bytes_per_row = size_t(rgb.cols) * 3;
-  bm.data.assign(rgb.data, rgb.data + rgb.total() * 3);
-  return archive::MakeImage(bm);
-}
+using velmora::testing::PlatformImage;
 
 }  // namespace
 
