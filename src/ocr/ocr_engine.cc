@@ -133,6 +133,13 @@ void gen_image_smoothed_preview(const HObject& ho_Image, HObject* ho_ImageSmooth
   gray_histo(ho_Domain, ho_HeightField, &hv_AbsoluteHisto, &hv_RelativeHisto);
   tuple_floor((hv_Min10 - hv_Min0) / hv_Step, &hv_First);
   tuple_ceil((hv_Max10 - hv_Min0) / hv_Step, &hv_Last);
+  // When the top tenth of the height field lies in its highest bin the range
+  // ends one past the last bin; the bins summed are the same without it, and
+  // the sum decides nothing (see below), so the range stops at the last bin
+  // instead of failing the preview.
+  HTuple hv_LastCandidates;
+  tuple_concat(hv_Last, HTuple(hv_RelativeHisto.Length() - 1), &hv_LastCandidates);
+  tuple_min(hv_LastCandidates, &hv_Last);
   tuple_select_range(hv_RelativeHisto, hv_First, hv_Last, &hv_Selected);
   tuple_sum(hv_Selected, &hv_Sum);
   // A relative histogram never sums to 10; the test is kept as it stands, and

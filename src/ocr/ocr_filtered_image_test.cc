@@ -48,6 +48,9 @@ TEST(OcrFilteredImage, PreviewHasTheZoomedSize) {
       {"no options", nullptr, 120, 80},
       {"height 2", Options({{"stretch_height_level", archive::MakeFloat(2.0f)}}), 120, 160},
       {"width 2", Options({{"stretch_width_level", archive::MakeFloat(2.0f)}}), 240, 80},
+      // Here the top tenth of the height field lies in its highest histogram
+      // bin, so the bin range reaches one past the last bin.
+      {"width 1.5", Options({{"stretch_width_level", archive::MakeFloat(1.5f)}}), 180, 80},
       {"reverse ignored", Options({{"check_reverse", archive::MakeBool(true)}}), 120, 80},
   };
   for (const auto& c : cases) {
