@@ -5,9 +5,9 @@ target_include_directories(decode_symbol_gen PUBLIC ${CMAKE_CURRENT_SOURCE_DIR})
 target_link_libraries(decode_symbol_gen PUBLIC opencv_core opencv_imgproc PRIVATE PkgConfig::ZXING)
 target_compile_definitions(decode_symbol_gen PRIVATE ZX_USE_UTF8)
 
-if(TARGET vision_code)
+if(TARGET decode)
   add_executable(bench_decode ${CMAKE_CURRENT_SOURCE_DIR}/decode_bench.cc)
-  target_link_libraries(bench_decode PRIVATE decode_symbol_gen vision PkgConfig::ZXING)
+  target_link_libraries(bench_decode PRIVATE decode_symbol_gen decode PkgConfig::ZXING)
   target_compile_definitions(bench_decode PRIVATE ZX_USE_UTF8)
   # End-to-end timing of the decode request over the add-in's port, when the
   # add-in and its client library are part of the build.

@@ -13,12 +13,11 @@
 
 #include <ZXing/ReadBarcode.h>
 
+#include "decode/decode_image.h"
 #include "decode/symbol_gen.h"
 #ifdef VELMORA_DECODE_BENCH_E2E
 #include "addin_process.h"
 #endif
-#include "vision/code/bar_code.h"
-#include "vision/code/data_code_2d.h"
 
 using namespace velmora::symgen;
 namespace archive = velmora::archive;
@@ -36,28 +35,8 @@ vision::HObject ToImage(const cv::Mat& gray) {
 
 // The reading service's sequence of operators: train, then read, on the same image.
 std::string ReadLikeService(const vision::HObject& img, Kind kind) {
-  using namespace vision;
-  HTuple strings;
-  if (!IsLinear(kind)) {
-    const char* type = kind == Kind::DataMatrix ? "Data Matrix ECC 200" : kind == Kind::QR ? "QR Code" : "Micro QR Code";
-    HTuple h, handles;
-    HObject xlds;
-    create_data_code_2d_model(type, "default_parameters", "standard_recognition", &h);
-    find_data_code_2d(img, &xlds, h, "train", "all", &handles, &strings);
-    find_data_code_2d(img, &xlds, h, HTuple(), HTuple(), &handles, &strings);
-    clear_data_code_2d_model(h);
-  } else {
-    HTuple h, names, values;
-    HObject regions;
-    create_bar_code_model("train", "all", &h);
-    set_bar_code_param(h, "quiet_zone", 1);
-    find_bar_code(img, &regions, h, "Code 39", &strings);
-    query_bar_code_params(h, "trained_general", &names);
-    get_bar_code_param(h, names, &values);
-    set_bar_code_param(h, "train", "~all");
-    find_bar_code(img, &regions, h, "auto", &strings);
-    clear_bar_code_model(h);
-  }
+  const int64_t decode = kind == Kind::DataMatrix ? 1 : kind == Kind::QR ? 2 : kind == Kind::MicroQR ? 3 : 0;
+  const vision::HTuple strings = velmora::ReadCodeStrings(img, decode);
   return strings.Length() > 0 ? strings.S(0) : std::string();
 }
 

@@ -1,7 +1,11 @@
 #pragma once
 // The code reading service: one 2D data code or bar code from the request's
 // image, answered as {"decode_text": text}.
+#include <cstdint>
+
 #include "archive/archive.h"
+#include "vision/core/object.h"
+#include "vision/core/tuple.h"
 
 namespace velmora {
 
@@ -13,6 +17,11 @@ namespace velmora {
 // text is empty; a dictionary without entries when the text is not 7-bit
 // ASCII. Texts longer than 511 bytes are cut to 511. Vision-library errors
 // are not caught: they propagate to the caller.
+// The operators behind it, on a vision-library image: creates the model that
+// "decode" selects, trains it on the image, reads the image with it and clears
+// it; returns the decoded strings of the reading pass.
+vision::HTuple ReadCodeStrings(const vision::HObject& image, int64_t decode);
+
 archive::ObjectPtr decodeImage(const archive::ObjectPtr& image, const archive::ObjectPtr& attribute,
                                bool visionPresent);
 
