@@ -17,6 +17,7 @@
 #include "decode/symbol_gen.h"
 #ifdef VELMORA_DECODE_BENCH_E2E
 #include "addin_process.h"
+#include "platform_image.h"
 #endif
 
 using namespace velmora::symgen;
@@ -136,19 +137,9 @@ int main(int argc, char** argv) {
     // Request 111 through the real add-in: envelope + archive with the image
     // as TIFF, the reply awaited; the request bytes are built once.
     velmora::testing::AddinProcess addin;
-    archive::RawBitmap bm;
-    bm.width = s.gray.cols;
-    bm.height = s.gray.rows;
-    bm.samples_per_pixel = 3;
-    bm.bits_per_sample = 8;
-    bm.bytes_per_row = size_t(3 * bm.width);
-    bm.data.resize(bm.bytes_per_row * size_t(bm.height));
-    for (int y = 0; y < bm.height; ++y)
-      for (int x = 0; x < bm.width; ++x)
-        for (int k = 0; k < 3; ++k) bm.data[size_t(y) * bm.bytes_per_row + size_t(3 * x + k)] = s.gray.at<uint8_t>(y, x);
     auto req = archive::MakeDictionary();
     req->Set("messageId", archive::MakeInt32(111));
-    req->Set("image", archive::MakeImage(bm));
+    req->Set("image", velmora::testing::PlatformImageFromGray(s.gray));
     auto attr = archive::MakeDictionary();
     attr->Set("decode", archive::MakeInt32(2));
     req->Set("attribute", attr);

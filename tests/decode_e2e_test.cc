@@ -2,24 +2,11 @@
 #include <gtest/gtest.h>
 
 #include "addin_process.h"
+#include "platform_image.h"
 #include "decode/symbol_gen.h"
 
 namespace velmora {
 namespace {
-
-archive::ObjectPtr PlatformImage(const cv::Mat& g) {
-  archive::RawBitmap bm;
-  bm.width = g.cols;
-  bm.height = g.rows;
-  bm.samples_per_pixel = 3;
-  bm.bits_per_sample = 8;
-  bm.bytes_per_row = size_t(3 * g.cols);
-  bm.data.resize(bm.bytes_per_row * size_t(g.rows));
-  for (int y = 0; y < g.rows; ++y)
-    for (int x = 0; x < g.cols; ++x)
-      for (int k = 0; k < 3; ++k) bm.data[size_t(y) * bm.bytes_per_row + size_t(3 * x + k)] = g.at<uint8_t>(y, x);
-  return archive::MakeImage(bm);
-}
 
 TEST(DecodeRequest, AnswersOverThePort) {
   testing::AddinProcess addin;
@@ -41,7 +28,7 @@ TEST(DecodeRequest, AnswersOverThePort) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
-    std::vector<std::pair<std::string, archive::ObjectPtr>> fields = {{"image", PlatformImage(c.image)}};
+    std::vector<std::pair<std::string, archive::ObjectPtr>> fields = {{"image", testing::PlatformImageFromGray(c.image)}};
     if (c.attribute) fields.push_back({"attribute", c.attribute});
     auto reply = addin.Request(RequestDecodeImage, fields);
     ASSERT_TRUE(reply.has_value());

@@ -3,6 +3,7 @@
 // (OpenCV's channel order is taken as given) wrapped as an archived
 // platform image.
 #include <opencv2/core.hpp>
+#include <opencv2/imgproc.hpp>
 
 #include "archive/archive.h"
 
@@ -18,6 +19,13 @@ inline archive::ObjectPtr PlatformImage(const cv::Mat& rgb) {
   bm.bytes_per_row = size_t(rgb.cols) * 3;
   bm.data.assign(rgb.data, rgb.data + rgb.total() * 3);
   return archive::MakeImage(bm);
+}
+
+// A grey picture sent as the host sends it: RGB with equal channels.
+inline archive::ObjectPtr PlatformImageFromGray(const cv::Mat& gray) {
+  cv::Mat rgb;
+  cv::cvtColor(gray, rgb, cv::COLOR_GRAY2RGB);
+  return PlatformImage(rgb);
 }
 
 }  // namespace velmora::testing
