@@ -5,7 +5,6 @@
 #include "ocr/ocr_engine.h"
 #include "ocr/ocr_segment.h"
 #include "vision/core/exception.h"
-#include "vision/filter/filters.h"
 #include "vision/filter/image_ops.h"
 #include "vision/region/region_ops.h"
 
