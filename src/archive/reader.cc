@@ -6,6 +6,7 @@
 #include <bit>
 #include <cstring>
 #include <map>
+#include <set>
 #include <unordered_map>
 
 #include "archive/archive.h"
@@ -223,6 +224,11 @@ class Reader {
       head = Head();
     }
     for (int64_t i : opened) table_[i].pending = false;
+    // A class is never its own ancestor; a chain naming one class twice is
+    // malformed (and could not be written back, as classes go by name).
+    std::set<std::string> names;
+    for (int64_t i = first; i >= 0 && names.size() <= table_.size(); i = table_[i].super)
+      if (!names.insert(table_[i].info.name).second) Fail("class chain names a class twice");
     return first;
   }
 

@@ -122,6 +122,9 @@ TEST(ArchiveRobustness, CyclesAndMisplacedTagsAreErrors) {
   const std::pair<const char*, std::vector<uint8_t>> cases[] = {
       {"array holding itself", Concat({LittleHeader(), Hex(array_head), Hex("92 86")})},
       {"class chain naming itself", Concat({LittleHeader(), Hex("84 84 84 01 'X' 00 93 86")})},
+      // Two classes of one name in one chain: the writer (classes are known by
+      // name) could not write it back readably.
+      {"class chain naming a class twice", Concat({LittleHeader(), Hex("84 84 84 01 'X' 00 84 93 00 85 86")})},
       {"end tag as a value", Concat({LittleHeader(), Hex(array_head), Hex("86 86")})},
       {"real tag as a count", Concat({LittleHeader(), Hex("84 84 84 07 'NSArray' 00 85 84 01 'i' 83 00 86")})},
       {"object without class", Concat({LittleHeader(), Hex("84 85 86")})},
