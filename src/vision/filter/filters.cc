@@ -7,6 +7,7 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include "vision/filter/cosine_transform.h"
 #include "vision/filter/filter_util.h"
 
 namespace vision {
@@ -465,17 +466,64 @@ void vector_field_to_real(const HObject& vector_field, HObject* row, HObject* co
 
 namespace {
 
+// Solves L u = f in place for the Neumann Laplacian L of f's grid: the
+// Laplacian is diagonal in the cosine basis along the rows, and each cosine
+// frequency leaves a tridiagonal system down the columns, solved for all
+// frequencies at once row by row.
+void SolveNeumannPoisson(cv::Mat& f) {
+  const int H = f.rows, W = f.cols;
+  const RowCosineTransform dct(W);
+  cv::Mat F;
+  dct.Forward(f, F);
+  // Frequency k along the rows adds lambda_k = 2 cos(pi k / W) - 2 to the
+  // column Laplacian (diagonal -1 at the ends, -2 inside, 1 beside). Thomas'
+  // algorithm, in double: the lowest frequencies are nearly singular.
+  const size_t cells = static_cast<size_t>(H) * static_cast<size_t>(W);
+  std::vector<double> lambda(static_cast<size_t>(W)), denom_inv(cells), g(cells);
+  for (int k = 0; k < W; ++k) lambda[size_t(k)] = 2.0 * std::cos(CV_PI * k / W) - 2.0;
+  for (int r = 0; r < H; ++r) {
+    const double edge = H == 1 ? 0.0 : (r == 0 || r == H - 1) ? -1.0 : -2.0;
+    const float* rhs = F.ptr<float>(r);
+    double* di = &denom_inv[size_t(r) * size_t(W)];
+    double* gi = &g[size_t(r) * size_t(W)];
+    const double* dp = r ? di - W : nullptr;
+    const double* gp = r ? gi - W : nullptr;
+    for (int k = 1; k < W; ++k) {
+      const double m = lambda[size_t(k)] + edge - (r ? dp[k] : 0.0);
+      di[k] = 1.0 / m;
+      gi[k] = (rhs[k] - (r ? gp[k] : 0.0)) * di[k];
+    }
+  }
+  for (int r = H - 1; r >= 0; --r) {
+    float* u = F.ptr<float>(r);
+    const float* below = r + 1 < H ? F.ptr<float>(r + 1) : nullptr;
+    const double* di = &denom_inv[size_t(r) * size_t(W)];
+    const double* gi = &g[size_t(r) * size_t(W)];
+    for (int k = 1; k < W; ++k) u[k] = float(gi[k] - (below ? di[k] * below[k] : 0.0));
+  }
+  // Frequency 0 is the singular Neumann problem: the edge differences are the
+  // running sums of the right-hand side; the free constant gives zero mean.
+  {
+    double flux = 0, level = 0, sum = 0;
+    std::vector<double> col(static_cast<size_t>(H));
+    for (int r = 0; r < H; ++r) {
+      col[size_t(r)] = level;
+      sum += level;
+      flux += F.at<float>(r, 0);
+      level += flux;
+    }
+    for (int r = 0; r < H; ++r) F.at<float>(r, 0) = float(col[size_t(r)] - sum / H);
+  }
+  dct.Inverse(F, f);
+}
+
 // Least-squares integration of a gradient field with the discrete Poisson
 // equation. The central-difference gradients are averaged onto the edges
 // between pixels; edges leaving the image do not exist, which is the Neumann
-// boundary. Odd sizes are mirrored to even ones (cv::dct needs even sizes);
-// the mirrored problem has the same solution on the original half.
+// boundary. Any size is solved exactly.
 cv::Mat PoissonIntegrate(const cv::Mat& gr, const cv::Mat& gc) {
   const int H = gr.rows, W = gc.cols;
-  const int EH = H % 2 ? 2 * H : H, EW = W % 2 ? 2 * W : W;
-  // The divergence, written straight into the (possibly mirrored) transform
-  // input. The transforms run in single precision, about 1e-4 of the range.
-  cv::Mat f(EH, EW, CV_32F, cv::Scalar(0));
+  cv::Mat f(H, W, CV_32F, cv::Scalar(0));
   for (int r = 0; r < H; ++r) {
     const float* c0 = gc.ptr<float>(r);
     float* d = f.ptr<float>(r);
@@ -494,31 +542,17 @@ cv::Mat PoissonIntegrate(const cv::Mat& gr, const cv::Mat& gc) {
       d1[c] -= p;
     }
   }
-  // L u = div is diagonal in the cosine basis.
-  if (EW != W)
-    for (int r = 0; r < H; ++r) {
-      float* t = f.ptr<float>(r);
-      for (int c = W; c < EW; ++c) t[c] = t[2 * W - 1 - c];
-    }
-  if (EH != H)
-    for (int r = H; r < EH; ++r) f.row(2 * H - 1 - r).copyTo(f.row(r));
-  cv::Mat F;
-  cv::dct(f, F);
-  std::vector<float> lr(static_cast<size_t>(EH)), lc(static_cast<size_t>(EW));
-  for (int k = 0; k < EH; ++k) lr[size_t(k)] = float(2.0 * std::cos(CV_PI * k / EH) - 2.0);
-  for (int k = 0; k < EW; ++k) lc[size_t(k)] = float(2.0 * std::cos(CV_PI * k / EW) - 2.0);
-  for (int r = 0; r < EH; ++r) {
-    float* p = F.ptr<float>(r);
-    for (int c = 0; c < EW; ++c) {
-      const float l = lr[size_t(r)] + lc[size_t(c)];
-      p[c] = (r == 0 && c == 0) ? 0.0f : p[c] / l;  // the free constant: zero mean
-    }
+  // The row transform is the only part whose cost depends on the length's
+  // factors: run it along the cheaper axis (the Laplacian is the same both
+  // ways round).
+  const double transpose = 8.0 * double(H) * W;
+  if (RowCosineTransform::Cost(H, W) + transpose < RowCosineTransform::Cost(W, H)) {
+    cv::Mat t = f.t();
+    SolveNeumannPoisson(t);
+    return cv::Mat(t.t());
   }
-  cv::idct(F, f);  // f is free again: reuse its pages
-  cv::Mat out = (EW == W && EH == H) ? f : f(cv::Rect(0, 0, W, H)).clone();
-  // Mirroring keeps the mean of the original half; remove rounding drift.
-  out -= cv::mean(out)[0];
-  return out;
+  SolveNeumannPoisson(f);
+  return f;
 }
 
 }  // namespace

@@ -1,0 +1,169 @@
+#include "vision/filter/cosine_transform.h"
+
+#include <algorithm>
+#include <cmath>
+#include <complex>
+
+namespace vision::filter_detail {
+
+namespace {
+
+using cd = std::complex<double>;
+
+cv::Vec2f ToVec(cd z) { return {float(z.real()), float(z.imag())}; }
+
+inline cv::Vec2f Mul(cv::Vec2f a, cv::Vec2f b) {
+  return {a[0] * b[0] - a[1] * b[1], a[0] * b[1] + a[1] * b[0]};
+}
+
+// A mixed-radix FFT of length n costs about n times the sum of its prime
+// factors (a prime p is a radix-p pass).
+double FftCost(int n) {
+  double sum = 0;
+  for (int p = 2; p * p <= n; ++p)
+    while (n % p == 0) {
+      sum += p;
+      n /= p;
+    }
+  if (n > 1) sum += n;
+  return sum;
+}
+
+// cv::dct of an even length runs an FFT of half the length; Bluestein runs
+// four FFTs of the padded length per pair of rows.
+double DirectCost(int n) { return n % 2 ? HUGE_VAL : 2.0 * (n / 2) * FftCost(n / 2); }
+double ChirpCost(int m) { return 2.0 * m * FftCost(m); }
+
+}  // namespace
+
+double RowCosineTransform::Cost(int length, int rows) {
+  if (length <= 1) return rows;
+  const int m = cv::getOptimalDFTSize(2 * length - 1);
+  return rows * std::min(DirectCost(length), ChirpCost(m));
+}
+
+RowCosineTransform::RowCosineTransform(int length) : n_(length) {
+  CV_Assert(length >= 1);
+  direct_ = n_ > 1 && DirectCost(n_) <= ChirpCost(cv::getOptimalDFTSize(2 * n_ - 1));
+  if (direct_ || n_ == 1) return;
+  m_ = cv::getOptimalDFTSize(2 * n_ - 1);
+  chirp_.resize(size_t(n_));
+  pre_.resize(size_t(n_));
+  post_.resize(size_t(n_));
+  scale_.resize(size_t(n_));
+  const double two_n = 2.0 * n_;
+  for (int k = 0; k < n_; ++k) {
+    // k^2 mod 2n keeps the phase exact for long rows.
+    const long long q = (static_cast<long long>(k) * k) % (2LL * n_);
+    const cd w = std::polar(1.0, -CV_PI * double(q) / n_);
+    const cd shift = std::polar(1.0, -CV_PI * k / two_n);
+    const double scale = std::sqrt((k == 0 ? 1.0 : 2.0) / n_);
+    chirp_[size_t(k)] = ToVec(w);
+    pre_[size_t(k)] = ToVec(w * shift);
+    post_[size_t(k)] = ToVec(shift * (scale / m_));
+    scale_[size_t(k)] = float(scale);
+  }
+  cv::Mat b(1, m_, CV_32FC2, cv::Scalar::all(0));
+  auto* bp = b.ptr<cv::Vec2f>();
+  for (int k = 0; k < n_; ++k) {
+    const cv::Vec2f c{chirp_[size_t(k)][0], -chirp_[size_t(k)][1]};
+    bp[k] = c;
+    if (k > 0) bp[m_ - k] = c;
+  }
+  cv::dft(b, kernel_, cv::DFT_COMPLEX_OUTPUT);
+}
+
+// Each row of `a` (m_ complex values, the chirped input in the first n_)
+// becomes its circular convolution with the chirp kernel, unscaled.
+void RowCosineTransform::Convolve(cv::Mat& a) const {
+  cv::dft(a, a, cv::DFT_ROWS | cv::DFT_COMPLEX_OUTPUT, a.rows);
+  const auto* kp = kernel_.ptr<cv::Vec2f>();
+  for (int r = 0; r < a.rows; ++r) {
+    auto* p = a.ptr<cv::Vec2f>(r);
+    for (int k = 0; k < m_; ++k) p[k] = Mul(p[k], kp[k]);
+  }
+  cv::dft(a, a, cv::DFT_ROWS | cv::DFT_INVERSE | cv::DFT_COMPLEX_OUTPUT, a.rows);
+}
+
+// Two real rows travel as one complex row (first + i second): the transform
+// is linear and the spectra of real rows are Hermitian, which separates them.
+void RowCosineTransform::Forward(const cv::Mat& src, cv::Mat& dst) const {
+  CV_Assert(src.type() == CV_32F && src.cols == n_);
+  if (direct_) return cv::dct(src, dst, cv::DCT_ROWS);
+  if (n_ == 1) return src.copyTo(dst);
+  // Makhoul: v = even samples ascending, then odd samples descending; the
+  // cosine coefficients are Re(exp(-i pi k / 2n) DFT(v)[k]).
+  const int rows = src.rows, pairs = (rows + 1) / 2;
+  cv::Mat a(pairs, m_, CV_32FC2, cv::Scalar::all(0));
+  for (int q = 0; q < pairs; ++q) {
+    const float* x1 = src.ptr<float>(2 * q);
+    const float* x2 = 2 * q + 1 < rows ? src.ptr<float>(2 * q + 1) : nullptr;
+    auto* p = a.ptr<cv::Vec2f>(q);
+    auto put = [&](int at, int from) {
+      p[at] = chirp_[size_t(at)] * x1[from];
+      if (x2) p[at] += Mul(chirp_[size_t(at)], {0.0f, x2[from]});
+    };
+    for (int i = 0; 2 * i < n_; ++i) put(i, 2 * i);
+    for (int i = 0; 2 * i + 1 < n_; ++i) put(n_ - 1 - i, 2 * i + 1);
+  }
+  Convolve(a);
+  dst.create(rows, n_, CV_32F);
+  std::vector<cv::Vec2f> z(static_cast<size_t>(n_));
+  for (int q = 0; q < pairs; ++q) {
+    const auto* p = a.ptr<cv::Vec2f>(q);
+    for (int k = 0; k < n_; ++k) z[size_t(k)] = Mul(p[k], chirp_[size_t(k)]);
+    float* y1 = dst.ptr<float>(2 * q);
+    float* y2 = 2 * q + 1 < rows ? dst.ptr<float>(2 * q + 1) : nullptr;
+    for (int k = 0; k < n_; ++k) {
+      const cv::Vec2f zk = z[size_t(k)], zm = z[size_t(k ? n_ - k : 0)];
+      // V1 = (Z[k] + conj Z[-k]) / 2, V2 = (Z[k] - conj Z[-k]) / 2i.
+      const cv::Vec2f v1{0.5f * (zk[0] + zm[0]), 0.5f * (zk[1] - zm[1])};
+      const cv::Vec2f v2{0.5f * (zk[1] + zm[1]), -0.5f * (zk[0] - zm[0])};
+      const cv::Vec2f s = post_[size_t(k)];
+      y1[k] = v1[0] * s[0] - v1[1] * s[1];
+      if (y2) y2[k] = v2[0] * s[0] - v2[1] * s[1];
+    }
+  }
+}
+
+void RowCosineTransform::Inverse(const cv::Mat& src, cv::Mat& dst) const {
+  CV_Assert(src.type() == CV_32F && src.cols == n_);
+  if (direct_) return cv::idct(src, dst, cv::DCT_ROWS);
+  if (n_ == 1) return src.copyTo(dst);
+  // conj(DFT(v)[k]) = exp(-i pi k / 2n) (y[k] + i y[n-k]) with y[n] = 0, and
+  // DFT(conj(V)) = n v for a real v.
+  const int rows = src.rows, pairs = (rows + 1) / 2;
+  cv::Mat a(pairs, m_, CV_32FC2, cv::Scalar::all(0));
+  std::vector<float> y1(size_t(n_) + 1), y2(size_t(n_) + 1);
+  for (int q = 0; q < pairs; ++q) {
+    const float* s1 = src.ptr<float>(2 * q);
+    const float* s2 = 2 * q + 1 < rows ? src.ptr<float>(2 * q + 1) : nullptr;
+    for (int k = 0; k < n_; ++k) {
+      y1[size_t(k)] = s1[k] / scale_[size_t(k)];
+      y2[size_t(k)] = s2 ? s2[k] / scale_[size_t(k)] : 0.0f;
+    }
+    auto* p = a.ptr<cv::Vec2f>(q);
+    for (int k = 0; k < n_; ++k) {
+      const size_t j = size_t(n_ - k);
+      // C1 + i C2 with Cr = (y_r[k] + i y_r[n-k]).
+      p[k] = Mul(pre_[size_t(k)], {y1[size_t(k)] - y2[j], y1[j] + y2[size_t(k)]});
+    }
+  }
+  Convolve(a);
+  dst.create(rows, n_, CV_32F);
+  const float norm = 1.0f / (float(n_) * float(m_));
+  for (int q = 0; q < pairs; ++q) {
+    const auto* p = a.ptr<cv::Vec2f>(q);
+    float* x1 = dst.ptr<float>(2 * q);
+    float* x2 = 2 * q + 1 < rows ? dst.ptr<float>(2 * q + 1) : nullptr;
+    auto put = [&](int to, int i) {
+      const cv::Vec2f v = Mul(p[i], chirp_[size_t(i)]);
+      x1[to] = v[0] * norm;
+      if (x2) x2[to] = v[1] * norm;
+    };
+    for (int i = 0; 2 * i < n_; ++i) put(2 * i, i);
+    for (int i = 0; 2 * i + 1 < n_; ++i) put(2 * i + 1, n_ - 1 - i);
+  }
+}
+
+}  // namespace vision::filter_detail

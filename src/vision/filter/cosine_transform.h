@@ -1,0 +1,40 @@
+#pragma once
+// The orthonormal cosine transform (DCT-II) and its inverse along the rows of
+// a single-precision matrix, for any row length. cv::dct is fast only when
+// half the length factors into 2, 3 and 5 (a prime factor p costs p times
+// more); other lengths go through Makhoul's reordering and Bluestein's
+// chirp-z transform on an FFT size OpenCV is fast at. Results agree with
+// cv::dct to rounding.
+#include <opencv2/core.hpp>
+
+namespace vision::filter_detail {
+
+class RowCosineTransform {
+ public:
+  explicit RowCosineTransform(int length);
+
+  // src: CV_32F with `length` columns; dst gets its size.
+  void Forward(const cv::Mat& src, cv::Mat& dst) const;
+  void Inverse(const cv::Mat& src, cv::Mat& dst) const;
+
+  // Rough relative cost of a forward and an inverse transform of `rows`
+  // rows of this length, for choosing the cheaper axis.
+  static double Cost(int length, int rows);
+
+  // True when the transform goes through cv::dct itself.
+  bool Direct() const { return direct_; }
+
+ private:
+  void Convolve(cv::Mat& a) const;
+
+  int n_;
+  int m_ = 0;  // the FFT length, at least 2n-1
+  bool direct_;
+  std::vector<cv::Vec2f> chirp_;   // w[k] = exp(-i pi k^2 / n)
+  cv::Mat kernel_;                 // 1 x m_ spectrum of conj(w), wrapped
+  std::vector<cv::Vec2f> pre_;     // forward: w[k]; inverse: w[k] exp(-i pi k / 2n)
+  std::vector<cv::Vec2f> post_;    // forward: exp(-i pi k / 2n) * scale_k / m
+  std::vector<float> scale_;       // orthonormal scale of coefficient k
+};
+
+}  // namespace vision::filter_detail
