@@ -68,8 +68,8 @@ int main(int argc, char** argv) {
   }
   std::printf("bench_ocr_accuracy: %d markings per family and grade, 5-16 characters, cap height "
               "20-48 px, seed %u\n", markings, seed);
-  std::printf("%-10s %-9s %8s %8s %9s %9s %9s %9s\n", "family", "grade", "chars", "char%",
-              "marking%", "median_ms", "p10_ms", "p90_ms");
+  std::printf("%-10s %-9s %8s %8s %9s %9s %9s %9s %9s\n", "family", "grade", "chars", "char%",
+              "marking%", "mean_ms", "median_ms", "p10_ms", "p90_ms");
   MarkingRenderer renderer;
   for (const auto& fam : Families()) {
     if (!only.empty() && fam.name != only) continue;
@@ -107,9 +107,11 @@ int main(int argc, char** argv) {
                 << '\t' << ms.back() << '\n';
         }
       }
-      std::printf("%-10s %-9s %8zu %8.2f %9.1f %9.2f %9.2f %9.2f\n", fam.name.c_str(),
+      double mean = 0;
+      for (double x : ms) mean += x / double(ms.size());
+      std::printf("%-10s %-9s %8zu %8.2f %9.1f %9.2f %9.2f %9.2f %9.2f\n", fam.name.c_str(),
                   GradeName(g), chars, 100.0 * double(chars - errors) / double(chars),
-                  100.0 * double(exact) / markings, Percentile(ms, 0.5), Percentile(ms, 0.1),
+                  100.0 * double(exact) / markings, mean, Percentile(ms, 0.5), Percentile(ms, 0.1),
                   Percentile(ms, 0.9));
       std::fflush(stdout);
     }
