@@ -245,10 +245,11 @@ TEST(OcrMlp, LineBandSeparatesCaseAndKeepsFileVersions) {
       do_ocr_single_class_mlp(d.region, d.image, again, HTuple(1), &k, &c);
       EXPECT_EQ(k.S(0), small ? "o" : "O") << "size " << size;
     }
-  // The same bytes labelled version 1 (checksum fixed) must be refused, as
-  // version 1 knows no line band; a version 1 file of `default` loads.
-  auto relabel = [](std::string bytes) {
-    bytes[4] = 1;
+  // Older versions carry a byte-wise FNV-1a checksum. The same bytes labelled
+  // version 2 load; labelled version 1 they must be refused, as version 1
+  // knows no line band; a version 1 file of `default` loads.
+  auto relabel = [](std::string bytes, char version = 1) {
+    bytes[4] = version;
     uint32_t h = 2166136261u;
     for (size_t i = 0; i + 4 < bytes.size(); ++i) h = (h ^ uint8_t(bytes[i])) * 16777619u;
     std::memcpy(&bytes[bytes.size() - 4], &h, 4);
@@ -262,6 +263,8 @@ TEST(OcrMlp, LineBandSeparatesCaseAndKeepsFileVersions) {
   std::ofstream(old_band, std::ios::binary) << relabel(bytes_of(path));
   HTuple h;
   EXPECT_THROW(read_ocr_class_mlp(HTuple(old_band), &h), HException);
+  std::ofstream(old_band, std::ios::binary) << relabel(bytes_of(path), 2);
+  EXPECT_NO_THROW(read_ocr_class_mlp(HTuple(old_band), &h));
   const std::string plain = (dir / "plain.omc").string(), old_plain = (dir / "old_plain.omc").string();
   write_ocr_class_mlp(TrainedClassifier(), HTuple(plain));
   std::ofstream(old_plain, std::ios::binary) << relabel(bytes_of(plain));
