@@ -107,7 +107,7 @@ void TrainFamily(const Family& fam, const Options& o, uint32_t seed) {
     HTuple classes;
     for (char c : f.classes) classes.Append(HTuple(std::string(1, c)));
     vision::create_ocr_class_mlp(HTuple(o.grid_w), HTuple(o.grid_h), HTuple("constant"),
-                                 HTuple::Strings({"default", "line_band"}), classes,
+                                 HTuple::Strings({"default", "line_band", "band_pixels"}), classes,
                                  HTuple(f.hidden),
                                  HTuple("normalization"), HTuple(10), HTuple(long(seed)), &ocr);
     vision::trainf_ocr_class_mlp(ocr, samples, HTuple(o.epochs), HTuple(1.0), HTuple(0.0), &err,

@@ -24,14 +24,15 @@ using ocr_detail::VecF;
 namespace {
 
 constexpr char kOmcMagic[4] = {'V', 'O', 'M', 'C'};
-// Version 2 adds the feature `line_band`; version 1 files stay readable.
+// Version 2 adds the feature `line_band`, version 3 the feature `band_pixels`
+// and the lane checksum; older files stay readable.
 constexpr uint32_t kOmcVersion = 3;
 constexpr char kTrfMagic[4] = {'V', 'O', 'T', 'F'};
 // Version 3 stores each character's text line band.
 constexpr uint32_t kTrfVersion = 3;
 
 enum class Feature : uint8_t {
-  Ratio, Width, Height, Pixel, PixelInvar, PixelBinary, ZoomFactor, LineBand
+  Ratio, Width, Height, Pixel, PixelInvar, PixelBinary, ZoomFactor, LineBand, BandPixels
 };
 
 // Values `line_band` contributes.
@@ -46,6 +47,7 @@ constexpr FeatureName kFeatureNames[] = {
     {"height", Feature::Height},        {"pixel", Feature::Pixel},
     {"pixel_invar", Feature::PixelInvar}, {"pixel_binary", Feature::PixelBinary},
     {"zoom_factor", Feature::ZoomFactor}, {"line_band", Feature::LineBand},
+    {"band_pixels", Feature::BandPixels},
 };
 
 // The classifier behind a handle.
@@ -70,7 +72,8 @@ class OcrMlp : public HandleBase {
   int NumInputs() const {
     int n = 0;
     for (Feature f : features)
-      n += (f == Feature::Pixel || f == Feature::PixelInvar || f == Feature::PixelBinary)
+      n += (f == Feature::Pixel || f == Feature::PixelInvar || f == Feature::PixelBinary ||
+            f == Feature::BandPixels)
                ? grid_w * grid_h
            : f == Feature::LineBand ? kLineBandValues
                                     : 1;
@@ -121,6 +124,30 @@ cv::Mat ToGrid(const cv::Mat& patch, int gw, int gh, int interp) {
   return grid;
 }
 
+// Gray values of the character only (neighbours' parts in the box are
+// background), stretched between the darkest print and the ground around the
+// box: dark print -> 1.
+cv::Mat OwnDarkness(const OcrSample& s) {
+  const int w = s.gray.cols, h = s.gray.rows;
+  cv::Mat patch(h, w, CV_32F);
+  double lo = 255, hi = s.ground;
+  cv::minMaxLoc(s.gray, &lo, nullptr, nullptr, nullptr, s.mask);
+  hi = std::max(hi, lo);
+  const float range = float(hi - lo);
+  // One pixel around the region still belongs to the character: faint thin
+  // strokes (a serif, the bar of an "e") lie there.
+  cv::Mat own;
+  cv::dilate(s.mask, own, cv::Mat::ones(3, 3, CV_8U));
+  for (int r = 0; r < h; ++r) {
+    const uint8_t* g = s.gray.ptr<uint8_t>(r);
+    const uint8_t* m = own.ptr<uint8_t>(r);
+    float* p = patch.ptr<float>(r);
+    for (int x = 0; x < w; ++x)
+      p[x] = !m[x] ? 0.f : range > 0.f ? std::max(0.f, float(hi) - g[x]) / range : 1.f;
+  }
+  return patch;
+}
+
 void ComputeFeatures(const OcrMlp& c, const OcrSample& s, float* out) {
   const int w = s.gray.cols, h = s.gray.rows;
   const int interp = CvInterpolation(c.interpolation, "get_features_ocr_class_mlp");
@@ -147,7 +174,8 @@ void ComputeFeatures(const OcrMlp& c, const OcrSample& s, float* out) {
       }
       case Feature::Pixel:
       case Feature::PixelInvar:
-      case Feature::PixelBinary: {
+      case Feature::PixelBinary:
+      case Feature::BandPixels: {
         cv::Mat patch(h, w, CV_32F);
         if (f == Feature::PixelBinary) {
           s.mask.convertTo(patch, CV_32F, 1.0 / 255.0);
@@ -155,24 +183,15 @@ void ComputeFeatures(const OcrMlp& c, const OcrSample& s, float* out) {
           // Darkness of the raw gray values, whatever lies in the box.
           s.gray.convertTo(patch, CV_32F, -1.0 / 255.0, 1.0);
         } else {
-          // Gray values of the character only (neighbours' parts in the box
-          // are background), stretched between the darkest print and the
-          // ground around the box: dark print -> 1.
-          double lo = 255, hi = s.ground;
-          cv::minMaxLoc(s.gray, &lo, nullptr, nullptr, nullptr, s.mask);
-          hi = std::max(hi, lo);
-          const float range = float(hi - lo);
-          // One pixel around the region still belongs to the character:
-          // faint thin strokes (a serif, the bar of an "e") lie there.
-          cv::Mat own;
-          cv::dilate(s.mask, own, cv::Mat::ones(3, 3, CV_8U));
-          for (int r = 0; r < h; ++r) {
-            const uint8_t* g = s.gray.ptr<uint8_t>(r);
-            const uint8_t* m = own.ptr<uint8_t>(r);
-            float* p = patch.ptr<float>(r);
-            for (int x = 0; x < w; ++x)
-              p[x] = !m[x] ? 0.f : range > 0.f ? std::max(0.f, float(hi) - g[x]) / range : 1.f;
-          }
+          patch = OwnDarkness(s);
+        }
+        if (f == Feature::BandPixels && s.band_bottom >= s.band_top) {
+          // The same values in the rows of the whole text line: a small p
+          // hangs low and a capital P stands high, whatever their shapes.
+          const int top = std::min(s.band_top, 0), bottom = std::max(s.band_bottom, h - 1);
+          cv::Mat band = cv::Mat::zeros(bottom - top + 1, w, CV_32F);
+          patch.copyTo(band(cv::Rect(0, -top, w, h)));
+          patch = band;
         }
         cv::Mat grid = ToGrid(patch, c.grid_w, c.grid_h, interp);
         for (int r = 0; r < c.grid_h; ++r) {
@@ -677,9 +696,14 @@ void read_ocr_class_mlp(const HTuple& file_name, HTuple* ocr_handle) {
   for (int i = r.U16(); i > 0; --i) c->feature_names.push_back(r.Str());
   for (int i = r.U16(); i > 0; --i) c->classes.push_back(r.Str());
   c->features = ExpandFeatures(c->feature_names, op);
-  if (version < 2 &&
-      std::find(c->features.begin(), c->features.end(), Feature::LineBand) != c->features.end())
+  auto uses = [&](Feature f) {
+    return std::find(c->features.begin(), c->features.end(), f) != c->features.end();
+  };
+  if (version < 2 && uses(Feature::LineBand))
     throw HException(op, "Feature line_band in a version 1 file: " + path, kErrFileFormat);
+  if (version < 3 && uses(Feature::BandPixels))
+    throw HException(op, "Feature band_pixels in a version " + std::to_string(version) +
+                         " file: " + path, kErrFileFormat);
   CvInterpolation(c->interpolation, op);
   Mlp& n = c->net;
   n.n_in = int(r.U32());
