@@ -264,11 +264,13 @@ void SmallestRectangle2(const Region& r, double* row, double* col, double* phi, 
 void area_center(const HObject& regions, HTuple* area, HTuple* row, HTuple* column) {
   std::vector<Hlong> a;
   std::vector<double> rr, cc;
-  for (const Region& r : detail::RegionsOf(regions, "area_center")) {
-    detail::Moments m = detail::ComputeMoments(r);
-    a.push_back(Hlong(m.area));
-    rr.push_back(m.row);
-    cc.push_back(m.col);
+  // No copies of the regions: this runs after every threshold of a loop.
+  for (long i = 0; i < regions.Count(); ++i) {
+    double n, row, col;
+    detail::AreaCenter(regions.RegionOrDomainAt(i, "area_center"), &n, &row, &col);
+    a.push_back(Hlong(n));
+    rr.push_back(row);
+    cc.push_back(col);
   }
   *area = HTuple::Ints(a);
   *row = HTuple::Reals(rr);

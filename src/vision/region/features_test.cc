@@ -132,6 +132,30 @@ TEST(RegionFeatures, EmptyRegionAndEmptyList) {
   EXPECT_THROW(region_features(HObject(Region()), HTuple("no_such_feature"), &v), HException);
 }
 
+TEST(RegionFeatures, AreaCenterIsThePixelMeanOfEveryObject) {
+  // Sums of pixel coordinates are exact in double, so the centre must equal
+  // the plain per-pixel mean to the last bit, wherever the region lies.
+  HObject regions;
+  std::vector<Region> rs;
+  for (unsigned seed = 1; seed <= 6; ++seed) {
+    Region r = test::RandomBlobs(seed, 13 + int(seed) * 7, 5 + int(seed) * 31, 0.1 * seed);
+    rs.push_back(r.Translated(int(seed) * 37 - 120, 900 - int(seed) * 400));
+  }
+  rs.push_back(Region());
+  for (const Region& r : rs) concat_obj(regions, HObject(r), &regions);
+  HTuple a, row, col;
+  area_center(regions, &a, &row, &col);
+  ASSERT_EQ(a.Length(), Hlong(rs.size()));
+  for (size_t i = 0; i < rs.size(); ++i) {
+    double n = 0, sr = 0, sc = 0;
+    for (const vision::Run& x : rs[i].Runs())
+      for (int c = x.cb; c <= x.ce; ++c) n += 1, sr += x.row, sc += c;
+    EXPECT_EQ(a.L(Hlong(i)), Hlong(n)) << i;
+    EXPECT_EQ(row.D(Hlong(i)), n > 0 ? sr / n : 0.0) << i;
+    EXPECT_EQ(col.D(Hlong(i)), n > 0 ? sc / n : 0.0) << i;
+  }
+}
+
 TEST(SelectShape, InclusiveBoundsAndOperations) {
   HObject list;
   for (int n : {1, 4, 9, 16}) concat_obj(list, HObject(Region::Rectangle(0, 0, 0, n - 1)), &list);

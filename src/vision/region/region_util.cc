@@ -225,6 +225,19 @@ Moments ComputeMoments(const Region& r) {
   return m;
 }
 
+void AreaCenter(const Region& r, double* area, double* row, double* col) {
+  double sr = 0, sc = 0, a = 0;
+  for (const Run& x : r.Runs()) {
+    double n = double(x.ce) - x.cb + 1;
+    a += n;
+    sr += n * double(x.row);
+    sc += n * (double(x.cb) + x.ce) / 2.0;
+  }
+  *area = a > 0 ? a : 0;
+  *row = a > 0 ? sr / a : 0;
+  *col = a > 0 ? sc / a : 0;
+}
+
 void EllipticAxis(const Moments& m, double* ra, double* rb, double* phi) {
   double s = std::sqrt((m.mrr - m.mcc) * (m.mrr - m.mcc) + 4.0 * m.mrc * m.mrc);
   *ra = std::sqrt(std::max(0.0, 8.0 * (m.mrr + m.mcc + s))) / 2.0;
@@ -250,6 +263,33 @@ std::vector<cv::Point2d> HullPoints(const Region& r) {
   cv::convexHull(pts, hull, false, true);
   for (auto& p : hull) out.emplace_back(p.x, p.y);
   return out;
+}
+
+uint8_t* FlagRow::Prepare(int n) {
+  const size_t padded = (size_t(n) + 63) / 64 * 64;
+  if (buf_.size() < padded) buf_.resize(padded);
+  // Only the tail of the last word needs clearing; the caller writes 0..n-1.
+  std::fill(buf_.begin() + n, buf_.begin() + long(padded), uint8_t(0));
+  return buf_.data();
+}
+
+void FlagRow::AppendRuns(int n, int row, int col0, std::vector<Run>* out) const {
+  RowRunWriter w(row, col0, out);
+  for (int i = 0; i < n; i += 64) w.Add(PackFlags64(buf_.data() + i));
+  w.Finish();
+}
+
+Region RegionFromMask(const cv::Mat& mask, int row0, int col0) {
+  CV_Assert(mask.type() == CV_8UC1);
+  std::vector<Run> runs;
+  FlagRow flags;
+  for (int r = 0; r < mask.rows; ++r) {
+    const uint8_t* p = mask.ptr<uint8_t>(r);
+    uint8_t* f = flags.Prepare(mask.cols);
+    for (int c = 0; c < mask.cols; ++c) f[c] = p[c] ? 0xFF : 0;
+    flags.AppendRuns(mask.cols, r + row0, col0, &runs);
+  }
+  return Region::FromSortedRuns(std::move(runs));
 }
 
 cv::Mat MaskWithMargin(const Region& r, int margin, int* row0, int* col0, const char* op) {

@@ -1,9 +1,15 @@
 #pragma once
 // Helpers shared by the region operators (not part of the public interface).
+#include <bit>
+#include <cstdint>
 #include <string>
 #include <vector>
 
 #include <opencv2/core.hpp>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "vision/core/object.h"
 #include "vision/core/region.h"
@@ -42,11 +48,71 @@ struct Moments {
   double mrr = 0, mcc = 0, mrc = 0;    // central moments divided by the area
 };
 Moments ComputeMoments(const Region& r);
+// Area and centre only, with the same sums as ComputeMoments (identical values).
+void AreaCenter(const Region& r, double* area, double* row, double* col);
 // Equivalent ellipse: half axes and angle as the reference's elliptic_axis.
 void EllipticAxis(const Moments& m, double* ra, double* rb, double* phi);
 
 // Convex hull of the pixel centres (x = column, y = row).
 std::vector<cv::Point2d> HullPoints(const Region& r);
+
+// Runs of one row read off pixel flags 64 at a time: long stretches inside or
+// outside cost one test per word, and each run a few bit operations instead
+// of a mispredicted branch per pixel. Bit i of the k-th word is column
+// col0 + 64 k + i.
+class RowRunWriter {
+ public:
+  RowRunWriter(int row, int col0, std::vector<Run>* out) : row_(row), col_(col0), out_(out) {}
+  void Add(uint64_t word) {
+    uint64_t y = in_ ? ~word : word;  // set bits: where the state changes
+    while (y) {
+      const int b = std::countr_zero(y);
+      if (in_) out_->push_back({row_, start_, col_ + b - 1});
+      else start_ = col_ + b;
+      in_ = !in_;
+      y = ~y & (~uint64_t(0) << b);
+    }
+    col_ += 64;
+  }
+  // Closes a run that reaches the last word's end.
+  void Finish() {
+    if (in_) out_->push_back({row_, start_, col_ - 1});
+    in_ = false;
+  }
+
+ private:
+  int row_, col_, start_ = 0;
+  bool in_ = false;
+  std::vector<Run>* out_;
+};
+
+// The bits of 64 flag bytes, each 0 or 0xFF.
+inline uint64_t PackFlags64(const uint8_t* flags) {
+  uint64_t w = 0;
+#if defined(__SSE2__)
+  for (int k = 0; k < 4; ++k) {
+    __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(flags + 16 * k));
+    w |= uint64_t(uint32_t(_mm_movemask_epi8(v)) & 0xFFFFu) << (16 * k);
+  }
+#else
+  for (int i = 0; i < 64; ++i) w |= uint64_t(flags[i] >> 7) << i;
+#endif
+  return w;
+}
+
+// A reusable row of flag bytes, padded with zeros to whole words.
+class FlagRow {
+ public:
+  uint8_t* Prepare(int n);
+  // Appends the runs of the first n flags (as prepared), starting at col0.
+  void AppendRuns(int n, int row, int col0, std::vector<Run>* out) const;
+
+ private:
+  std::vector<uint8_t> buf_;
+};
+
+// Like Region::FromMask (non-zero pixels), scanned by words.
+Region RegionFromMask(const cv::Mat& mask8u, int row0, int col0);
 
 // Raises when a rows x cols raster would not fit in memory sensibly.
 void CheckRasterSize(int64_t rows, int64_t cols, const char* op);

@@ -7,6 +7,10 @@
 #include <numeric>
 #include <type_traits>
 
+#if defined(__SSE2__)
+#include <xmmintrin.h>
+#endif
+
 #include "vision/region/features.h"
 #include "vision/region/region_ops.h"
 #include "vision/region/region_util.h"
@@ -63,36 +67,56 @@ void ThresholdRow(const std::vector<const T*>& rows, int row, int cb, int ce, do
   }
 }
 
-// One channel: compare in the pixel type itself, with the limits rounded
-// inward for integer types. The comparison fills a byte mask first (a loop the
-// compiler vectorises), then the runs are read off the mask eight bytes at a
-// time, so long stretches inside or outside cost one test per word.
+// Bit i set when q[i] lies in [lo, hi], for 64 pixels (a loop the compiler
+// vectorises; reals compare four at a time straight into bits).
 template <class T>
-void ThresholdRow1(const T* p, int row, int cb, int ce, T lo, T hi, std::vector<uint8_t>* mask,
-                   std::vector<Run>* out) {
-  const int n = ce - cb + 1;
-  mask->resize(size_t(n) + 8);
-  uint8_t* m = mask->data();
-  const T* q = p + cb;
-  for (int i = 0; i < n; ++i) m[i] = uint8_t((q[i] >= lo) & (q[i] <= hi));
-  std::memset(m + n, 0, 8);  // sentinel: every run ends inside the buffer
-  constexpr uint64_t kAllOn = 0x0101010101010101ull;
-  int i = 0;
-  while (i < n) {
-    uint64_t w;
-    std::memcpy(&w, m + i, 8);
-    if (w == 0) { i += 8; continue; }
-    while (!m[i]) ++i;
-    if (i >= n) break;
-    int s = i;
-    for (;;) {
-      std::memcpy(&w, m + i, 8);
-      if (w != kAllOn) break;
-      i += 8;
-    }
-    while (m[i]) ++i;
-    out->push_back({row, cb + s, cb + i - 1});
+uint64_t InRangeBits64(const T* q, T lo, T hi) {
+  alignas(16) uint8_t f[64];
+  for (int i = 0; i < 64; ++i) f[i] = uint8_t(-int((q[i] >= lo) & (q[i] <= hi)));
+  return detail::PackFlags64(f);
+}
+
+#if defined(__SSE2__)
+template <>
+uint64_t InRangeBits64<float>(const float* q, float lo, float hi) {
+  const __m128 l = _mm_set1_ps(lo), h = _mm_set1_ps(hi);
+  uint64_t w = 0;
+  for (int k = 0; k < 16; ++k) {
+    const __m128 v = _mm_loadu_ps(q + 4 * k);
+    const __m128 in = _mm_and_ps(_mm_cmpge_ps(v, l), _mm_cmple_ps(v, h));  // false for NaN
+    w |= uint64_t(unsigned(_mm_movemask_ps(in))) << (4 * k);
   }
+  return w;
+}
+#endif
+
+// The last k < 64 pixels of a row: bits k..63 stay clear.
+template <class T>
+uint64_t InRangeTailBits(const T* q, int k, T lo, T hi) {
+  if constexpr (std::is_floating_point_v<T>) {
+    // NaN never lies in a range, so the padding adds no pixel.
+    T buf[64];
+    std::fill(buf + k, buf + 64, std::numeric_limits<T>::quiet_NaN());
+    std::copy(q, q + k, buf);
+    return InRangeBits64(buf, lo, hi);
+  } else {
+    alignas(16) uint8_t f[64] = {};
+    for (int i = 0; i < k; ++i) f[i] = uint8_t(-int((q[i] >= lo) & (q[i] <= hi)));
+    return detail::PackFlags64(f);
+  }
+}
+
+// One channel: compare in the pixel type itself, with the limits rounded
+// inward for integer types; the runs are read off the bits by words.
+template <class T>
+void ThresholdRow1(const T* p, int row, int cb, int ce, T lo, T hi, std::vector<Run>* out) {
+  const int n = ce - cb + 1;
+  const T* q = p + cb;
+  detail::RowRunWriter w(row, cb, out);
+  int i = 0;
+  for (; i + 64 <= n; i += 64) w.Add(InRangeBits64(q + i, lo, hi));
+  if (i < n) w.Add(InRangeTailBits(q + i, n - i, lo, hi));
+  w.Finish();
 }
 
 template <class T>
@@ -115,9 +139,8 @@ Region ThresholdImage(const Image& img, const Region& dom, double lo, double hi)
       if (double(tlo) < lo) tlo = std::nextafter(tlo, std::numeric_limits<T>::infinity());
       if (double(thi) > hi) thi = std::nextafter(thi, -std::numeric_limits<T>::infinity());
     }
-    std::vector<uint8_t> mask;
     for (const Run& x : dom.Runs())
-      ThresholdRow1<T>(img.planes[0].ptr<T>(x.row), x.row, x.cb, x.ce, tlo, thi, &mask, &runs);
+      ThresholdRow1<T>(img.planes[0].ptr<T>(x.row), x.row, x.cb, x.ce, tlo, thi, &runs);
     return Region::FromSortedRuns(std::move(runs));
   }
   std::vector<const T*> rows(img.planes.size());

@@ -1,4 +1,6 @@
 #include <cmath>
+#include <cstring>
+#include <random>
 
 #include <gtest/gtest.h>
 
@@ -67,6 +69,82 @@ TEST_F(Segmentation, RealThresholdWithInexactLimitsMatchesDoubleComparison) {
   for (int c = 0; c < m.cols; ++c) {
     double v = values[size_t(c)];
     EXPECT_EQ(R(reg).Contains(0, c), v >= lo && v <= hi) << "column " << c << " value " << v;
+  }
+}
+
+// A domain of random rectangles, some reaching past the image, and random
+// single pixels: rows with several runs, runs that start and end anywhere.
+Region RandomDomain(std::mt19937& rng, int h, int w) {
+  std::uniform_int_distribution<int> row(-3, h + 2), col(-5, w + 4), len(0, w);
+  std::vector<Run> runs;
+  for (int k = 0; k < 4; ++k) {
+    int r1 = row(rng), r2 = row(rng), c1 = col(rng);
+    for (int r = std::min(r1, r2); r <= std::max(r1, r2); ++r) runs.push_back({r, c1, c1 + len(rng)});
+  }
+  for (int k = 0; k < 2 * h; ++k) {
+    int c = col(rng);
+    runs.push_back({row(rng), c, c});
+  }
+  return Region::FromRuns(std::move(runs));
+}
+
+// Widths around the word sizes of the scanning code.
+const int kOddWidths[] = {1, 2, 7, 15, 16, 17, 63, 64, 65, 100, 127, 128, 129, 301};
+
+TEST_F(Segmentation, SingleChannelThresholdMatchesPixelByPixelComparison) {
+  std::mt19937 rng(11);
+  struct Case { int depth; PixelType type; double lo, hi; };
+  const Case cases[] = {{CV_8U, PixelType::Byte, 0, 255},      {CV_16U, PixelType::UInt2, 0, 700},
+                        {CV_16S, PixelType::Int2, -300, 300},  {CV_32S, PixelType::Int4, -9, 9},
+                        {CV_32F, PixelType::Real, -3, 3}};
+  for (const Case& c : cases) {
+    for (int w : kOddWidths) {
+      const int h = 1 + int(rng() % 9);
+      cv::Mat m(h, w, c.depth);
+      std::uniform_real_distribution<double> value(c.lo, c.hi);
+      std::bernoulli_distribution flat(0.3), special(0.02);
+      // Flat stretches make long runs; a few non-finite reals never pass.
+      for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+          double v = flat(rng) && x > 0 ? -1e300 : value(rng);
+          if (c.depth == CV_32F) {
+            float f = v == -1e300 ? m.at<float>(y, x - 1) : float(v);
+            if (special(rng)) f = (rng() % 2) ? NAN : INFINITY;
+            m.at<float>(y, x) = f;
+          } else {
+            cv::Mat px(1, 1, CV_64F, cv::Scalar(v == -1e300 ? 0 : std::round(v)));
+            cv::Mat t;
+            px.convertTo(t, c.depth);
+            if (v == -1e300) std::memcpy(m.ptr(y, x), m.ptr(y, x - 1), m.elemSize());
+            else std::memcpy(m.ptr(y, x), t.ptr(), m.elemSize());
+          }
+        }
+      Image img = Image::FromPlanes(c.type, {m});
+      const bool reduced = rng() % 4 != 0;
+      if (reduced) img.domain = RandomDomain(rng, h, w);
+      const Region valid = img.domain.Clipped(h, w);
+      for (int k = 0; k < 6; ++k) {
+        double a = value(rng), b = value(rng);
+        if (k == 0) a = c.lo - 1, b = c.hi + 1;  // everything
+        if (k == 1) a = b = std::round(a);        // one level, tied exactly
+        if (k == 2 && c.depth != CV_32F) a = std::round(a) + 0.5, b = a + 1.7;  // truncated
+        if (k == 5) std::swap(a, b);              // possibly inverted: empty
+        HObject reg;
+        threshold(HObject(img), &reg, HTuple(a), HTuple(b));
+        const bool integral = c.depth != CV_32F;
+        const double lo = integral ? std::trunc(a) : a, hi = integral ? std::trunc(b) : b;
+        cv::Mat md, expect = cv::Mat::zeros(h, w, CV_8U);
+        m.convertTo(md, CV_64F);  // exact for every depth here
+        for (const vision::Run& x : valid.Runs())
+          for (int col = x.cb; col <= x.ce; ++col) {
+            const double v = md.at<double>(x.row, col);
+            expect.at<uint8_t>(x.row, col) = v >= lo && v <= hi ? 255 : 0;
+          }
+        ASSERT_EQ(R(reg), Region::FromMask(expect))
+            << PixelTypeName(c.type) << " " << h << "x" << w << " [" << a << ", " << b << "]"
+            << (reduced ? " reduced" : "");
+      }
+    }
   }
 }
 
