@@ -2,6 +2,12 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
+#include <cstdint>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "vision/filter/filter_util.h"
 
@@ -56,29 +62,14 @@ std::vector<double> Int4Values(const Region& reg, const Image& img) {
   return v;
 }
 
-template <class T>
-void PlainMinMaxOf(const Region& r, const cv::Mat& p, double* lo, double* hi) {
-  if (r.Empty()) return;
-  T mn = p.ptr<T>(r.Runs()[0].row)[r.Runs()[0].cb], mx = mn;
+// Calls fn(row pointer, first column, last column) for each run of `r`
+// clipped to the plane, without building the clipped region.
+template <class T, class Fn>
+void ForClippedRuns(const Region& r, const cv::Mat& p, Fn fn) {
   for (const Run& run : r.Runs()) {
-    const T* s = p.ptr<T>(run.row);
-    for (int c = run.cb; c <= run.ce; ++c) {
-      mn = s[c] < mn ? s[c] : mn;
-      mx = s[c] > mx ? s[c] : mx;
-    }
-  }
-  *lo = double(mn);
-  *hi = double(mx);
-}
-
-// Percent 0 needs no ranking.
-void PlainMinMax(const Region& reg, const Image& img, double* lo, double* hi) {
-  const Region r = reg.Clipped(img.height, img.width);
-  switch (img.type) {
-    case PixelType::UInt2: PlainMinMaxOf<uint16_t>(r, img.planes[0], lo, hi); break;
-    case PixelType::Int2: PlainMinMaxOf<int16_t>(r, img.planes[0], lo, hi); break;
-    case PixelType::Int4: PlainMinMaxOf<int32_t>(r, img.planes[0], lo, hi); break;
-    default: PlainMinMaxOf<float>(r, img.planes[0], lo, hi); break;
+    if (run.row < 0 || run.row >= p.rows) continue;
+    const int a = std::max(run.cb, 0), b = std::min(run.ce, p.cols - 1);
+    if (a <= b) fn(p.ptr<T>(run.row), a, b);
   }
 }
 
@@ -100,15 +91,216 @@ void RankMinMax(std::vector<V>& v, double percent, double* lo, double* hi) {
   *hi = double(v[k]);
 }
 
-// Byte images go through a histogram: the n-th value from each end.
-void ByteMinMax(const Region& reg, const Image& img, double percent, double* mn, double* mx) {
-  const Region r = reg.Clipped(img.height, img.width);
-  std::array<int64_t, 256> h{};
-  for (const Run& run : r.Runs()) {
-    const uint8_t* p = img.planes[0].ptr<uint8_t>(run.row);
-    for (int c = run.cb; c <= run.ce; ++c) ++h[p[c]];
+// Folds s[a..b] into *mn, *mx (already set) and *nan. Min and max are exact
+// in any order, so the lanes may run independently.
+template <class T, class V>
+void ScanRun(const T* s, int a, int b, V* mn, V* mx, bool* nan) {
+  V lo[4] = {*mn, *mn, *mn, *mn}, hi[4] = {*mx, *mx, *mx, *mx};
+  bool bad = false;
+  int c = a;
+  for (; c + 3 <= b; c += 4)
+    for (int j = 0; j < 4; ++j) {
+      const V x = V(s[c + j]);
+      lo[j] = x < lo[j] ? x : lo[j];
+      hi[j] = x > hi[j] ? x : hi[j];
+      bad |= x != x;
+    }
+  for (; c <= b; ++c) {
+    const V x = V(s[c]);
+    lo[0] = x < lo[0] ? x : lo[0];
+    hi[0] = x > hi[0] ? x : hi[0];
+    bad |= x != x;
   }
-  const int64_t area = r.Area();
+  for (int j = 0; j < 4; ++j) {
+    *mn = lo[j] < *mn ? lo[j] : *mn;
+    *mx = hi[j] > *mx ? hi[j] : *mx;
+  }
+  *nan |= bad;
+}
+
+// Coarse bin of a value: subtraction and scaling round monotonically, so the
+// bin never decreases with the value; an overflow to infinity lands in the
+// last bin.
+constexpr int kRankBins = 4096;
+
+template <class T, class V>
+int RankBin(T x, V base, V scale) {
+  const V t = (V(x) - base) * scale;
+  return t < V(kRankBins - 1) ? int(t) : kRankBins - 1;
+}
+
+template <class T, class V>
+void BinRun(const T* s, int n, V base, V scale, int32_t* out) {
+  for (int c = 0; c < n; ++c) out[c] = RankBin(s[c], base, scale);
+}
+
+#if defined(__SSE2__)
+// Real images, four pixels at a time. minps/maxps keep the second operand
+// unless the first is smaller/larger, exactly the comparisons above, and the
+// lane arithmetic is the same single precision as the scalar tails.
+template <>
+void ScanRun<float, float>(const float* s, int a, int b, float* mn, float* mx, bool* nan) {
+  __m128 lo = _mm_set1_ps(*mn), hi = _mm_set1_ps(*mx), bad = _mm_setzero_ps();
+  int c = a;
+  for (; c + 3 <= b; c += 4) {
+    const __m128 x = _mm_loadu_ps(s + c);
+    lo = _mm_min_ps(x, lo);
+    hi = _mm_max_ps(x, hi);
+    bad = _mm_or_ps(bad, _mm_cmpunord_ps(x, x));
+  }
+  alignas(16) float l[4], h[4];
+  _mm_store_ps(l, lo);
+  _mm_store_ps(h, hi);
+  bool any = _mm_movemask_ps(bad) != 0;
+  for (; c <= b; ++c) {
+    l[0] = s[c] < l[0] ? s[c] : l[0];
+    h[0] = s[c] > h[0] ? s[c] : h[0];
+    any |= s[c] != s[c];
+  }
+  for (int j = 0; j < 4; ++j) {
+    *mn = l[j] < *mn ? l[j] : *mn;
+    *mx = h[j] > *mx ? h[j] : *mx;
+  }
+  *nan |= any;
+}
+
+template <>
+void BinRun<float, float>(const float* s, int n, float base, float scale, int32_t* out) {
+  const __m128 vb = _mm_set1_ps(base), vs = _mm_set1_ps(scale), top = _mm_set1_ps(float(kRankBins - 1));
+  int c = 0;
+  for (; c + 4 <= n; c += 4) {
+    const __m128 t = _mm_mul_ps(_mm_sub_ps(_mm_loadu_ps(s + c), vb), vs);
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + c), _mm_cvttps_epi32(_mm_min_ps(t, top)));
+  }
+  for (; c < n; ++c) out[c] = RankBin(s[c], base, scale);
+}
+#endif
+
+// Calls fn(bins, values, count) for the clipped runs of `r` in chunks.
+template <class T, class V, class Fn>
+void ForBinnedChunks(const Region& r, const cv::Mat& p, V base, V scale, Fn fn) {
+  constexpr int kChunk = 1024;
+  int32_t bins[kChunk];
+  ForClippedRuns<T>(r, p, [&](const T* s, int a, int b) {
+    for (int c = a; c <= b; c += kChunk) {
+      const int n = std::min(kChunk, b - c + 1);
+      BinRun<T, V>(s + c, n, base, scale, bins);
+      fn(bins, s + c, n);
+    }
+  });
+}
+
+// The same ranks without sorting all values: a coarse histogram over
+// [min, max] whose bin never decreases with the value, so each rank lies in a
+// known bin and is selected among that bin's values only. Works on the plane
+// in place. Gives false (and nothing) when a value is not finite, where the
+// order of a plain selection is the only definition there is.
+template <class T, class V>
+bool BinnedRankMinMax(const Region& r, const cv::Mat& p, double percent, double* lo, double* hi) {
+  size_t count = 0;
+  bool nan = false, first = true;
+  V mn{}, mx{};
+  ForClippedRuns<T>(r, p, [&](const T* s, int a, int b) {
+    count += size_t(b - a + 1);
+    if (first) {
+      mn = mx = V(s[a]);
+      first = false;
+    }
+    ScanRun<T, V>(s, a, b, &mn, &mx, &nan);
+  });
+  if (count == 0) return true;
+  if (nan || !std::isfinite(mn) || !std::isfinite(mx)) return false;
+  const size_t n = std::min<size_t>(size_t(double(count) * percent / 100.0), (count - 1) / 2);
+  if (n == 0 || mn == mx) {
+    *lo = double(mn);
+    *hi = double(mx);
+    return true;
+  }
+  const V base = mn, scale = V(kRankBins / (double(mx) - double(mn)));
+  // Four interleaved histograms: neighbouring pixels of smooth images fall
+  // in the same bin, and one counter would serialise on itself.
+  std::vector<uint32_t> hist(4 * kRankBins);
+  ForBinnedChunks<T, V>(r, p, base, scale, [&](const int32_t* bins, const T*, int len) {
+    int c = 0;
+    for (; c + 3 < len; c += 4)
+      for (int j = 0; j < 4; ++j) ++hist[size_t(j * kRankBins + bins[c + j])];
+    for (; c < len; ++c) ++hist[size_t(bins[c])];
+  });
+  const size_t k = count - 1 - n;
+  int bn = -1, bk = -1;
+  size_t before_n = 0, before_k = 0, acc = 0;
+  for (int b = 0; b < kRankBins && bk < 0; ++b) {
+    const size_t c = hist[size_t(b)] + hist[size_t(kRankBins + b)] + hist[size_t(2 * kRankBins + b)] +
+                     hist[size_t(3 * kRankBins + b)];
+    if (bn < 0 && acc + c > n) {
+      bn = b;
+      before_n = acc;
+    }
+    if (acc + c > k) {
+      bk = b;
+      before_k = acc;
+    }
+    acc += c;
+  }
+  std::vector<V> in_n, in_k;
+  ForBinnedChunks<T, V>(r, p, base, scale, [&](const int32_t* bins, const T* s, int len) {
+    for (int c = 0; c < len; ++c) {
+      if (bins[c] == bn) in_n.push_back(V(s[c]));
+      if (bins[c] == bk) in_k.push_back(V(s[c]));
+    }
+  });
+  const size_t rn = n - before_n, rk = k - before_k;
+  std::nth_element(in_n.begin(), in_n.begin() + long(rn), in_n.end());
+  *lo = double(in_n[rn]);
+  std::nth_element(in_k.begin(), in_k.begin() + long(rk), in_k.end());
+  *hi = double(in_k[rk]);
+  return true;
+}
+
+// Percent 0 needs no ranking. The first value seeds both ends, so a NaN
+// there is the answer and later ones are passed over.
+template <class T>
+bool PlainMinMaxOf(const Region& r, const cv::Mat& p, T* lo, T* hi) {
+  bool any = false, nan = false;
+  T mn{}, mx{};
+  ForClippedRuns<T>(r, p, [&](const T* s, int a, int b) {
+    if (!any) {
+      mn = mx = s[a];
+      any = true;
+    }
+    ScanRun<T, T>(s, a, b, &mn, &mx, &nan);
+  });
+  *lo = mn;
+  *hi = mx;
+  return any;
+}
+
+void PlainMinMax(const Region& r, const Image& img, double* lo, double* hi) {
+  auto run = [&](auto zero) {
+    using T = decltype(zero);
+    T a, b;
+    if (PlainMinMaxOf<T>(r, img.planes[0], &a, &b)) {
+      *lo = double(a);
+      *hi = double(b);
+    }
+  };
+  switch (img.type) {
+    case PixelType::UInt2: run(uint16_t{}); break;
+    case PixelType::Int2: run(int16_t{}); break;
+    case PixelType::Int4: run(int32_t{}); break;
+    default: run(float{}); break;
+  }
+}
+
+// Byte images go through a histogram: the n-th value from each end.
+void ByteMinMax(const Region& r, const Image& img, double percent, double* mn, double* mx) {
+  std::array<int64_t, 256> h{};
+  int64_t area = 0;
+  ForClippedRuns<uint8_t>(r, img.planes[0], [&](const uint8_t* p, int a, int b) {
+    area += b - a + 1;
+    for (int c = a; c <= b; ++c) ++h[p[c]];
+  });
+  if (area == 0) return;
   const int64_t n = std::min<int64_t>(int64_t(double(area) * percent / 100.0), (area - 1) / 2);
   int64_t acc = 0;
   int lo = 0;
@@ -139,13 +331,16 @@ void min_max_gray(const HObject& regions, const HObject& image, const HTuple& pe
     const Region& reg = regions.RegionOrDomainAt(i, op);
     double lo = 0, hi = 0;
     if (img.type == PixelType::Byte) {
-      if (!reg.Clipped(img.height, img.width).Empty()) ByteMinMax(reg, img, pc, &lo, &hi);
+      ByteMinMax(reg, img, pc, &lo, &hi);
     } else if (pc == 0) {
       PlainMinMax(reg, img, &lo, &hi);
     } else if (img.type == PixelType::Int4) {
-      std::vector<double> v = Int4Values(reg, img);
-      RankMinMax(v, pc, &lo, &hi);
-    } else {
+      BinnedRankMinMax<int32_t, double>(reg, img.planes[0], pc, &lo, &hi);
+    } else if (img.type == PixelType::UInt2) {
+      BinnedRankMinMax<uint16_t, float>(reg, img.planes[0], pc, &lo, &hi);
+    } else if (img.type == PixelType::Int2) {
+      BinnedRankMinMax<int16_t, float>(reg, img.planes[0], pc, &lo, &hi);
+    } else if (!BinnedRankMinMax<float, float>(reg, img.planes[0], pc, &lo, &hi)) {
       std::vector<float> v = Values(reg, img);
       RankMinMax(v, pc, &lo, &hi);
     }
