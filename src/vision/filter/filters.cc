@@ -477,29 +477,29 @@ void SolveNeumannPoisson(cv::Mat& f) {
   dct.Forward(f, F);
   // Frequency k along the rows adds lambda_k = 2 cos(pi k / W) - 2 to the
   // column Laplacian (diagonal -1 at the ends, -2 inside, 1 beside). Thomas'
-  // algorithm, in double: the lowest frequencies are nearly singular.
-  const size_t cells = static_cast<size_t>(H) * static_cast<size_t>(W);
-  std::vector<double> lambda(static_cast<size_t>(W)), denom_inv(cells), g(cells);
+  // algorithm: the forward sweep leaves its right-hand sides in F and its
+  // pivots' inverses in `pivot` (single precision keeps a large image's
+  // working set at three float planes; each step computes in double).
+  std::vector<double> lambda(static_cast<size_t>(W));
   for (int k = 0; k < W; ++k) lambda[size_t(k)] = 2.0 * std::cos(CV_PI * k / W) - 2.0;
+  cv::Mat pivot(H, W, CV_32F);
   for (int r = 0; r < H; ++r) {
     const double edge = H == 1 ? 0.0 : (r == 0 || r == H - 1) ? -1.0 : -2.0;
-    const float* rhs = F.ptr<float>(r);
-    double* di = &denom_inv[size_t(r) * size_t(W)];
-    double* gi = &g[size_t(r) * size_t(W)];
-    const double* dp = r ? di - W : nullptr;
-    const double* gp = r ? gi - W : nullptr;
+    float* g = F.ptr<float>(r);
+    float* di = pivot.ptr<float>(r);
+    const float* gp = r ? F.ptr<float>(r - 1) : nullptr;
+    const float* dp = r ? pivot.ptr<float>(r - 1) : nullptr;
     for (int k = 1; k < W; ++k) {
-      const double m = lambda[size_t(k)] + edge - (r ? dp[k] : 0.0);
-      di[k] = 1.0 / m;
-      gi[k] = (rhs[k] - (r ? gp[k] : 0.0)) * di[k];
+      const double inv = 1.0 / (lambda[size_t(k)] + edge - (r ? double(dp[k]) : 0.0));
+      di[k] = float(inv);
+      g[k] = float((double(g[k]) - (r ? double(gp[k]) : 0.0)) * inv);
     }
   }
-  for (int r = H - 1; r >= 0; --r) {
+  for (int r = H - 2; r >= 0; --r) {
     float* u = F.ptr<float>(r);
-    const float* below = r + 1 < H ? F.ptr<float>(r + 1) : nullptr;
-    const double* di = &denom_inv[size_t(r) * size_t(W)];
-    const double* gi = &g[size_t(r) * size_t(W)];
-    for (int k = 1; k < W; ++k) u[k] = float(gi[k] - (below ? di[k] * below[k] : 0.0));
+    const float* below = F.ptr<float>(r + 1);
+    const float* di = pivot.ptr<float>(r);
+    for (int k = 1; k < W; ++k) u[k] = float(double(u[k]) - double(di[k]) * below[k]);
   }
   // Frequency 0 is the singular Neumann problem: the edge differences are the
   // running sums of the right-hand side; the free constant gives zero mean.
