@@ -8,7 +8,7 @@
 #include <type_traits>
 
 #if defined(__SSE2__)
-#include <xmmintrin.h>
+#include <emmintrin.h>
 #endif
 
 #include "vision/region/features.h"
@@ -212,22 +212,77 @@ std::vector<int> HistogramMinima(const std::vector<double>& h) {
   return minima;
 }
 
-std::vector<double> SmoothHistogram(const std::vector<double>& h, double sigma) {
-  const int n = int(h.size()), r = int(std::ceil(3 * sigma));
-  std::vector<double> k(size_t(2 * r + 1));
-  for (int d = -r; d <= r; ++d) k[size_t(d + r)] = std::exp(-0.5 * d * d / (sigma * sigma));
-  std::vector<double> out(h.size(), 0.0);
-  for (int i = 0; i < n; ++i) {
-    double s = 0, w = 0;
-    for (int d = -r; d <= r; ++d) {
-      int j = i + d;
-      if (j < 0 || j >= n) continue;  // no mass outside the gray range
-      s += k[size_t(d + r)] * h[size_t(j)];
-      w += k[size_t(d + r)];
+// Gaussian smoothing without mass outside the gray range: each output is the
+// weighted sum over the bins in reach divided by the sum of their weights.
+// Every output adds its terms in increasing offset order, the same doubles as
+// a plain loop over the bins in reach: bins outside the range read a zero
+// count and a zero "in range" indicator, and adding +0.0 to a non-negative sum
+// changes nothing. Eight outputs are summed at once in registers.
+constexpr int kHistPad = 192;  // the kernel reach at sigma 64
+
+// Adds the terms of outputs i0..i0+7 for offsets d_lo..d_hi into s (and the
+// weights into w unless w is null).
+void SmoothBlock(const double* hist, const double* inside, const double* kernel, int d_lo,
+                 int d_hi, double* s, double* w) {
+#if defined(__SSE2__)
+  __m128d s0 = _mm_setzero_pd(), s1 = s0, s2 = s0, s3 = s0, w0 = s0, w1 = s0, w2 = s0, w3 = s0;
+  if (w) {
+    for (int d = d_lo; d <= d_hi; ++d) {
+      const __m128d k = _mm_set1_pd(kernel[d]);
+      const double *hh = hist + d, *in = inside + d;
+      s0 = _mm_add_pd(s0, _mm_mul_pd(k, _mm_loadu_pd(hh)));
+      s1 = _mm_add_pd(s1, _mm_mul_pd(k, _mm_loadu_pd(hh + 2)));
+      s2 = _mm_add_pd(s2, _mm_mul_pd(k, _mm_loadu_pd(hh + 4)));
+      s3 = _mm_add_pd(s3, _mm_mul_pd(k, _mm_loadu_pd(hh + 6)));
+      w0 = _mm_add_pd(w0, _mm_mul_pd(k, _mm_loadu_pd(in)));
+      w1 = _mm_add_pd(w1, _mm_mul_pd(k, _mm_loadu_pd(in + 2)));
+      w2 = _mm_add_pd(w2, _mm_mul_pd(k, _mm_loadu_pd(in + 4)));
+      w3 = _mm_add_pd(w3, _mm_mul_pd(k, _mm_loadu_pd(in + 6)));
     }
-    out[size_t(i)] = s / w;
+    _mm_storeu_pd(w, w0), _mm_storeu_pd(w + 2, w1), _mm_storeu_pd(w + 4, w2), _mm_storeu_pd(w + 6, w3);
+  } else {
+    for (int d = d_lo; d <= d_hi; ++d) {
+      const __m128d k = _mm_set1_pd(kernel[d]);
+      const double* hh = hist + d;
+      s0 = _mm_add_pd(s0, _mm_mul_pd(k, _mm_loadu_pd(hh)));
+      s1 = _mm_add_pd(s1, _mm_mul_pd(k, _mm_loadu_pd(hh + 2)));
+      s2 = _mm_add_pd(s2, _mm_mul_pd(k, _mm_loadu_pd(hh + 4)));
+      s3 = _mm_add_pd(s3, _mm_mul_pd(k, _mm_loadu_pd(hh + 6)));
+    }
   }
-  return out;
+  _mm_storeu_pd(s, s0), _mm_storeu_pd(s + 2, s1), _mm_storeu_pd(s + 4, s2), _mm_storeu_pd(s + 6, s3);
+#else
+  for (int j = 0; j < 8; ++j) s[j] = 0;
+  if (w)
+    for (int j = 0; j < 8; ++j) w[j] = 0;
+  for (int d = d_lo; d <= d_hi; ++d)
+    for (int j = 0; j < 8; ++j) {
+      s[j] += kernel[d] * hist[d + j];
+      if (w) w[j] += kernel[d] * inside[d + j];
+    }
+#endif
+}
+
+void SmoothHistogram(const double* padded_hist, const double* padded_inside, double sigma,
+                     std::vector<double>* kernel, std::vector<double>* out) {
+  constexpr int n = 256, block = 8;
+  const int r = int(std::ceil(3 * sigma));
+  kernel->resize(size_t(2 * r + 1));
+  for (int d = -r; d <= r; ++d) (*kernel)[size_t(d + r)] = std::exp(-0.5 * d * d / (sigma * sigma));
+  const double* k = kernel->data() + r;  // k[d] for d in -r..r
+  // Outputs whose whole kernel lies in the range share one weight sum.
+  double full = 0;
+  for (int d = -r; d <= r; ++d) full += k[d];
+  out->resize(n);
+  for (int i0 = 0; i0 < n; i0 += block) {
+    double s[block], w[block];
+    // Offsets at which the whole block reads outside the range add nothing.
+    const int d_lo = std::max(-r, -(i0 + block - 1)), d_hi = std::min(r, n - 1 - i0);
+    const bool interior = i0 - r >= 0 && i0 + block - 1 + r <= n - 1;
+    SmoothBlock(padded_hist + kHistPad + i0, padded_inside + kHistPad + i0, k, d_lo, d_hi, s,
+                interior ? nullptr : w);
+    for (int j = 0; j < block; ++j) (*out)[size_t(i0 + j)] = s[j] / (interior ? full : w[j]);
+  }
 }
 
 int OtsuThreshold(const std::vector<double>& h) {
@@ -258,19 +313,37 @@ void bin_threshold(const HObject& image, HObject* region) {
     if (img.type != PixelType::Byte || img.planes.size() != 1)
       throw HException(op, "Wrong image type: single-channel byte image expected", kErrWrongParamValue);
     Region dom = ValidDomain(img);
-    std::vector<double> hist(256, 0.0);
+    // Counts in four integer tables (runs of equal pixels do not wait for
+    // each other's stores); they are exact, as the double sums were.
+    std::vector<uint32_t> counts(4 * 256, 0);
     for (const Run& x : dom.Runs()) {
       const uint8_t* p = img.planes[0].ptr<uint8_t>(x.row);
-      for (int c = x.cb; c <= x.ce; ++c) hist[p[c]] += 1;
+      int c = x.cb;
+      for (; c + 3 <= x.ce; c += 4) {
+        ++counts[p[c]];
+        ++counts[256 + p[c + 1]];
+        ++counts[512 + p[c + 2]];
+        ++counts[768 + p[c + 3]];
+      }
+      for (; c <= x.ce; ++c) ++counts[p[c]];
     }
+    std::vector<double> hist(256, 0.0);
+    for (int v = 0; v < 256; ++v)
+      hist[size_t(v)] = double(counts[size_t(v)] + counts[size_t(256 + v)] + counts[size_t(512 + v)] +
+                               counts[size_t(768 + v)]);
     double total = double(dom.Area());
     if (total > 0)
       for (double& v : hist) v /= total;
     // Smooth ever more until one valley is left; its bottom separates the
     // dark part from the light one.
     int t = -1;
+    std::vector<double> padded(256 + 2 * kHistPad, 0.0), inside(256 + 2 * kHistPad, 0.0);
+    std::copy(hist.begin(), hist.end(), padded.begin() + kHistPad);
+    std::fill(inside.begin() + kHistPad, inside.begin() + kHistPad + 256, 1.0);
+    std::vector<double> kernel, smoothed;
     for (double sigma = 1.0; sigma <= 64.0; sigma += 1.0) {
-      auto minima = HistogramMinima(SmoothHistogram(hist, sigma));
+      SmoothHistogram(padded.data(), inside.data(), sigma, &kernel, &smoothed);
+      auto minima = HistogramMinima(smoothed);
       if (minima.size() == 1) { t = minima[0]; break; }
       if (minima.empty()) break;
     }

@@ -161,6 +161,102 @@ TEST_F(Segmentation, BinThresholdReturnsTheDarkMode) {
   EXPECT_THROW(bin_threshold(real, &reg), HException);
 }
 
+// The dark-part threshold computed the plain way: a pixel histogram smoothed
+// with ever wider Gaussians (mass outside the gray range ignored) until one
+// valley is left, Otsu's threshold when none is.
+int ReferenceBinThreshold(const Image& img) {
+  std::vector<double> hist(256, 0.0);
+  const Region dom = img.domain.Clipped(img.height, img.width);
+  for (const vision::Run& x : dom.Runs())
+    for (int c = x.cb; c <= x.ce; ++c) hist[img.planes[0].at<uint8_t>(x.row, c)] += 1;
+  const double total = double(dom.Area());
+  if (total > 0)
+    for (double& v : hist) v /= total;
+  for (double sigma = 1; sigma <= 64; sigma += 1) {
+    const int r = int(std::ceil(3 * sigma));
+    std::vector<double> sm(256), k;
+    for (int d = -r; d <= r; ++d) k.push_back(std::exp(-0.5 * d * d / (sigma * sigma)));
+    for (int i = 0; i < 256; ++i) {
+      double sum = 0, weight = 0;
+      for (int d = -r; d <= r; ++d) {
+        if (i + d < 0 || i + d > 255) continue;
+        sum += k[size_t(d + r)] * hist[size_t(i + d)];
+        weight += k[size_t(d + r)];
+      }
+      sm[size_t(i)] = sum / weight;
+    }
+    std::vector<int> minima;  // a flat valley counts once, at its middle
+    for (int i = 1; i < 255;) {
+      if (sm[size_t(i)] < sm[size_t(i - 1)]) {
+        int j = i;
+        while (j + 1 < 256 && sm[size_t(j + 1)] == sm[size_t(i)]) ++j;
+        if (j + 1 < 256 && sm[size_t(j + 1)] > sm[size_t(i)]) minima.push_back((i + j) / 2);
+        i = j + 1;
+      } else {
+        ++i;
+      }
+    }
+    if (minima.size() == 1) return minima[0];
+    if (minima.empty()) break;
+  }
+  double all = 0, mean_all = 0;
+  for (int i = 0; i < 256; ++i) all += hist[size_t(i)], mean_all += i * hist[size_t(i)];
+  if (all <= 0) return 255;
+  double w0 = 0, sum0 = 0, best = -1;
+  int t_best = 255;
+  for (int t = 0; t < 255; ++t) {
+    w0 += hist[size_t(t)];
+    sum0 += t * hist[size_t(t)];
+    const double w1 = all - w0;
+    if (w0 <= 0 || w1 <= 0) continue;
+    const double m0 = sum0 / w0, m1 = (mean_all - sum0) / w1;
+    const double var = w0 * w1 * (m0 - m1) * (m0 - m1);
+    if (var > best) best = var, t_best = t;
+  }
+  return t_best;
+}
+
+TEST_F(Segmentation, BinThresholdMatchesThePlainHistogramSearch) {
+  std::mt19937 rng(23);
+  std::normal_distribution<double> noise(0, 1);
+  int cases = 0;
+  for (int modes = 0; modes <= 4; ++modes) {
+    for (int w : kOddWidths) {
+      const int h = 1 + int(rng() % 40);
+      // Gray levels drawn around `modes` random centres (none: uniform noise).
+      std::vector<double> centre, spread;
+      for (int k = 0; k < modes; ++k) {
+        centre.push_back(double(rng() % 256));
+        spread.push_back(1 + double(rng() % 30));
+      }
+      cv::Mat m(h, w, CV_8U);
+      for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+          const size_t k = modes == 0 ? 0 : rng() % size_t(modes);
+          const double v = modes == 0 ? double(rng() % 256) : centre[k] + spread[k] * noise(rng);
+          m.at<uint8_t>(y, x) = cv::saturate_cast<uint8_t>(v);
+        }
+      Image img = ByteImage(m);
+      if (rng() % 3 == 0) img.domain = RandomDomain(rng, h, w);
+      const int t = ReferenceBinThreshold(img);
+      HObject reg, expect;
+      bin_threshold(HObject(img), &reg);
+      threshold(HObject(img), &expect, HTuple(0), HTuple(t));
+      ASSERT_EQ(R(reg), R(expect)) << modes << " modes, " << h << "x" << w << ", threshold " << t;
+      ++cases;
+    }
+  }
+  // A constant image and an empty domain: no valley at all.
+  Image flat = ByteImage(cv::Mat(5, 9, CV_8U, cv::Scalar(77)));
+  HObject reg;
+  bin_threshold(HObject(flat), &reg);
+  EXPECT_EQ(R(reg).Area(), 45);
+  flat.domain = Region();
+  bin_threshold(HObject(flat), &reg);
+  EXPECT_TRUE(R(reg).Empty());
+  EXPECT_GT(cases, 60);
+}
+
 TEST_F(Segmentation, ConnectionNeighbourhoodAndOrder) {
   // Diagonal pixels join in the 8-neighbourhood only. The right blob starts
   // on the first row and so comes first.
