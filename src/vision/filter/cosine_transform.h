@@ -11,7 +11,9 @@ namespace vision::filter_detail {
 
 class RowCosineTransform {
  public:
-  explicit RowCosineTransform(int length);
+  // `allow_direct` false keeps the chirp path for every length (tests and
+  // timing).
+  explicit RowCosineTransform(int length, bool allow_direct = true);
 
   // src: CV_32F with `length` columns; dst gets its size.
   void Forward(const cv::Mat& src, cv::Mat& dst) const;
