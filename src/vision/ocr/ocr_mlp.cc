@@ -151,6 +151,7 @@ cv::Mat OwnDarkness(const OcrSample& s) {
 void ComputeFeatures(const OcrMlp& c, const OcrSample& s, float* out) {
   const int w = s.gray.cols, h = s.gray.rows;
   const int interp = CvInterpolation(c.interpolation, "get_features_ocr_class_mlp");
+  cv::Mat own;
   for (Feature f : c.features) {
     switch (f) {
       case Feature::Ratio: *out++ = float(h) / float(w); break;
@@ -176,14 +177,15 @@ void ComputeFeatures(const OcrMlp& c, const OcrSample& s, float* out) {
       case Feature::PixelInvar:
       case Feature::PixelBinary:
       case Feature::BandPixels: {
-        cv::Mat patch(h, w, CV_32F);
+        cv::Mat patch;
         if (f == Feature::PixelBinary) {
           s.mask.convertTo(patch, CV_32F, 1.0 / 255.0);
         } else if (f == Feature::Pixel) {
           // Darkness of the raw gray values, whatever lies in the box.
           s.gray.convertTo(patch, CV_32F, -1.0 / 255.0, 1.0);
         } else {
-          patch = OwnDarkness(s);
+          if (own.empty()) own = OwnDarkness(s);  // shared by pixel_invar and band_pixels
+          patch = own;
         }
         if (f == Feature::BandPixels && s.band_bottom >= s.band_top) {
           // The same values in the rows of the whole text line: a small p

@@ -202,6 +202,23 @@ TEST(OcrMlp, LineBandSpansTheNeighboursOfItsOwnLineOnly) {
   EXPECT_EQ(bottom, 19);
 }
 
+// The same ellipse (identical pixels for both classes) beside an l of its
+// own height (a capital O) or of one and a half times it (a small o).
+Drawn OBesideL(int size, bool small) {
+  cv::Mat m(4 * size, 4 * size, CV_8U, cv::Scalar(210));
+  const int base = 3 * size, stroke = std::max(2, size / 8);
+  const int l_height = small ? size * 3 / 2 : size;
+  cv::rectangle(m, cv::Rect(size / 4, base - l_height, stroke, l_height), cv::Scalar(30),
+                cv::FILLED);
+  const cv::Rect o(size, base - size, size * 3 / 4, size);
+  cv::ellipse(m, (o.tl() + o.br()) / 2, o.size() / 2, 0, 0, 360, cv::Scalar(30), stroke);
+  Drawn d;
+  d.image = HObject(Image::FromPlanes(PixelType::Byte, {m}));
+  const cv::Rect cut(o.x - stroke, o.y - stroke, o.width + 2 * stroke, o.height + 2 * stroke);
+  d.region = HObject(Region::FromMask(m(cut) < 128).Translated(cut.y, cut.x));
+  return d;
+}
+
 // With the line band, one shape is a small or a capital o by its neighbour, and
 // the feature survives the file; older (version 1) files still load.
 TEST(OcrMlp, LineBandSeparatesCaseAndKeepsFileVersions) {
@@ -210,25 +227,9 @@ TEST(OcrMlp, LineBandSeparatesCaseAndKeepsFileVersions) {
                        HTuple::Strings({"default", "line_band"}), HTuple::Strings({"o", "O"}),
                        HTuple(8), HTuple("normalization"), HTuple(10), HTuple(3), &ocr);
   create_ocr_train_samples(&set);
-  // The same ellipse (identical pixels for both classes) beside an l of its
-  // own height (a capital O) or of one and a half times it (a small o).
-  auto line = [](int size, bool small) {
-    cv::Mat m(4 * size, 4 * size, CV_8U, cv::Scalar(210));
-    const int base = 3 * size, stroke = std::max(2, size / 8);
-    const int l_height = small ? size * 3 / 2 : size;
-    cv::rectangle(m, cv::Rect(size / 4, base - l_height, stroke, l_height), cv::Scalar(30),
-                  cv::FILLED);
-    const cv::Rect o(size, base - size, size * 3 / 4, size);
-    cv::ellipse(m, (o.tl() + o.br()) / 2, o.size() / 2, 0, 0, 360, cv::Scalar(30), stroke);
-    Drawn d;
-    d.image = HObject(Image::FromPlanes(PixelType::Byte, {m}));
-    const cv::Rect cut(o.x - stroke, o.y - stroke, o.width + 2 * stroke, o.height + 2 * stroke);
-    d.region = HObject(Region::FromMask(m(cut) < 128).Translated(cut.y, cut.x));
-    return d;
-  };
   for (int size = 14; size <= 40; size += 2)
     for (bool small : {true, false}) {
-      const Drawn d = line(size, small);
+      const Drawn d = OBesideL(size, small);
       append_ocr_trainf(d.region, d.image, HTuple(small ? "o" : "O"), set);
     }
   trainf_ocr_class_mlp(ocr, set, HTuple(300), HTuple(1.0), HTuple(0.0), &err, &log);
@@ -240,7 +241,7 @@ TEST(OcrMlp, LineBandSeparatesCaseAndKeepsFileVersions) {
   read_ocr_class_mlp(HTuple(path), &again);
   for (int size : {17, 31})
     for (bool small : {true, false}) {
-      const Drawn d = line(size, small);
+      const Drawn d = OBesideL(size, small);
       HTuple k, c;
       do_ocr_single_class_mlp(d.region, d.image, again, HTuple(1), &k, &c);
       EXPECT_EQ(k.S(0), small ? "o" : "O") << "size " << size;
@@ -269,6 +270,43 @@ TEST(OcrMlp, LineBandSeparatesCaseAndKeepsFileVersions) {
   write_ocr_class_mlp(TrainedClassifier(), HTuple(plain));
   std::ofstream(old_plain, std::ios::binary) << relabel(bytes_of(plain));
   EXPECT_NO_THROW(read_ocr_class_mlp(HTuple(old_plain), &h));
+  std::filesystem::remove_all(dir);
+}
+
+// The band's rows carried on the pixel grid separate the same two shapes
+// without the four band values; such a file cannot claim an older version.
+TEST(OcrMlp, BandPixelsSeparateCaseOnTheGrid) {
+  HTuple ocr, set, err, log;
+  create_ocr_class_mlp(HTuple(8), HTuple(10), HTuple("constant"),
+                       HTuple::Strings({"default", "band_pixels"}), HTuple::Strings({"o", "O"}),
+                       HTuple(8), HTuple("normalization"), HTuple(10), HTuple(3), &ocr);
+  create_ocr_train_samples(&set);
+  for (int size = 14; size <= 40; size += 2)
+    for (bool small : {true, false}) {
+      const Drawn d = OBesideL(size, small);
+      append_ocr_trainf(d.region, d.image, HTuple(small ? "o" : "O"), set);
+    }
+  trainf_ocr_class_mlp(ocr, set, HTuple(300), HTuple(1.0), HTuple(0.0), &err, &log);
+  for (int size : {17, 31})
+    for (bool small : {true, false}) {
+      const Drawn d = OBesideL(size, small);
+      HTuple k, c;
+      do_ocr_single_class_mlp(d.region, d.image, ocr, HTuple(1), &k, &c);
+      EXPECT_EQ(k.S(0), small ? "o" : "O") << "size " << size;
+    }
+  const auto dir = std::filesystem::temp_directory_path() / "vision_ocr_band_pixels";
+  std::filesystem::create_directories(dir);
+  const std::string path = (dir / "case.omc").string();
+  write_ocr_class_mlp(ocr, HTuple(path));
+  std::ifstream in(path, std::ios::binary);
+  std::string bytes((std::istreambuf_iterator<char>(in)), {});
+  bytes[4] = 2;
+  uint32_t h = 2166136261u;
+  for (size_t i = 0; i + 4 < bytes.size(); ++i) h = (h ^ uint8_t(bytes[i])) * 16777619u;
+  std::memcpy(&bytes[bytes.size() - 4], &h, 4);
+  std::ofstream(path, std::ios::binary) << bytes;
+  HTuple again;
+  EXPECT_THROW(read_ocr_class_mlp(HTuple(path), &again), HException);
   std::filesystem::remove_all(dir);
 }
 
