@@ -181,55 +181,73 @@ void closing_circle(const HObject& region, HObject* region_closing, const HTuple
 
 namespace {
 
-// Zhang-Suen thinning of a mask with a zero border; keeps 8-connectivity.
-// Only the remaining foreground pixels are visited in each sub-iteration.
-void Thin(cv::Mat& m) {
-  std::vector<cv::Point> fg, keep, del;
-  for (int y = 1; y < m.rows - 1; ++y) {
-    const uint8_t* p = m.ptr<uint8_t>(y);
-    for (int x = 1; x < m.cols - 1; ++x)
-      if (p[x]) fg.emplace_back(x, y);
-  }
-  // Removal decision of both sub-iterations for every 8-neighbourhood, bit k
-  // holding p2..p9 clockwise from the pixel above.
-  static const auto lut = [] {
-    std::array<std::array<bool, 256>, 2> t{};
-    for (int code = 0; code < 256; ++code) {
-      int p[10];
-      for (int k = 0; k < 8; ++k) p[k + 2] = (code >> k) & 1;
-      int b = 0, a = 0;
-      for (int k = 2; k <= 9; ++k) {
-        b += p[k];
-        a += !p[k] && p[k == 9 ? 2 : k + 1];
+// Zhang-Suen thinning, 64 pixels at a time: every pass decides on the
+// picture as it was before the pass, from the eight neighbours p2..p9
+// (clockwise from the pixel above). A pixel goes when 2 <= B <= 6 neighbours
+// are set, the cyclic sequence p2..p9 has exactly one 0-1 step (A = 1), and
+// p2 p4 p6 = p4 p6 p8 = 0 (first pass) or p2 p4 p8 = p2 p6 p8 = 0 (second).
+// Rounds of both passes repeat until one removes nothing. The raster needs
+// a clear border row and column all round.
+void Thin(detail::BitRaster* img) {
+  const int nw = img->words;
+  std::vector<uint64_t> next(img->bits.size(), 0);
+  auto pass = [&](int which) {
+    bool removed = false;
+    for (int y = 1; y + 1 < img->rows; ++y) {
+      const uint64_t *u = img->Row(y - 1), *c = img->Row(y), *d = img->Row(y + 1);
+      uint64_t* o = next.data() + size_t(y) * size_t(nw);
+      for (int k = 0; k < nw; ++k) {
+        const uint64_t p1 = c[k];
+        if (!p1) {
+          o[k] = 0;
+          continue;
+        }
+        // Neighbours across the word edges: bit 63 of the word before,
+        // bit 0 of the word after.
+        const uint64_t ul = k ? u[k - 1] : 0, cl = k ? c[k - 1] : 0, dl = k ? d[k - 1] : 0;
+        const uint64_t ur = k + 1 < nw ? u[k + 1] : 0, cr = k + 1 < nw ? c[k + 1] : 0,
+                       dr = k + 1 < nw ? d[k + 1] : 0;
+        const uint64_t p2 = u[k], p3 = (u[k] >> 1) | (ur << 63), p4 = (c[k] >> 1) | (cr << 63),
+                       p5 = (d[k] >> 1) | (dr << 63), p6 = d[k], p7 = (d[k] << 1) | (dl >> 63),
+                       p8 = (c[k] << 1) | (cl >> 63), p9 = (u[k] << 1) | (ul >> 63);
+        // B in binary, one bit plane per weight, by carry-save adders.
+        auto add3 = [](uint64_t a, uint64_t b, uint64_t e, uint64_t* sum, uint64_t* carry) {
+          const uint64_t t = a ^ b;
+          *sum = t ^ e;
+          *carry = (a & b) | (t & e);
+        };
+        uint64_t s0, c0, s1, c1, s2, c2, t0, t1;
+        add3(p2, p3, p4, &s0, &c0);
+        add3(p5, p6, p7, &s1, &c1);
+        add3(s0, s1, p8, &s2, &c2);
+        const uint64_t ones = s2 ^ p9, c3 = s2 & p9;
+        add3(c0, c1, c2, &t0, &t1);
+        const uint64_t twos = t0 ^ c3, c4 = t0 & c3;
+        const uint64_t fours = t1 ^ c4, eights = t1 & c4;
+        const uint64_t b_ok = (twos | fours | eights) & ~(eights | (fours & twos & ones));
+        // A = 1: exactly one of the eight 0-1 steps.
+        uint64_t one = 0, many = 0;
+        for (uint64_t step : {~p2 & p3, ~p3 & p4, ~p4 & p5, ~p5 & p6, ~p6 & p7, ~p7 & p8,
+                              ~p8 & p9, ~p9 & p2}) {
+          many |= one & step;
+          one |= step;
+        }
+        const uint64_t side = which == 0 ? ~(p2 & p4 & p6) & ~(p4 & p6 & p8)
+                                         : ~(p2 & p4 & p8) & ~(p2 & p6 & p8);
+        const uint64_t del = p1 & b_ok & one & ~many & side;
+        o[k] = p1 & ~del;
+        removed |= del != 0;
       }
-      bool base = b >= 2 && b <= 6 && a == 1;
-      t[0][size_t(code)] = base && !(p[2] && p[4] && p[6]) && !(p[4] && p[6] && p[8]);
-      t[1][size_t(code)] = base && !(p[2] && p[4] && p[8]) && !(p[2] && p[6] && p[8]);
     }
-    return t;
-  }();
-  bool changed = true;
-  while (changed) {
-    changed = false;
-    for (int pass = 0; pass < 2; ++pass) {
-      del.clear();
-      keep.clear();
-      for (const cv::Point& q : fg) {
-        const uint8_t* up = m.ptr<uint8_t>(q.y - 1) + q.x;
-        const uint8_t* mid = m.ptr<uint8_t>(q.y) + q.x;
-        const uint8_t* dn = m.ptr<uint8_t>(q.y + 1) + q.x;
-        int code = (up[0] != 0) | (up[1] != 0) << 1 | (mid[1] != 0) << 2 | (dn[1] != 0) << 3 |
-                   (dn[0] != 0) << 4 | (dn[-1] != 0) << 5 | (mid[-1] != 0) << 6 | (up[-1] != 0) << 7;
-        bool removable = lut[pass][code];
-        (removable ? del : keep).push_back(q);
-      }
-      for (const auto& q : del) m.at<uint8_t>(q) = 0;
-      if (!del.empty()) changed = true;
-      fg.swap(keep);
-    }
+    img->bits.swap(next);  // border rows stay clear in both buffers
+    return removed;
+  };
+  for (bool changed = true; changed;) {
+    const bool first = pass(0);
+    const bool second = pass(1);
+    changed = first || second;
   }
 }
-
 
 // City-block (4-neighbourhood) or chessboard (8) distance of every measured
 // (non-zero) pixel to the nearest source pixel (zero), outside the image
@@ -311,10 +329,13 @@ void OctagonalDistance(const cv::Mat& inside, bool outside_source, cv::Mat* dist
 void skeleton(const HObject& region, HObject* skeleton_out) {
   ForEach(region, skeleton_out, "skeleton", [](const Region& r) {
     if (r.Empty()) return r;
-    int r0, c0;
-    cv::Mat m = detail::MaskWithMargin(r, 1, &r0, &c0, "skeleton");
-    Thin(m);
-    return Region::FromMask(m, r0, c0);
+    int r1, c1, r2, c2;
+    r.BoundingBox(&r1, &c1, &r2, &c2);
+    const int64_t rows = int64_t(r2) - r1 + 3, cols = int64_t(c2) - c1 + 3;  // clear border
+    detail::CheckRasterSize(rows, cols, "skeleton");
+    detail::BitRaster img = detail::BitRaster::Of(r, int(rows), int(cols), r1 - 1, c1 - 1);
+    Thin(&img);
+    return img.ToRegion();
   });
 }
 

@@ -1,3 +1,5 @@
+#include <random>
+
 #include <gtest/gtest.h>
 
 #include <opencv2/imgproc.hpp>
@@ -130,6 +132,72 @@ TEST(Morphology, SkeletonIsThinConnectedAndInside) {
     // One pixel per column along the bar's middle part.
     for (int c = 20; c <= 50; ++c) EXPECT_EQ(s.Intersection(Region::Rectangle(10, c, 16, c)).Area(), 1) << c;
   }
+}
+
+// Shapes the skeleton meets in print: thick strokes, blobs with holes, noise.
+std::vector<Region> ThinningShapes() {
+  std::vector<Region> shapes;
+  std::mt19937 rng(5);
+  for (int k = 0; k < 24; ++k) {
+    const int h = 5 + int(rng() % 60), w = 3 + int(rng() % 130);
+    cv::Mat m = cv::Mat::zeros(h, w, CV_8U);
+    for (int s = 0; s < 4; ++s) {
+      cv::Point a(int(rng() % unsigned(w)), int(rng() % unsigned(h)));
+      cv::Point b(int(rng() % unsigned(w)), int(rng() % unsigned(h)));
+      cv::line(m, a, b, 255, 1 + int(rng() % 9));
+    }
+    if (k % 3 == 0) cv::circle(m, {w / 2, h / 2}, int(rng() % 5), 0, cv::FILLED);
+    Region r = Region::FromMask(m, int(rng() % 50) - 25, int(rng() % 50) - 25);
+    if (k % 4 == 1) r = r.Union(test::RandomBlobs(unsigned(k), h, w, 0.5));
+    shapes.push_back(r);
+  }
+  shapes.push_back(Region::Rectangle(3, 4, 3, 4));
+  shapes.push_back(Region::Rectangle(0, 0, 1, 1));
+  shapes.push_back(test::RandomBlobs(99, 31, 67, 0.85));
+  return shapes;
+}
+
+// Zhang-Suen thinning written out: every pass decides on all pixels of the
+// unchanged picture, then removes; until a round removes nothing.
+Region ReferenceThinning(const Region& r) {
+  int r1, c1, r2, c2;
+  r.BoundingBox(&r1, &c1, &r2, &c2);
+  cv::Mat m = r.ToMask(r2 - r1 + 3, c2 - c1 + 3, r1 - 1, c1 - 1) / 255;
+  for (bool changed = true; changed;) {
+    changed = false;
+    for (int pass = 0; pass < 2; ++pass) {
+      std::vector<cv::Point> del;
+      for (int y = 1; y < m.rows - 1; ++y)
+        for (int x = 1; x < m.cols - 1; ++x) {
+          if (!m.at<uint8_t>(y, x)) continue;
+          auto p = [&](int dy, int dx) { return int(m.at<uint8_t>(y + dy, x + dx)); };
+          // p2..p9 clockwise from the pixel above.
+          const int n[8] = {p(-1, 0), p(-1, 1), p(0, 1), p(1, 1), p(1, 0), p(1, -1), p(0, -1), p(-1, -1)};
+          int b = 0, a = 0;
+          for (int i = 0; i < 8; ++i) b += n[i], a += !n[i] && n[(i + 1) % 8];
+          const int p2 = n[0], p4 = n[2], p6 = n[4], p8 = n[6];
+          const bool side = pass == 0 ? p2 * p4 * p6 == 0 && p4 * p6 * p8 == 0
+                                      : p2 * p4 * p8 == 0 && p2 * p6 * p8 == 0;
+          if (b >= 2 && b <= 6 && a == 1 && side) del.emplace_back(x, y);
+        }
+      for (const auto& q : del) m.at<uint8_t>(q) = 0;
+      changed = changed || !del.empty();
+    }
+  }
+  return Region::FromMask(m, r1 - 1, c1 - 1);
+}
+
+TEST(Morphology, SkeletonMatchesPlainThinning) {
+  HObject all;
+  std::vector<Region> shapes = ThinningShapes();
+  for (const Region& r : shapes) concat_obj(all, HObject(r), &all);
+  HObject sk;
+  skeleton(all, &sk);
+  ASSERT_EQ(sk.Count(), long(shapes.size()));
+  for (size_t i = 0; i < shapes.size(); ++i)
+    EXPECT_EQ(R(sk, long(i)), ReferenceThinning(shapes[i])) << "shape " << i;
+  skeleton(HObject(Region()), &sk);
+  EXPECT_TRUE(R(sk).Empty());
 }
 
 TEST(Morphology, SparseHugeRegionsAreRefusedNotRasterised) {

@@ -292,6 +292,44 @@ Region RegionFromMask(const cv::Mat& mask, int row0, int col0) {
   return Region::FromSortedRuns(std::move(runs));
 }
 
+BitRaster BitRaster::Of(const Region& r, int rows, int cols, int row0, int col0) {
+  BitRaster b;
+  b.rows = rows;
+  b.cols = cols;
+  b.words = (cols + 63) / 64;
+  b.row0 = row0;
+  b.col0 = col0;
+  b.bits.assign(size_t(rows) * size_t(b.words), 0);
+  for (const Run& x : r.Runs()) {
+    const int y = x.row - row0;
+    if (y < 0 || y >= rows) continue;
+    const int a = std::max(x.cb - col0, 0), e = std::min(x.ce - col0, cols - 1);
+    if (a > e) continue;
+    uint64_t* w = b.Row(y);
+    const int ka = a / 64, ke = e / 64;
+    const uint64_t first = ~uint64_t(0) << (a % 64), last = ~uint64_t(0) >> (63 - e % 64);
+    if (ka == ke) {
+      w[ka] |= first & last;
+    } else {
+      w[ka] |= first;
+      for (int k = ka + 1; k < ke; ++k) w[k] = ~uint64_t(0);
+      w[ke] |= last;
+    }
+  }
+  return b;
+}
+
+Region BitRaster::ToRegion() const {
+  std::vector<Run> runs;
+  for (int y = 0; y < rows; ++y) {
+    const uint64_t* w = Row(y);
+    RowRunWriter out(row0 + y, col0, &runs);
+    for (int k = 0; k < words; ++k) out.Add(w[k]);
+    out.Finish();
+  }
+  return Region::FromSortedRuns(std::move(runs));
+}
+
 cv::Mat MaskWithMargin(const Region& r, int margin, int* row0, int* col0, const char* op) {
   int r1, c1, r2, c2;
   r.BoundingBox(&r1, &c1, &r2, &c2);

@@ -114,6 +114,19 @@ class FlagRow {
 // Like Region::FromMask (non-zero pixels), scanned by words.
 Region RegionFromMask(const cv::Mat& mask8u, int row0, int col0);
 
+// A region as rows of 64-pixel words: bit i of word k of row y is the pixel
+// (row0 + y, col0 + 64 k + i). Bits past `cols` stay clear.
+struct BitRaster {
+  int rows = 0, cols = 0, words = 0, row0 = 0, col0 = 0;
+  std::vector<uint64_t> bits;
+
+  // The part of r inside rows x cols from (row0, col0).
+  static BitRaster Of(const Region& r, int rows, int cols, int row0, int col0);
+  uint64_t* Row(int y) { return bits.data() + size_t(y) * size_t(words); }
+  const uint64_t* Row(int y) const { return bits.data() + size_t(y) * size_t(words); }
+  Region ToRegion() const;
+};
+
 // Raises when a rows x cols raster would not fit in memory sensibly.
 void CheckRasterSize(int64_t rows, int64_t cols, const char* op);
 
