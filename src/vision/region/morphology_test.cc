@@ -91,6 +91,56 @@ TEST(Morphology, MatchesRasterMorphology) {
   }
 }
 
+// Disc morphology against OpenCV's raster morphology with the element built
+// from its definition, on regions dense and sparse, narrow and several words
+// wide, at negative and positive offsets.
+TEST(Morphology, DiscMorphologyMatchesRasterMorphology) {
+  std::mt19937 rng(17);
+  std::vector<Region> shapes;
+  for (int k = 0; k < 8; ++k) {
+    const int h = 1 + int(rng() % 40), w = 1 + int(rng() % 200);
+    Region r = test::RandomBlobs(unsigned(100 + k), h, w, 0.3 + 0.1 * (k % 6));
+    shapes.push_back(r.Translated(int(rng() % 40) - 20, int(rng() % 300) - 150));
+  }
+  shapes.push_back(Region::Rectangle(0, 0, 30, 140).Difference(Region::Rectangle(4, 5, 20, 70)));
+  // Far apart pieces: mostly empty between them.
+  shapes.push_back(Region::Rectangle(0, 0, 3, 3).Union(Region::Rectangle(5000, 7000, 5006, 7003)));
+  for (double radius : {0.5, 1.0, 1.5, 2.0, 2.5, 3.5, 5.0, 12.5}) {
+    const bool even = radius == std::round(radius);
+    const double c = even ? 0.5 : 0.0;
+    const int k = int(std::ceil(radius + 1));
+    cv::Mat disc = cv::Mat::zeros(2 * k + 1, 2 * k + 1, CV_8U);
+    for (int y = -k; y <= k; ++y)
+      for (int x = -k; x <= k; ++x)
+        disc.at<uint8_t>(y + k, x + k) = (y - c) * (y - c) + (x - c) * (x - c) <= radius * radius + 1e-9;
+    cv::Mat flipped;
+    cv::flip(disc, flipped, -1);  // dilation adds the element, erosion its reflection
+    for (const Region& r : shapes) {
+      int r1, c1, r2, c2;
+      r.BoundingBox(&r1, &c1, &r2, &c2);
+      if (int64_t(r2 - r1) * (c2 - c1) > 4000000) {
+        // Too large for the raster reference; the pieces lie so far apart
+        // that each result is the union of the pieces' results.
+        const Region a = r.Intersection(Region::Rectangle(0, 0, 3, 3)), b = r.Difference(a);
+        for (auto op : {dilation_circle, erosion_circle, opening_circle, closing_circle})
+          EXPECT_EQ(ApplyDisc(op, r, radius), ApplyDisc(op, a, radius).Union(ApplyDisc(op, b, radius)))
+              << radius;
+        continue;
+      }
+      const int m = 3 * k + 2, row0 = r1 - m, col0 = c1 - m;
+      cv::Mat mask = r.ToMask(r2 - r1 + 1 + 2 * m, c2 - c1 + 1 + 2 * m, row0, col0), d, e, o, cl;
+      cv::dilate(mask, d, flipped, cv::Point(k, k), 1, cv::BORDER_CONSTANT, 0);
+      cv::erode(mask, e, disc, cv::Point(k, k), 1, cv::BORDER_CONSTANT, 0);
+      cv::dilate(e, o, flipped, cv::Point(k, k), 1, cv::BORDER_CONSTANT, 0);
+      cv::erode(d, cl, disc, cv::Point(k, k), 1, cv::BORDER_CONSTANT, 0);
+      EXPECT_EQ(ApplyDisc(dilation_circle, r, radius), Region::FromMask(d, row0, col0)) << radius;
+      EXPECT_EQ(ApplyDisc(erosion_circle, r, radius), Region::FromMask(e, row0, col0)) << radius;
+      EXPECT_EQ(ApplyDisc(opening_circle, r, radius), Region::FromMask(o, row0, col0)) << radius;
+      EXPECT_EQ(ApplyDisc(closing_circle, r, radius), Region::FromMask(cl, row0, col0)) << radius;
+    }
+  }
+}
+
 TEST(Morphology, ClosingAtTheImageBorderHasNoArtefacts) {
   // Two characters, the first touching column 0, joined by a wide closing:
   // nothing is lost at the border and nothing grows outside the bounding box.
