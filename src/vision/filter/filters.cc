@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstdint>
+#include <cstring>
 #include <functional>
 
 #include <opencv2/imgproc.hpp>
@@ -75,12 +77,13 @@ void GaussKernels(double sigma, cv::Mat* smooth, cv::Mat* deriv) {
 
 // Correlation with an antisymmetric kernel as sums of k(i) * (f(x+i) - f(x-i)),
 // so that a constant neighbourhood gives exactly 0 (flat areas must stay flat
-// for the gradient integration). Mirrored borders.
-cv::Mat AntisymmetricFilter(const cv::Mat& f, const cv::Mat& kernel, bool along_columns) {
+// for the gradient integration). Mirrored borders. Each pixel sums its terms
+// from 0 in the order i = 1..r. Along the columns the result replaces f's
+// rows (f must be a plane of its own); along the rows it is a new plane.
+cv::Mat AntisymmetricFilter(cv::Mat f, const cv::Mat& kernel, bool along_columns) {
   const int r = kernel.rows / 2, H = f.rows, W = f.cols;
   std::vector<float> k(static_cast<size_t>(r + 1));
   for (int i = 1; i <= r; ++i) k[size_t(i)] = kernel.at<float>(r + i);
-  cv::Mat out(H, W, CV_32F);
   const int n = along_columns ? W : H;
   std::vector<int> idx(static_cast<size_t>(n + 2 * r));
   for (int i = -r; i < n + r; ++i) idx[size_t(i + r)] = cv::borderInterpolate(i, n, kMirror);
@@ -88,10 +91,13 @@ cv::Mat AntisymmetricFilter(const cv::Mat& f, const cv::Mat& kernel, bool along_
     // One mirrored copy of the row, then a loop the compiler can vectorise.
     std::vector<float> buf(static_cast<size_t>(W + 2 * r));
     for (int y = 0; y < H; ++y) {
-      const float* s = f.ptr<float>(y);
-      for (int i = 0; i < W + 2 * r; ++i) buf[size_t(i)] = s[idx[size_t(i)]];
+      float* d = f.ptr<float>(y);
+      for (int i = 0; i < r; ++i) {
+        buf[size_t(i)] = d[idx[size_t(i)]];
+        buf[size_t(W + r + i)] = d[idx[size_t(W + r + i)]];
+      }
+      std::memcpy(buf.data() + r, d, sizeof(float) * size_t(W));
       const float* m = buf.data() + r;
-      float* d = out.ptr<float>(y);
       for (int x = 0; x < W; ++x) d[x] = 0;
       for (int i = 1; i <= r; ++i) {
         const float ki = k[size_t(i)];
@@ -99,19 +105,58 @@ cv::Mat AntisymmetricFilter(const cv::Mat& f, const cv::Mat& kernel, bool along_
         for (int x = 0; x < W; ++x) d[x] += ki * (a[x] - b[x]);
       }
     }
-  } else {
-    out.setTo(0);
+    return f;
+  }
+  cv::Mat out(H, W, CV_32F);
+  for (int y = 0; y < H; ++y) {
+    float* d = out.ptr<float>(y);
+    for (int x = 0; x < W; ++x) d[x] = 0;
+    // All terms of one output row while it is in cache, instead of one pass
+    // over the whole image per term.
     for (int i = 1; i <= r; ++i) {
-      for (int y = 0; y < H; ++y) {
-        const float* a = f.ptr<float>(idx[size_t(y + r + i)]);
-        const float* b = f.ptr<float>(idx[size_t(y + r - i)]);
-        float* d = out.ptr<float>(y);
-        const float ki = k[size_t(i)];
-        for (int x = 0; x < W; ++x) d[x] += ki * (a[x] - b[x]);
-      }
+      const float* a = f.ptr<float>(idx[size_t(y + r + i)]);
+      const float* b = f.ptr<float>(idx[size_t(y + r - i)]);
+      const float ki = k[size_t(i)];
+      for (int x = 0; x < W; ++x) d[x] += ki * (a[x] - b[x]);
     }
   }
   return out;
+}
+
+// Reverses n elements of s into d.
+template <class T>
+void ReverseRow(const T* s, T* d, int n) {
+  for (int c = 0; c < n; ++c) d[c] = s[n - 1 - c];
+}
+
+// Bytes eight at a time: OpenCV's flip moves single bytes one by one.
+template <>
+void ReverseRow<uint8_t>(const uint8_t* s, uint8_t* d, int n) {
+  int c = 0;
+  for (; c + 8 <= n; c += 8) {
+    uint64_t v;
+    std::memcpy(&v, s + n - c - 8, 8);
+    v = __builtin_bswap64(v);
+    std::memcpy(d + c, &v, 8);
+  }
+  for (; c < n; ++c) d[c] = s[n - 1 - c];
+}
+
+template <class T>
+cv::Mat HalfTurnOf(const cv::Mat& p) {
+  cv::Mat r(p.size(), p.type());
+  const int w = p.cols, h = p.rows;
+  for (int y = 0; y < h; ++y) ReverseRow(p.ptr<T>(h - 1 - y), r.ptr<T>(y), w);
+  return r;
+}
+
+// Rotation by 180 degrees: row y is row h-1-y reversed.
+cv::Mat HalfTurn(const cv::Mat& p) {
+  switch (p.elemSize()) {
+    case 1: return HalfTurnOf<uint8_t>(p);
+    case 2: return HalfTurnOf<uint16_t>(p);
+    default: return HalfTurnOf<uint32_t>(p);
+  }
 }
 
 // OpenCV's warps and resizes lack 32-bit integers; they go through doubles.
@@ -141,13 +186,20 @@ void rgb1_to_gray(const HObject& rgb_image, HObject* gray_image) {
     cv::Mat y;
     const bool real = img->type == PixelType::Real;
     if (img->type == PixelType::Byte) {
-      // Integer weights in thousandths: exact, and halves round up.
+      // Integer weights in thousandths, halves up: (299 r + 587 g + 114 b + 500)
+      // / 1000. In single precision every sum is an exact integer below 2^24,
+      // and the extra half keeps the scaled value 0.0005 clear of the integer
+      // boundaries, far beyond the product's rounding error; the loop then
+      // vectorises.
       y.create(img->height, img->width, CV_8U);
+      const int w = img->width;  // a local bound: byte stores could alias the image's fields
       for (int row = 0; row < img->height; ++row) {
         const uint8_t *r = img->planes[0].ptr<uint8_t>(row), *g = img->planes[1].ptr<uint8_t>(row),
                       *b = img->planes[2].ptr<uint8_t>(row);
         uint8_t* d = y.ptr<uint8_t>(row);
-        for (int c = 0; c < img->width; ++c) d[c] = uint8_t((299 * r[c] + 587 * g[c] + 114 * b[c] + 500) / 1000);
+        for (int c = 0; c < w; ++c)
+          d[c] = uint8_t(int32_t((299.0f * float(r[c]) + 587.0f * float(g[c]) + 114.0f * float(b[c]) + 500.5f) *
+                                 0.001f));
       }
       out.Push(Derived(*img, img->type, {y}));
       continue;
@@ -212,6 +264,31 @@ void emphasize(const HObject& image, HObject* image_emphasize, const HTuple& mas
       throw HException(op, std::string("Image type ") + PixelTypeName(img.type) + " is not supported",
                        kErrWrongObject);
     const cv::Mat mean = MeanPlane(p, img.type, mw, mh);
+    if (img.type == PixelType::Byte && f == std::floor(f) && f <= 65536) {
+      // An integral factor scales the difference exactly (|diff * f| < 2^24
+      // in single precision), so the rounding is the identity: plain integer
+      // arithmetic that vectorises.
+      const int k = int(f), w = p.cols;
+      cv::Mat res(p.size(), CV_8U);
+      for (int r = 0; r < res.rows; ++r) {
+        const uint8_t *o = p.ptr<uint8_t>(r), *m = mean.ptr<uint8_t>(r);
+        uint8_t* d = res.ptr<uint8_t>(r);
+        if (k <= 127) {
+          // 255 + 127 * 255 fits 16 bits: eight pixels per vector.
+          const int16_t k16 = int16_t(k);
+          for (int c = 0; c < w; ++c) {
+            const int16_t v = int16_t(o[c] + k16 * int16_t(o[c] - m[c]));
+            d[c] = uint8_t(v < 0 ? 0 : (v > 255 ? 255 : v));
+          }
+        } else {
+          for (int c = 0; c < w; ++c) {
+            const int v = int(o[c]) + k * (int(o[c]) - int(m[c]));
+            d[c] = uint8_t(v < 0 ? 0 : (v > 255 ? 255 : v));
+          }
+        }
+      }
+      return res;
+    }
     if (img.type == PixelType::Byte) {
       // The difference of two bytes takes only 511 values: round each once.
       std::array<int, 511> rounded;
@@ -290,6 +367,23 @@ void rotate_image(const HObject& image, HObject* image_rotate, const HTuple& phi
   HObject out;
   for (const Image* img : Images(image, op)) {
     RequireNotVectorField(*img, op);
+    if (exact && k % 2 == 0) {
+      // Half and whole turns map runs to runs: no masks needed. A whole turn
+      // keeps the (immutable) planes.
+      Image res = *img;
+      res.vector_field_type.clear();
+      const Region dom = img->FullDomain() ? img->domain : img->domain.Clipped(img->height, img->width);
+      if (k % 4 == 2) {
+        for (cv::Mat& p : res.planes) p = HalfTurn(p);
+        std::vector<Run> runs(dom.Runs().rbegin(), dom.Runs().rend());
+        for (Run& r : runs) r = {img->height - 1 - r.row, img->width - 1 - r.ce, img->width - 1 - r.cb};
+        res.domain = Region::FromSortedRuns(std::move(runs));
+      } else {
+        res.domain = dom;
+      }
+      out.Push(std::move(res));
+      continue;
+    }
     std::function<cv::Mat(const cv::Mat&, int)> xf;
     int ow = img->width, oh = img->height;
     if (exact) {
@@ -371,10 +465,15 @@ void zoom_image_factor(const HObject& image, HObject* image_zoomed, const HTuple
 
 namespace {
 
+// Fills the runs clipped to the plane (the region may reach outside it).
 template <class T>
 void FillRuns(cv::Mat& p, const std::vector<Run>& runs, double value) {
   const T v = cv::saturate_cast<T>(value);
-  for (const Run& r : runs) std::fill(p.ptr<T>(r.row) + r.cb, p.ptr<T>(r.row) + r.ce + 1, v);
+  for (const Run& r : runs) {
+    if (r.row < 0 || r.row >= p.rows) continue;
+    const int a = std::max(r.cb, 0), b = std::min(r.ce, p.cols - 1);
+    if (a <= b) std::fill(p.ptr<T>(r.row) + a, p.ptr<T>(r.row) + b + 1, v);
+  }
 }
 
 void FillPlane(cv::Mat& p, const std::vector<Run>& runs, double value) {
@@ -406,20 +505,28 @@ void paint_region(const HObject& region, const HObject& image, HObject* image_re
   const std::string& mode = Str(type, 0, op, "Type");
   if (mode != "fill" && mode != "margin")
     throw HException(op, "Wrong value of control parameter Type: '" + mode + "'", kErrWrongParamValue);
-  Region reg = region.Count() > 0 ? region.RegionAt(0, op) : Region();
-  for (long i = 1; i < region.Count(); ++i) reg = reg.Union(region.RegionAt(i, op));
-  if (mode == "margin") reg = InnerBorder(reg);
+  // One region (the common case) is painted as it stands, without a copy.
+  Region merged;
+  const Region* reg = &merged;
+  if (region.Count() == 1) {
+    reg = &region.RegionAt(0, op);
+  } else {
+    for (long i = 0; i < region.Count(); ++i) merged = merged.Union(region.RegionAt(i, op));
+  }
+  if (mode == "margin") {
+    merged = InnerBorder(*reg);
+    reg = &merged;
+  }
   HObject out;
   for (const Image* img : Images(image, op)) {
     RequireNotVectorField(*img, op);
     const Hlong nc = img->Channels();
     if (grayval.Length() != 1 && grayval.Length() != nc)
       throw HException(op, "Wrong number of values of control parameter Grayval", kErrWrongParamCount);
-    const Region clipped = reg.Clipped(img->height, img->width);
     Image res = *img;
     for (Hlong k = 0; k < nc; ++k) {
       cv::Mat p = img->planes[size_t(k)].clone();
-      FillPlane(p, clipped.Runs(), Num(grayval, grayval.Length() == 1 ? 0 : k, op, "Grayval"));
+      FillPlane(p, reg->Runs(), Num(grayval, grayval.Length() == 1 ? 0 : k, op, "Grayval"));
       res.planes[size_t(k)] = p;
     }
     out.Push(std::move(res));

@@ -2,7 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <cmath>
+#include <cstring>
+#include <random>
+
+#include <opencv2/imgproc.hpp>
 
 #include "vision/filter/image_ops.h"
 #include "vision/filter/test_util.h"
@@ -12,6 +18,23 @@ namespace {
 
 using test::At;
 using test::MakeImage;
+using test::RandomImage;
+using test::RandomRegion;
+
+// Random multi-channel image of one type with a random domain inside it.
+Image RandomMulti(std::mt19937& rng, PixelType t, int w, int h, int channels, double spread) {
+  Image img = RandomImage(rng, t, w, h, spread);
+  for (int k = 1; k < channels; ++k) img.planes.push_back(RandomImage(rng, t, w, h, spread).planes[0]);
+  if (rng() % 2) img.domain = RandomRegion(rng, h, w).Clipped(h, w);
+  return img;
+}
+
+// One pixel holding `value` as the fill writes it: saturated and rounded to
+// nearest by OpenCV's conversion rules.
+void FillPlaneReference(cv::Mat& one, double value) {
+  cv::Mat(1, 1, CV_64F, cv::Scalar(value)).convertTo(one, one.type());
+}
+
 
 HObject Rgb(double r, double g, double b) {
   HObject a(MakeImage(PixelType::Byte, 1, 1, {r})), bb(MakeImage(PixelType::Byte, 1, 1, {g})),
@@ -37,6 +60,38 @@ TEST(Filters, Rgb1ToGrayUsesReferenceWeightsAndRounds) {
   HObject one(MakeImage(PixelType::Byte, 2, 1, {7, 9})), same;
   rgb1_to_gray(one, &same);
   EXPECT_EQ(At(same, 0, 1), 9);
+}
+
+// Every colour once (a 4096 x 4096 image holds all 2^24), then odd widths
+// that end in the middle of a vector.
+TEST(Filters, Rgb1ToGrayByteMatchesIntegerFormulaForEveryColour) {
+  cv::Mat r(4096, 4096, CV_8U), g(4096, 4096, CV_8U), b(4096, 4096, CV_8U);
+  for (int i = 0; i < 1 << 24; ++i) {
+    r.data[i] = uint8_t(i >> 16);
+    g.data[i] = uint8_t(i >> 8);
+    b.data[i] = uint8_t(i);
+  }
+  HObject gray;
+  rgb1_to_gray(HObject(Image::FromPlanes(PixelType::Byte, {r, g, b})), &gray);
+  const cv::Mat& y = gray.ImageAt(0).planes[0];
+  int wrong = 0;
+  for (int i = 0; i < 1 << 24; ++i)
+    wrong += y.data[i] != (299 * r.data[i] + 587 * g.data[i] + 114 * b.data[i] + 500) / 1000;
+  EXPECT_EQ(wrong, 0);
+
+  std::mt19937 rng(7);
+  for (int trial = 0; trial < 40; ++trial) {
+    const int w = 1 + int(rng() % 37), h = 1 + int(rng() % 5);
+    const Image img = RandomMulti(rng, PixelType::Byte, w, h, 3, 128);
+    rgb1_to_gray(HObject(img), &gray);
+    ASSERT_EQ(gray.ImageAt(0).domain, img.domain);
+    for (int row = 0; row < h; ++row)
+      for (int c = 0; c < w; ++c) {
+        const int R = img.planes[0].at<uint8_t>(row, c), G = img.planes[1].at<uint8_t>(row, c),
+                  B = img.planes[2].at<uint8_t>(row, c);
+        ASSERT_EQ(At(gray, row, c), (299 * R + 587 * G + 114 * B + 500) / 1000) << w << "x" << h;
+      }
+  }
 }
 
 TEST(Filters, InvertAndScalePerType) {
@@ -90,6 +145,48 @@ TEST(Filters, RotateByQuarterTurnsPermutesPixelsExactly) {
   rotate_image(img, &out, 0, "constant");
   EXPECT_EQ(At(out, 1, 0), 4);
   EXPECT_THROW(rotate_image(img, &out, 45, "cubic_spline"), HException);
+}
+
+// Quarter turns against the pixel mapping of each turn, domains included,
+// for every pixel type, one and three channels, odd sizes.
+TEST(Filters, RotateQuarterTurnsMatchPixelMapping) {
+  std::mt19937 rng(55);
+  const double angles[] = {0, 90, 180, 270, 360, -180, 540, -90};
+  for (int trial = 0; trial < 120; ++trial) {
+    const int w = 1 + int(rng() % 19), h = 1 + int(rng() % 13);
+    const PixelType t = std::array{PixelType::Byte, PixelType::UInt2, PixelType::Int2, PixelType::Int4,
+                                   PixelType::Real}[rng() % 5];
+    Image img = RandomMulti(rng, t, w, h, 1 + 2 * int(rng() % 2), 1000);
+    if (rng() % 4 == 0) img.domain = RandomRegion(rng, h, w);  // reaching outside the image
+    const double phi = angles[rng() % 8];
+    HObject out;
+    rotate_image(HObject(img), &out, phi, "constant");
+    const Image& o = out.ImageAt(0);
+    const int turns = ((int(phi) / 90) % 4 + 4) % 4;
+    const int ow = turns % 2 ? h : w, oh = turns % 2 ? w : h;
+    ASSERT_EQ(o.width, ow);
+    ASSERT_EQ(o.height, oh);
+    ASSERT_EQ(o.type, t);
+    // Source pixel of output pixel (r, c) for a counter-clockwise turn.
+    auto source = [&](int r, int c) {
+      switch (turns) {
+        case 1: return cv::Point(w - 1 - r, c);
+        case 2: return cv::Point(w - 1 - c, h - 1 - r);
+        case 3: return cv::Point(r, h - 1 - c);
+        default: return cv::Point(c, r);
+      }
+    };
+    std::vector<vision::Run> runs;
+    for (int r = 0; r < oh; ++r)
+      for (int c = 0; c < ow; ++c) {
+        const cv::Point s = source(r, c);
+        if (img.domain.Contains(s.y, s.x)) runs.push_back({r, c, c});
+        for (size_t k = 0; k < img.planes.size(); ++k)
+          ASSERT_EQ(At(out, r, c, int(k)), test::At(HObject(img), s.y, s.x, int(k)))
+              << "phi " << phi << " " << w << "x" << h << " at " << r << "," << c;
+      }
+    ASSERT_EQ(o.domain, Region::FromRuns(runs)) << "phi " << phi << " " << w << "x" << h;
+  }
 }
 
 TEST(Filters, RotateGeneralAngleKeepsSizeAndCentre) {
@@ -147,6 +244,33 @@ TEST(Filters, EmphasizeStepEdge) {
   EXPECT_THROW(emphasize(HObject(MakeImage(PixelType::Real, 1, 1, {0})), &out, 3, 3, 1), HException);
 }
 
+// Byte emphasis against the rounding of each scaled difference on its own,
+// for integral factors (exact integer arithmetic) and fractional ones.
+TEST(Filters, EmphasizeByteMatchesRoundedDifferences) {
+  std::mt19937 rng(321);
+  const double factors[] = {0, 1, 1, 2, 7, 0.5, 1.7, 65536, 70000.5};
+  for (int trial = 0; trial < 60; ++trial) {
+    const int w = 1 + int(rng() % 41), h = 1 + int(rng() % 23);
+    const int mw = 1 + int(rng() % 5), mh = 1 + int(rng() % 5);
+    const double f = factors[rng() % 9];
+    const Image img = RandomMulti(rng, PixelType::Byte, w, h, 1 + 2 * int(rng() % 2), rng() % 2 ? 128 : 6);
+    HObject out, mean;
+    emphasize(HObject(img), &out, mw, mh, f);
+    mean_image(HObject(img), &mean, mw, mh);
+    const Image& e = out.ImageAt(0);
+    ASSERT_EQ(e.domain, img.domain);
+    ASSERT_EQ(e.planes.size(), img.planes.size());
+    for (size_t k = 0; k < img.planes.size(); ++k)
+      for (int r = 0; r < h; ++r)
+        for (int c = 0; c < w; ++c) {
+          const int o = img.planes[k].at<uint8_t>(r, c), m = mean.ImageAt(0).planes[k].at<uint8_t>(r, c);
+          const double v = std::round(float(o - m) * float(f)) + o;
+          ASSERT_EQ(e.planes[k].at<uint8_t>(r, c), std::clamp(v, 0.0, 255.0))
+              << "factor " << f << " mask " << mw << "x" << mh << " at " << r << "," << c;
+        }
+  }
+}
+
 // The byte path of the mean filter must round like the exact mean of the
 // real path, halves up, for odd and even masks, also at the mirrored border.
 TEST(Filters, MeanImageByteRoundsLikeTheExactMean) {
@@ -189,6 +313,78 @@ TEST(Filters, DerivateGaussSignOnRamps) {
   EXPECT_THROW(derivate_gauss(img, &gx, "1", "x"), HException);
 }
 
+// Sampled Gaussian and derivative kernels, as the operator defines them.
+void ReferenceKernels(double sigma, cv::Mat* smooth, cv::Mat* deriv) {
+  const int r = std::max(1, int(std::ceil(4.0 * sigma)));
+  cv::Mat g(2 * r + 1, 1, CV_64F), d(2 * r + 1, 1, CV_64F);
+  double sum = 0, moment = 0;
+  for (int i = -r; i <= r; ++i) {
+    const double v = std::exp(-0.5 * i * i / (sigma * sigma));
+    g.at<double>(i + r) = v;
+    sum += v;
+    moment += double(i) * i * v;
+  }
+  for (int i = -r; i <= r; ++i) d.at<double>(i + r) = i * g.at<double>(i + r) / moment;
+  g /= sum;
+  g.convertTo(*smooth, CV_32F);
+  d.convertTo(*deriv, CV_32F);
+}
+
+// Derivative of the smoothed plane one pixel at a time: the terms
+// k(i) * (f(x+i) - f(x-i)) summed from 0 for i = 1..r, mirrored borders.
+cv::Mat ReferenceAntisymmetric(const cv::Mat& f, const cv::Mat& kernel, bool along_columns) {
+  const int r = kernel.rows / 2;
+  cv::Mat out(f.size(), CV_32F);
+  for (int y = 0; y < f.rows; ++y)
+    for (int x = 0; x < f.cols; ++x) {
+      float acc = 0;
+      for (int i = 1; i <= r; ++i) {
+        const float a = along_columns ? f.at<float>(y, cv::borderInterpolate(x + i, f.cols, cv::BORDER_REFLECT_101))
+                                      : f.at<float>(cv::borderInterpolate(y + i, f.rows, cv::BORDER_REFLECT_101), x);
+        const float b = along_columns ? f.at<float>(y, cv::borderInterpolate(x - i, f.cols, cv::BORDER_REFLECT_101))
+                                      : f.at<float>(cv::borderInterpolate(y - i, f.rows, cv::BORDER_REFLECT_101), x);
+        acc += kernel.at<float>(r + i) * (a - b);
+      }
+      out.at<float>(y, x) = acc;
+    }
+  return out;
+}
+
+// derivate_gauss bit for bit against the plain per-pixel sums, for every
+// input type, tiny and odd sizes (borders mirrored more than once), one and
+// two sigmas.
+TEST(Filters, DerivateGaussMatchesPerPixelSums) {
+  std::mt19937 rng(2024);
+  const double sigmas[][2] = {{1.0, 1.0}, {0.5, 0.5}, {1.5, 0.7}, {2.0, 3.0}};
+  for (int trial = 0; trial < 60; ++trial) {
+    const int w = 1 + int(rng() % 23), h = 1 + int(rng() % 17);
+    const PixelType t = std::array{PixelType::Byte, PixelType::UInt2, PixelType::Int2, PixelType::Int4,
+                                   PixelType::Real}[rng() % 5];
+    const Image img = RandomImage(rng, t, w, h, 120);
+    const auto& sg = sigmas[rng() % 4];
+    cv::Mat gc, dc, gr, dr, f, one = cv::Mat::ones(1, 1, CV_32F);
+    ReferenceKernels(sg[0], &gc, &dc);
+    ReferenceKernels(sg[1], &gr, &dr);
+    // The smoothing is OpenCV's, fed as the operator feeds it (its rounding
+    // depends on the input depth); only 32-bit integers go through floats.
+    if (t == PixelType::Int4) img.planes[0].convertTo(f, CV_32F);
+    else f = img.planes[0];
+    cv::Mat vert, horiz;
+    cv::sepFilter2D(f, vert, CV_32F, one, gr, cv::Point(-1, -1), 0, cv::BORDER_REFLECT_101);
+    cv::sepFilter2D(f, horiz, CV_32F, gc, one, cv::Point(-1, -1), 0, cv::BORDER_REFLECT_101);
+    const cv::Mat want_x = ReferenceAntisymmetric(vert, dc, true), want_y = ReferenceAntisymmetric(horiz, dr, false);
+    const HTuple sigma = sg[0] == sg[1] ? HTuple(sg[0]) : HTuple{sg[0], sg[1]};
+    HObject gx, gy;
+    derivate_gauss(HObject(img), &gx, sigma, "x");
+    derivate_gauss(HObject(img), &gy, sigma, "y");
+    const cv::Mat& got_x = gx.ImageAt(0).planes[0];
+    const cv::Mat& got_y = gy.ImageAt(0).planes[0];
+    ASSERT_EQ(got_x.type(), CV_32F);
+    ASSERT_EQ(0, std::memcmp(got_x.data, want_x.data, size_t(w * h) * 4)) << PixelTypeName(t) << " " << w << "x" << h;
+    ASSERT_EQ(0, std::memcmp(got_y.data, want_y.data, size_t(w * h) * 4)) << PixelTypeName(t) << " " << w << "x" << h;
+  }
+}
+
 TEST(Filters, PaintRegionFillAndMargin) {
   HObject img(MakeImage(PixelType::Byte, 6, 6, std::vector<double>(36, 1))), out;
   // The square extends past the right border; painting clips.
@@ -216,6 +412,39 @@ TEST(Filters, PaintRegionFillAndMargin) {
   EXPECT_EQ(At(out, 0, 0, 2), 9);
   EXPECT_THROW(paint_region(square, rgb, &out, HTuple{7, 8}, "fill"), HException);
   EXPECT_THROW(paint_region(square, img, &out, 1, "outline"), HException);
+}
+
+// Fill against per-pixel membership of the union of the regions, with
+// regions reaching outside the image and values beyond the type's range.
+TEST(Filters, PaintRegionFillMatchesMembership) {
+  std::mt19937 rng(808);
+  const double values[] = {0, 7, 300, -5, 1e10, -2.5, 2.5, 65535.5};
+  for (int trial = 0; trial < 100; ++trial) {
+    const int w = 1 + int(rng() % 29), h = 1 + int(rng() % 17);
+    const PixelType t = std::array{PixelType::Byte, PixelType::UInt2, PixelType::Int2, PixelType::Int4,
+                                   PixelType::Real}[rng() % 5];
+    const Image img = RandomMulti(rng, t, w, h, 1 + 2 * int(rng() % 2), 1000);
+    HObject regions;
+    const int nreg = int(rng() % 3);
+    for (int i = 0; i < nreg; ++i) regions.Push(RandomRegion(rng, h, w));
+    const double value = values[rng() % 8];
+    HObject out;
+    paint_region(regions, HObject(img), &out, value, "fill");
+    const Image& o = out.ImageAt(0);
+    ASSERT_EQ(o.domain, img.domain);
+    cv::Mat filled(1, 1, PixelTypeCvDepth(t));
+    FillPlaneReference(filled, value);
+    for (int r = 0; r < h; ++r)
+      for (int c = 0; c < w; ++c) {
+        bool inside = false;
+        for (long i = 0; i < nreg; ++i) inside |= regions.RegionAt(i).Contains(r, c);
+        for (size_t k = 0; k < img.planes.size(); ++k) {
+          const double want = inside ? test::At(HObject(Image::FromPlanes(t, {filled})), 0, 0)
+                                     : test::At(HObject(img), r, c, int(k));
+          ASSERT_EQ(At(out, r, c, int(k)), want) << PixelTypeName(t) << " " << value << " at " << r << "," << c;
+        }
+      }
+  }
 }
 
 TEST(Filters, VectorFieldRoundTrip) {

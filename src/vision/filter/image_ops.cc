@@ -116,6 +116,27 @@ cv::Mat PlaneFromPointer(const HTuple& ptr, PixelType t, int w, int h, const cha
   return plane;
 }
 
+// Real to a narrow integer type: clipping before the truncating conversion
+// gives the same value as truncating first (both ends of the range are
+// integers), and everything stays in single precision, which vectorises.
+// NaN has no integer value; it becomes 0.
+template <class T>
+cv::Mat TruncateReal(const cv::Mat& src, PixelType t) {
+  const float lo = float(TypeMin(t)), hi = float(TypeMax(t));
+  cv::Mat out(src.size(), PixelTypeCvDepth(t));
+  const int w = src.cols;  // a local bound: byte stores could alias the matrix header
+  for (int r = 0; r < src.rows; ++r) {
+    const float* s = src.ptr<float>(r);
+    T* d = out.ptr<T>(r);
+    for (int c = 0; c < w; ++c) {
+      float v = s[c] > lo ? s[c] : (s[c] == s[c] ? lo : 0.0f);
+      v = v < hi ? v : hi;
+      d[c] = T(int32_t(v));
+    }
+  }
+  return out;
+}
+
 Hlong PointerOf(const cv::Mat& plane, const char* op) {
   if (!plane.isContinuous())
     throw HException(op, "Image planes are not contiguous", kErrWrongObject);
@@ -289,6 +310,12 @@ void convert_image_type(const HObject& image, HObject* image_converted, const HT
         planes.push_back(p.clone());
       } else if (t == PixelType::Real) {
         planes.push_back(ToFloat(p));
+      } else if (img->type == PixelType::Real && t == PixelType::Byte) {
+        planes.push_back(TruncateReal<uint8_t>(p, t));
+      } else if (img->type == PixelType::Real && t == PixelType::UInt2) {
+        planes.push_back(TruncateReal<uint16_t>(p, t));
+      } else if (img->type == PixelType::Real && t == PixelType::Int2) {
+        planes.push_back(TruncateReal<int16_t>(p, t));
       } else {
         planes.push_back(FromDoubleTruncate(p, t));
       }
@@ -331,8 +358,10 @@ void crop_domain(const HObject& image, HObject* image_part) {
     int r1, c1, r2, c2;
     dom.BoundingBox(&r1, &c1, &r2, &c2);
     const cv::Rect roi(c1, r1, c2 - c1 + 1, r2 - r1 + 1);
+    // A crop to the whole image keeps the (immutable) planes.
+    const bool whole = roi.width == img->width && roi.height == img->height;
     std::vector<cv::Mat> planes;
-    for (const cv::Mat& p : img->planes) planes.push_back(p(roi).clone());
+    for (const cv::Mat& p : img->planes) planes.push_back(whole ? p : p(roi).clone());
     Image part;
     part.width = roi.width;
     part.height = roi.height;

@@ -2,7 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdint>
+#include <limits>
+#include <random>
 
 #include "vision/filter/test_util.h"
 
@@ -11,6 +15,8 @@ namespace {
 
 using test::At;
 using test::MakeImage;
+using test::RandomImage;
+using test::RandomRegion;
 
 TEST(ImageOps, ConvertImageTypeClipsAndTruncates) {
   struct Case {
@@ -33,6 +39,68 @@ TEST(ImageOps, ConvertImageTypeClipsAndTruncates) {
     get_image_type(out, &type);
     EXPECT_EQ(type.S(0), c.to);
     EXPECT_DOUBLE_EQ(At(out, 0, 0), c.out) << PixelTypeName(c.from) << " " << c.in << " -> " << c.to;
+  }
+}
+
+// Real to every integer type against truncation toward zero and clipping in
+// double precision, on values around the type limits, halves and negative
+// fractions, at odd widths.
+TEST(ImageOps, ConvertRealMatchesTruncateAndClip) {
+  std::mt19937 rng(17);
+  const double specials[] = {-0.5, 0.5, -0.999, 255.999, 256.0, -1.0, 65535.9, 65536.0, -32768.9,
+                             32767.99, 2147483520.0, -2147483648.0, 3e9, -3e38, 3e38, 0.0};
+  for (const char* to : {"byte", "uint2", "int2", "int4"}) {
+    const PixelType t = PixelTypeFromName(to, "");
+    for (int trial = 0; trial < 20; ++trial) {
+      const int w = 1 + int(rng() % 33), h = 1 + int(rng() % 7);
+      Image img = RandomImage(rng, PixelType::Real, w, h, trial % 2 ? 300.0 : 70000.0);
+      for (int i = 0; i < w * h; i += 3) img.planes[0].at<float>(i / w, i % w) = float(specials[rng() % 16]);
+      HObject out;
+      convert_image_type(HObject(img), &out, to);
+      for (int r = 0; r < h; ++r)
+        for (int c = 0; c < w; ++c) {
+          const double v = std::trunc(double(img.planes[0].at<float>(r, c)));
+          const double lo = t == PixelType::Byte || t == PixelType::UInt2 ? 0.0
+                            : t == PixelType::Int2                        ? -32768.0
+                                                                          : -2147483648.0;
+          const double hi = t == PixelType::Byte ? 255.0 : t == PixelType::UInt2 ? 65535.0
+                            : t == PixelType::Int2 ? 32767.0 : 2147483647.0;
+          ASSERT_EQ(At(out, r, c), std::clamp(v, lo, hi)) << to << " from " << v;
+        }
+    }
+  }
+  HObject out;
+  convert_image_type(HObject(MakeImage(PixelType::Real, 1, 1, {std::numeric_limits<double>::quiet_NaN()})), &out,
+                     "byte");
+  EXPECT_EQ(At(out, 0, 0), 0);
+}
+
+// crop_domain against copying the domain's bounding box pixel by pixel.
+TEST(ImageOps, CropDomainMatchesBoundingBoxCopy) {
+  std::mt19937 rng(23);
+  for (int trial = 0; trial < 80; ++trial) {
+    const int w = 1 + int(rng() % 31), h = 1 + int(rng() % 19);
+    Image img = RandomImage(rng, trial % 2 ? PixelType::Byte : PixelType::Real, w, h, 100);
+    img.planes.push_back(RandomImage(rng, img.type, w, h, 100).planes[0]);
+    img.domain = RandomRegion(rng, h, w);
+    const Region dom = img.domain.Clipped(h, w);
+    HObject out;
+    if (dom.Empty()) {
+      EXPECT_THROW(crop_domain(HObject(img), &out), HException);
+      continue;
+    }
+    crop_domain(HObject(img), &out);
+    int r1, c1, r2, c2;
+    dom.BoundingBox(&r1, &c1, &r2, &c2);
+    const Image& o = out.ImageAt(0);
+    ASSERT_EQ(o.width, c2 - c1 + 1);
+    ASSERT_EQ(o.height, r2 - r1 + 1);
+    ASSERT_EQ(o.domain, dom.Translated(-r1, -c1));
+    for (int k = 0; k < 2; ++k)
+      for (int r = 0; r < o.height; ++r)
+        for (int c = 0; c < o.width; ++c)
+          ASSERT_EQ(At(out, r, c, k), At(HObject(img), r + r1, c + c1, k)) << trial;
+    ASSERT_TRUE(o.planes[0].isContinuous());
   }
 }
 
