@@ -1,6 +1,7 @@
 // Morphology on runs (rectangles and discs), skeleton and distance transform.
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cmath>
 #include <limits>
 #include <optional>
@@ -56,6 +57,75 @@ Region ErodeRect(const Region& r, int w, int h) {
   if (r.Empty()) return r;
   Region g = GrowRuns(r, -((w - 1) / 2), -(w / 2));
   return ShiftRows(IntersectionOfShifts(g, h), (h - 1) / 2);
+}
+
+// ---- Line elements (one row or one column): openings and closings act on
+// each row or column alone. A closing fills the gaps shorter than the line
+// between two pixels; an opening keeps the stretches at least as long.
+
+Region CloseRows(const Region& r, int w) {
+  std::vector<Run> runs;
+  runs.reserve(r.Runs().size());
+  for (const Run& x : r.Runs()) {
+    if (!runs.empty() && runs.back().row == x.row && int64_t(x.cb) - runs.back().ce - 1 <= w - 1)
+      runs.back().ce = x.ce;
+    else
+      runs.push_back(x);
+  }
+  return Region::FromSortedRuns(std::move(runs));
+}
+
+Region OpenRows(const Region& r, int w) {
+  std::vector<Run> runs;
+  for (const Run& x : r.Runs())
+    if (int64_t(x.ce) - x.cb + 1 >= w) runs.push_back(x);
+  return Region::FromSortedRuns(std::move(runs));
+}
+
+// Columns on a raster of the region's box (both results stay inside it):
+// the rows are swept once, and only where a column's stretch starts or ends
+// is anything looked up, 64 columns at a time.
+std::optional<Region> ColumnLineOp(const Region& r, int h, bool close) {
+  if (r.Empty()) return r;
+  int r1, c1, r2, c2;
+  r.BoundingBox(&r1, &c1, &r2, &c2);
+  const int64_t rows = int64_t(r2) - r1 + 1, cols = int64_t(c2) - c1 + 1;
+  if (rows * cols > (int64_t(1) << 26)) return std::nullopt;  // sparse: runs do it
+  detail::BitRaster img = detail::BitRaster::Of(r, int(rows), int(cols), r1, c1);
+  const int nw = img.words;
+  // Per column: the first row of the current stretch (opening) or of the
+  // current gap after a pixel (closing); -1 before the column's first pixel.
+  std::vector<int> mark(size_t(nw) * 64, -1);
+  std::vector<uint64_t> prev(size_t(nw), 0), cur(size_t(nw), 0);
+  for (int y = 0; y <= int(rows); ++y) {
+    for (int k = 0; k < nw; ++k) cur[size_t(k)] = y < rows ? img.Row(y)[k] : 0;
+    for (int k = 0; k < nw; ++k) {
+      const uint64_t p = prev[size_t(k)], c = cur[size_t(k)];
+      if (p == c) continue;
+      for (uint64_t starts = c & ~p; starts; starts &= starts - 1) {
+        const int x = 64 * k + std::countr_zero(starts);
+        int& m = mark[size_t(x)];
+        if (close) {
+          // A gap of y - m rows closes here; fill it when shorter than h.
+          if (m >= 0 && y - m <= h - 1)
+            for (int g = m; g < y; ++g) img.Row(g)[k] |= uint64_t(1) << (x % 64);
+        } else {
+          m = y;
+        }
+      }
+      for (uint64_t ends = p & ~c; ends; ends &= ends - 1) {
+        const int x = 64 * k + std::countr_zero(ends);
+        int& m = mark[size_t(x)];
+        if (close) {
+          m = y;
+        } else if (y - m < h) {
+          for (int g = m; g < y; ++g) img.Row(g)[k] &= ~(uint64_t(1) << (x % 64));
+        }
+      }
+    }
+    prev.swap(cur);
+  }
+  return img.ToRegion();
 }
 
 void RectSize(const HTuple& width, const HTuple& height, const char* op, int* w, int* h) {
@@ -239,16 +309,24 @@ void opening_rectangle1(const HObject& region, HObject* region_opening, const HT
                         const HTuple& height) {
   int w, h;
   RectSize(width, height, "opening_rectangle1", &w, &h);
-  ForEach(region, region_opening, "opening_rectangle1",
-          [&](const Region& r) { return DilateRect(ErodeRect(r, w, h), w, h); });
+  ForEach(region, region_opening, "opening_rectangle1", [&](const Region& r) {
+    if (h == 1) return OpenRows(r, w);
+    if (w == 1)
+      if (auto y = ColumnLineOp(r, h, false)) return std::move(*y);
+    return DilateRect(ErodeRect(r, w, h), w, h);
+  });
 }
 
 void closing_rectangle1(const HObject& region, HObject* region_closing, const HTuple& width,
                         const HTuple& height) {
   int w, h;
   RectSize(width, height, "closing_rectangle1", &w, &h);
-  ForEach(region, region_closing, "closing_rectangle1",
-          [&](const Region& r) { return ErodeRect(DilateRect(r, w, h), w, h); });
+  ForEach(region, region_closing, "closing_rectangle1", [&](const Region& r) {
+    if (h == 1) return CloseRows(r, w);
+    if (w == 1)
+      if (auto y = ColumnLineOp(r, h, true)) return std::move(*y);
+    return ErodeRect(DilateRect(r, w, h), w, h);
+  });
 }
 
 // The disc steps (true: erosion) applied in order, on a raster when the

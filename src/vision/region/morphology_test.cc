@@ -141,6 +141,36 @@ TEST(Morphology, DiscMorphologyMatchesRasterMorphology) {
   }
 }
 
+// Rectangle openings and closings against OpenCV, with line-shaped elements
+// as long as a text line (one row or one column) among them.
+TEST(Morphology, RectangleOpeningAndClosingMatchRasterMorphology) {
+  std::mt19937 rng(29);
+  for (int k = 0; k < 10; ++k) {
+    const int h = 1 + int(rng() % 50), w = 1 + int(rng() % 150);
+    Region r = test::RandomBlobs(unsigned(200 + k), h, w, 0.15 + 0.08 * k)
+                   .Translated(int(rng() % 30) - 15, int(rng() % 30) - 15);
+    if (k == 0) r = r.Union(Region::Rectangle(-400, 3, -380, 3));  // far above, one column
+    for (auto [kw, kh] : {std::pair{1, 2}, {1, 3}, {1, 8}, {1, 300}, {2, 1}, {5, 1}, {300, 1},
+                          {1, 1}, {3, 4}}) {
+      int r1, c1, r2, c2;
+      r.BoundingBox(&r1, &c1, &r2, &c2);
+      const int mr = kh + 2, mc = kw + 2, row0 = r1 - mr, col0 = c1 - mc;
+      cv::Mat mask = r.ToMask(r2 - r1 + 1 + 2 * mr, c2 - c1 + 1 + 2 * mc, row0, col0), d, e, o, cl;
+      cv::Mat el = cv::Mat::ones(kh, kw, CV_8U);
+      // The reference point at ((h-1)/2, (w-1)/2); dilation adds the element.
+      const cv::Point anchor((kw - 1) / 2, (kh - 1) / 2), flipped(kw / 2, kh / 2);
+      cv::dilate(mask, d, el, flipped, 1, cv::BORDER_CONSTANT, 0);
+      cv::erode(d, cl, el, anchor, 1, cv::BORDER_CONSTANT, 0);
+      cv::erode(mask, e, el, anchor, 1, cv::BORDER_CONSTANT, 0);
+      cv::dilate(e, o, el, flipped, 1, cv::BORDER_CONSTANT, 0);
+      EXPECT_EQ(Apply(closing_rectangle1, r, kw, kh), Region::FromMask(cl, row0, col0)) << kw << "x" << kh;
+      EXPECT_EQ(Apply(opening_rectangle1, r, kw, kh), Region::FromMask(o, row0, col0)) << kw << "x" << kh;
+    }
+  }
+  EXPECT_TRUE(Apply(closing_rectangle1, Region(), 1, 300).Empty());
+  EXPECT_TRUE(Apply(opening_rectangle1, Region(), 300, 1).Empty());
+}
+
 TEST(Morphology, ClosingAtTheImageBorderHasNoArtefacts) {
   // Two characters, the first touching column 0, joined by a wide closing:
   // nothing is lost at the border and nothing grows outside the bounding box.
