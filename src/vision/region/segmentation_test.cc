@@ -460,6 +460,50 @@ TEST_F(Segmentation, DistanceTransformMatchesBruteForce) {
   }
 }
 
+TEST_F(Segmentation, CityBlockDistanceMatchesBruteForceOnOddShapes) {
+  std::mt19937 rng(41);
+  struct Shape { int h, w; Region r; };
+  std::vector<Shape> shapes = {{1, 1, Region::Rectangle(0, 0, 0, 0)},
+                               {1, 1, Region()},
+                               {1, 9, Region::Rectangle(0, 2, 0, 5)},
+                               {9, 1, Region::Rectangle(-3, 0, 4, 0)},
+                               {6, 7, Region::Rectangle(-5, -5, 20, 20)},  // covers the image
+                               {5, 70, Region()}};
+  for (int k = 0; k < 8; ++k) {
+    const int h = 1 + int(rng() % 30), w = 1 + int(rng() % 45);
+    shapes.push_back({h, w, test::RandomBlobs(unsigned(300 + k), h + 4, w + 4, 0.3 + 0.09 * k)
+                                .Translated(-2, -2)});  // reaches past every side
+  }
+  for (const Shape& s : shapes) {
+    for (const bool inside : {true, false}) {
+      HObject img;
+      distance_transform(HObject(s.r), &img, HTuple("city-block"), HTuple(inside ? "true" : "false"),
+                         HTuple(s.w), HTuple(s.h));
+      const cv::Mat& d = img.ImageAt(0).planes[0];
+      ASSERT_EQ(d.rows, s.h);
+      ASSERT_EQ(d.cols, s.w);
+      for (int y = 0; y < s.h; ++y)
+        for (int x = 0; x < s.w; ++x) {
+          // Nearest pixel of the other kind, or just outside the image for
+          // the foreground; none at all gives 0.
+          int best = 0;
+          if (s.r.Contains(y, x) == inside) {
+            best = 1 << 30;
+            for (int v = -1; v <= s.h; ++v)
+              for (int u = -1; u <= s.w; ++u) {
+                const bool outside = v < 0 || u < 0 || v >= s.h || u >= s.w;
+                if (outside ? inside : s.r.Contains(v, u) != inside)
+                  best = std::min(best, std::abs(v - y) + std::abs(u - x));
+              }
+            if (best == 1 << 30) best = 0;
+          }
+          ASSERT_EQ(d.at<int32_t>(y, x), best)
+              << s.h << "x" << s.w << (inside ? " inside" : " outside") << " at " << y << "," << x;
+        }
+    }
+  }
+}
+
 TEST_F(Segmentation, IntensityMeanAndDeviation) {
   cv::Mat m = (cv::Mat_<uint8_t>(2, 3) << 10, 20, 30, 40, 50, 60);
   HObject regions;
