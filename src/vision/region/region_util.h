@@ -127,6 +127,13 @@ struct BitRaster {
   Region ToRegion() const;
 };
 
+// Runs of the reals q[0..n-1] within [lo, hi] (q[i] is column col0 + i),
+// appended to out; `wide` takes eight reals per compare (only when
+// CpuHasAvx2()), else four. Both give the same runs.
+bool CpuHasAvx2();
+void RealRangeRuns(const float* q, int n, float lo, float hi, int row, int col0, bool wide,
+                   std::vector<Run>* out);
+
 // Raises when a rows x cols raster would not fit in memory sensibly.
 void CheckRasterSize(int64_t rows, int64_t cols, const char* op);
 

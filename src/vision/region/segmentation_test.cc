@@ -8,6 +8,7 @@
 
 #include "vision/region/region_ops.h"
 #include "vision/region/region_test_util.h"
+#include "vision/region/region_util.h"
 
 namespace vision {
 namespace {
@@ -144,6 +145,34 @@ TEST_F(Segmentation, SingleChannelThresholdMatchesPixelByPixelComparison) {
             << PixelTypeName(c.type) << " " << h << "x" << w << " [" << a << ", " << b << "]"
             << (reduced ? " reduced" : "");
       }
+    }
+  }
+}
+
+TEST_F(Segmentation, RealRowRunsAgreeForBothCompareWidths) {
+  std::mt19937 rng(3);
+  std::uniform_int_distribution<int> level(-4, 4);
+  std::vector<bool> widths{false};
+  if (detail::CpuHasAvx2()) widths.push_back(true);
+  for (int n = 0; n <= 200; ++n) {
+    // Few distinct levels: long runs, and values exactly at the limits.
+    std::vector<float> row(size_t(n) + 3);
+    for (float& v : row) v = level(rng) * 0.5f;
+    for (int k = 0; k < n / 16; ++k) row[rng() % row.size()] = (rng() % 2) ? NAN : -INFINITY;
+    const float lo = level(rng) * 0.5f, hi = lo + float(rng() % 4) * 0.5f;
+    const int col0 = int(rng() % 100) - 50;
+    std::vector<vision::Run> expect;
+    for (int i = 0; i < n; ++i) {
+      const bool in = row[size_t(i) + 1] >= lo && row[size_t(i) + 1] <= hi;
+      if (in && (expect.empty() || expect.back().ce != col0 + i - 1 || i == 0))
+        expect.push_back({7, col0 + i, col0 + i});
+      else if (in)
+        expect.back().ce = col0 + i;
+    }
+    for (bool wide : widths) {
+      std::vector<vision::Run> got;
+      detail::RealRangeRuns(row.data() + 1, n, lo, hi, 7, col0, wide, &got);
+      ASSERT_EQ(got, expect) << "n " << n << " wide " << wide;
     }
   }
 }
