@@ -251,12 +251,24 @@ TEST(Filters, EmphasizeByteMatchesRoundedDifferences) {
   const double factors[] = {0, 1, 1, 2, 7, 0.5, 1.7, 65536, 70000.5};
   for (int trial = 0; trial < 60; ++trial) {
     const int w = 1 + int(rng() % 41), h = 1 + int(rng() % 23);
-    const int mw = 1 + int(rng() % 5), mh = 1 + int(rng() % 5);
+    // Half of the cases use the 3 x 3 mask the recognition uses.
+    const bool square3 = trial % 2 == 0;
+    const int mw = square3 ? 3 : 1 + int(rng() % 5), mh = square3 ? 3 : 1 + int(rng() % 5);
     const double f = factors[rng() % 9];
     const Image img = RandomMulti(rng, PixelType::Byte, w, h, 1 + 2 * int(rng() % 2), rng() % 2 ? 128 : 6);
-    HObject out, mean;
+    HObject out;
     emphasize(HObject(img), &out, mw, mh, f);
-    mean_image(HObject(img), &mean, mw, mh);
+    // The mean in single precision, rounded to nearest (halves up).
+    std::vector<cv::Mat> means;
+    for (const cv::Mat& p : img.planes) {
+      cv::Mat f, m;
+      p.convertTo(f, CV_32F);
+      cv::blur(f, m, cv::Size(mw, mh), cv::Point(-1, -1), cv::BORDER_REFLECT_101);
+      for (float& x : cv::Mat_<float>(m)) x = std::round(x);
+      m.convertTo(f, CV_8U);
+      means.push_back(f);
+    }
+    const HObject mean(Image::FromPlanes(PixelType::Byte, means));
     const Image& e = out.ImageAt(0);
     ASSERT_EQ(e.domain, img.domain);
     ASSERT_EQ(e.planes.size(), img.planes.size());
@@ -274,6 +286,16 @@ TEST(Filters, EmphasizeByteMatchesRoundedDifferences) {
 // The byte path of the mean filter must round like the exact mean of the
 // real path, halves up, for odd and even masks, also at the mirrored border.
 TEST(Filters, MeanImageByteRoundsLikeTheExactMean) {
+  // Every sum a 3 x 3 neighbourhood of bytes can have, at the centre of a
+  // 3 x 3 image.
+  for (int sum = 0; sum <= 9 * 255; ++sum) {
+    std::vector<double> nine(9, double(sum / 9));
+    for (int i = 0; i < sum % 9; ++i) nine[size_t(i)] += 1;
+    HObject m;
+    mean_image(HObject(MakeImage(PixelType::Byte, 3, 3, nine)), &m, 3, 3);
+    ASSERT_EQ(At(m, 1, 1), (2 * sum + 9) / 18) << "sum " << sum;
+  }
+
   std::vector<double> v;
   for (int i = 0; i < 13 * 11; ++i) v.push_back((i * 97 + i / 7 * 31) % 256);
   HObject bytes(MakeImage(PixelType::Byte, 13, 11, v)), real(MakeImage(PixelType::Real, 13, 11, v));
