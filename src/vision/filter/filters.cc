@@ -493,24 +493,33 @@ void zoom_image_factor(const HObject& image, HObject* image_zoomed, const HTuple
 
 namespace {
 
-// Fills the runs clipped to the plane (the region may reach outside it).
+// A copy of the plane with the runs (clipped to it; the region may reach
+// outside) set to value: each row is copied and painted while it is in cache.
 template <class T>
-void FillRuns(cv::Mat& p, const std::vector<Run>& runs, double value) {
+cv::Mat PaintedRuns(const cv::Mat& p, const std::vector<Run>& runs, double value) {
   const T v = cv::saturate_cast<T>(value);
-  for (const Run& r : runs) {
-    if (r.row < 0 || r.row >= p.rows) continue;
-    const int a = std::max(r.cb, 0), b = std::min(r.ce, p.cols - 1);
-    if (a <= b) std::fill(p.ptr<T>(r.row) + a, p.ptr<T>(r.row) + b + 1, v);
+  cv::Mat out(p.size(), p.type());
+  const size_t row_bytes = size_t(p.cols) * sizeof(T);
+  auto run = runs.begin();
+  for (int y = 0; y < p.rows; ++y) {
+    T* d = out.ptr<T>(y);
+    std::memcpy(d, p.ptr<T>(y), row_bytes);
+    while (run != runs.end() && run->row < y) ++run;
+    for (; run != runs.end() && run->row == y; ++run) {
+      const int a = std::max(run->cb, 0), b = std::min(run->ce, p.cols - 1);
+      if (a <= b) std::fill(d + a, d + b + 1, v);
+    }
   }
+  return out;
 }
 
-void FillPlane(cv::Mat& p, const std::vector<Run>& runs, double value) {
+cv::Mat PaintedPlane(const cv::Mat& p, const std::vector<Run>& runs, double value) {
   switch (p.depth()) {
-    case CV_8U: FillRuns<uint8_t>(p, runs, value); break;
-    case CV_16U: FillRuns<uint16_t>(p, runs, value); break;
-    case CV_16S: FillRuns<int16_t>(p, runs, value); break;
-    case CV_32S: FillRuns<int32_t>(p, runs, value); break;
-    default: FillRuns<float>(p, runs, value); break;
+    case CV_8U: return PaintedRuns<uint8_t>(p, runs, value);
+    case CV_16U: return PaintedRuns<uint16_t>(p, runs, value);
+    case CV_16S: return PaintedRuns<int16_t>(p, runs, value);
+    case CV_32S: return PaintedRuns<int32_t>(p, runs, value);
+    default: return PaintedRuns<float>(p, runs, value);
   }
 }
 
@@ -552,11 +561,9 @@ void paint_region(const HObject& region, const HObject& image, HObject* image_re
     if (grayval.Length() != 1 && grayval.Length() != nc)
       throw HException(op, "Wrong number of values of control parameter Grayval", kErrWrongParamCount);
     Image res = *img;
-    for (Hlong k = 0; k < nc; ++k) {
-      cv::Mat p = img->planes[size_t(k)].clone();
-      FillPlane(p, reg->Runs(), Num(grayval, grayval.Length() == 1 ? 0 : k, op, "Grayval"));
-      res.planes[size_t(k)] = p;
-    }
+    for (Hlong k = 0; k < nc; ++k)
+      res.planes[size_t(k)] = PaintedPlane(img->planes[size_t(k)], reg->Runs(),
+                                           Num(grayval, grayval.Length() == 1 ? 0 : k, op, "Grayval"));
     out.Push(std::move(res));
   }
   *image_result = out;
