@@ -64,13 +64,24 @@ class RowRunWriter {
  public:
   RowRunWriter(int row, int col0, std::vector<Run>* out) : row_(row), col_(col0), out_(out) {}
   void Add(uint64_t word) {
-    uint64_t y = in_ ? ~word : word;  // set bits: where the state changes
-    while (y) {
-      const int b = std::countr_zero(y);
-      if (in_) out_->push_back({row_, start_, col_ + b - 1});
-      else start_ = col_ + b;
-      in_ = !in_;
-      y = ~y & (~uint64_t(0) << b);
+    // Set where a pixel differs from the one before it: starts and ends
+    // alternate, so after closing a run carried over they come in pairs.
+    uint64_t t = word ^ ((word << 1) | uint64_t(in_));
+    if (in_ && t) {
+      out_->push_back({row_, start_, col_ + std::countr_zero(t) - 1});
+      t &= t - 1;
+      in_ = false;
+    }
+    while (t) {
+      const int s = std::countr_zero(t);
+      t &= t - 1;
+      if (!t) {  // runs on into the next word
+        start_ = col_ + s;
+        in_ = true;
+        break;
+      }
+      out_->push_back({row_, col_ + s, col_ + std::countr_zero(t) - 1});
+      t &= t - 1;
     }
     col_ += 64;
   }
@@ -133,6 +144,19 @@ struct BitRaster {
 bool CpuHasAvx2();
 void RealRangeRuns(const float* q, int n, float lo, float hi, int row, int col0, bool wide,
                    std::vector<Run>* out);
+
+// Gaussian smoothing of a 256-bin histogram without mass outside the range:
+// out[i] = sum k(d) h[i + d] / sum k(d) over the bins i + d in reach,
+// k(d) = exp(-d^2 / (2 sigma^2)), |d| <= ceil(3 sigma), summed in increasing
+// d. `wide` (only when CpuHasAvx2()) gives the same doubles.
+class HistogramSmoother {
+ public:
+  explicit HistogramSmoother(const std::vector<double>& hist);
+  void Smooth(double sigma, bool wide, std::vector<double>* out);  // sigma <= 64
+
+ private:
+  std::vector<double> padded_, inside_, kernel_;
+};
 
 // Raises when a rows x cols raster would not fit in memory sensibly.
 void CheckRasterSize(int64_t rows, int64_t cols, const char* op);

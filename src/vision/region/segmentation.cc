@@ -265,31 +265,6 @@ void threshold(const HObject& image, HObject* region, const HTuple& min_gray,
 
 namespace {
 
-// Interior local minima of a histogram; a flat valley counts once, at its
-// middle.
-std::vector<int> HistogramMinima(const std::vector<double>& h) {
-  std::vector<int> minima;
-  const int n = int(h.size());
-  int i = 1;
-  while (i < n - 1) {
-    if (h[size_t(i)] < h[size_t(i - 1)]) {
-      int j = i;
-      while (j + 1 < n && h[size_t(j + 1)] == h[size_t(i)]) ++j;
-      if (j + 1 < n && h[size_t(j + 1)] > h[size_t(i)]) minima.push_back((i + j) / 2);
-      i = j + 1;
-    } else {
-      ++i;
-    }
-  }
-  return minima;
-}
-
-// Gaussian smoothing without mass outside the gray range: each output is the
-// weighted sum over the bins in reach divided by the sum of their weights.
-// Every output adds its terms in increasing offset order, the same doubles as
-// a plain loop over the bins in reach: bins outside the range read a zero
-// count and a zero "in range" indicator, and adding +0.0 to a non-negative sum
-// changes nothing. Eight outputs are summed at once in registers.
 constexpr int kHistPad = 192;  // the kernel reach at sigma 64
 
 // Adds the terms of outputs i0..i0+7 for offsets d_lo..d_hi into s (and the
@@ -335,13 +310,55 @@ void SmoothBlock(const double* hist, const double* inside, const double* kernel,
 #endif
 }
 
-void SmoothHistogram(const double* padded_hist, const double* padded_inside, double sigma,
-                     std::vector<double>* kernel, std::vector<double>* out) {
+#ifdef VISION_HAVE_AVX2_PATH
+// The same sums four doubles per instruction. Products and sums stay
+// separate instructions (this target has no fused multiply-add), so every
+// value is rounded as in the narrower path.
+__attribute__((target("avx2"))) void SmoothBlockAvx2(const double* hist, const double* inside,
+                                                     const double* kernel, int d_lo, int d_hi,
+                                                     double* s, double* w) {
+  __m256d s0 = _mm256_setzero_pd(), s1 = s0, w0 = s0, w1 = s0;
+  if (w) {
+    for (int d = d_lo; d <= d_hi; ++d) {
+      const __m256d k = _mm256_set1_pd(kernel[d]);
+      s0 = _mm256_add_pd(s0, _mm256_mul_pd(k, _mm256_loadu_pd(hist + d)));
+      s1 = _mm256_add_pd(s1, _mm256_mul_pd(k, _mm256_loadu_pd(hist + d + 4)));
+      w0 = _mm256_add_pd(w0, _mm256_mul_pd(k, _mm256_loadu_pd(inside + d)));
+      w1 = _mm256_add_pd(w1, _mm256_mul_pd(k, _mm256_loadu_pd(inside + d + 4)));
+    }
+    _mm256_storeu_pd(w, w0), _mm256_storeu_pd(w + 4, w1);
+  } else {
+    for (int d = d_lo; d <= d_hi; ++d) {
+      const __m256d k = _mm256_set1_pd(kernel[d]);
+      s0 = _mm256_add_pd(s0, _mm256_mul_pd(k, _mm256_loadu_pd(hist + d)));
+      s1 = _mm256_add_pd(s1, _mm256_mul_pd(k, _mm256_loadu_pd(hist + d + 4)));
+    }
+  }
+  _mm256_storeu_pd(s, s0), _mm256_storeu_pd(s + 4, s1);
+}
+#endif
+
+}  // namespace
+
+namespace detail {
+
+HistogramSmoother::HistogramSmoother(const std::vector<double>& hist)
+    : padded_(256 + 2 * kHistPad, 0.0), inside_(256 + 2 * kHistPad, 0.0) {
+  std::copy(hist.begin(), hist.begin() + 256, padded_.begin() + kHistPad);
+  std::fill(inside_.begin() + kHistPad, inside_.begin() + kHistPad + 256, 1.0);
+}
+
+// Every output adds its terms in increasing offset order, the same doubles as
+// a plain loop over the bins in reach: bins outside the range read a zero
+// count and a zero "in range" indicator, and adding +0.0 to a non-negative sum
+// changes nothing. Eight outputs are summed at once in registers.
+void HistogramSmoother::Smooth(double sigma, bool wide, std::vector<double>* out) {
   constexpr int n = 256, block = 8;
   const int r = int(std::ceil(3 * sigma));
-  kernel->resize(size_t(2 * r + 1));
-  for (int d = -r; d <= r; ++d) (*kernel)[size_t(d + r)] = std::exp(-0.5 * d * d / (sigma * sigma));
-  const double* k = kernel->data() + r;  // k[d] for d in -r..r
+  if (r > kHistPad) throw HException("bin_threshold", "Smoothing too wide", kErrWrongParamValue);
+  kernel_.resize(size_t(2 * r + 1));
+  for (int d = -r; d <= r; ++d) kernel_[size_t(d + r)] = std::exp(-0.5 * d * d / (sigma * sigma));
+  const double* k = kernel_.data() + r;  // k[d] for d in -r..r
   // Outputs whose whole kernel lies in the range share one weight sum.
   double full = 0;
   for (int d = -r; d <= r; ++d) full += k[d];
@@ -351,10 +368,41 @@ void SmoothHistogram(const double* padded_hist, const double* padded_inside, dou
     // Offsets at which the whole block reads outside the range add nothing.
     const int d_lo = std::max(-r, -(i0 + block - 1)), d_hi = std::min(r, n - 1 - i0);
     const bool interior = i0 - r >= 0 && i0 + block - 1 + r <= n - 1;
-    SmoothBlock(padded_hist + kHistPad + i0, padded_inside + kHistPad + i0, k, d_lo, d_hi, s,
-                interior ? nullptr : w);
+    const double* h = padded_.data() + kHistPad + i0;
+    const double* in = inside_.data() + kHistPad + i0;
+#ifdef VISION_HAVE_AVX2_PATH
+    if (wide)
+      SmoothBlockAvx2(h, in, k, d_lo, d_hi, s, interior ? nullptr : w);
+    else
+#else
+    (void)wide;
+#endif
+      SmoothBlock(h, in, k, d_lo, d_hi, s, interior ? nullptr : w);
     for (int j = 0; j < block; ++j) (*out)[size_t(i0 + j)] = s[j] / (interior ? full : w[j]);
   }
+}
+
+}  // namespace detail
+
+namespace {
+
+// Interior local minima of a histogram; a flat valley counts once, at its
+// middle.
+std::vector<int> HistogramMinima(const std::vector<double>& h) {
+  std::vector<int> minima;
+  const int n = int(h.size());
+  int i = 1;
+  while (i < n - 1) {
+    if (h[size_t(i)] < h[size_t(i - 1)]) {
+      int j = i;
+      while (j + 1 < n && h[size_t(j + 1)] == h[size_t(i)]) ++j;
+      if (j + 1 < n && h[size_t(j + 1)] > h[size_t(i)]) minima.push_back((i + j) / 2);
+      i = j + 1;
+    } else {
+      ++i;
+    }
+  }
+  return minima;
 }
 
 int OtsuThreshold(const std::vector<double>& h) {
@@ -409,12 +457,11 @@ void bin_threshold(const HObject& image, HObject* region) {
     // Smooth ever more until one valley is left; its bottom separates the
     // dark part from the light one.
     int t = -1;
-    std::vector<double> padded(256 + 2 * kHistPad, 0.0), inside(256 + 2 * kHistPad, 0.0);
-    std::copy(hist.begin(), hist.end(), padded.begin() + kHistPad);
-    std::fill(inside.begin() + kHistPad, inside.begin() + kHistPad + 256, 1.0);
-    std::vector<double> kernel, smoothed;
+    detail::HistogramSmoother smoother(hist);
+    const bool wide = detail::CpuHasAvx2();
+    std::vector<double> smoothed;
     for (double sigma = 1.0; sigma <= 64.0; sigma += 1.0) {
-      SmoothHistogram(padded.data(), inside.data(), sigma, &kernel, &smoothed);
+      smoother.Smooth(sigma, wide, &smoothed);
       auto minima = HistogramMinima(smoothed);
       if (minima.size() == 1) { t = minima[0]; break; }
       if (minima.empty()) break;

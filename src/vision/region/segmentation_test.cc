@@ -245,6 +245,35 @@ int ReferenceBinThreshold(const Image& img) {
   return t_best;
 }
 
+TEST_F(Segmentation, HistogramSmoothingIsThePlainSumForBothWidths) {
+  std::mt19937 rng(8);
+  std::vector<bool> widths{false};
+  if (detail::CpuHasAvx2()) widths.push_back(true);
+  for (int trial = 0; trial < 3; ++trial) {
+    // Sparse and dense histograms, with empty stretches at both ends.
+    std::vector<double> h(256, 0.0);
+    for (int i = 0; i < 256; ++i)
+      if (rng() % (trial + 1) == 0 && i > 10 * trial && i < 250) h[size_t(i)] = double(rng() % 1000) / 997.0;
+    detail::HistogramSmoother smoother(h);
+    for (double sigma = 1; sigma <= 64; sigma += 1) {
+      const int r = int(std::ceil(3 * sigma));
+      std::vector<double> k, expect(256);
+      for (int d = -r; d <= r; ++d) k.push_back(std::exp(-0.5 * d * d / (sigma * sigma)));
+      for (int i = 0; i < 256; ++i) {
+        double sum = 0, weight = 0;
+        for (int d = -r; d <= r; ++d)
+          if (i + d >= 0 && i + d < 256) sum += k[size_t(d + r)] * h[size_t(i + d)], weight += k[size_t(d + r)];
+        expect[size_t(i)] = sum / weight;
+      }
+      for (bool wide : widths) {
+        std::vector<double> got;
+        smoother.Smooth(sigma, wide, &got);
+        ASSERT_EQ(got, expect) << "sigma " << sigma << " wide " << wide;  // bit for bit
+      }
+    }
+  }
+}
+
 TEST_F(Segmentation, BinThresholdMatchesThePlainHistogramSearch) {
   std::mt19937 rng(23);
   std::normal_distribution<double> noise(0, 1);
