@@ -506,10 +506,49 @@ void union2(const HObject& region1, const HObject& region2, HObject* region_unio
   *region_union = std::move(out);
 }
 
+namespace {
+// The first run at or after `from` that does not lie wholly before (row,
+// col): runs of one row are sorted and disjoint, so "wholly before" is
+// monotone. Galloping: a near target costs a test or two, a far one a
+// logarithmic number.
+const Run* SkipBefore(const Run* from, const Run* end, int row, int col) {
+  const auto before = [&](const Run& x) { return x.row < row || (x.row == row && x.ce < col); };
+  if (from == end || !before(*from)) return from;
+  ptrdiff_t step = 1;
+  const Run* lo = from;  // before(*lo) holds
+  while (lo + step < end && before(lo[step])) {
+    lo += step;
+    step *= 2;
+  }
+  const Run* hi = lo + step < end ? lo + step : end;
+  return std::partition_point(lo + 1, hi, before);
+}
+
+// r and u, walking r's runs and jumping over the runs of u that lie before
+// them: a character against a whole text line looks at its own part only.
+Region IntersectRuns(const Region& r, const Region& u) {
+  std::vector<Run> out;
+  const Run *b = u.Runs().data(), *be = b + u.Runs().size();
+  for (const Run& a : r.Runs()) {
+    b = SkipBefore(b, be, a.row, a.cb);
+    // Every run of u from here that starts within a overlaps it.
+    for (const Run* k = b; k < be && k->row == a.row && k->cb <= a.ce; ++k)
+      out.push_back({a.row, std::max(a.cb, k->cb), std::min(a.ce, k->ce)});
+  }
+  return Region::FromSortedRuns(std::move(out));
+}
+}  // namespace
+
 void intersection(const HObject& region1, const HObject& region2, HObject* region_intersection) {
-  Region u = UnionAll(RegionsOf(region2, "intersection"));
+  constexpr const char* op = "intersection";
+  // A single second region is used as it stands, not copied into a union.
+  Region merged;
+  const Region* u = &merged;
+  if (region2.Count() == 1) u = &region2.RegionOrDomainAt(0, op);
+  else merged = UnionAll(RegionsOf(region2, op));
   HObject out;
-  for (const Region& r : RegionsOf(region1, "intersection")) out.Push(r.Intersection(u));
+  for (long i = 0; i < region1.Count(); ++i)
+    out.Push(IntersectRuns(region1.RegionOrDomainAt(i, op), *u));
   *region_intersection = std::move(out);
 }
 

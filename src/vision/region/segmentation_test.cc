@@ -388,6 +388,35 @@ TEST_F(Segmentation, SetOperations) {
   EXPECT_EQ(R(res).Area(), 9 * 11 - 36);
 }
 
+TEST_F(Segmentation, IntersectionMatchesPixelwiseAndOfEveryRegion) {
+  std::mt19937 rng(13);
+  auto random_list = [&](int count, unsigned seed) {
+    HObject list;
+    for (int k = 0; k < count; ++k) {
+      const int h = 1 + int(rng() % 30), w = 1 + int(rng() % 90);
+      Region r = test::RandomBlobs(seed + unsigned(k), h, w, 0.2 + 0.1 * (k % 7))
+                     .Translated(int(rng() % 60) - 30, int(rng() % 60) - 30);
+      if (k % 5 == 4) r = Region();
+      concat_obj(list, HObject(r), &list);
+    }
+    return list;
+  };
+  const int h = 160, w = 260, row0 = -80, col0 = -80;  // holds every region
+  for (int trial = 0; trial < 8; ++trial) {
+    HObject a = random_list(1 + trial % 4, 1000u + unsigned(trial) * 50u);
+    HObject b = random_list(trial % 3 == 0 ? 1 : trial % 5, 5000u + unsigned(trial) * 50u);
+    if (trial == 7) concat_obj(b, HObject(Region::Rectangle(-70, -70, 70, 170)), &b);
+    cv::Mat ub = cv::Mat::zeros(h, w, CV_8U);
+    for (long j = 0; j < b.Count(); ++j) ub |= R(b, j).ToMask(h, w, row0, col0);
+    HObject res;
+    intersection(a, b, &res);
+    ASSERT_EQ(res.Count(), a.Count());
+    for (long i = 0; i < a.Count(); ++i)
+      EXPECT_EQ(R(res, i), Region::FromMask(R(a, i).ToMask(h, w, row0, col0) & ub, row0, col0))
+          << "trial " << trial << " region " << i;
+  }
+}
+
 TEST_F(Segmentation, Boundaries) {
   Region block = Region::Rectangle(0, 0, 4, 4);
   Region ring = block.Difference(Region::Rectangle(2, 2, 2, 2));
