@@ -187,6 +187,9 @@ namespace {
 template <class T>
 Region ThresholdImage(const Image& img, const Region& dom, double lo, double hi) {
   std::vector<Run> runs;
+  // Room for a run per 32 pixels up front spares the first doublings of
+  // the vector, each a copy of everything found so far.
+  runs.reserve(size_t(std::min<int64_t>(dom.Area() / 32 + 16, int64_t(1) << 20)));
   if (img.planes.size() == 1) {
     T tlo, thi;
     if constexpr (std::is_integral_v<T>) {
