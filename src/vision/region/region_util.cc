@@ -265,33 +265,6 @@ std::vector<cv::Point2d> HullPoints(const Region& r) {
   return out;
 }
 
-uint8_t* FlagRow::Prepare(int n) {
-  const size_t padded = (size_t(n) + 63) / 64 * 64;
-  if (buf_.size() < padded) buf_.resize(padded);
-  // Only the tail of the last word needs clearing; the caller writes 0..n-1.
-  std::fill(buf_.begin() + n, buf_.begin() + long(padded), uint8_t(0));
-  return buf_.data();
-}
-
-void FlagRow::AppendRuns(int n, int row, int col0, std::vector<Run>* out) const {
-  RowRunWriter w(row, col0, out);
-  for (int i = 0; i < n; i += 64) w.Add(PackFlags64(buf_.data() + i));
-  w.Finish();
-}
-
-Region RegionFromMask(const cv::Mat& mask, int row0, int col0) {
-  CV_Assert(mask.type() == CV_8UC1);
-  std::vector<Run> runs;
-  FlagRow flags;
-  for (int r = 0; r < mask.rows; ++r) {
-    const uint8_t* p = mask.ptr<uint8_t>(r);
-    uint8_t* f = flags.Prepare(mask.cols);
-    for (int c = 0; c < mask.cols; ++c) f[c] = p[c] ? 0xFF : 0;
-    flags.AppendRuns(mask.cols, r + row0, col0, &runs);
-  }
-  return Region::FromSortedRuns(std::move(runs));
-}
-
 BitRaster BitRaster::Of(const Region& r, int rows, int cols, int row0, int col0) {
   BitRaster b;
   b.rows = rows;

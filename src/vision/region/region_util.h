@@ -111,20 +111,6 @@ inline uint64_t PackFlags64(const uint8_t* flags) {
   return w;
 }
 
-// A reusable row of flag bytes, padded with zeros to whole words.
-class FlagRow {
- public:
-  uint8_t* Prepare(int n);
-  // Appends the runs of the first n flags (as prepared), starting at col0.
-  void AppendRuns(int n, int row, int col0, std::vector<Run>* out) const;
-
- private:
-  std::vector<uint8_t> buf_;
-};
-
-// Like Region::FromMask (non-zero pixels), scanned by words.
-Region RegionFromMask(const cv::Mat& mask8u, int row0, int col0);
-
 // A region as rows of 64-pixel words: bit i of word k of row y is the pixel
 // (row0 + y, col0 + 64 k + i). Bits past `cols` stay clear.
 struct BitRaster {
