@@ -9,6 +9,8 @@
 //
 // --dump writes every marking as PNG plus truth.tsv (file, family, grade,
 // text, our text, our milliseconds) for bench/ocr/tesseract.sh.
+#include <malloc.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -49,6 +51,10 @@ double Percentile(std::vector<double> v, double q) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // The add-in's allocator settings (src/app/main.cc), so that the reader is
+  // timed as it runs there.
+  mallopt(M_MMAP_THRESHOLD, 32 << 20);
+  mallopt(M_TRIM_THRESHOLD, 128 << 20);
   int markings = 200;
   uint32_t seed = 777001;  // training uses 20260 + k * 7919
   std::string only, dump;
