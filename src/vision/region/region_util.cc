@@ -124,23 +124,39 @@ std::vector<int> LabelRuns(const std::vector<Run>& runs, int neighborhood) {
 
 }  // namespace
 
-std::vector<Region> Components(const Region& r, int neighborhood) {
+int LabelComponents(const Region& r, int neighborhood, std::vector<int>* label) {
   const auto& runs = r.Runs();
-  std::vector<int> root = LabelRuns(runs, neighborhood);
-  std::vector<int> slot(runs.size(), -1);
-  std::vector<std::vector<Run>> parts;
+  *label = LabelRuns(runs, neighborhood);
+  // A root is its component's first run, so it is numbered before the rest.
+  int n = 0;
   for (size_t k = 0; k < runs.size(); ++k) {
-    int& s = slot[size_t(root[k])];
-    if (s < 0) {
-      s = int(parts.size());
-      parts.emplace_back();
-    }
-    parts[size_t(s)].push_back(runs[k]);
+    const int root = (*label)[k];
+    (*label)[k] = size_t(root) == k ? n++ : (*label)[size_t(root)];
   }
+  return n;
+}
+
+namespace {
+// The runs of each component, in order, each list allocated once.
+std::vector<Region> SplitByLabel(const std::vector<Run>& runs, const std::vector<int>& label,
+                                 int n, int first) {
+  std::vector<size_t> size(static_cast<size_t>(n), 0);
+  for (int l : label) ++size[size_t(l)];
+  std::vector<std::vector<Run>> parts(static_cast<size_t>(n));
+  for (int i = first; i < n; ++i) parts[size_t(i)].reserve(size[size_t(i)]);
+  for (size_t k = 0; k < runs.size(); ++k)
+    if (label[k] >= first) parts[size_t(label[k])].push_back(runs[k]);
   std::vector<Region> out;
-  out.reserve(parts.size());
-  for (auto& p : parts) out.push_back(Region::FromSortedRuns(std::move(p)));
+  out.reserve(size_t(n - first));
+  for (int i = first; i < n; ++i) out.push_back(Region::FromSortedRuns(std::move(parts[size_t(i)])));
   return out;
+}
+}  // namespace
+
+std::vector<Region> Components(const Region& r, int neighborhood) {
+  std::vector<int> label;
+  const int n = LabelComponents(r, neighborhood, &label);
+  return SplitByLabel(r.Runs(), label, n, 0);
 }
 
 namespace {
@@ -154,20 +170,44 @@ Region FramedBackground(const Region& r) {
 }
 }  // namespace
 
+HoleSet::HoleSet(const Region& r, int foreground_neighborhood) {
+  if (r.Empty()) return;
+  background_ = FramedBackground(r);
+  count_ = LabelComponents(background_, foreground_neighborhood == 8 ? 4 : 8, &label_) - 1;
+  // Label 0 is the outside: it holds the first run, the top frame row.
+  for (int& l : label_) --l;
+}
+
+std::vector<int64_t> HoleSet::Areas() const {
+  std::vector<int64_t> area(size_t(count_), 0);
+  const auto& runs = background_.Runs();
+  for (size_t k = 0; k < runs.size(); ++k)
+    if (label_[k] >= 0) area[size_t(label_[k])] += int64_t(runs[k].ce) - runs[k].cb + 1;
+  return area;
+}
+
+std::vector<Region> HoleSet::Regions() const {
+  std::vector<int> shifted(label_.size());
+  for (size_t k = 0; k < label_.size(); ++k) shifted[k] = label_[k] + 1;
+  return SplitByLabel(background_.Runs(), shifted, count_ + 1, 1);
+}
+
+Region HoleSet::FilledWith(const Region& r, const std::vector<bool>& chosen) const {
+  // The chosen holes' runs are already in order within the background.
+  std::vector<Run> runs;
+  const auto& bg = background_.Runs();
+  for (size_t k = 0; k < bg.size(); ++k)
+    if (label_[k] >= 0 && chosen[size_t(label_[k])]) runs.push_back(bg[k]);
+  return r.Union(Region::FromSortedRuns(std::move(runs)));
+}
+
 std::vector<Region> Holes(const Region& r, int foreground_neighborhood) {
-  if (r.Empty()) return {};
-  Region bg = FramedBackground(r);
-  auto parts = Components(bg, foreground_neighborhood == 8 ? 4 : 8);
-  if (!parts.empty()) parts.erase(parts.begin());  // the outside
-  return parts;
+  return HoleSet(r, foreground_neighborhood).Regions();
 }
 
 Region FillHoles(const Region& r, int foreground_neighborhood) {
-  // One merge of all runs: text has many holes, unions one by one are slow.
-  std::vector<Run> runs = r.Runs();
-  for (const Region& h : Holes(r, foreground_neighborhood))
-    runs.insert(runs.end(), h.Runs().begin(), h.Runs().end());
-  return Region::FromRuns(std::move(runs));
+  HoleSet holes(r, foreground_neighborhood);
+  return holes.FilledWith(r, std::vector<bool>(size_t(holes.Count()), true));
 }
 
 Region ShiftRows(const Region& r, int dr) { return dr == 0 ? r : r.Translated(dr, 0); }

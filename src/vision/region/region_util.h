@@ -31,6 +31,27 @@ HObject ObjectOf(std::vector<Region> regions);
 
 // Connected components, ordered by their first run; neighborhood 4 or 8.
 std::vector<Region> Components(const Region& r, int neighborhood);
+// The component number of every run (numbered as Components orders them);
+// returns the number of components.
+int LabelComponents(const Region& r, int neighborhood, std::vector<int>* label);
+
+// The holes of a region: the components of the background within the
+// bounding box grown by one, in the neighbourhood dual to the foreground's,
+// that do not reach the outside; numbered by their first run.
+class HoleSet {
+ public:
+  HoleSet(const Region& r, int foreground_neighborhood);
+  int Count() const { return count_; }
+  std::vector<int64_t> Areas() const;
+  std::vector<Region> Regions() const;
+  // r with the holes i for which chosen[i] holds filled in.
+  Region FilledWith(const Region& r, const std::vector<bool>& chosen) const;
+
+ private:
+  Region background_;
+  std::vector<int> label_;  // per background run: hole number, -1 outside
+  int count_ = 0;
+};
 // Holes: the components of the background, in the neighbourhood dual to the
 // foreground's, that do not reach the outside.
 std::vector<Region> Holes(const Region& r, int foreground_neighborhood);

@@ -634,14 +634,23 @@ void fill_up_shape(const HObject& region, HObject* region_fill_up, const HTuple&
   double lo = ParamDouble(min, op, "Min"), hi = ParamDouble(max, op, "Max");
   const int nb = SystemNeighborhood();
   HObject out;
-  for (const Region& r : RegionsOf(region, op)) {
-    std::vector<Run> runs = r.Runs();
-    for (const Region& h : detail::Holes(r, nb)) {
-      detail::FeatureCache cache(h);
-      double v = cache.Get(name, op);
-      if (v >= lo && v <= hi) runs.insert(runs.end(), h.Runs().begin(), h.Runs().end());
+  for (long i = 0; i < region.Count(); ++i) {
+    const Region& r = region.RegionOrDomainAt(i, op);
+    detail::HoleSet holes(r, nb);
+    std::vector<bool> chosen(size_t(holes.Count()));
+    if (name == "area") {
+      // Areas straight from the labelled runs, without a region per hole.
+      const std::vector<int64_t> area = holes.Areas();
+      for (size_t k = 0; k < area.size(); ++k) chosen[k] = double(area[k]) >= lo && double(area[k]) <= hi;
+    } else {
+      const std::vector<Region> regions = holes.Regions();
+      for (size_t k = 0; k < regions.size(); ++k) {
+        detail::FeatureCache cache(regions[k]);
+        const double v = cache.Get(name, op);
+        chosen[k] = v >= lo && v <= hi;
+      }
     }
-    out.Push(Region::FromRuns(std::move(runs)));
+    out.Push(holes.FilledWith(r, chosen));
   }
   *region_fill_up = std::move(out);
 }

@@ -456,6 +456,54 @@ TEST_F(Segmentation, FillUpAndFillUpShape) {
   EXPECT_THROW(fill_up_shape(HObject(r), &res, HTuple("colour"), HTuple(0), HTuple(1)), HException);
 }
 
+// Holes found on a raster: background components (4-connected for the
+// 8-neighbourhood, 8-connected for the 4-neighbourhood) that do not touch the
+// frame around the region.
+std::vector<Region> RasterHoles(const Region& r, int nb) {
+  if (r.Empty()) return {};
+  int r1, c1, r2, c2;
+  r.BoundingBox(&r1, &c1, &r2, &c2);
+  cv::Mat bg = r.ToMask(r2 - r1 + 3, c2 - c1 + 3, r1 - 1, c1 - 1) == 0, labels;
+  const int n = cv::connectedComponents(bg, labels, nb == 8 ? 4 : 8, CV_32S);
+  const int outside = labels.at<int>(0, 0);
+  std::vector<Region> holes;
+  for (int l = 1; l < n; ++l)
+    if (l != outside) holes.push_back(Region::FromMask(labels == l, r1 - 1, c1 - 1));
+  return holes;
+}
+
+TEST_F(Segmentation, FillUpShapeMatchesRasterHoles) {
+  std::mt19937 rng(19);
+  for (int k = 0; k < 12; ++k) {
+    const int h = 2 + int(rng() % 40), w = 2 + int(rng() % 80);
+    const Region r = test::RandomBlobs(unsigned(700 + k), h, w, 0.45 + 0.04 * (k % 8))
+                         .Translated(int(rng() % 20) - 10, int(rng() % 20) - 10);
+    for (int nb : {8, 4}) {
+      set_system(HTuple("neighborhood"), HTuple(nb));
+      const std::vector<Region> holes = RasterHoles(r, nb);
+      struct Case { const char* feature; double lo, hi; };
+      for (const Case c : {Case{"area", 1, 5}, Case{"area", 3, 1e9}, Case{"ra", 0, 1.2},
+                           Case{"compactness", 1, 2}}) {
+        Region expect = r;
+        for (const Region& hole : holes) {
+          HTuple v;
+          region_features(HObject(hole), HTuple(c.feature), &v);
+          if (v.D(0) >= c.lo && v.D(0) <= c.hi) expect = expect.Union(hole);
+        }
+        HObject res;
+        fill_up_shape(HObject(r), &res, HTuple(c.feature), HTuple(c.lo), HTuple(c.hi));
+        EXPECT_EQ(R(res), expect) << "shape " << k << " nb " << nb << " " << c.feature;
+      }
+      Region all = r;
+      for (const Region& hole : holes) all = all.Union(hole);
+      HObject res;
+      fill_up(HObject(r), &res);
+      EXPECT_EQ(R(res), all) << "shape " << k << " nb " << nb;
+    }
+  }
+  ResetSystem();
+}
+
 TEST_F(Segmentation, PartitionDynamicCutsAtTheNarrowestColumn) {
   // A tall block (columns 0..11) touching a low block (12..19): the cut near
   // column 10 moves to 12, where the vertical extent drops.
