@@ -280,7 +280,7 @@ void area_center(const HObject& regions, HTuple* area, HTuple* row, HTuple* colu
 void smallest_rectangle1(const HObject& regions, HTuple* row1, HTuple* column1, HTuple* row2,
                          HTuple* column2) {
   std::vector<Hlong> a, b, c, d;
-  for (const Region& r : detail::RegionsOf(regions, "smallest_rectangle1")) {
+  for (const Region& r : detail::RegionRefs(regions, "smallest_rectangle1")) {
     int r1, c1, r2, c2;
     r.BoundingBox(&r1, &c1, &r2, &c2);
     a.push_back(r1), b.push_back(c1), c.push_back(r2), d.push_back(c2);
@@ -294,7 +294,7 @@ void smallest_rectangle1(const HObject& regions, HTuple* row1, HTuple* column1, 
 void smallest_rectangle2(const HObject& regions, HTuple* row, HTuple* column, HTuple* phi,
                          HTuple* length1, HTuple* length2) {
   std::vector<double> v[5];
-  for (const Region& r : detail::RegionsOf(regions, "smallest_rectangle2")) {
+  for (const Region& r : detail::RegionRefs(regions, "smallest_rectangle2")) {
     double x[5];
     detail::SmallestRectangle2(r, &x[0], &x[1], &x[2], &x[3], &x[4]);
     for (int k = 0; k < 5; ++k) v[k].push_back(x[k]);
@@ -320,7 +320,7 @@ void region_features(const HObject& regions, const HTuple& features, HTuple* val
   constexpr const char* op = "region_features";
   auto names = FeatureNames(features, op);
   HTuple out;
-  for (const Region& r : detail::RegionsOf(regions, op)) {
+  for (const Region& r : detail::RegionRefs(regions, op)) {
     detail::FeatureCache cache(r);
     for (const auto& f : names) {
       // All values are reals, counts and coordinates included, as in the

@@ -16,6 +16,7 @@ namespace vision {
 using detail::GrowRuns;
 using detail::ParamDouble;
 using detail::ParamInt;
+using detail::RegionRefs;
 using detail::RegionsOf;
 using detail::ShiftRows;
 
@@ -285,7 +286,7 @@ int DiscMargin(const std::vector<ElementRow>& disc) {
 template <class F>
 void ForEach(const HObject& in, HObject* out, const char* op, F f) {
   HObject res;
-  for (const Region& r : RegionsOf(in, op)) res.Push(f(r));
+  for (const Region& r : RegionRefs(in, op)) res.Push(f(r));
   *out = std::move(res);
 }
 
@@ -596,7 +597,7 @@ void distance_transform(const HObject& region, HObject* distance_image, const HT
     throw HException(op, "Wrong image size", kErrWrongParamValue);
   detail::CheckRasterSize(h, w, op);
   HObject out;
-  for (const Region& r : RegionsOf(region, op)) {
+  for (const Region& r : RegionRefs(region, op)) {
     if (met == "city-block") {
       out.Push(Image::FromPlanes(PixelType::Int4, {CityBlockDistance(r, int(h), int(w), fg == "true",
                                                                      fg == "true")}));

@@ -66,6 +66,13 @@ std::vector<Region> RegionsOf(const HObject& obj, const char* op) {
   return out;
 }
 
+std::vector<std::reference_wrapper<const Region>> RegionRefs(const HObject& obj, const char* op) {
+  std::vector<std::reference_wrapper<const Region>> out;
+  out.reserve(size_t(obj.Count()));
+  for (long i = 0; i < obj.Count(); ++i) out.push_back(std::cref(obj.RegionOrDomainAt(i, op)));
+  return out;
+}
+
 HObject ObjectOf(std::vector<Region> regions) {
   HObject o;
   for (auto& r : regions) o.Push(std::move(r));

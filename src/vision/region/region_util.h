@@ -2,6 +2,7 @@
 // Helpers shared by the region operators (not part of the public interface).
 #include <bit>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,8 @@ void CheckBroadcast(const HTuple& t, Hlong n, const char* op, const char* name);
 
 // Every region of an object list (images contribute their domains).
 std::vector<Region> RegionsOf(const HObject& obj, const char* op);
+// The same without copies, valid while obj is unchanged.
+std::vector<std::reference_wrapper<const Region>> RegionRefs(const HObject& obj, const char* op);
 HObject ObjectOf(std::vector<Region> regions);
 
 // Connected components, ordered by their first run; neighborhood 4 or 8.

@@ -22,6 +22,7 @@ namespace vision {
 
 using detail::ParamDouble;
 using detail::ParamString;
+using detail::RegionRefs;
 using detail::RegionsOf;
 
 namespace {
@@ -478,7 +479,7 @@ void bin_threshold(const HObject& image, HObject* region) {
 void connection(const HObject& region, HObject* connected_regions) {
   const int nb = SystemNeighborhood();
   HObject out;
-  for (const Region& r : RegionsOf(region, "connection"))
+  for (const Region& r : RegionRefs(region, "connection"))
     for (auto& c : detail::Components(r, nb)) out.Push(std::move(c));
   *connected_regions = std::move(out);
 }
@@ -505,7 +506,7 @@ void union1(const HObject& region, HObject* region_union) {
 void union2(const HObject& region1, const HObject& region2, HObject* region_union) {
   Region u = UnionAll(RegionsOf(region2, "union2"));
   HObject out;
-  for (const Region& r : RegionsOf(region1, "union2")) out.Push(r.Union(u));
+  for (const Region& r : RegionRefs(region1, "union2")) out.Push(r.Union(u));
   *region_union = std::move(out);
 }
 
@@ -558,7 +559,7 @@ void intersection(const HObject& region1, const HObject& region2, HObject* regio
 void difference(const HObject& region, const HObject& sub, HObject* region_difference) {
   Region u = UnionAll(RegionsOf(sub, "difference"));
   HObject out;
-  for (const Region& r : RegionsOf(region, "difference")) out.Push(r.Difference(u));
+  for (const Region& r : RegionRefs(region, "difference")) out.Push(r.Difference(u));
   *region_difference = std::move(out);
 }
 
@@ -567,7 +568,7 @@ void complement(const HObject& region, HObject* region_complement) {
   SystemImageSize(&w, &h);
   const bool clip = SystemClipRegion();
   HObject out;
-  for (const Region& r : RegionsOf(region, "complement")) {
+  for (const Region& r : RegionRefs(region, "complement")) {
     Region universe = Region::Rectangle(0, 0, h - 1, w - 1);
     if (!clip && !r.Empty()) {
       // Without clipping the complement still needs a finite frame: the
@@ -598,7 +599,7 @@ void boundary(const HObject& region, HObject* region_border, const HTuple& bound
   if (type != "inner" && type != "outer" && type != "inner_filled")
     throw HException(op, "Wrong value of BoundaryType '" + type + "'", kErrWrongParamValue);
   HObject out;
-  for (const Region& r : RegionsOf(region, op)) {
+  for (const Region& r : RegionRefs(region, op)) {
     if (type == "inner") {
       out.Push(InnerBoundary(r));
     } else if (type == "inner_filled") {
@@ -616,7 +617,7 @@ void boundary(const HObject& region, HObject* region_border, const HTuple& bound
 void fill_up(const HObject& region, HObject* region_fill_up) {
   const int nb = SystemNeighborhood();
   HObject out;
-  for (const Region& r : RegionsOf(region, "fill_up")) out.Push(detail::FillHoles(r, nb));
+  for (const Region& r : RegionRefs(region, "fill_up")) out.Push(detail::FillHoles(r, nb));
   *region_fill_up = std::move(out);
 }
 
@@ -662,7 +663,7 @@ void partition_dynamic(const HObject& region, HObject* partitioned, const HTuple
   if (dist <= 0) throw HException(op, "Wrong value of Distance: must be positive", kErrWrongParamValue);
   if (pct < 0 || pct > 100) throw HException(op, "Wrong value of Percent: 0..100 expected", kErrWrongParamValue);
   HObject out;
-  for (const Region& r : RegionsOf(region, op)) {
+  for (const Region& r : RegionRefs(region, op)) {
     int r1, c1, r2, c2;
     r.BoundingBox(&r1, &c1, &r2, &c2);
     const int width = c2 - c1 + 1;
@@ -717,7 +718,7 @@ void intensity(const HObject& regions, const HObject& image, HTuple* mean, HTupl
   Region dom = ValidDomain(img);
   const cv::Mat& plane = img.planes[0];
   std::vector<double> means, devs;
-  for (const Region& r : RegionsOf(regions, op)) {
+  for (const Region& r : RegionRefs(regions, op)) {
     Region a = r.Intersection(dom);
     double n = 0, s = 0, s2 = 0;
     for (const Run& x : a.Runs())
