@@ -361,7 +361,9 @@ void HistogramSmoother::Smooth(double sigma, bool wide, std::vector<double>* out
   const int r = int(std::ceil(3 * sigma));
   if (r > kHistPad) throw HException("bin_threshold", "Smoothing too wide", kErrWrongParamValue);
   kernel_.resize(size_t(2 * r + 1));
-  for (int d = -r; d <= r; ++d) kernel_[size_t(d + r)] = std::exp(-0.5 * d * d / (sigma * sigma));
+  // (-0.5 d) d is the same double for d and -d, so each exp serves both sides.
+  for (int d = 0; d <= r; ++d)
+    kernel_[size_t(r + d)] = kernel_[size_t(r - d)] = std::exp(-0.5 * d * d / (sigma * sigma));
   const double* k = kernel_.data() + r;  // k[d] for d in -r..r
   // Outputs whose whole kernel lies in the range share one weight sum.
   double full = 0;
