@@ -479,9 +479,9 @@ void ChamferDistance(const cv::Mat& inside, bool eight, bool outside_source, cv:
 
 // City-block distance, separably: first the distance to the nearest source
 // in the same column (two sweeps over whole rows), then along each row the
-// least column distance plus that (two sweeps per row, eight rows at once so
-// their dependency chains overlap). Exact like the two chamfer passes, and
-// without a bounds test per neighbour. The region is written straight into
+// least column distance plus that (two sweeps over each measured stretch).
+// Exact like the two chamfer passes, and without a bounds test per
+// neighbour. The region is written straight into
 // the distance plane; outside the image counts as a source when
 // `outside_source`.
 cv::Mat CityBlockDistance(const Region& r, int h, int w, bool foreground, bool outside_source) {
@@ -505,28 +505,32 @@ cv::Mat CityBlockDistance(const Region& r, int h, int w, bool foreground, bool o
     int32_t* p = d.ptr<int32_t>(y);
     for (int x = 0; x < w; ++x) p[x] = std::min(p[x], down[x] + 1);
   }
-  constexpr int kRows = 8;
-  int y = 0;
-  for (; y + kRows <= h; y += kRows) {
-    int32_t* rows[kRows];
-    int32_t run[kRows];
-    for (int i = 0; i < kRows; ++i) rows[i] = d.ptr<int32_t>(y + i), run[i] = border;
-    for (int x = 0; x < w; ++x)
-      for (int i = 0; i < kRows; ++i) run[i] = rows[i][x] = std::min(rows[i][x], run[i] + 1);
-    for (int i = 0; i < kRows; ++i) run[i] = border;
-    for (int x = w - 1; x >= 0; --x)
-      for (int i = 0; i < kRows; ++i) run[i] = rows[i][x] = std::min(rows[i][x], run[i] + 1);
-  }
-  for (; y < h; ++y) {
+  // Along the rows only the measured stretches change: every other pixel is
+  // a source and stays 0, so a stretch starts from 0 (or the outside at the
+  // image border) on either side.
+  const Region c = r.Clipped(h, w);
+  const Run* k = c.Runs().data();
+  const Run* end = k + c.Runs().size();
+  std::vector<std::pair<int, int>> spans;
+  for (int y = 0; y < h; ++y) {
+    spans.clear();
+    int next = 0;  // first column after the last region run of the row
+    for (; k < end && k->row == y; ++k) {
+      if (foreground) spans.emplace_back(k->cb, k->ce);
+      else if (k->cb > next) spans.emplace_back(next, k->cb - 1);
+      next = k->ce + 1;
+    }
+    if (!foreground && next < w) spans.emplace_back(next, w - 1);
     int32_t* p = d.ptr<int32_t>(y);
-    int32_t run = border;
-    for (int x = 0; x < w; ++x) run = p[x] = std::min(p[x], run + 1);
-    run = border;
-    for (int x = w - 1; x >= 0; --x) run = p[x] = std::min(p[x], run + 1);
-  }
-  for (int yy = 0; yy < h; ++yy) {
-    int32_t* p = d.ptr<int32_t>(yy);
-    for (int x = 0; x < w; ++x) p[x] = p[x] >= inf ? 0 : p[x];  // no source at all
+    for (auto [a, b] : spans) {
+      int32_t run = a == 0 ? border : 0;
+      for (int x = a; x <= b; ++x) run = p[x] = std::min(p[x], run + 1);
+      run = b == w - 1 ? border : 0;
+      for (int x = b; x >= a; --x) {
+        run = std::min(p[x], run + 1);
+        p[x] = run >= inf ? 0 : run;  // no source at all
+      }
+    }
   }
   return d;
 }
