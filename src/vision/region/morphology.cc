@@ -378,14 +378,27 @@ namespace {
 // p2 p4 p6 = p4 p6 p8 = 0 (first pass) or p2 p4 p8 = p2 p6 p8 = 0 (second).
 // Rounds of both passes repeat until one removes nothing. The raster needs
 // a clear border row and column all round.
+//
+// A row's decisions can only differ from those of the pass before last (the
+// same kind) when it or a neighbouring row lost pixels since: other rows are
+// copied unchanged, which leaves the late rounds little to do.
 void Thin(detail::BitRaster* img) {
-  const int nw = img->words;
+  const int nw = img->words, rows = img->rows;
   std::vector<uint64_t> next(img->bits.size(), 0);
+  // Rows that lost pixels in the last pass and in the one before.
+  std::vector<uint8_t> lost1(size_t(rows), 1), lost2(size_t(rows), 1), lost(size_t(rows), 0);
   auto pass = [&](int which) {
     bool removed = false;
-    for (int y = 1; y + 1 < img->rows; ++y) {
+    std::fill(lost.begin(), lost.end(), 0);
+    for (int y = 1; y + 1 < rows; ++y) {
       const uint64_t *u = img->Row(y - 1), *c = img->Row(y), *d = img->Row(y + 1);
       uint64_t* o = next.data() + size_t(y) * size_t(nw);
+      const size_t a = size_t(y - 1), b = size_t(y), e = size_t(y + 1);
+      if (!(lost1[a] | lost1[b] | lost1[e] | lost2[a] | lost2[b] | lost2[e])) {
+        std::copy(c, c + nw, o);
+        continue;
+      }
+      uint64_t row_del = 0;
       for (int k = 0; k < nw; ++k) {
         const uint64_t p1 = c[k];
         if (!p1) {
@@ -426,10 +439,14 @@ void Thin(detail::BitRaster* img) {
                                          : ~(p2 & p4 & p8) & ~(p2 & p6 & p8);
         const uint64_t del = p1 & b_ok & one & ~many & side;
         o[k] = p1 & ~del;
-        removed |= del != 0;
+        row_del |= del;
       }
+      lost[b] = row_del != 0;
+      removed |= row_del != 0;
     }
     img->bits.swap(next);  // border rows stay clear in both buffers
+    lost2.swap(lost1);
+    lost1.swap(lost);
     return removed;
   };
   for (bool changed = true; changed;) {
