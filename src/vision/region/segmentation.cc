@@ -530,19 +530,55 @@ const Run* SkipBefore(const Run* from, const Run* end, int row, int col) {
   return std::partition_point(lo + 1, hi, before);
 }
 
-// r and u, walking r's runs and jumping over the runs of u that lie before
-// them: a character against a whole text line looks at its own part only.
-Region IntersectRuns(const Region& r, const Region& u) {
-  std::vector<Run> out;
-  const Run *b = u.Runs().data(), *be = b + u.Runs().size();
-  for (const Run& a : r.Runs()) {
-    b = SkipBefore(b, be, a.row, a.cb);
-    // Every run of u from here that starts within a overlaps it.
-    for (const Run* k = b; k < be && k->row == a.row && k->cb <= a.ce; ++k)
-      out.push_back({a.row, std::max(a.cb, k->cb), std::min(a.ce, k->ce)});
+// The second operand of an intersection, with the first run of every row
+// when its rows are not too sparse for such a table.
+class RowIndexed {
+ public:
+  explicit RowIndexed(const Region& u) : runs_(u.Runs()) {
+    if (runs_.empty()) return;
+    row0_ = runs_.front().row;
+    const int64_t span = int64_t(runs_.back().row) - row0_ + 1;
+    if (span > 4 * int64_t(runs_.size()) + 1024) return;  // galloping instead
+    start_.assign(size_t(span) + 1, 0);
+    size_t k = 0;
+    for (int64_t y = 0; y <= span; ++y) {
+      while (k < runs_.size() && runs_[k].row < row0_ + y) ++k;
+      start_[size_t(y)] = uint32_t(k);
+    }
   }
-  return Region::FromSortedRuns(std::move(out));
-}
+
+  // r and the runs: each run of r looks at the runs of its own row only.
+  Region Intersect(const Region& r) const {
+    std::vector<Run> out;
+    const Run* base = runs_.data();
+    const Run* end = base + runs_.size();
+    const Run* b = base;
+    for (const Run& a : r.Runs()) {
+      if (!start_.empty()) {
+        const int64_t y = int64_t(a.row) - row0_;
+        if (y < 0 || y + 1 >= int64_t(start_.size())) continue;
+        const Run* row_end = base + start_[size_t(y) + 1];
+        if (b < base + start_[size_t(y)] || b > row_end) b = base + start_[size_t(y)];
+        // A row holds a few runs: a plain scan, a search for many.
+        if (row_end - b > 16)
+          b = std::partition_point(b, row_end, [&](const Run& x) { return x.ce < a.cb; });
+        else
+          while (b < row_end && b->ce < a.cb) ++b;
+      } else {
+        b = SkipBefore(b, end, a.row, a.cb);
+      }
+      // Every run from here on this row that starts within a overlaps it.
+      for (const Run* k = b; k < end && k->row == a.row && k->cb <= a.ce; ++k)
+        out.push_back({a.row, std::max(a.cb, k->cb), std::min(a.ce, k->ce)});
+    }
+    return Region::FromSortedRuns(std::move(out));
+  }
+
+ private:
+  const std::vector<Run>& runs_;
+  int row0_ = 0;
+  std::vector<uint32_t> start_;  // first run of row row0_ + i; one past the last row at the end
+};
 }  // namespace
 
 void intersection(const HObject& region1, const HObject& region2, HObject* region_intersection) {
@@ -552,9 +588,9 @@ void intersection(const HObject& region1, const HObject& region2, HObject* regio
   const Region* u = &merged;
   if (region2.Count() == 1) u = &region2.RegionOrDomainAt(0, op);
   else merged = UnionAll(RegionsOf(region2, op));
+  const RowIndexed indexed(*u);
   HObject out;
-  for (long i = 0; i < region1.Count(); ++i)
-    out.Push(IntersectRuns(region1.RegionOrDomainAt(i, op), *u));
+  for (long i = 0; i < region1.Count(); ++i) out.Push(indexed.Intersect(region1.RegionOrDomainAt(i, op)));
   *region_intersection = std::move(out);
 }
 

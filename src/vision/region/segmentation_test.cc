@@ -402,10 +402,17 @@ TEST_F(Segmentation, IntersectionMatchesPixelwiseAndOfEveryRegion) {
     return list;
   };
   const int h = 160, w = 260, row0 = -80, col0 = -80;  // holds every region
-  for (int trial = 0; trial < 8; ++trial) {
+  for (int trial = 0; trial < 10; ++trial) {
     HObject a = random_list(1 + trial % 4, 1000u + unsigned(trial) * 50u);
     HObject b = random_list(trial % 3 == 0 ? 1 : trial % 5, 5000u + unsigned(trial) * 50u);
     if (trial == 7) concat_obj(b, HObject(Region::Rectangle(-70, -70, 70, 170)), &b);
+    // Many runs in a row; rows far apart (no table of rows).
+    if (trial == 8) b = HObject(test::RandomBlobs(77, 40, 250, 0.5).Translated(-20, -70));
+    if (trial == 9) {
+      a = HObject(test::RandomBlobs(78, 40, 250, 0.4).Translated(-20, -70));
+      b = HObject(test::RandomBlobs(79, 40, 250, 0.4).Translated(-20, -70)
+                      .Union(Region::Rectangle(900000, 0, 900000, 3)));
+    }
     cv::Mat ub = cv::Mat::zeros(h, w, CV_8U);
     for (long j = 0; j < b.Count(); ++j) ub |= R(b, j).ToMask(h, w, row0, col0);
     HObject res;
