@@ -636,7 +636,7 @@ void distance_transform(const HObject& region, HObject* distance_image, const HT
       cv::Mat d;
       cv::distanceTransform(padded, d, cv::DIST_L2, cv::DIST_MASK_PRECISE);
       d(cv::Rect(1, 1, int(w), int(h))).convertTo(dist, CV_32S);  // rounds to nearest
-      if (fg == "false" && cv::countNonZero(inside) == inside.total()) dist.setTo(0);
+      if (fg == "false" && size_t(cv::countNonZero(inside)) == inside.total()) dist.setTo(0);
     } else if (met != "octagonal") {
       // Two chamfer passes are exact for the 4- and 8-neighbourhood metrics.
       ChamferDistance(inside, met == "chessboard", fg == "true", &dist);
