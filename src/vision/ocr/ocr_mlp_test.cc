@@ -219,12 +219,11 @@ Drawn OBesideL(int size, bool small) {
   return d;
 }
 
-// With the line band, one shape is a small or a capital o by its neighbour, and
-// the feature survives the file; older (version 1) files still load.
-TEST(OcrMlp, LineBandSeparatesCaseAndKeepsFileVersions) {
+// An o/O classifier with the given position feature, trained on OBesideL.
+HTuple TrainCaseClassifier(const char* position_feature) {
   HTuple ocr, set, err, log;
   create_ocr_class_mlp(HTuple(8), HTuple(10), HTuple("constant"),
-                       HTuple::Strings({"default", "line_band"}), HTuple::Strings({"o", "O"}),
+                       HTuple::Strings({"default", position_feature}), HTuple::Strings({"o", "O"}),
                        HTuple(8), HTuple("normalization"), HTuple(10), HTuple(3), &ocr);
   create_ocr_train_samples(&set);
   for (int size = 14; size <= 40; size += 2)
@@ -233,60 +232,10 @@ TEST(OcrMlp, LineBandSeparatesCaseAndKeepsFileVersions) {
       append_ocr_trainf(d.region, d.image, HTuple(small ? "o" : "O"), set);
     }
   trainf_ocr_class_mlp(ocr, set, HTuple(300), HTuple(1.0), HTuple(0.0), &err, &log);
-  const auto dir = std::filesystem::temp_directory_path() / "vision_ocr_band";
-  std::filesystem::create_directories(dir);
-  const std::string path = (dir / "case.omc").string();
-  write_ocr_class_mlp(ocr, HTuple(path));
-  HTuple again;
-  read_ocr_class_mlp(HTuple(path), &again);
-  for (int size : {17, 31})
-    for (bool small : {true, false}) {
-      const Drawn d = OBesideL(size, small);
-      HTuple k, c;
-      do_ocr_single_class_mlp(d.region, d.image, again, HTuple(1), &k, &c);
-      EXPECT_EQ(k.S(0), small ? "o" : "O") << "size " << size;
-    }
-  // Older versions carry a byte-wise FNV-1a checksum. The same bytes labelled
-  // version 2 load; labelled version 1 they must be refused, as version 1
-  // knows no line band; a version 1 file of `default` loads.
-  auto relabel = [](std::string bytes, char version = 1) {
-    bytes[4] = version;
-    uint32_t h = 2166136261u;
-    for (size_t i = 0; i + 4 < bytes.size(); ++i) h = (h ^ uint8_t(bytes[i])) * 16777619u;
-    std::memcpy(&bytes[bytes.size() - 4], &h, 4);
-    return bytes;
-  };
-  auto bytes_of = [](const std::string& p) {
-    std::ifstream f(p, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(f), {});
-  };
-  const std::string old_band = (dir / "old_band.omc").string();
-  std::ofstream(old_band, std::ios::binary) << relabel(bytes_of(path));
-  HTuple h;
-  EXPECT_THROW(read_ocr_class_mlp(HTuple(old_band), &h), HException);
-  std::ofstream(old_band, std::ios::binary) << relabel(bytes_of(path), 2);
-  EXPECT_NO_THROW(read_ocr_class_mlp(HTuple(old_band), &h));
-  const std::string plain = (dir / "plain.omc").string(), old_plain = (dir / "old_plain.omc").string();
-  write_ocr_class_mlp(TrainedClassifier(), HTuple(plain));
-  std::ofstream(old_plain, std::ios::binary) << relabel(bytes_of(plain));
-  EXPECT_NO_THROW(read_ocr_class_mlp(HTuple(old_plain), &h));
-  std::filesystem::remove_all(dir);
+  return ocr;
 }
 
-// The band's rows carried on the pixel grid separate the same two shapes
-// without the four band values; such a file cannot claim an older version.
-TEST(OcrMlp, BandPixelsSeparateCaseOnTheGrid) {
-  HTuple ocr, set, err, log;
-  create_ocr_class_mlp(HTuple(8), HTuple(10), HTuple("constant"),
-                       HTuple::Strings({"default", "band_pixels"}), HTuple::Strings({"o", "O"}),
-                       HTuple(8), HTuple("normalization"), HTuple(10), HTuple(3), &ocr);
-  create_ocr_train_samples(&set);
-  for (int size = 14; size <= 40; size += 2)
-    for (bool small : {true, false}) {
-      const Drawn d = OBesideL(size, small);
-      append_ocr_trainf(d.region, d.image, HTuple(small ? "o" : "O"), set);
-    }
-  trainf_ocr_class_mlp(ocr, set, HTuple(300), HTuple(1.0), HTuple(0.0), &err, &log);
+void ExpectCaseRead(const HTuple& ocr) {
   for (int size : {17, 31})
     for (bool small : {true, false}) {
       const Drawn d = OBesideL(size, small);
@@ -294,17 +243,60 @@ TEST(OcrMlp, BandPixelsSeparateCaseOnTheGrid) {
       do_ocr_single_class_mlp(d.region, d.image, ocr, HTuple(1), &k, &c);
       EXPECT_EQ(k.S(0), small ? "o" : "O") << "size " << size;
     }
+}
+
+std::string BytesOf(const std::string& path) {
+  std::ifstream f(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(f), {});
+}
+
+// The same bytes labelled as an older version, with the byte-wise FNV-1a
+// checksum those versions carry.
+std::string Relabel(std::string bytes, char version) {
+  bytes[4] = version;
+  uint32_t h = 2166136261u;
+  for (size_t i = 0; i + 4 < bytes.size(); ++i) h = (h ^ uint8_t(bytes[i])) * 16777619u;
+  std::memcpy(&bytes[bytes.size() - 4], &h, 4);
+  return bytes;
+}
+
+// With the line band, one shape is a small or a capital o by its neighbour, and
+// the feature survives the file. Labelled version 2 the same bytes load;
+// labelled version 1 they must be refused, as version 1 knows no line band;
+// a version 1 file of `default` loads.
+TEST(OcrMlp, LineBandSeparatesCaseAndKeepsFileVersions) {
+  const HTuple ocr = TrainCaseClassifier("line_band");
+  const auto dir = std::filesystem::temp_directory_path() / "vision_ocr_band";
+  std::filesystem::create_directories(dir);
+  const std::string path = (dir / "case.omc").string();
+  write_ocr_class_mlp(ocr, HTuple(path));
+  HTuple again;
+  read_ocr_class_mlp(HTuple(path), &again);
+  ExpectCaseRead(again);
+  const std::string old_band = (dir / "old_band.omc").string();
+  std::ofstream(old_band, std::ios::binary) << Relabel(BytesOf(path), 1);
+  HTuple h;
+  EXPECT_THROW(read_ocr_class_mlp(HTuple(old_band), &h), HException);
+  std::ofstream(old_band, std::ios::binary) << Relabel(BytesOf(path), 2);
+  EXPECT_NO_THROW(read_ocr_class_mlp(HTuple(old_band), &h));
+  const std::string plain = (dir / "plain.omc").string(), old_plain = (dir / "old_plain.omc").string();
+  write_ocr_class_mlp(TrainedClassifier(), HTuple(plain));
+  std::ofstream(old_plain, std::ios::binary) << Relabel(BytesOf(plain), 1);
+  EXPECT_NO_THROW(read_ocr_class_mlp(HTuple(old_plain), &h));
+  std::filesystem::remove_all(dir);
+}
+
+// The band's rows carried on the pixel grid separate the same two shapes
+// without the four band values; such a file cannot claim an older version.
+TEST(OcrMlp, BandPixelsSeparateCaseOnTheGrid) {
+  const HTuple ocr = TrainCaseClassifier("band_pixels");
+  ExpectCaseRead(ocr);
   const auto dir = std::filesystem::temp_directory_path() / "vision_ocr_band_pixels";
   std::filesystem::create_directories(dir);
   const std::string path = (dir / "case.omc").string();
   write_ocr_class_mlp(ocr, HTuple(path));
-  std::ifstream in(path, std::ios::binary);
-  std::string bytes((std::istreambuf_iterator<char>(in)), {});
-  bytes[4] = 2;
-  uint32_t h = 2166136261u;
-  for (size_t i = 0; i + 4 < bytes.size(); ++i) h = (h ^ uint8_t(bytes[i])) * 16777619u;
-  std::memcpy(&bytes[bytes.size() - 4], &h, 4);
-  std::ofstream(path, std::ios::binary) << bytes;
+  const std::string older = Relabel(BytesOf(path), 2);  // read before the rewrite truncates
+  std::ofstream(path, std::ios::binary) << older;
   HTuple again;
   EXPECT_THROW(read_ocr_class_mlp(HTuple(path), &again), HException);
   std::filesystem::remove_all(dir);
