@@ -1,6 +1,7 @@
 #pragma once
 // Helpers shared by the image operators of this area: parameter reading with
 // the operator's own error texts, and plane conversions.
+#include <algorithm>
 #include <cmath>
 #include <string>
 #include <vector>
@@ -102,6 +103,24 @@ inline Image Derived(const Image& like, PixelType type, std::vector<cv::Mat> pla
 inline void RequireNotVectorField(const Image& img, const char* op) {
   if (img.type == PixelType::VectorField)
     throw HException(op, "Image type vector_field is not supported", kErrWrongObject);
+}
+
+// Sampled Gaussian (sum 1) and its first derivative as a correlation kernel
+// that answers 1 on a ramp of slope 1.
+inline void GaussKernels(double sigma, cv::Mat* smooth, cv::Mat* deriv) {
+  const int r = std::max(1, int(std::ceil(4.0 * sigma)));
+  cv::Mat g(2 * r + 1, 1, CV_64F), d(2 * r + 1, 1, CV_64F);
+  double sum = 0, moment = 0;
+  for (int i = -r; i <= r; ++i) {
+    const double v = std::exp(-0.5 * i * i / (sigma * sigma));
+    g.at<double>(i + r) = v;
+    sum += v;
+    moment += double(i) * i * v;
+  }
+  for (int i = -r; i <= r; ++i) d.at<double>(i + r) = i * g.at<double>(i + r) / moment;
+  g /= sum;
+  g.convertTo(*smooth, CV_32F);
+  d.convertTo(*deriv, CV_32F);
 }
 
 }  // namespace vision::filter_detail

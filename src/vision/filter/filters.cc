@@ -84,24 +84,6 @@ void MaskSize(const HTuple& mask_width, const HTuple& mask_height, const char* o
   *mh = int(h);
 }
 
-// Sampled Gaussian (sum 1) and its first derivative as a correlation kernel
-// that answers 1 on a ramp of slope 1.
-void GaussKernels(double sigma, cv::Mat* smooth, cv::Mat* deriv) {
-  const int r = std::max(1, int(std::ceil(4.0 * sigma)));
-  cv::Mat g(2 * r + 1, 1, CV_64F), d(2 * r + 1, 1, CV_64F);
-  double sum = 0, moment = 0;
-  for (int i = -r; i <= r; ++i) {
-    const double v = std::exp(-0.5 * i * i / (sigma * sigma));
-    g.at<double>(i + r) = v;
-    sum += v;
-    moment += double(i) * i * v;
-  }
-  for (int i = -r; i <= r; ++i) d.at<double>(i + r) = i * g.at<double>(i + r) / moment;
-  g /= sum;
-  g.convertTo(*smooth, CV_32F);
-  d.convertTo(*deriv, CV_32F);
-}
-
 // d[x] = sum over i < R of k[i] * (a[i][x] - b[i][x]), summed from 0 in the
 // order of i. With R fixed the terms stay in registers: one store per pixel
 // instead of one load and store per term.

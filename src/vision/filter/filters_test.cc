@@ -10,6 +10,7 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include "vision/filter/filter_util.h"
 #include "vision/filter/image_ops.h"
 #include "vision/filter/test_util.h"
 
@@ -335,23 +336,6 @@ TEST(Filters, DerivateGaussSignOnRamps) {
   EXPECT_THROW(derivate_gauss(img, &gx, "1", "x"), HException);
 }
 
-// Sampled Gaussian and derivative kernels, as the operator defines them.
-void ReferenceKernels(double sigma, cv::Mat* smooth, cv::Mat* deriv) {
-  const int r = std::max(1, int(std::ceil(4.0 * sigma)));
-  cv::Mat g(2 * r + 1, 1, CV_64F), d(2 * r + 1, 1, CV_64F);
-  double sum = 0, moment = 0;
-  for (int i = -r; i <= r; ++i) {
-    const double v = std::exp(-0.5 * i * i / (sigma * sigma));
-    g.at<double>(i + r) = v;
-    sum += v;
-    moment += double(i) * i * v;
-  }
-  for (int i = -r; i <= r; ++i) d.at<double>(i + r) = i * g.at<double>(i + r) / moment;
-  g /= sum;
-  g.convertTo(*smooth, CV_32F);
-  d.convertTo(*deriv, CV_32F);
-}
-
 // Derivative of the smoothed plane one pixel at a time: the terms
 // k(i) * (f(x+i) - f(x-i)) summed from 0 for i = 1..r, mirrored borders.
 cv::Mat ReferenceAntisymmetric(const cv::Mat& f, const cv::Mat& kernel, bool along_columns) {
@@ -385,8 +369,8 @@ TEST(Filters, DerivateGaussMatchesPerPixelSums) {
     const Image img = RandomImage(rng, t, w, h, 120);
     const auto& sg = sigmas[rng() % 4];
     cv::Mat gc, dc, gr, dr, f, one = cv::Mat::ones(1, 1, CV_32F);
-    ReferenceKernels(sg[0], &gc, &dc);
-    ReferenceKernels(sg[1], &gr, &dr);
+    filter_detail::GaussKernels(sg[0], &gc, &dc);
+    filter_detail::GaussKernels(sg[1], &gr, &dr);
     // The smoothing is OpenCV's, fed as the operator feeds it (its rounding
     // depends on the input depth); only 32-bit integers go through floats.
     if (t == PixelType::Int4) img.planes[0].convertTo(f, CV_32F);
