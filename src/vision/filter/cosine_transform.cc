@@ -53,6 +53,14 @@ int ChirpLength(int n) {
   return best;
 }
 
+// Makhoul's order: slot i of the reordered row holds sample 2i for the even
+// samples (ascending) and slot n-1-i holds sample 2i+1 (odd ones descending).
+template <class F>
+void ForMakhoulOrder(int n, F visit /* (slot, sample) */) {
+  for (int i = 0; 2 * i < n; ++i) visit(i, 2 * i);
+  for (int i = 0; 2 * i + 1 < n; ++i) visit(n - 1 - i, 2 * i + 1);
+}
+
 }  // namespace
 
 double RowCosineTransform::Cost(int length, int rows) {
@@ -109,20 +117,17 @@ void RowCosineTransform::Forward(const cv::Mat& src, cv::Mat& dst) const {
   CV_Assert(src.type() == CV_32F && src.cols == n_);
   if (direct_) return cv::dct(src, dst, cv::DCT_ROWS);
   if (n_ == 1) return src.copyTo(dst);
-  // Makhoul: v = even samples ascending, then odd samples descending; the
-  // cosine coefficients are Re(exp(-i pi k / 2n) DFT(v)[k]).
+  // Makhoul: with v the row in Makhoul's order, the cosine coefficients are
+  // Re(exp(-i pi k / 2n) DFT(v)[k]).
   const int rows = src.rows, pairs = (rows + 1) / 2;
   cv::Mat a(pairs, m_, CV_32FC2, cv::Scalar::all(0));
   for (int q = 0; q < pairs; ++q) {
     const float* x1 = src.ptr<float>(2 * q);
     const float* x2 = 2 * q + 1 < rows ? src.ptr<float>(2 * q + 1) : nullptr;
     auto* p = a.ptr<cv::Vec2f>(q);
-    auto put = [&](int at, int from) {
-      p[at] = chirp_[size_t(at)] * x1[from];
-      if (x2) p[at] += Mul(chirp_[size_t(at)], {0.0f, x2[from]});
-    };
-    for (int i = 0; 2 * i < n_; ++i) put(i, 2 * i);
-    for (int i = 0; 2 * i + 1 < n_; ++i) put(n_ - 1 - i, 2 * i + 1);
+    ForMakhoulOrder(n_, [&](int slot, int sample) {
+      p[slot] = Mul(chirp_[size_t(slot)], {x1[sample], x2 ? x2[sample] : 0.0f});
+    });
   }
   Convolve(a);
   dst.create(rows, n_, CV_32F);
@@ -174,13 +179,11 @@ void RowCosineTransform::Inverse(const cv::Mat& src, cv::Mat& dst) const {
     const auto* p = a.ptr<cv::Vec2f>(q);
     float* x1 = dst.ptr<float>(2 * q);
     float* x2 = 2 * q + 1 < rows ? dst.ptr<float>(2 * q + 1) : nullptr;
-    auto put = [&](int to, int i) {
-      const cv::Vec2f v = Mul(p[i], chirp_[size_t(i)]);
-      x1[to] = v[0] * norm;
-      if (x2) x2[to] = v[1] * norm;
-    };
-    for (int i = 0; 2 * i < n_; ++i) put(2 * i, i);
-    for (int i = 0; 2 * i + 1 < n_; ++i) put(2 * i + 1, n_ - 1 - i);
+    ForMakhoulOrder(n_, [&](int slot, int sample) {
+      const cv::Vec2f v = Mul(p[slot], chirp_[size_t(slot)]);
+      x1[sample] = v[0] * norm;
+      if (x2) x2[sample] = v[1] * norm;
+    });
   }
 }
 
