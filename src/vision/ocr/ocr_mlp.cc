@@ -148,6 +148,15 @@ cv::Mat OwnDarkness(const OcrSample& s) {
   return patch;
 }
 
+// The rows of the character's text line relative to its box's top row:
+// top <= 0, bottom >= box height - 1; the box itself when the band is unknown.
+void BandRows(const OcrSample& s, int* top, int* bottom) {
+  const int h = s.gray.rows;
+  const bool known = s.band_bottom >= s.band_top;
+  *top = known ? std::min(s.band_top, 0) : 0;
+  *bottom = known ? std::max(s.band_bottom, h - 1) : h - 1;
+}
+
 void ComputeFeatures(const OcrMlp& c, const OcrSample& s, float* out) {
   const int w = s.gray.cols, h = s.gray.rows;
   const int interp = CvInterpolation(c.interpolation, "get_features_ocr_class_mlp");
@@ -163,9 +172,8 @@ void ComputeFeatures(const OcrMlp& c, const OcrSample& s, float* out) {
       case Feature::LineBand: {
         // Where the box sits in its text line: a lower-case c or a hyphen
         // looks like C or an underscore alone, not beside its neighbours.
-        const bool known = s.band_bottom >= s.band_top;
-        const int top = known ? std::min(s.band_top, 0) : 0;
-        const int bottom = known ? std::max(s.band_bottom, h - 1) : h - 1;
+        int top, bottom;
+        BandRows(s, &top, &bottom);
         const float band = float(bottom - top + 1);
         *out++ = float(-top) / band;
         *out++ = float(bottom - (h - 1)) / band;
@@ -187,10 +195,11 @@ void ComputeFeatures(const OcrMlp& c, const OcrSample& s, float* out) {
           if (own.empty()) own = OwnDarkness(s);  // shared by pixel_invar and band_pixels
           patch = own;
         }
-        if (f == Feature::BandPixels && s.band_bottom >= s.band_top) {
+        if (f == Feature::BandPixels) {
           // The same values in the rows of the whole text line: a small p
           // hangs low and a capital P stands high, whatever their shapes.
-          const int top = std::min(s.band_top, 0), bottom = std::max(s.band_bottom, h - 1);
+          int top, bottom;
+          BandRows(s, &top, &bottom);
           cv::Mat band = cv::Mat::zeros(bottom - top + 1, w, CV_32F);
           patch.copyTo(band(cv::Rect(0, -top, w, h)));
           patch = band;
