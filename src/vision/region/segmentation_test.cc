@@ -570,39 +570,9 @@ TEST_F(Segmentation, DistanceTransformOnABar) {
                                   HTuple(4)), HException);
 }
 
+// Both raster metrics against the nearest source found by search, on
+// degenerate shapes and random blobs reaching past every side.
 TEST_F(Segmentation, DistanceTransformMatchesBruteForce) {
-  const int h = 18, w = 23;
-  Region r = test::RandomBlobs(5, h, w, 0.8);
-  for (const char* metric : {"city-block", "chessboard"}) {
-    for (const char* fg : {"true", "false"}) {
-      HObject img;
-      distance_transform(HObject(r), &img, HTuple(metric), HTuple(fg), HTuple(w), HTuple(h));
-      const cv::Mat& d = img.ImageAt(0).planes[0];
-      const bool inside = std::string(fg) == "true";
-      for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) {
-          if (r.Contains(y, x) != inside) {
-            EXPECT_EQ(d.at<int32_t>(y, x), 0);
-            continue;
-          }
-          // Nearest source: a pixel of the other kind, or (for the
-          // foreground) any pixel just outside the image.
-          int best = 1 << 20;
-          for (int v = -1; v <= h; ++v)
-            for (int u = -1; u <= w; ++u) {
-              bool outside = v < 0 || u < 0 || v >= h || u >= w;
-              bool source = outside ? inside : r.Contains(v, u) != inside;
-              if (!source) continue;
-              int dy = std::abs(v - y), dx = std::abs(u - x);
-              best = std::min(best, std::string(metric) == "city-block" ? dx + dy : std::max(dx, dy));
-            }
-          ASSERT_EQ(d.at<int32_t>(y, x), best) << metric << " fg " << fg << " at " << y << "," << x;
-        }
-    }
-  }
-}
-
-TEST_F(Segmentation, CityBlockDistanceMatchesBruteForceOnOddShapes) {
   std::mt19937 rng(41);
   struct Shape { int h, w; Region r; };
   std::vector<Shape> shapes = {{1, 1, Region::Rectangle(0, 0, 0, 0)},
@@ -610,40 +580,43 @@ TEST_F(Segmentation, CityBlockDistanceMatchesBruteForceOnOddShapes) {
                                {1, 9, Region::Rectangle(0, 2, 0, 5)},
                                {9, 1, Region::Rectangle(-3, 0, 4, 0)},
                                {6, 7, Region::Rectangle(-5, -5, 20, 20)},  // covers the image
-                               {5, 70, Region()}};
+                               {5, 70, Region()},
+                               {18, 23, test::RandomBlobs(5, 18, 23, 0.8)}};
   for (int k = 0; k < 8; ++k) {
     const int h = 1 + int(rng() % 30), w = 1 + int(rng() % 45);
     shapes.push_back({h, w, test::RandomBlobs(unsigned(300 + k), h + 4, w + 4, 0.3 + 0.09 * k)
-                                .Translated(-2, -2)});  // reaches past every side
+                                .Translated(-2, -2)});
   }
-  for (const Shape& s : shapes) {
-    for (const bool inside : {true, false}) {
-      HObject img;
-      distance_transform(HObject(s.r), &img, HTuple("city-block"), HTuple(inside ? "true" : "false"),
-                         HTuple(s.w), HTuple(s.h));
-      const cv::Mat& d = img.ImageAt(0).planes[0];
-      ASSERT_EQ(d.rows, s.h);
-      ASSERT_EQ(d.cols, s.w);
-      for (int y = 0; y < s.h; ++y)
-        for (int x = 0; x < s.w; ++x) {
-          // Nearest pixel of the other kind, or just outside the image for
-          // the foreground; none at all gives 0.
-          int best = 0;
-          if (s.r.Contains(y, x) == inside) {
-            best = 1 << 30;
-            for (int v = -1; v <= s.h; ++v)
-              for (int u = -1; u <= s.w; ++u) {
-                const bool outside = v < 0 || u < 0 || v >= s.h || u >= s.w;
-                if (outside ? inside : s.r.Contains(v, u) != inside)
-                  best = std::min(best, std::abs(v - y) + std::abs(u - x));
-              }
-            if (best == 1 << 30) best = 0;
+  for (const std::string metric : {"city-block", "chessboard"})
+    for (const Shape& s : shapes)
+      for (const bool inside : {true, false}) {
+        HObject img;
+        distance_transform(HObject(s.r), &img, HTuple(metric), HTuple(inside ? "true" : "false"),
+                           HTuple(s.w), HTuple(s.h));
+        const cv::Mat& d = img.ImageAt(0).planes[0];
+        ASSERT_EQ(d.rows, s.h);
+        ASSERT_EQ(d.cols, s.w);
+        for (int y = 0; y < s.h; ++y)
+          for (int x = 0; x < s.w; ++x) {
+            // Nearest pixel of the other kind, or just outside the image for
+            // the foreground; none at all gives 0.
+            int best = 0;
+            if (s.r.Contains(y, x) == inside) {
+              best = 1 << 30;
+              for (int v = -1; v <= s.h; ++v)
+                for (int u = -1; u <= s.w; ++u) {
+                  const bool outside = v < 0 || u < 0 || v >= s.h || u >= s.w;
+                  if (!(outside ? inside : s.r.Contains(v, u) != inside)) continue;
+                  const int dy = std::abs(v - y), dx = std::abs(u - x);
+                  best = std::min(best, metric == "city-block" ? dx + dy : std::max(dx, dy));
+                }
+              if (best == 1 << 30) best = 0;
+            }
+            ASSERT_EQ(d.at<int32_t>(y, x), best) << metric << " " << s.h << "x" << s.w
+                                                 << (inside ? " inside" : " outside") << " at "
+                                                 << y << "," << x;
           }
-          ASSERT_EQ(d.at<int32_t>(y, x), best)
-              << s.h << "x" << s.w << (inside ? " inside" : " outside") << " at " << y << "," << x;
-        }
-    }
-  }
+      }
 }
 
 TEST_F(Segmentation, IntensityMeanAndDeviation) {
