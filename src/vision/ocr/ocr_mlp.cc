@@ -25,18 +25,21 @@ namespace {
 
 constexpr char kOmcMagic[4] = {'V', 'O', 'M', 'C'};
 // Version 2 adds the feature `line_band`, version 3 the feature `band_pixels`
-// and the lane checksum; older files stay readable.
-constexpr uint32_t kOmcVersion = 3;
+// and the lane checksum, version 4 the feature `line_pitch`; older files stay
+// readable.
+constexpr uint32_t kOmcVersion = 4;
 constexpr char kTrfMagic[4] = {'V', 'O', 'T', 'F'};
-// Version 3 stores each character's text line band.
-constexpr uint32_t kTrfVersion = 3;
+// Version 3 stores each character's text line band, version 4 its line pitch.
+constexpr uint32_t kTrfVersion = 4;
 
 enum class Feature : uint8_t {
-  Ratio, Width, Height, Pixel, PixelInvar, PixelBinary, ZoomFactor, LineBand, BandPixels
+  Ratio, Width, Height, Pixel, PixelInvar, PixelBinary, ZoomFactor, LineBand, BandPixels,
+  LinePitch
 };
 
-// Values `line_band` contributes.
+// Values `line_band` and `line_pitch` contribute.
 constexpr int kLineBandValues = 4;
+constexpr int kLinePitchValues = 2;
 
 struct FeatureName {
   const char* name;
@@ -47,7 +50,7 @@ constexpr FeatureName kFeatureNames[] = {
     {"height", Feature::Height},        {"pixel", Feature::Pixel},
     {"pixel_invar", Feature::PixelInvar}, {"pixel_binary", Feature::PixelBinary},
     {"zoom_factor", Feature::ZoomFactor}, {"line_band", Feature::LineBand},
-    {"band_pixels", Feature::BandPixels},
+    {"band_pixels", Feature::BandPixels}, {"line_pitch", Feature::LinePitch},
 };
 
 // The classifier behind a handle.
@@ -75,8 +78,9 @@ class OcrMlp : public HandleBase {
       n += (f == Feature::Pixel || f == Feature::PixelInvar || f == Feature::PixelBinary ||
             f == Feature::BandPixels)
                ? grid_w * grid_h
-           : f == Feature::LineBand ? kLineBandValues
-                                    : 1;
+           : f == Feature::LineBand  ? kLineBandValues
+           : f == Feature::LinePitch ? kLinePitchValues
+                                     : 1;
     return n;
   }
 };
@@ -179,6 +183,17 @@ void ComputeFeatures(const OcrMlp& c, const OcrSample& s, float* out) {
         *out++ = float(bottom - (h - 1)) / band;
         *out++ = float(h) / band;
         *out++ = float(w) / band;
+        break;
+      }
+      case Feature::LinePitch: {
+        // The box width against the line's pitch, and the pitch against the
+        // band height; without a pitch, as if the box were the only run.
+        int top, bottom;
+        BandRows(s, &top, &bottom);
+        const float band = float(bottom - top + 1);
+        const float pitch = s.pitch > 0 ? float(s.pitch) : float(w);
+        *out++ = float(w) / pitch;
+        *out++ = pitch / band;
         break;
       }
       case Feature::Pixel:
@@ -330,7 +345,7 @@ void ReadTrainFile(const std::string& path, std::vector<OcrSample>* out, const c
   if (std::memcmp(magic, kTrfMagic, 4) != 0)
     throw HException(op, "Not a training file: " + path, kErrFileFormat);
   const uint32_t version = r.U32();
-  if (version != kTrfVersion && version != 2)
+  if (version < 2 || version > kTrfVersion)
     throw HException(op, "Unsupported training file version: " + path, kErrFileFormat);
   while (!r.AtEnd()) {
     OcrSample s;
@@ -341,6 +356,7 @@ void ReadTrainFile(const std::string& path, std::vector<OcrSample>* out, const c
       s.band_top = -int(r.U16());
       s.band_bottom = int(r.U16());
     }
+    if (version >= 4) s.pitch = r.U16();
     if (w == 0 || h == 0) throw HException(op, "Damaged training file", kErrFileFormat);
     s.gray.create(h, w, CV_8U);
     s.mask.create(h, w, CV_8U);
@@ -360,6 +376,7 @@ void WriteSamples(std::ofstream& f, const std::vector<OcrSample>& samples) {
     const bool known = s.band_bottom >= s.band_top;
     w.U16(uint16_t(known ? std::clamp(-s.band_top, 0, 65535) : 0));
     w.U16(uint16_t(known ? std::clamp(s.band_bottom, 0, 65535) : s.gray.rows - 1));
+    w.U16(uint16_t(std::clamp(s.pitch, 0, 65535)));
     w.Raw(s.gray.data, s.gray.total());
     w.Raw(s.mask.data, s.mask.total());
   }
@@ -454,8 +471,34 @@ OcrSample OcrCutSample(const Region& region, const Image& image, const char* op)
     OcrLineBand(plane, r1, c1, r2, c2, int((lo + ground) / 2), &top, &bottom);
     s.band_top = top - r1;
     s.band_bottom = bottom - r1;
+    s.pitch = OcrLinePitch(plane, top, bottom, c1, c2, int((lo + ground) / 2));
   }
   return s;
+}
+
+int OcrLinePitch(const cv::Mat& gray, int top, int bottom, int c1, int c2, int threshold) {
+  if (gray.empty() || gray.type() != CV_8U) return 0;
+  top = std::max(top, 0);
+  bottom = std::min(bottom, gray.rows - 1);
+  const int band = bottom - top + 1;
+  if (band < 1) return 0;
+  const int x0 = std::max(0, c1 - 4 * band), x1 = std::min(gray.cols - 1, c2 + 4 * band);
+  std::vector<int> runs;
+  int run = 0;
+  for (int x = x0; x <= x1 + 1; ++x) {
+    int n = 0;
+    if (x <= x1)
+      for (int y = top; y <= bottom && n < 2; ++y) n += gray.ptr<uint8_t>(y)[x] <= threshold;
+    if (n >= 2) {
+      ++run;
+      continue;
+    }
+    if (run > 0 && x - run > x0 && x <= x1) runs.push_back(run);
+    run = 0;
+  }
+  if (runs.empty()) return 0;
+  std::nth_element(runs.begin(), runs.begin() + ptrdiff_t(runs.size() / 2), runs.end());
+  return runs[runs.size() / 2];
 }
 
 void OcrLineBand(const cv::Mat& gray, int r1, int c1, int r2, int c2, int threshold, int* top,
@@ -714,6 +757,9 @@ void read_ocr_class_mlp(const HTuple& file_name, HTuple* ocr_handle) {
     throw HException(op, "Feature line_band in a version 1 file: " + path, kErrFileFormat);
   if (version < 3 && uses(Feature::BandPixels))
     throw HException(op, "Feature band_pixels in a version " + std::to_string(version) +
+                         " file: " + path, kErrFileFormat);
+  if (version < 4 && uses(Feature::LinePitch))
+    throw HException(op, "Feature line_pitch in a version " + std::to_string(version) +
                          " file: " + path, kErrFileFormat);
   CvInterpolation(c->interpolation, op);
   Mlp& n = c->net;

@@ -21,6 +21,9 @@ struct OcrSample {
   // Rows of the text line around the character, relative to the box's top
   // row: band_top <= 0, band_bottom >= box height - 1 (see OcrLineBand).
   int band_top = 0, band_bottom = -1;  // band_bottom < band_top: not known
+  // The line's character pitch: the median width of the print runs around the
+  // character (see OcrLinePitch); 0 when not known.
+  int pitch = 0;
   std::string klass;
 };
 
@@ -90,6 +93,15 @@ std::vector<float> OcrSampleFeatures(const HTuple& ocr_handle, const OcrSample& 
 // within a few character sizes left and right. Dark print is assumed.
 void OcrLineBand(const cv::Mat& gray, int r1, int c1, int r2, int c2, int threshold, int* top,
                  int* bottom);
+
+// The median width of the runs of print columns in rows top..bottom (the
+// line band) within four band heights left and right of a character's
+// columns c1..c2; a column is print when at least two of its pixels are
+// darker than `threshold`. Runs cut by the window's edges do not count. 0
+// when there is none. In a marking printed condensed or expanded this scales
+// with the characters, so a character's width against it tells a wide
+// letter from a narrow digit of the same shape (an O from a plain 0).
+int OcrLinePitch(const cv::Mat& gray, int top, int bottom, int c1, int c2, int threshold);
 
 // Cuts one character (region + gray image) into a sample; exposed for tools.
 OcrSample OcrCutSample(const Region& region, const Image& image, const char* op);
