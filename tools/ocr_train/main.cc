@@ -68,6 +68,15 @@ void TrainFamily(const Family& fam, const Options& o, uint32_t seed) {
   const auto t0 = std::chrono::steady_clock::now();
   std::mt19937 rng(seed);
   MarkingRenderer renderer;
+  // Strokes vary by up to 5 % of the cap height beyond the grades, so that a
+  // face is also seen heavier and lighter than drawn: a bold narrow O that
+  // no training face prints was read as the bold 0s it resembled. With the
+  // line pitch feature this lifted Industrial, on markings of seed 4242 and
+  // three training seeds, from 99.11 to 99.49 % clean, 98.95 to 99.21 %
+  // moderate and 90.2 to 92.5 % whole moderate markings; 8 % did no better.
+  // Dot-matrix faces already vary their dot size, and heavier dots only
+  // merge: a third of their markings no longer cut.
+  renderer.SetWeightSpread(fam.train_faces.front().IsDotMatrix() ? 0.0 : 0.05);
   HTuple samples;
   vision::create_ocr_train_samples(&samples);
   int used = 0, dropped = 0;
@@ -113,9 +122,10 @@ void TrainFamily(const Family& fam, const Options& o, uint32_t seed) {
     HTuple ocr, err, log;
     HTuple classes;
     for (char c : f.classes) classes.Append(HTuple(std::string(1, c)));
-    vision::create_ocr_class_mlp(HTuple(o.grid_w), HTuple(o.grid_h), HTuple("constant"),
-                                 HTuple::Strings({"default", "line_band", "band_pixels"}), classes,
-                                 HTuple(f.hidden),
+    const HTuple features =
+        HTuple::Strings({"default", "line_band", "band_pixels", "line_pitch"});
+    vision::create_ocr_class_mlp(HTuple(o.grid_w), HTuple(o.grid_h), HTuple("constant"), features,
+                                 classes, HTuple(f.hidden),
                                  HTuple("normalization"), HTuple(10), HTuple(long(seed)), &ocr);
     vision::trainf_ocr_class_mlp(ocr, samples, HTuple(o.epochs), HTuple(1.0), HTuple(0.0), &err,
                                  &log);

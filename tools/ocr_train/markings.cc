@@ -284,8 +284,9 @@ Marking MarkingRenderer::Render(const std::string& text, const Face& face, int c
   }
   const int width = ink.cols;
   // Thicker or thinner strokes (touching or broken print at the extremes).
-  if (gp.stroke > 0) {
-    const int steps = std::uniform_int_distribution<int>(-gp.stroke, gp.stroke)(rng);
+  const int spread = gp.stroke + int(std::lround(weight_spread_ * h2));
+  if (spread > 0) {
+    const int steps = std::uniform_int_distribution<int>(-spread, spread)(rng);
     const cv::Mat k = cv::getStructuringElement(cv::MORPH_ELLIPSE, cv::Size(3, 3));
     if (steps > 0) cv::dilate(ink, ink, k, cv::Point(-1, -1), steps);
     if (steps < 0) cv::erode(ink, ink, k, cv::Point(-1, -1), -steps);

@@ -56,6 +56,10 @@ class MarkingRenderer {
 
   Marking Render(const std::string& text, const Face& face, int char_height, Grade grade,
                  std::mt19937& rng);
+  // Lets strokes also grow or shrink by up to this fraction of the cap height
+  // (0 by default: the grades alone). Training uses it so that a lighter
+  // face printed heavy, or a bold one printed light, is seen as well.
+  void SetWeightSpread(double fraction) { weight_spread_ = fraction; }
   // Places the marking, as rendered, at (x, y) of a plain canvas of the given
   // size (the ground is the marking's own corner colour); boxes are moved.
   static Marking OnCanvas(const Marking& m, int width, int height, int x, int y);
@@ -63,6 +67,7 @@ class MarkingRenderer {
  private:
   struct Impl;
   std::unique_ptr<Impl> impl_;
+  double weight_spread_ = 0.0;
 };
 
 // A random string of `len` characters from `alphabet`, never starting or
