@@ -222,20 +222,30 @@ Drawn OBesideL(int size, bool small) {
   return d;
 }
 
-// An o/O classifier with the given position feature, trained on OBesideL.
-HTuple TrainCaseClassifier(const char* position_feature) {
+// A two-class classifier with `default` and one line feature, trained on one
+// shape drawn in two settings by `draw(size, first)`: class `first_class`
+// when `first`, else `other_class`.
+using DrawPair = Drawn (*)(int size, bool first);
+HTuple TrainPairClassifier(const char* feature, DrawPair draw, const char* first_class,
+                           const char* other_class) {
   HTuple ocr, set, err, log;
   create_ocr_class_mlp(HTuple(8), HTuple(10), HTuple("constant"),
-                       HTuple::Strings({"default", position_feature}), HTuple::Strings({"o", "O"}),
-                       HTuple(8), HTuple("normalization"), HTuple(10), HTuple(3), &ocr);
+                       HTuple::Strings({"default", feature}),
+                       HTuple::Strings({first_class, other_class}), HTuple(8),
+                       HTuple("normalization"), HTuple(10), HTuple(3), &ocr);
   create_ocr_train_samples(&set);
   for (int size = 14; size <= 40; size += 2)
-    for (bool small : {true, false}) {
-      const Drawn d = OBesideL(size, small);
-      append_ocr_trainf(d.region, d.image, HTuple(small ? "o" : "O"), set);
+    for (bool first : {true, false}) {
+      const Drawn d = draw(size, first);
+      append_ocr_trainf(d.region, d.image, HTuple(first ? first_class : other_class), set);
     }
   trainf_ocr_class_mlp(ocr, set, HTuple(300), HTuple(1.0), HTuple(0.0), &err, &log);
   return ocr;
+}
+
+// An o/O classifier with the given position feature, trained on OBesideL.
+HTuple TrainCaseClassifier(const char* position_feature) {
+  return TrainPairClassifier(position_feature, OBesideL, "o", "O");
 }
 
 void ExpectCaseRead(const HTuple& ocr) {
@@ -339,18 +349,7 @@ TEST(OcrMlp, LinePitchTellsAWideLetterFromANarrowDigit) {
   }
   EXPECT_EQ(OcrLinePitch(cv::Mat(10, 10, CV_8U, cv::Scalar(255)), 0, 9, 4, 5, 100), 0);
   auto train = [](const char* feature) {
-    HTuple ocr, set, err, log;
-    create_ocr_class_mlp(HTuple(8), HTuple(10), HTuple("constant"),
-                         HTuple::Strings({"default", feature}), HTuple::Strings({"O", "0"}),
-                         HTuple(8), HTuple("normalization"), HTuple(10), HTuple(3), &ocr);
-    create_ocr_train_samples(&set);
-    for (int size = 14; size <= 40; size += 2)
-      for (bool wide : {true, false}) {
-        const Drawn d = OBetweenBars(size, wide);
-        append_ocr_trainf(d.region, d.image, HTuple(wide ? "O" : "0"), set);
-      }
-    trainf_ocr_class_mlp(ocr, set, HTuple(300), HTuple(1.0), HTuple(0.0), &err, &log);
-    return ocr;
+    return TrainPairClassifier(feature, OBetweenBars, "O", "0");
   };
   auto correct = [](const HTuple& ocr) {
     int n = 0;
