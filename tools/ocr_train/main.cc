@@ -118,12 +118,11 @@ void TrainFamily(const Family& fam, const Options& o, uint32_t seed) {
   }
   const auto t1 = std::chrono::steady_clock::now();
   Say("%s: %.0f markings used, %.0f dropped\n", fam.name, used, dropped);
+  const HTuple features = HTuple::Strings({"default", "line_band", "band_pixels", "line_pitch"});
   for (const FileSpec& f : FilesOf(fam)) {
     HTuple ocr, err, log;
     HTuple classes;
     for (char c : f.classes) classes.Append(HTuple(std::string(1, c)));
-    const HTuple features =
-        HTuple::Strings({"default", "line_band", "band_pixels", "line_pitch"});
     vision::create_ocr_class_mlp(HTuple(o.grid_w), HTuple(o.grid_h), HTuple("constant"), features,
                                  classes, HTuple(f.hidden),
                                  HTuple("normalization"), HTuple(10), HTuple(long(seed)), &ocr);

@@ -65,12 +65,20 @@ TEST(OcrMlp, ClassifiesUnseenSizesBestFirst) {
     }
 }
 
+// Writes `ocr` as `name` into the temporary folder `folder` (made when
+// missing); returns the file's path.
+std::string WriteInTempFolder(const HTuple& ocr, const char* folder, const char* name) {
+  const auto dir = std::filesystem::temp_directory_path() / folder;
+  std::filesystem::create_directories(dir);
+  const std::string path = (dir / name).string();
+  write_ocr_class_mlp(ocr, HTuple(path));
+  return path;
+}
+
 TEST(OcrMlp, FileRoundTripKeepsOutputsAndRejectsDamage) {
   const HTuple ocr = TrainedClassifier();
-  const auto dir = std::filesystem::temp_directory_path() / "vision_ocr_test";
-  std::filesystem::create_directories(dir);
-  const std::string path = (dir / "shapes.omc").string();
-  write_ocr_class_mlp(ocr, HTuple(path));
+  const std::string path = WriteInTempFolder(ocr, "vision_ocr_test", "shapes.omc");
+  const auto dir = std::filesystem::path(path).parent_path();
   HTuple again;
   read_ocr_class_mlp(HTuple(path), &again);
   Drawn d = DrawShape('X', 55, 70, 40);
@@ -279,10 +287,8 @@ std::string Relabel(std::string bytes, char version) {
 // a version 1 file of `default` loads.
 TEST(OcrMlp, LineBandSeparatesCaseAndKeepsFileVersions) {
   const HTuple ocr = TrainCaseClassifier("line_band");
-  const auto dir = std::filesystem::temp_directory_path() / "vision_ocr_band";
-  std::filesystem::create_directories(dir);
-  const std::string path = (dir / "case.omc").string();
-  write_ocr_class_mlp(ocr, HTuple(path));
+  const std::string path = WriteInTempFolder(ocr, "vision_ocr_band", "case.omc");
+  const auto dir = std::filesystem::path(path).parent_path();
   HTuple again;
   read_ocr_class_mlp(HTuple(path), &again);
   ExpectCaseRead(again);
@@ -304,10 +310,8 @@ TEST(OcrMlp, LineBandSeparatesCaseAndKeepsFileVersions) {
 TEST(OcrMlp, BandPixelsSeparateCaseOnTheGrid) {
   const HTuple ocr = TrainCaseClassifier("band_pixels");
   ExpectCaseRead(ocr);
-  const auto dir = std::filesystem::temp_directory_path() / "vision_ocr_band_pixels";
-  std::filesystem::create_directories(dir);
-  const std::string path = (dir / "case.omc").string();
-  write_ocr_class_mlp(ocr, HTuple(path));
+  const std::string path = WriteInTempFolder(ocr, "vision_ocr_band_pixels", "case.omc");
+  const auto dir = std::filesystem::path(path).parent_path();
   const std::string older = Relabel(BytesOf(path), 2);  // read before the rewrite truncates
   std::ofstream(path, std::ios::binary) << older;
   HTuple again;
@@ -362,10 +366,8 @@ TEST(OcrMlp, LinePitchTellsAWideLetterFromANarrowDigit) {
       }
     return n;
   };
-  const auto dir = std::filesystem::temp_directory_path() / "vision_ocr_pitch";
-  std::filesystem::create_directories(dir);
-  const std::string path = (dir / "pitch.omc").string();
-  write_ocr_class_mlp(train("line_pitch"), HTuple(path));
+  const std::string path = WriteInTempFolder(train("line_pitch"), "vision_ocr_pitch", "pitch.omc");
+  const auto dir = std::filesystem::path(path).parent_path();
   HTuple again;
   read_ocr_class_mlp(HTuple(path), &again);
   EXPECT_EQ(correct(again), 6);
