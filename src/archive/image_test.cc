@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
+#include <tuple>
 #include <opencv2/imgcodecs.hpp>
 
 #include "archive/archive.h"
@@ -37,11 +38,10 @@ unsigned Sample(const RawBitmap& b, int x, int y, int index) {
 }
 
 void ExpectSamePixels(const RawBitmap& a, const RawBitmap& b, const std::string& name) {
-  ASSERT_EQ(a.width, b.width) << name;
-  ASSERT_EQ(a.height, b.height) << name;
-  ASSERT_EQ(a.samples_per_pixel, b.samples_per_pixel) << name;
-  ASSERT_EQ(a.bits_per_sample, b.bits_per_sample) << name;
-  ASSERT_EQ(a.has_alpha, b.has_alpha) << name;
+  const auto shape = [](const RawBitmap& m) {
+    return std::tuple(m.width, m.height, m.samples_per_pixel, m.bits_per_sample, m.has_alpha);
+  };
+  ASSERT_EQ(shape(a), shape(b)) << name;
   ASSERT_GE(b.data.size(), b.ExpectedDataSize()) << name;
   int mismatches = 0;
   for (int y = 0; y < a.height; ++y)
@@ -59,6 +59,7 @@ TEST(Tiff, EncodeDecodeKeepsEveryLayout) {
     bool alpha_first_out;
   };
   const Case cases[] = {
+      // Alpha first, interleaved, every sample equal: the system's bitmap comes back byte for byte.
       {"ARGB as the system writes it, padded rows", Pattern(5, 3, 4, 8, true, true, false, 12), false, true},
       {"RGBA, alpha last", Pattern(4, 2, 4, 8, true, false, false), false, true},
       {"RGB, odd width, padded", Pattern(7, 5, 3, 8, false, false, false, 3), false, false},
@@ -81,46 +82,41 @@ TEST(Tiff, EncodeDecodeKeepsEveryLayout) {
   }
 }
 
-TEST(Tiff, SystemBitmapComesBackByteForByte) {
-  // 8-bit ARGB with the padded rows the system gives its bitmaps.
-  const RawBitmap argb = Pattern(6, 4, 4, 8, true, true, false, (4 * 6 + 16) / 16 * 16 - 4 * 6);
-  const RawBitmap back = DecodeTiff(EncodeTiff(argb));
-  ASSERT_EQ(back.samples_per_pixel, 4);
-  ASSERT_TRUE(back.alpha_first);
-  ASSERT_EQ(back.bytes_per_row, 24u);
-  for (int y = 0; y < argb.height; ++y)
-    EXPECT_TRUE(std::equal(back.data.begin() + y * 24, back.data.begin() + (y + 1) * 24,
-                           argb.data.begin() + static_cast<std::ptrdiff_t>(y * argb.bytes_per_row)))
-        << "row " << y;
-}
-
-// Files written directly with libtiff, in layouts our encoder does not make.
+// A file written directly with libtiff, in layouts our encoder does not make.
 class TiffFile {
  public:
-  TiffFile() : path_(std::filesystem::temp_directory_path() / ("archive_test_" + std::to_string(getpid()) + ".tif")) {}
+  TiffFile(int width, int height, int samples, int bits, int photometric, const char* mode = "w")
+      : path_(std::filesystem::temp_directory_path() /
+              ("archive_test_" + std::to_string(getpid()) + ".tif")),
+        tiff_(TIFFOpen(path_.c_str(), mode)) {
+    TIFFSetField(tiff_, TIFFTAG_IMAGEWIDTH, width);
+    TIFFSetField(tiff_, TIFFTAG_IMAGELENGTH, height);
+    TIFFSetField(tiff_, TIFFTAG_SAMPLESPERPIXEL, samples);
+    TIFFSetField(tiff_, TIFFTAG_BITSPERSAMPLE, bits);
+    TIFFSetField(tiff_, TIFFTAG_PHOTOMETRIC, photometric);
+  }
   ~TiffFile() { std::filesystem::remove(path_); }
-  TIFF* Create(const char* mode = "w") { return TIFFOpen(path_.c_str(), mode); }
-  std::vector<uint8_t> Bytes() const { return ReadFileBytes(path_); }
+  TIFF* get() const { return tiff_; }
+  // Closes the file and gives its bytes.
+  std::vector<uint8_t> Close() {
+    TIFFClose(tiff_);
+    return ReadFileBytes(path_);
+  }
 
  private:
   std::filesystem::path path_;
+  TIFF* tiff_;
 };
 
 TEST(Tiff, DecodesTiledCompressedPaletteAndBigEndianFiles) {
   const RawBitmap rgb = Pattern(40, 30, 3, 8, false, false, false);
   {
     SCOPED_TRACE("tiled, LZW");
-    TiffFile file;
-    TIFF* t = file.Create();
-    TIFFSetField(t, TIFFTAG_IMAGEWIDTH, 40);
-    TIFFSetField(t, TIFFTAG_IMAGELENGTH, 30);
-    TIFFSetField(t, TIFFTAG_SAMPLESPERPIXEL, 3);
-    TIFFSetField(t, TIFFTAG_BITSPERSAMPLE, 8);
-    TIFFSetField(t, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_RGB);
-    TIFFSetField(t, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
-    TIFFSetField(t, TIFFTAG_COMPRESSION, COMPRESSION_LZW);
-    TIFFSetField(t, TIFFTAG_TILEWIDTH, 16);
-    TIFFSetField(t, TIFFTAG_TILELENGTH, 16);
+    TiffFile file(40, 30, 3, 8, PHOTOMETRIC_RGB);
+    TIFFSetField(file.get(), TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
+    TIFFSetField(file.get(), TIFFTAG_COMPRESSION, COMPRESSION_LZW);
+    TIFFSetField(file.get(), TIFFTAG_TILEWIDTH, 16);
+    TIFFSetField(file.get(), TIFFTAG_TILELENGTH, 16);
     std::vector<uint8_t> tile(16 * 16 * 3);
     for (int ty = 0; ty < 30; ty += 16)
       for (int tx = 0; tx < 40; tx += 16) {
@@ -128,45 +124,30 @@ TEST(Tiff, DecodesTiledCompressedPaletteAndBigEndianFiles) {
         for (int y = 0; y < 16 && ty + y < 30; ++y)
           for (int x = 0; x < 16 && tx + x < 40; ++x)
             for (int s = 0; s < 3; ++s) tile[(y * 16 + x) * 3 + s] = rgb.data[((ty + y) * 40 + tx + x) * 3 + s];
-        TIFFWriteTile(t, tile.data(), tx, ty, 0, 0);
+        TIFFWriteTile(file.get(), tile.data(), tx, ty, 0, 0);
       }
-    TIFFClose(t);
-    ExpectSamePixels(rgb, DecodeTiff(file.Bytes()), "tiled");
+    ExpectSamePixels(rgb, DecodeTiff(file.Close()), "tiled");
   }
   {
     SCOPED_TRACE("palette, 4 bits");
-    TiffFile file;
-    TIFF* t = file.Create();
-    TIFFSetField(t, TIFFTAG_IMAGEWIDTH, 3);
-    TIFFSetField(t, TIFFTAG_IMAGELENGTH, 1);
-    TIFFSetField(t, TIFFTAG_SAMPLESPERPIXEL, 1);
-    TIFFSetField(t, TIFFTAG_BITSPERSAMPLE, 4);
-    TIFFSetField(t, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_PALETTE);
+    TiffFile file(3, 1, 1, 4, PHOTOMETRIC_PALETTE);
     std::vector<uint16_t> r(16, 0), g(16, 0), b(16, 0);
     r[1] = 0xFF00;
     g[2] = 0x8000;
     b[15] = 0x1000;
-    TIFFSetField(t, TIFFTAG_COLORMAP, r.data(), g.data(), b.data());
+    TIFFSetField(file.get(), TIFFTAG_COLORMAP, r.data(), g.data(), b.data());
     uint8_t row[2] = {0x12, 0xF0};  // indices 1, 2, 15
-    TIFFWriteScanline(t, row, 0, 0);
-    TIFFClose(t);
-    const RawBitmap decoded = DecodeTiff(file.Bytes());
+    TIFFWriteScanline(file.get(), row, 0, 0);
+    const RawBitmap decoded = DecodeTiff(file.Close());
     EXPECT_EQ(decoded.samples_per_pixel, 3);
     EXPECT_EQ(decoded.data, (std::vector<uint8_t>{0xFF, 0, 0, 0, 0x80, 0, 0, 0, 0x10}));
   }
   {
     SCOPED_TRACE("big-endian 16-bit grey");
-    TiffFile file;
-    TIFF* t = file.Create("wb");
-    TIFFSetField(t, TIFFTAG_IMAGEWIDTH, 2);
-    TIFFSetField(t, TIFFTAG_IMAGELENGTH, 1);
-    TIFFSetField(t, TIFFTAG_SAMPLESPERPIXEL, 1);
-    TIFFSetField(t, TIFFTAG_BITSPERSAMPLE, 16);
-    TIFFSetField(t, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_MINISBLACK);
+    TiffFile file(2, 1, 1, 16, PHOTOMETRIC_MINISBLACK, "wb");
     uint16_t row[2] = {0x1234, 0xFEDC};
-    TIFFWriteScanline(t, row, 0, 0);
-    TIFFClose(t);
-    const std::vector<uint8_t> bytes = file.Bytes();
+    TIFFWriteScanline(file.get(), row, 0, 0);
+    const std::vector<uint8_t> bytes = file.Close();
     ASSERT_EQ(bytes[0], 'M');
     const RawBitmap decoded = DecodeTiff(bytes);
     EXPECT_EQ(Sample(decoded, 0, 0, 0), 0x1234u);
@@ -200,45 +181,34 @@ TEST(Tiff, MalformedFilesAreQuietErrors) {
   EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
 }
 
-TEST(ImageObject, ArchivedImageKeepsItsPixels) {
+// Images read from archives decode to the pixels they were made of, in our own layout or in the
+// host's, which is not public: the reader takes the first image file in the contents, at any
+// depth, and a size struct for the nominal size.
+TEST(ImageObject, ArchivedImagesKeepTheirPixels) {
   const RawBitmap argb = Pattern(33, 17, 4, 8, true, true, false, 12);
   auto request = MakeDictionary();
   request->Set("image", MakeImage(argb));
-  const ObjectPtr back = Unarchive(Archive(request));
-  const auto image = AsImage(ReadObject(back, "image"));
-  ASSERT_TRUE(image);
-  EXPECT_EQ(image->size().width, 33);
-  EXPECT_EQ(image->size().height, 17);
-  ExpectSamePixels(argb, image->Bitmap(), "archived image");
-}
+  const auto own = AsImage(ReadObject(Unarchive(Archive(request)), "image"));
+  ASSERT_TRUE(own);
+  EXPECT_EQ(own->size().width, 33);
+  EXPECT_EQ(own->size().height, 17);
+  ExpectSamePixels(argb, own->Bitmap(), "own layout");
 
-// The host's own image layout is not public: the reader takes the first image
-// file in the contents, at any depth, and a size struct for the nominal size.
-TEST(ImageObject, ForeignImageLayoutIsFoundGenerically) {
+  using T = Field::Type;
   const RawBitmap rgb = Pattern(8, 6, 3, 8, false, false, false);
-  Field tiff;
-  tiff.type = Field::Type::Bytes;
   const std::vector<uint8_t> tiff_bytes = EncodeTiff(rgb);
-  tiff.encoding = "[" + std::to_string(tiff_bytes.size()) + "c]";
-  tiff.bytes = tiff_bytes;
-  Field junk = tiff;
-  junk.bytes.assign(tiff_bytes.size(), 7);  // same size, not an image
+  const std::string block = "[" + std::to_string(tiff_bytes.size()) + "c]";
+  const Field tiff{.type = T::Bytes, .encoding = block, .bytes = tiff_bytes};
+  const Field junk{.type = T::Bytes,
+                   .encoding = block,
+                   .bytes = std::vector<uint8_t>(tiff_bytes.size(), 7)};  // same size, not an image
   auto rep = std::make_shared<Unknown>(std::vector<ClassInfo>{{"VMFancyRep", 4}, {"NSObject", 0}},
-                                       std::vector<Group>{{junk.encoding, {junk}}, {tiff.encoding, {tiff}}});
-  Field size;
-  size.type = Field::Type::Compound;
-  size.encoding = "{_NSSize=ff}";
-  for (double v : {4.0, 3.0}) {
-    Field f;
-    f.type = Field::Type::Real;
-    f.encoding = "f";
-    f.d = v;
-    size.elements.push_back(f);
-  }
-  Field rep_field;
-  rep_field.type = Field::Type::Object;
-  rep_field.encoding = "@";
-  rep_field.object = rep;
+                                       std::vector<Group>{{block, {junk}}, {block, {tiff}}});
+  const Field size{.type = T::Compound,
+                   .encoding = "{_NSSize=ff}",
+                   .elements = {{.type = T::Real, .encoding = "f", .d = 4},
+                                {.type = T::Real, .encoding = "f", .d = 3}}};
+  const Field rep_field{.type = T::Object, .encoding = "@", .object = rep};
   auto host_image = std::make_shared<Unknown>(std::vector<ClassInfo>{{"NSImage", 7}, {"NSObject", 0}},
                                               std::vector<Group>{{"{_NSSize=ff}", {size}}, {"@", {rep_field}}});
 

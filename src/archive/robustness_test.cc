@@ -56,22 +56,21 @@ TEST(ArchiveRobustness, CorruptedBytesNeverCrash) {
 }
 
 TEST(ArchiveRobustness, HugeCountsAreRefusedWithoutAllocating) {
-  const std::string array_head = "84 84 84 07 'NSArray' 00 84 84 08 'NSObject' 00 85";
-  const std::string data_head = "84 84 84 06 'NSData' 00 84 84 08 'NSObject' 00 85";
-  const std::string string_head = "84 84 84 08 'NSString' 01 84 84 08 'NSObject' 00 85";
-  const std::pair<const char*, std::vector<uint8_t>> cases[] = {
-      {"array count 2^31-1", Concat({LittleHeader(), Hex(array_head), Hex("84 01 'i' 82 FF FF FF 7F 86")})},
-      {"byte array of 2^31-1", Concat({LittleHeader(), Hex(data_head),
-                                       Hex("84 01 'i' 82 FF FF FF 7F 84 0D '[2147483647c]' 00 00 86")})},
-      {"array of 4e9 ints", Concat({LittleHeader(), Hex(data_head), Hex("84 0D '[4000000000i]' 00 86")})},
-      {"nested arrays of 1e9", Concat({LittleHeader(), Hex(data_head),
-                                       Hex("84 19 '[1000000000[1000000000i]]' 00 86")})},
-      {"arrays of empty elements", Concat({LittleHeader(), Hex(data_head), Hex("84 0C '[100000[0i]]' 00 86")})},
-      {"string of 2^31-1", Concat({LittleHeader(), Hex(string_head), Hex("84 01 '+' 82 FF FF FF 7F 'abc' 86")})},
-      {"negative length", Concat({LittleHeader(), Hex(string_head), Hex("84 01 '+' FF 'abc' 86")})},
-      {"shared string of 2^31-1", Concat({LittleHeader(), Hex("84 84 84 82 FF FF FF 7F 'NSString'")})},
+  const std::string array = "84 84 84 07 'NSArray' 00 84 84 08 'NSObject' 00 85 ";
+  const std::string data = "84 84 84 06 'NSData' 00 84 84 08 'NSObject' 00 85 ";
+  const std::string string = "84 84 84 08 'NSString' 01 84 84 08 'NSObject' 00 85 ";
+  const std::pair<const char*, std::string> cases[] = {
+      {"array count 2^31-1", array + "84 01 'i' 82 FF FF FF 7F 86"},
+      {"byte array of 2^31-1", data + "84 01 'i' 82 FF FF FF 7F 84 0D '[2147483647c]' 00 00 86"},
+      {"array of 4e9 ints", data + "84 0D '[4000000000i]' 00 86"},
+      {"nested arrays of 1e9", data + "84 19 '[1000000000[1000000000i]]' 00 86"},
+      {"arrays of empty elements", data + "84 0C '[100000[0i]]' 00 86"},
+      {"string of 2^31-1", string + "84 01 '+' 82 FF FF FF 7F 'abc' 86"},
+      {"negative length", string + "84 01 '+' FF 'abc' 86"},
+      {"shared string of 2^31-1", "84 84 84 82 FF FF FF 7F 'NSString'"},
   };
-  for (const auto& [name, bytes] : cases) {
+  for (const auto& [name, hex] : cases) {
+    const std::vector<uint8_t> bytes = Concat({LittleHeader(), Hex(hex)});
     ASSERT_LT(bytes.size(), 100u) << name;
     EXPECT_THROW(Unarchive(bytes), ArchiveError) << name;
   }
@@ -105,38 +104,36 @@ TEST(ArchiveRobustness, NestingDepthIsBounded) {
   // Deeply nested struct types are refused too.
   std::string type;
   for (int k = 0; k < 300; ++k) type += "{a=";
-  type += "i";
-  for (int k = 0; k < 300; ++k) type += "}";
-  std::vector<uint8_t> bytes = Concat({LittleHeader(), Hex("84 84 84 07 'NSValue' 00 84 84 08 'NSObject' 00 85")});
-  bytes.push_back(0x84);
-  bytes.push_back(0x81);
-  bytes.push_back(static_cast<uint8_t>(type.size() & 0xFF));
-  bytes.push_back(static_cast<uint8_t>(type.size() >> 8));
-  bytes.insert(bytes.end(), type.begin(), type.end());
-  bytes.push_back(0x01);
+  type += "i" + std::string(300, '}');
+  const std::vector<uint8_t> bytes =
+      Concat({LittleHeader(), Hex("84 84 84 07 'NSValue' 00 84 84 08 'NSObject' 00 85 84 81"),
+              {static_cast<uint8_t>(type.size() & 0xFF), static_cast<uint8_t>(type.size() >> 8)},
+              Hex("'" + type + "' 01")});
   EXPECT_THROW(Unarchive(bytes), ArchiveError);
 }
 
 TEST(ArchiveRobustness, CyclesAndMisplacedTagsAreErrors) {
-  const std::string array_head = "84 84 84 07 'NSArray' 00 84 84 08 'NSObject' 00 85 84 01 'i' 01 92";
-  const std::pair<const char*, std::vector<uint8_t>> cases[] = {
-      {"array holding itself", Concat({LittleHeader(), Hex(array_head), Hex("92 86")})},
-      {"class chain naming itself", Concat({LittleHeader(), Hex("84 84 84 01 'X' 00 93 86")})},
+  const std::string array = "84 84 84 07 'NSArray' 00 84 84 08 'NSObject' 00 85 84 01 'i' 01 92 ";
+  // After the header.
+  const std::pair<const char*, std::string> cases[] = {
+      {"array holding itself", array + "92 86"},
+      {"class chain naming itself", "84 84 84 01 'X' 00 93 86"},
       // Two classes of one name in one chain: the writer (classes are known by
       // name) could not write it back readably.
-      {"class chain naming a class twice", Concat({LittleHeader(), Hex("84 84 84 01 'X' 00 84 93 00 85 86")})},
-      {"end tag as a value", Concat({LittleHeader(), Hex(array_head), Hex("86 86")})},
-      {"real tag as a count", Concat({LittleHeader(), Hex("84 84 84 07 'NSArray' 00 85 84 01 'i' 83 00 86")})},
-      {"object without class", Concat({LittleHeader(), Hex("84 85 86")})},
-      {"nil type string", Concat({LittleHeader(), Hex("84 84 84 01 'X' 00 85 85 86")})},
-      {"union type", Concat({LittleHeader(), Hex("84 84 84 01 'X' 00 85 84 05 '(u=i)' 00 86")})},
-      {"unclosed struct", Concat({LittleHeader(), Hex("84 84 84 01 'X' 00 85 84 04 '{s=i' 00 86")})},
-      {"bad signature", Hex("04 0B 'streamtypeX' 81 E8 03 84 01 '@' 85")},
-      {"keyed archive", Hex("62 70 6C 69 73 74 30 30")},
-      {"root not an object", Hex("04 0B 'streamtyped' 81 E8 03 84 01 'i' 05")},
-      {"empty", {}},
+      {"class chain naming a class twice", "84 84 84 01 'X' 00 84 93 00 85 86"},
+      {"end tag as a value", array + "86 86"},
+      {"real tag as a count", "84 84 84 07 'NSArray' 00 85 84 01 'i' 83 00 86"},
+      {"object without class", "84 85 86"},
+      {"nil type string", "84 84 84 01 'X' 00 85 85 86"},
+      {"union type", "84 84 84 01 'X' 00 85 84 05 '(u=i)' 00 86"},
+      {"unclosed struct", "84 84 84 01 'X' 00 85 84 04 '{s=i' 00 86"},
   };
-  for (const auto& [name, bytes] : cases) EXPECT_THROW(Unarchive(bytes), ArchiveError) << name;
+  for (const auto& [name, hex] : cases)
+    EXPECT_THROW(Unarchive(Concat({LittleHeader(), Hex(hex)})), ArchiveError) << name;
+  // Not an archive: bad signature, keyed archive, root not an object, empty.
+  for (const char* hex : {"04 0B 'streamtypeX' 81 E8 03 84 01 '@' 85", "62 70 6C 69 73 74 30 30",
+                          "04 0B 'streamtyped' 81 E8 03 84 01 'i' 05", ""})
+    EXPECT_THROW(Unarchive(Hex(hex)), ArchiveError) << hex;
 }
 
 }  // namespace
