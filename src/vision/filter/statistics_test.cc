@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <utility>
 
 #include "vision/filter/test_util.h"
 
@@ -13,48 +14,48 @@ namespace {
 using test::MakeImage;
 using test::RandomImage;
 using test::RandomRegion;
+using MinMaxPair = std::pair<double, double>;
 
 // Straightforward ranking: all values of the clipped region sorted, n skipped
-// at each end but never past the median.
-void ReferenceMinMax(const Region& reg, const Image& img, double percent, double* lo, double* hi) {
+// at each end but never past the median; an empty region gives 0, 0.
+MinMaxPair ReferenceMinMax(const Region& reg, const Image& img, double percent) {
   const Region r = reg.Clipped(img.height, img.width);
   cv::Mat d;
   img.planes[0].convertTo(d, CV_64F);
   std::vector<double> v;
   for (const Run& run : r.Runs())
     for (int c = run.cb; c <= run.ce; ++c) v.push_back(d.at<double>(run.row, c));
-  *lo = *hi = 0;
-  if (v.empty()) return;
+  if (v.empty()) return {0, 0};
   std::sort(v.begin(), v.end());
   const size_t n = std::min<size_t>(size_t(double(v.size()) * percent / 100.0), (v.size() - 1) / 2);
-  *lo = v[n];
-  *hi = v[v.size() - 1 - n];
+  return {v[n], v[v.size() - 1 - n]};
 }
 
-// 60 pixels with the histogram 0:2, 1:8, 3:7, 4:13, 250:10, 251:10, 252:5,
-// 253:3, 254:1, 255:1.
-std::vector<double> KnownHistogram() {
+// min_max_gray of one region as {min, max}; the range must be their difference.
+MinMaxPair MinMax(const HObject& region, const HObject& image, double percent) {
+  HTuple mn, mx, rg;
+  min_max_gray(region, image, percent, &mn, &mx, &rg);
+  EXPECT_EQ(rg, HTuple(mx.D(0) - mn.D(0)));
+  return {mn.D(0), mx.D(0)};
+}
+
+// 60 pixels: gray value and count.
+constexpr std::pair<int, int> kHistogram[] = {{0, 2},    {1, 8},   {3, 7},   {4, 13},  {250, 10},
+                                              {251, 10}, {252, 5}, {253, 3}, {254, 1}, {255, 1}};
+
+HObject KnownHistogram(PixelType t) {
   std::vector<double> v;
-  for (auto [g, n] : {std::pair{0, 2}, {1, 8}, {3, 7}, {4, 13}, {250, 10}, {251, 10}, {252, 5}, {253, 3},
-                      {254, 1}, {255, 1}})
-    v.insert(v.end(), size_t(n), double(g));
-  return v;
+  for (auto [g, n] : kHistogram) v.insert(v.end(), size_t(n), double(g));
+  return HObject(MakeImage(t, 10, 6, v));
 }
 
 TEST(Statistics, MinMaxGrayPercentCutsPixelsAtBothEnds) {
-  const std::vector<double> v = KnownHistogram();
-  struct Case { double percent, min, max; } cases[] = {
-      {0, 0, 255}, {5, 1, 253}, {10, 1, 252}, {20, 3, 251},
-  };
+  const std::pair<double, MinMaxPair> cases[] = {
+      {0, {0, 255}}, {5, {1, 253}}, {10, {1, 252}}, {20, {3, 251}}};
   for (PixelType t : {PixelType::Byte, PixelType::Real, PixelType::UInt2}) {
-    HObject img(MakeImage(t, 10, 6, v));
-    for (const Case& c : cases) {
-      HTuple mn, mx, rg;
-      min_max_gray(img, img, c.percent, &mn, &mx, &rg);
-      EXPECT_EQ(mn.D(0), c.min) << PixelTypeName(t) << " " << c.percent;
-      EXPECT_EQ(mx.D(0), c.max) << PixelTypeName(t) << " " << c.percent;
-      EXPECT_EQ(rg.D(0), c.max - c.min);
-    }
+    const HObject img = KnownHistogram(t);
+    for (const auto& [percent, want] : cases)
+      EXPECT_EQ(MinMax(img, img, percent), want) << PixelTypeName(t) << " " << percent;
   }
 }
 
@@ -64,7 +65,8 @@ TEST(Statistics, MinMaxGrayMatchesFullSortOnRandomInputs) {
   std::mt19937 rng(4711);
   const double percents[] = {0, 0.3, 5, 10, 10, 25, 49.5, 50};
   const double spreads[] = {2, 300, 1e5, 3e9};
-  for (PixelType t : {PixelType::Byte, PixelType::UInt2, PixelType::Int2, PixelType::Int4, PixelType::Real}) {
+  for (PixelType t :
+       {PixelType::Byte, PixelType::UInt2, PixelType::Int2, PixelType::Int4, PixelType::Real}) {
     for (int trial = 0; trial < 150; ++trial) {
       const int w = 1 + int(rng() % 71), h = 1 + int(rng() % 37);
       const double spread = spreads[rng() % 4];
@@ -75,11 +77,12 @@ TEST(Statistics, MinMaxGrayMatchesFullSortOnRandomInputs) {
       HTuple mn, mx, rg;
       min_max_gray(regions, HObject(img), pc, &mn, &mx, &rg);
       ASSERT_EQ(mn.Length(), 3);
+      SCOPED_TRACE(testing::Message() << PixelTypeName(t) << " " << w << "x" << h << " percent "
+                                      << pc << " trial " << trial);
       for (long k = 0; k < 3; ++k) {
-        double lo, hi;
-        ReferenceMinMax(regions.RegionAt(k), img, pc, &lo, &hi);
-        ASSERT_EQ(mn.D(k), lo) << PixelTypeName(t) << " " << w << "x" << h << " percent " << pc << " trial " << trial;
-        ASSERT_EQ(mx.D(k), hi) << PixelTypeName(t) << " " << w << "x" << h << " percent " << pc << " trial " << trial;
+        const auto [lo, hi] = ReferenceMinMax(regions.RegionAt(k), img, pc);
+        ASSERT_EQ(mn.D(k), lo);
+        ASSERT_EQ(mx.D(k), hi);
         ASSERT_EQ(rg.D(k), hi - lo);
       }
     }
@@ -96,22 +99,14 @@ TEST(Statistics, MinMaxGrayRealClustersAndInfinities) {
   v[5] = -1e30;
   v[77] = 3e30;
   HObject img(MakeImage(PixelType::Real, 301, 211, v));
-  for (double pc : {0.0, 0.001, 1.0, 10.0, 50.0}) {
-    HTuple mn, mx, rg;
-    min_max_gray(img, img, pc, &mn, &mx, &rg);
-    double lo, hi;
-    ReferenceMinMax(img.ImageAt(0).domain, img.ImageAt(0), pc, &lo, &hi);
-    EXPECT_EQ(mn.D(0), lo) << pc;
-    EXPECT_EQ(mx.D(0), hi) << pc;
-  }
+  for (double pc : {0.0, 0.001, 1.0, 10.0, 50.0})
+    EXPECT_EQ(MinMax(img, img, pc), ReferenceMinMax(img.ImageAt(0).domain, img.ImageAt(0), pc))
+        << pc;
   const double inf = std::numeric_limits<double>::infinity();
   HObject with_inf(MakeImage(PixelType::Real, 5, 1, {3, -inf, 1, inf, 2}));
-  for (auto [pc, lo, hi] : {std::tuple{0.0, -inf, inf}, {20.0, 1.0, 3.0}, {50.0, 2.0, 2.0}}) {
-    HTuple mn, mx, rg;
-    min_max_gray(with_inf, with_inf, pc, &mn, &mx, &rg);
-    EXPECT_EQ(mn.D(0), lo) << pc;
-    EXPECT_EQ(mx.D(0), hi) << pc;
-  }
+  EXPECT_EQ(MinMax(with_inf, with_inf, 0), MinMaxPair(-inf, inf));
+  EXPECT_EQ(MinMax(with_inf, with_inf, 20), MinMaxPair(1, 3));
+  EXPECT_EQ(MinMax(with_inf, with_inf, 50), MinMaxPair(2, 2));
 }
 
 TEST(Statistics, MinMaxGrayUsesRegionsNotDomain) {
@@ -127,26 +122,22 @@ TEST(Statistics, MinMaxGrayUsesRegionsNotDomain) {
   EXPECT_THROW(min_max_gray(regions, HObject(img), 60, &mn, &mx, &rg), HException);
 }
 
-TEST(Statistics, GrayHistoCountsAndRelativeSumsToOne) {
-  HObject img(MakeImage(PixelType::Byte, 10, 6, KnownHistogram()));
+TEST(Statistics, GrayHistoAbsoluteAndRelativeBins) {
+  const HObject img = KnownHistogram(PixelType::Byte);
   HTuple abs_h, rel_h;
   gray_histo(img, img, &abs_h, &rel_h);
-  ASSERT_EQ(abs_h.Length(), 256);
-  EXPECT_EQ(abs_h.L(4), 13);
-  EXPECT_EQ(abs_h.L(2), 0);
-  EXPECT_EQ(abs_h.L(255), 1);
-  double sum = 0;
-  for (Hlong i = 0; i < 256; ++i) sum += rel_h.D(i);
-  EXPECT_NEAR(sum, 1.0, 1e-12);
-  EXPECT_NEAR(rel_h.D(1), 8.0 / 60.0, 1e-12);
+  std::vector<Hlong> want(256, 0);
+  for (auto [g, n] : kHistogram) want[size_t(g)] = n;
+  EXPECT_EQ(abs_h, HTuple::Ints(want));
+  ASSERT_EQ(rel_h.Length(), 256);
+  for (Hlong i = 0; i < 256; ++i) EXPECT_DOUBLE_EQ(rel_h.D(i), double(want[size_t(i)]) / 60.0) << i;
 
   // Real images: 256 equal bins between the minimum and the maximum.
   HObject real(MakeImage(PixelType::Real, 4, 1, {-1.0, 0.0, 0.99, 1.0}));
   gray_histo(real, real, &abs_h, &rel_h);
-  EXPECT_EQ(abs_h.L(0), 1);
-  EXPECT_EQ(abs_h.L(128), 1);
-  EXPECT_EQ(abs_h.L(254), 1);
-  EXPECT_EQ(abs_h.L(255), 1);  // the maximum falls in the last bin
+  want.assign(256, 0);
+  for (size_t bin : {0, 128, 254, 255}) want[bin] = 1;  // the maximum falls in the last bin
+  EXPECT_EQ(abs_h, HTuple::Ints(want));
 }
 
 }  // namespace

@@ -9,102 +9,84 @@ namespace {
 
 constexpr double kPi = 3.14159265358979323846;
 
-TEST(TupleOps, RoundingFamilyKeepsTheReferenceTypes) {
-  const HTuple in{2.5, -2.5, -2.7, 3, 0.49};
+using Unary = void (*)(const HTuple&, HTuple*);
+
+// The result of a tuple operator whose last parameter is its only output.
+template <class Op, class... In>
+HTuple Out(Op op, const In&... in) {
   HTuple r;
-  tuple_round(in, &r);
-  EXPECT_EQ(r, HTuple::Ints({3, -3, -3, 3, 0}));
-  EXPECT_TRUE(r.IsInt(0));
-  tuple_int(in, &r);
-  EXPECT_EQ(r, HTuple::Ints({2, -2, -2, 3, 0}));
-  tuple_floor(in, &r);
-  EXPECT_EQ(r, HTuple::Reals({2, -3, -3, 3, 0}));
-  EXPECT_TRUE(r.IsReal(3));
-  tuple_ceil(in, &r);
-  EXPECT_EQ(r, HTuple::Reals({3, -2, -2, 3, 1}));
-  tuple_abs(HTuple{-4, -1.5}, &r);
-  EXPECT_TRUE(r.IsInt(0));
-  EXPECT_EQ(r, HTuple({4, 1.5}));
-  tuple_fabs(HTuple(-4), &r);
-  EXPECT_TRUE(r.IsReal(0));
-  tuple_sgn(HTuple{-0.1, 0, 7}, &r);
-  EXPECT_EQ(r, HTuple::Ints({-1, 0, 1}));
-  tuple_deg(HTuple(kPi), &r);
-  EXPECT_DOUBLE_EQ(r.D(0), 180.0);
-  tuple_rad(HTuple(90), &r);
-  EXPECT_DOUBLE_EQ(r.D(0), kPi / 2);
-  tuple_sqrt(HTuple(9), &r);
-  EXPECT_DOUBLE_EQ(r.D(0), 3.0);
-  EXPECT_THROW(tuple_sqrt(HTuple(-1), &r), HException);
-  EXPECT_THROW(tuple_round(HTuple("a"), &r), HException);
+  op(HTuple(in)..., &r);
+  return r;
 }
 
-TEST(TupleOps, Aggregates) {
-  HTuple r;
-  tuple_sum(HTuple::Ints({1, 2, 3}), &r);
-  EXPECT_TRUE(r.IsInt(0));
-  EXPECT_EQ(r.L(0), 6);
-  tuple_sum(HTuple{1, 0.5}, &r);
-  EXPECT_DOUBLE_EQ(r.D(0), 1.5);
-  tuple_sum(HTuple(), &r);
-  EXPECT_EQ(r.L(0), 0);
-  tuple_mean(HTuple::Ints({1, 2}), &r);
-  EXPECT_DOUBLE_EQ(r.D(0), 1.5);
-  EXPECT_THROW(tuple_mean(HTuple(), &r), HException);
-  tuple_min(HTuple{3, -1.5, 2}, &r);
-  EXPECT_DOUBLE_EQ(r.D(0), -1.5);
-  tuple_max(HTuple{3, -1.5, 2}, &r);
-  EXPECT_TRUE(r.IsInt(0));
-  EXPECT_EQ(r.L(0), 3);
-  EXPECT_THROW(tuple_max(HTuple(), &r), HException);
-  tuple_length(HTuple{1, "a"}, &r);
-  EXPECT_EQ(r.L(0), 2);
+// The values and, element by element, integer or real as in `want`.
+void ExpectTyped(const HTuple& got, const HTuple& want) {
+  ASSERT_EQ(got, want);
+  for (Hlong i = 0; i < got.Length(); ++i)
+    EXPECT_EQ(got.IsInt(i), want.IsInt(i)) << "element " << i;
+}
+
+TEST(TupleOps, ElementwiseAndAggregatesKeepTheReferenceTypes) {
+  const HTuple in{2.5, -2.5, -2.7, 3, 0.49};
+  struct Case { const char* name; Unary op; HTuple in, want; } cases[] = {
+      {"round", tuple_round, in, HTuple::Ints({3, -3, -3, 3, 0})},  // halves away from zero
+      {"int", tuple_int, in, HTuple::Ints({2, -2, -2, 3, 0})},
+      {"floor", tuple_floor, in, HTuple::Reals({2, -3, -3, 3, 0})},
+      {"ceil", tuple_ceil, in, HTuple::Reals({3, -2, -2, 3, 1})},
+      {"abs", tuple_abs, {-4, -1.5}, {4, 1.5}},
+      {"fabs", tuple_fabs, -4, 4.0},
+      {"sgn", tuple_sgn, {-0.1, 0, 7}, HTuple::Ints({-1, 0, 1})},
+      {"deg", tuple_deg, kPi, 180.0},
+      {"rad", tuple_rad, 90, kPi / 2},
+      {"sqrt", tuple_sqrt, 9, 3.0},
+      {"sum", tuple_sum, HTuple::Ints({1, 2, 3}), 6},
+      {"sum", tuple_sum, {1, 0.5}, 1.5},
+      {"sum", tuple_sum, HTuple(), 0},
+      {"mean", tuple_mean, HTuple::Ints({1, 2}), 1.5},
+      {"min", tuple_min, {3, -1.5, 2}, -1.5},
+      {"max", tuple_max, {3, -1.5, 2}, 3},
+      {"length", tuple_length, {1, "a"}, 2},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    ExpectTyped(Out(c.op, c.in), c.want);
+  }
+  EXPECT_THROW(Out(tuple_sqrt, -1), HException);
+  EXPECT_THROW(Out(tuple_round, "a"), HException);
+  EXPECT_THROW(Out(tuple_mean, HTuple()), HException);
+  EXPECT_THROW(Out(tuple_max, HTuple()), HException);
 }
 
 TEST(TupleOps, SelectionAndSearch) {
   const HTuple t{10, 20, 30, 20, 30};
-  HTuple r;
-  tuple_select_range(t, 1, 3, &r);
-  EXPECT_EQ(r, HTuple::Ints({20, 30, 20}));
-  tuple_select_range(t, 1.0, 2.0, &r);  // whole reals serve as indices
-  EXPECT_EQ(r, HTuple::Ints({20, 30}));
-  EXPECT_THROW(tuple_select_range(t, 1.5, 2, &r), HException);
-  tuple_select_range(t, 2, 1, &r);  // empty selection is allowed
-  EXPECT_TRUE(r.Empty());
-  EXPECT_THROW(tuple_select_range(t, 3, 5, &r), HException);
-  EXPECT_THROW(tuple_select_range(t, 3, 1, &r), HException);
-  tuple_select(t, HTuple::Ints({4, 0}), &r);
-  EXPECT_EQ(r, HTuple::Ints({30, 10}));
-  EXPECT_THROW(tuple_select(t, 5, &r), HException);
-  tuple_find(t, HTuple::Ints({20, 30}), &r);
-  EXPECT_EQ(r, HTuple::Ints({1, 3}));
-  tuple_find(t, 20.0, &r);  // numbers compare by value
-  EXPECT_EQ(r, HTuple::Ints({1, 3}));
-  tuple_find(t, 99, &r);
-  EXPECT_EQ(r, HTuple(-1));
-  tuple_concat(HTuple(1), HTuple{"a", 2.5}, &r);
-  EXPECT_EQ(r, HTuple({1, "a", 2.5}));
-  tuple_gen_const(3, "x", &r);
-  EXPECT_EQ(r, HTuple({"x", "x", "x"}));
-  tuple_gen_const(0, 1, &r);
-  EXPECT_TRUE(r.Empty());
+  EXPECT_EQ(Out(tuple_select_range, t, 1, 3), HTuple::Ints({20, 30, 20}));
+  EXPECT_EQ(Out(tuple_select_range, t, 1.0, 2.0), HTuple::Ints({20, 30}));  // whole reals index
+  EXPECT_TRUE(Out(tuple_select_range, t, 2, 1).Empty());  // empty selection is allowed
+  EXPECT_THROW(Out(tuple_select_range, t, 1.5, 2), HException);
+  EXPECT_THROW(Out(tuple_select_range, t, 3, 5), HException);
+  EXPECT_THROW(Out(tuple_select_range, t, 3, 1), HException);
+  EXPECT_EQ(Out(tuple_select, t, HTuple::Ints({4, 0})), HTuple::Ints({30, 10}));
+  EXPECT_THROW(Out(tuple_select, t, 5), HException);
+  EXPECT_EQ(Out(tuple_find, t, HTuple::Ints({20, 30})), HTuple::Ints({1, 3}));
+  EXPECT_EQ(Out(tuple_find, t, 20.0), HTuple::Ints({1, 3}));  // numbers compare by value
+  EXPECT_EQ(Out(tuple_find, t, 99), HTuple(-1));
+  EXPECT_EQ(Out(tuple_concat, 1, HTuple{"a", 2.5}), HTuple({1, "a", 2.5}));
+  EXPECT_EQ(Out(tuple_gen_const, 3, "x"), HTuple({"x", "x", "x"}));
+  EXPECT_TRUE(Out(tuple_gen_const, 0, 1).Empty());
 }
 
 TEST(TupleOps, Strings) {
-  HTuple r;
-  tuple_strlen(HTuple{"abc", ""}, &r);
-  EXPECT_EQ(r, HTuple::Ints({3, 0}));
-  tuple_split(HTuple("a,,b;c"), ",;", &r);
-  EXPECT_EQ(r, HTuple({"a", "b", "c"}));
-  tuple_regexp_select(HTuple{"Industrial_0-9.omc", "OCRA_A-Z+.omc", "readme"}, "\\.omc$", &r);
-  EXPECT_EQ(r, HTuple({"Industrial_0-9.omc", "OCRA_A-Z+.omc"}));
-  tuple_regexp_select(HTuple{"ABC", "abc", "x"}, HTuple{"^abc", "ignore_case"}, &r);
-  EXPECT_EQ(r.Length(), 2);
-  tuple_regexp_select(HTuple{"ABC", "x"}, HTuple{"^abc", "invert_match"}, &r);
-  EXPECT_EQ(r, HTuple({"ABC", "x"}));
-  EXPECT_THROW(tuple_regexp_select(HTuple("a"), "(", &r), HException);
-  tuple_sort(HTuple{"b", 3, "a", -1.5, 2}, &r);
-  EXPECT_EQ(r, HTuple({-1.5, 2, 3, "a", "b"}));
+  EXPECT_EQ(Out(tuple_strlen, HTuple{"abc", ""}), HTuple::Ints({3, 0}));
+  EXPECT_EQ(Out(tuple_split, "a,,b;c", ",;"), HTuple({"a", "b", "c"}));
+  EXPECT_EQ(Out(tuple_regexp_select, HTuple{"Industrial_0-9.omc", "OCRA_A-Z+.omc", "readme"},
+                "\\.omc$"),
+            HTuple({"Industrial_0-9.omc", "OCRA_A-Z+.omc"}));
+  EXPECT_EQ(Out(tuple_regexp_select, HTuple{"ABC", "abc", "x"}, HTuple{"^abc", "ignore_case"}),
+            HTuple({"ABC", "abc"}));
+  EXPECT_EQ(Out(tuple_regexp_select, HTuple{"ABC", "x"}, HTuple{"^abc", "invert_match"}),
+            HTuple({"ABC", "x"}));
+  EXPECT_THROW(Out(tuple_regexp_select, "a", "("), HException);
+  EXPECT_EQ(Out(tuple_sort, HTuple{"b", 3, "a", -1.5, 2}), HTuple({-1.5, 2, 3, "a", "b"}));
 }
 
 }  // namespace
