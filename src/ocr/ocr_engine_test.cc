@@ -31,7 +31,7 @@ double At(const HObject& o, int r, int c, int channel = 0) {
   return d.at<double>(r, c);
 }
 
-TEST(ScaleImageRange, LimitsAndClippingPerChannel) {
+TEST(ScaleImageRange, LimitsClippingPerChannelAndEmptyRange) {
   struct Case {
     HTuple min, max;
     double in, out;
@@ -49,12 +49,14 @@ TEST(ScaleImageRange, LimitsAndClippingPerChannel) {
   for (const Case& c : cases) {
     HObject out;
     scale_image_range(MakeImage(PixelType::Byte, 1, 1, {c.in}), &out, c.min, c.max);
-    EXPECT_EQ(At(out, 0, 0), c.out) << c.min.ToString() << " " << c.max.ToString() << " " << c.in;
+    EXPECT_EQ(At(out, 0, 0), c.out) << c.min.ToString() << " " << c.max.ToString() << " "
+                                    << c.in;
   }
 
   // Real images are not clipped by the scaling itself: the painting does it,
   // and each channel on its own.
-  HObject a = MakeImage(PixelType::Real, 3, 1, {0, 5, 10}), b = MakeImage(PixelType::Real, 3, 1, {10, 2, 8});
+  HObject a = MakeImage(PixelType::Real, 3, 1, {0, 5, 10});
+  HObject b = MakeImage(PixelType::Real, 3, 1, {10, 2, 8});
   HObject rgb, out;
   vision::compose3(a, b, a, &rgb);
   scale_image_range(rgb, &out, HTuple{2, 0}, HTuple{8, 100});
@@ -66,13 +68,11 @@ TEST(ScaleImageRange, LimitsAndClippingPerChannel) {
   EXPECT_DOUBLE_EQ(At(out, 0, 0, 1), 100);
   EXPECT_DOUBLE_EQ(At(out, 0, 1, 1), 0);
   EXPECT_NEAR(At(out, 0, 2, 1), 100, 1e-4);
-}
 
-TEST(ScaleImageRange, EmptyGrayRangeRaises) {
-  HObject out;
+  // An empty gray range raises.
   EXPECT_THROW(scale_image_range(MakeImage(PixelType::Byte, 1, 1, {3}), &out, 7, 7), HException);
-  EXPECT_THROW(scale_image_range(MakeImage(PixelType::Byte, 1, 1, {3}), &out, HTuple{7.0, 0}, HTuple{7, 9}),
-               HException);
+  EXPECT_THROW(scale_image_range(MakeImage(PixelType::Byte, 1, 1, {3}), &out, HTuple{7.0, 0},
+                                 HTuple{7, 9}), HException);
 }
 
 // Dark strokes on the left of a background lit from one side; the right part
@@ -115,12 +115,9 @@ TEST(GenImageSmoothed, FlattensUnevenLightKeepsStrokesDark) {
 
   HObject out;
   gen_image_smoothed(in, &out, 1.0, 3.0);
-  HTuple type, w, h;
-  vision::get_image_type(out, &type);
-  vision::get_image_size(out, &w, &h);
-  EXPECT_EQ(type.S(0), "byte");
-  EXPECT_EQ(w.L(0), 240);
-  EXPECT_EQ(h.L(0), 80);
+  const Image& img = out.ImageAt(0);
+  EXPECT_EQ(img.type, PixelType::Byte);
+  EXPECT_EQ(cv::Size(img.width, img.height), cv::Size(240, 80));
   Measure(out, &spread, &strokes);
   EXPECT_LT(spread, 12);
   EXPECT_LT(strokes, 40);
@@ -134,12 +131,12 @@ TEST(GenImageSmoothed, FlattensUnevenLightKeepsStrokesDark) {
     for (int c = 0; c < 240; c += 11) ASSERT_EQ(At(out_rgb, r, c), At(out, r, c));
 }
 
+HObject Flat() { return MakeImage(PixelType::Byte, 40, 30, std::vector<double>(1200, 90)); }
+
 TEST(GenImageSmoothed, UniformImageRaisesFromTheEmptyRange) {
   HObject out;
-  EXPECT_THROW(gen_image_smoothed(MakeImage(PixelType::Byte, 40, 30, std::vector<double>(1200, 90)), &out, 1.0, 3.0),
-               HException);
-  EXPECT_THROW(gen_image_smoothed(MakeImage(PixelType::Byte, 40, 30, std::vector<double>(1200, 90)), &out, 0.0, 3.0),
-               HException);
+  EXPECT_THROW(gen_image_smoothed(Flat(), &out, 1.0, 3.0), HException);
+  EXPECT_THROW(gen_image_smoothed(Flat(), &out, 0.0, 3.0), HException);
 }
 
 // Degenerate sizes reach the borders of every step (one-pixel derivatives,
@@ -163,8 +160,8 @@ TEST(GenImageSmoothed, TinyImagesGiveAnImageOrAnError) {
 }
 
 TEST(GenImageSmoothedPreview, FlatImageIsCopiedAndMarkingIsScaled) {
-  HObject flat = MakeImage(PixelType::Byte, 40, 30, std::vector<double>(1200, 90)), out;
-  gen_image_smoothed_preview(flat, &out, 1.0, 3.0);
+  HObject out;
+  gen_image_smoothed_preview(Flat(), &out, 1.0, 3.0);
   EXPECT_EQ(At(out, 29, 39), 90);
 
   gen_image_smoothed_preview(Marking(), &out, 1.0, 3.0);

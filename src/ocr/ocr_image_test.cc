@@ -37,28 +37,41 @@ HObject ToHObject(const cv::Mat& gray) {
   return HObject(vision::Image::FromPlanes(vision::PixelType::Byte, {gray, gray, gray}));
 }
 
-// A font folder whose three Industrial files have the classes "F", "D" and
-// "L" first, so that a fake classifier can tell which slot it was given.
+// A fresh folder of the library's classifiers, named by VELMORA_VISION_DIR while
+// it lives.
+struct TempVisionDir {
+  explicit TempVisionDir(const std::string& tag)
+      : path(fs::temp_directory_path() / (tag + std::to_string(::getpid()))) {
+    fs::create_directories(path / "ocr");
+    setenv("VELMORA_VISION_DIR", path.c_str(), 1);
+  }
+  ~TempVisionDir() { fs::remove_all(path); }
+  // Writes an untrained classifier of `classes` as the font file `name`.
+  void Add(const char* name, const std::vector<std::string>& classes) const {
+    HTuple h;
+    vision::create_ocr_class_mlp(HTuple(8), HTuple(10), HTuple("constant"), HTuple("default"),
+                                 HTuple::Strings(classes), HTuple(4), HTuple("none"), HTuple(10),
+                                 HTuple(1), &h);
+    vision::write_ocr_class_mlp(h, HTuple((path / "ocr" / name).string()));
+  }
+  const fs::path path;
+};
+
+OcrSettings Industrial() {
+  OcrSettings s;
+  s.font_name = "Industrial";
+  return s;
+}
+
+// The three Industrial files have the classes "F", "D" and "L" first, so that
+// a fake classifier can tell which slot it was given.
 class OcrImageTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    dir_ = fs::temp_directory_path() / ("ocr_image_test_" + std::to_string(::getpid()));
-    fs::create_directories(dir_ / "ocr");
-    const std::pair<const char*, std::vector<std::string>> files[] = {
-        {"Industrial_NoRej.omc", {"F", "0"}},
-        {"Industrial_0-9_NoRej.omc", {"D", "1"}},
-        {"Industrial_A-Z+_NoRej.omc", {"L", "M"}},
-    };
-    for (const auto& [name, classes] : files) {
-      HTuple h;
-      vision::create_ocr_class_mlp(HTuple(8), HTuple(10), HTuple("constant"), HTuple("default"),
-                                   HTuple::Strings(classes), HTuple(4), HTuple("none"), HTuple(10),
-                                   HTuple(1), &h);
-      vision::write_ocr_class_mlp(h, HTuple((dir_ / "ocr" / name).string()));
-    }
-    setenv("VELMORA_VISION_DIR", dir_.c_str(), 1);
+  OcrImageTest() {
+    dir_.Add("Industrial_NoRej.omc", {"F", "0"});
+    dir_.Add("Industrial_0-9_NoRej.omc", {"D", "1"});
+    dir_.Add("Industrial_A-Z+_NoRej.omc", {"L", "M"});
   }
-  void TearDown() override { fs::remove_all(dir_); }
 
   // Answers with a list chosen per slot, so that format rules can be observed.
   static void Fake(const HObject&, const HObject&, const HTuple& handle, const HTuple& num,
@@ -77,10 +90,15 @@ class OcrImageTest : public ::testing::Test {
       conf->Append(HTuple(0.9 / double(i + 1)));
     }
   }
+  static std::vector<OcrTextRecord> Read(const cv::Mat& img, const OcrSettings& s) {
+    return RecognizeText(ToHObject(img), img.cols, img.rows, s, Fake);
+  }
 
-  fs::path dir_;
+  TempVisionDir dir_{"ocr_image_test_"};
 };
 
+// Procedure 0 always applies the format, procedure 1 only with the flag; it
+// asks for 10 candidates, of which the record keeps 5, best first.
 TEST_F(OcrImageTest, FormatRulesChooseSlotsFiltersAndLiterals) {
   const cv::Mat img = TextImage({200, 72}, {{"AB1CD", {15, 53}}});
   struct Case {
@@ -88,50 +106,37 @@ TEST_F(OcrImageTest, FormatRulesChooseSlotsFiltersAndLiterals) {
     long procedure;
     bool by_format;
     std::string text;
+    std::string first;  // the first character's candidates
+    double third;       // the confidence of the third character's best candidate
   };
   const Case cases[] = {
-      {"", 0, false, "FFFFF"},
-      {"$$-$$", 0, false, "55-55"},   // procedure 0 always applies the format
-      {"?+@#$", 0, false, "Q_QF5"},  // one candidate: "+" finds no special
-      {"$$-$$", 1, true, "55-55"},
-      {"$$-$$", 1, false, "FFFFF"},   // without the flag: full font, no literal
+      {"", 0, false, "FFFFF", "F", 0.9},
+      {"$$-$$", 0, false, "55-55", "5", 1.0},  // a literal has confidence 1.0
+      {"?+@#$", 0, false, "Q_QF5", "Q", 0.9},  // one candidate: "+" finds no special
+      {"$$-$$", 1, true, "55-55", "56", 1.0},
+      {"$$-$$", 1, false, "FFFFF", "F7-xy", 0.9},  // without the flag: full font, no literal
   };
   for (const auto& c : cases) {
-    OcrSettings s;
-    s.font_name = "Industrial";
+    SCOPED_TRACE(std::string(c.format) + " procedure " + std::to_string(c.procedure));
+    OcrSettings s = Industrial();
     s.format = c.format;
     s.procedure = c.procedure;
     s.format_flag = c.procedure == 0 || c.by_format;
     s.num = c.procedure == 1 ? 10 : 1;
-    const auto recs = RecognizeText(ToHObject(img), img.cols, img.rows, s, Fake);
-    ASSERT_EQ(recs.size(), 1u) << c.format;
-    EXPECT_EQ(recs[0].text, c.text) << c.format << " procedure " << c.procedure;
+    const auto recs = Read(img, s);
+    ASSERT_EQ(recs.size(), 1u);
+    EXPECT_EQ(recs[0].text, c.text);
     ASSERT_EQ(recs[0].candidates.size(), 5u);
+    std::string first;
+    for (const Candidate& k : recs[0].candidates[0]) first += k.klass;
+    EXPECT_EQ(first, c.first);
+    EXPECT_EQ(recs[0].candidates[2][0].confidence, c.third);
   }
-  // Procedure 1 asks for 10 candidates; the record keeps 5, best first.
-  OcrSettings s;
-  s.font_name = "Industrial";
-  s.procedure = 1;
-  s.num = 10;
-  s.format_flag = false;
-  const auto recs = RecognizeText(ToHObject(img), img.cols, img.rows, s, Fake);
-  ASSERT_EQ(recs.size(), 1u);
-  ASSERT_EQ(recs[0].candidates[0].size(), 5u);
-  EXPECT_EQ(recs[0].candidates[0][4].klass, "y");
-  // With format "$$-$$", position 3 is "-" at confidence 1.0.
-  s.procedure = 0;
-  s.num = 1;
-  s.format_flag = true;
-  s.format = "$$-$$";
-  const auto lit = RecognizeText(ToHObject(img), img.cols, img.rows, s, Fake);
-  EXPECT_EQ(lit[0].candidates[2][0].confidence, 1.0);
 }
 
 TEST_F(OcrImageTest, ReadsOnlyTheTallestLineLeftToRight) {
-  const cv::Mat both = TextImage({210, 130}, {{"ABCDEF", {10, 35}, 1.0}, {"XYZ", {10, 110}, 2.2}});
-  OcrSettings s;
-  s.font_name = "Industrial";
-  const auto recs = RecognizeText(ToHObject(both), both.cols, both.rows, s, Fake);
+  const cv::Mat img = TextImage({210, 130}, {{"ABCDEF", {10, 35}, 1.0}, {"XYZ", {10, 110}, 2.2}});
+  const auto recs = Read(img, Industrial());
   ASSERT_EQ(recs.size(), 1u);
   ASSERT_EQ(recs[0].rects.size(), 3u);
   for (size_t i = 0; i < 3; ++i) {
@@ -142,27 +147,21 @@ TEST_F(OcrImageTest, ReadsOnlyTheTallestLineLeftToRight) {
 
 TEST_F(OcrImageTest, CountCorrectionCutsOnlyWhenTheCountDiffers) {
   const cv::Mat img = TextImage({225, 72}, {{"ABCDEF", {15, 53}}});
-  struct Case {
-    long expected;
-    size_t found;
-  };
-  for (const Case c : {Case{0, 6}, Case{6, 6}, Case{3, 3}}) {
-    OcrSettings s;
-    s.font_name = "Industrial";
-    s.expected_count = c.expected;
-    const auto recs = RecognizeText(ToHObject(img), img.cols, img.rows, s, Fake);
+  for (const auto [expected, found] : {std::pair<long, size_t>{0, 6}, {6, 6}, {3, 3}}) {
+    OcrSettings s = Industrial();
+    s.expected_count = expected;
+    const auto recs = Read(img, s);
     ASSERT_EQ(recs.size(), 1u);
-    EXPECT_EQ(recs[0].rects.size(), c.found) << "expected count " << c.expected;
+    EXPECT_EQ(recs[0].rects.size(), found) << "expected count " << expected;
   }
 }
 
 TEST_F(OcrImageTest, ReversedPassReadsTheImageTurned) {
   // Text near the left edge: the turned pass sees it near the right edge.
   const cv::Mat img = TextImage({160, 72}, {{"ABC", {8, 53}}});
-  OcrSettings s;
-  s.font_name = "Industrial";
+  OcrSettings s = Industrial();
   s.reverse = true;
-  const auto recs = RecognizeText(ToHObject(img), img.cols, img.rows, s, Fake);
+  const auto recs = Read(img, s);
   ASSERT_EQ(recs.size(), 2u);
   EXPECT_EQ(recs[0].angle, 0);
   EXPECT_EQ(recs[1].angle, 180);
@@ -176,11 +175,9 @@ TEST_F(OcrImageTest, ReversedPassReadsTheImageTurned) {
 
 TEST_F(OcrImageTest, StretchedRectanglesMapBackToTheImage) {
   const cv::Mat img = TextImage({200, 72}, {{"AB1CD", {15, 53}}});
-  OcrSettings plain, wide;
-  plain.font_name = wide.font_name = "Industrial";
+  OcrSettings wide = Industrial();
   wide.stretch = 2.0f;
-  const auto a = RecognizeText(ToHObject(img), img.cols, img.rows, plain, Fake);
-  const auto b = RecognizeText(ToHObject(img), img.cols, img.rows, wide, Fake);
+  const auto a = Read(img, Industrial()), b = Read(img, wide);
   ASSERT_EQ(a.size(), 1u);
   ASSERT_EQ(b.size(), 1u);
   ASSERT_EQ(a[0].rects.size(), b[0].rects.size());
@@ -191,29 +188,21 @@ TEST_F(OcrImageTest, StretchedRectanglesMapBackToTheImage) {
   }
 }
 
+// No font, a name in the wrong case, an unknown name, and a font one of whose
+// files is missing.
 TEST_F(OcrImageTest, FailuresAreLoggedAndEndTheRun) {
   const cv::Mat img = TextImage({200, 72}, {{"AB1CD", {15, 53}}});
-  struct Case {
-    std::optional<std::string> font;
-    bool logged;
-  };
-  const Case cases[] = {{std::nullopt, true}, {"industrial", true}, {"NoSuchFont", true}};
-  for (const auto& c : cases) {
+  fs::remove(dir_.path / "ocr" / "Industrial_0-9_NoRej.omc");
+  for (const auto& font : {std::optional<std::string>(), {"industrial"}, {"NoSuchFont"},
+                           {"Industrial"}}) {
     OcrSettings s;
-    s.font_name = c.font;
+    s.font_name = font;
     testing::internal::CaptureStderr();
     const auto recs = RecognizeText(ToHObject(img), img.cols, img.rows, s);
     const std::string log = testing::internal::GetCapturedStderr();
     EXPECT_TRUE(recs.empty());
     EXPECT_NE(log.find("-[AppDelegate ocrImage:attribute:] exception:"), std::string::npos) << log;
   }
-  OcrSettings s;
-  // A font file that is missing fails the load.
-  fs::remove(dir_ / "ocr" / "Industrial_0-9_NoRej.omc");
-  s.font_name = "Industrial";
-  testing::internal::CaptureStderr();
-  EXPECT_TRUE(RecognizeText(ToHObject(img), img.cols, img.rows, s, Fake).empty());
-  EXPECT_NE(testing::internal::GetCapturedStderr().find("exception:"), std::string::npos);
 }
 
 TEST(OcrSettings, ReadFromTheAttributeDictionary) {
@@ -224,37 +213,37 @@ TEST(OcrSettings, ReadFromTheAttributeDictionary) {
   EXPECT_FALSE(nil.reverse);
   EXPECT_EQ(nil.stretch, 1.0f);
 
-  auto d = archive::MakeDictionary();
-  d->Set("ocr_proc", archive::MakeInt32(1));
-  d->Set("check_reverse", archive::MakeBool(true));
-  d->Set("recognize_by_number", archive::MakeBool(true));
-  d->Set("number_of_letters", archive::MakeInt32(7));
-  d->Set("match_string", archive::MakeString("ABC"));
-  d->Set("black_level", archive::MakeInt32(-3));
-  OcrSettings p1 = ReadOcrSettings(d);
-  EXPECT_FALSE(p1.font_name.has_value());
-  EXPECT_EQ(p1.num, 10);
-  EXPECT_FALSE(p1.format_flag);  // "recognize_by_format" absent
-  EXPECT_FALSE(p1.reverse);      // procedure 1 ignores "check_reverse"
-  EXPECT_EQ(p1.expected_count, 7);
-  EXPECT_EQ(p1.black_level, -3);
-
-  d->Set("ocr_proc", archive::MakeInt32(0));
-  d->Set("recognize_by_format", archive::MakeBool(false));
-  OcrSettings p0 = ReadOcrSettings(d);
-  EXPECT_TRUE(p0.format_flag);
-  EXPECT_TRUE(p0.reverse);
-  EXPECT_EQ(p0.expected_count, 3);  // the length of "match_string"
-  EXPECT_EQ(p0.num, 1);
-
-  d->Set("ocr_proc", archive::MakeInt32(2));
-  OcrSettings p2 = ReadOcrSettings(d);
-  EXPECT_EQ(p2.expected_count, 0);
-  EXPECT_FALSE(p2.reverse);
-
-  d->Set("recognize_by_number", archive::MakeBool(false));
-  d->Set("ocr_proc", archive::MakeInt32(0));
-  EXPECT_EQ(ReadOcrSettings(d).expected_count, 0);
+  // Procedure 1 asks for 10 candidates and applies the format only when
+  // "recognize_by_format" says so (absent here); procedure 0 always applies it
+  // (set false here) and alone checks the reverse and counts "match_string".
+  struct Case {
+    int procedure;
+    bool by_number;
+    long num;
+    bool format_flag, reverse;
+    long expected_count;
+  };
+  const Case cases[] = {
+      {1, true, 10, false, false, 7}, {0, true, 1, true, true, 3},
+      {2, true, 1, true, false, 0},   {0, false, 1, true, true, 0}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << "procedure " << c.procedure << " by number " << c.by_number);
+    auto d = archive::MakeDictionary();
+    d->Set("ocr_proc", archive::MakeInt32(c.procedure));
+    if (c.procedure != 1) d->Set("recognize_by_format", archive::MakeBool(false));
+    d->Set("check_reverse", archive::MakeBool(true));
+    d->Set("recognize_by_number", archive::MakeBool(c.by_number));
+    d->Set("number_of_letters", archive::MakeInt32(7));
+    d->Set("match_string", archive::MakeString("ABC"));
+    d->Set("black_level", archive::MakeInt32(-3));
+    const OcrSettings s = ReadOcrSettings(d);
+    EXPECT_FALSE(s.font_name.has_value());
+    EXPECT_EQ(s.num, c.num);
+    EXPECT_EQ(s.format_flag, c.format_flag);
+    EXPECT_EQ(s.reverse, c.reverse);
+    EXPECT_EQ(s.expected_count, c.expected_count);
+    EXPECT_EQ(s.black_level, -3);
+  }
 }
 
 TEST(OcrRecords, LayoutOfTheReply) {
@@ -272,12 +261,9 @@ TEST(OcrRecords, LayoutOfTheReply) {
   ASSERT_EQ(rects->items.size(), 2u);
   auto second = archive::AsData(rects->items[1]);
   ASSERT_EQ(second->bytes.size(), 8u);
-  int16_t v[4];
-  std::memcpy(v, second->bytes.data(), 8);
-  EXPECT_EQ(v[0], -1);
-  EXPECT_EQ(v[1], 300);
-  EXPECT_EQ(v[2], 2);
-  EXPECT_EQ(v[3], 301);
+  std::vector<int16_t> v(4);  // top, left, bottom, right in host byte order
+  std::memcpy(v.data(), second->bytes.data(), 8);
+  EXPECT_EQ(v, (std::vector<int16_t>{-1, 300, 2, 301}));
   auto confs = archive::AsArray(d->Get("ocr_confidences"));
   auto c1 = archive::AsArray(confs->items[1]);
   ASSERT_EQ(c1->items.size(), 2u);
@@ -300,16 +286,10 @@ TEST(OcrFonts, CatalogueAndFileTable) {
     EXPECT_TRUE(archive::ReadBool(list->items[i], "hasA-Z"));
   }
 
-  const fs::path dir = fs::temp_directory_path() / ("ocr_fonts_test_" + std::to_string(::getpid()));
-  fs::create_directories(dir / "ocr");
-  setenv("VELMORA_VISION_DIR", dir.c_str(), 1);
-  HTuple h;
-  vision::create_ocr_class_mlp(HTuple(8), HTuple(10), HTuple("constant"), HTuple("default"),
-                               HTuple::Strings({"A", "B"}), HTuple(4), HTuple("none"), HTuple(10),
-                               HTuple(1), &h);
+  const TempVisionDir dir("ocr_fonts_test_");
   for (const char* f : {"OCRB.omc", "OCRB_0-9.omc", "OCRB_A-Z+.omc", "DotPrint.omc",
                         "DotPrint_0-9.omc", "DotPrint_A-Z+.omc"})
-    vision::write_ocr_class_mlp(h, HTuple((dir / "ocr" / f).string()));
+    dir.Add(f, {"A", "B"});
   struct Case {
     std::optional<std::string> name;
     bool loads, raises;
@@ -327,7 +307,6 @@ TEST(OcrFonts, CatalogueAndFileTable) {
     readOCRFont(c.name, slots);
     for (const auto& s : slots) EXPECT_EQ(s.Length(), c.loads ? 1 : 0) << c.name.value_or("nil");
   }
-  fs::remove_all(dir);
 }
 
 }  // namespace
