@@ -21,23 +21,28 @@ HTuple Open(int width, int height, const char* mode = "invisible") {
 }
 
 cv::Vec3b Pixel(const HObject& img, int r, int c) {
-  const Image& i = img.ImageAt(0);
-  return {i.planes[0].at<uint8_t>(r, c), i.planes[1].at<uint8_t>(r, c), i.planes[2].at<uint8_t>(r, c)};
+  const auto& p = img.ImageAt(0).planes;
+  return {p[0].at<uint8_t>(r, c), p[1].at<uint8_t>(r, c), p[2].at<uint8_t>(r, c)};
+}
+
+HObject Dump(const HTuple& w) {
+  HObject img;
+  dump_window_image(&img, w);
+  return img;
 }
 
 cv::Mat Lit(const HObject& img) {  // 255 where any channel is non-zero
   const Image& i = img.ImageAt(0);
-  cv::Mat m = (i.planes[0] | i.planes[1] | i.planes[2]) > 0;
-  return m;
+  return (i.planes[0] | i.planes[1] | i.planes[2]) > 0;
 }
+
+int LitCount(const HTuple& w) { return cv::countNonZero(Lit(Dump(w))); }
 
 TEST(Window, NewWindowIsBlackWithWhiteFillAndWholePart) {
   HTuple w = Open(20, 10);
-  HObject img;
-  dump_window_image(&img, w);
+  HObject img = Dump(w);
   ASSERT_EQ(img.ImageAt(0).planes.size(), 3u);
-  EXPECT_EQ(img.ImageAt(0).width, 20);
-  EXPECT_EQ(img.ImageAt(0).height, 10);
+  EXPECT_EQ(cv::Size(img.ImageAt(0).width, img.ImageAt(0).height), cv::Size(20, 10));
   EXPECT_EQ(cv::countNonZero(Lit(img)), 0);
   HTuple r, g, b, mode, r1, c1, r2, c2, row, col, width, height;
   get_rgb(w, &r, &g, &b);
@@ -63,23 +68,23 @@ TEST(Window, RegionLandsOnItsPixelsUnderEachPart) {
   };
   const Case cases[] = {
       {"identity", 10, 10, {0, 0, 9, 9}, Region::Rectangle(2, 3, 5, 7), 20, {3, 2, 5, 4}},
-      {"touches both borders", 10, 10, {0, 0, 9, 9}, Region::Rectangle(0, 0, 9, 9), 100, {0, 0, 10, 10}},
+      {"touches both borders", 10, 10, {0, 0, 9, 9}, Region::Rectangle(0, 0, 9, 9), 100,
+       {0, 0, 10, 10}},
       {"clipped outside", 10, 10, {0, 0, 9, 9}, Region::Rectangle(-5, 8, 2, 30), 6, {8, 0, 2, 3}},
       {"zoom 2", 10, 10, {0, 0, 4, 4}, Region::Rectangle(1, 1, 1, 1), 4, {2, 2, 2, 2}},
       {"shifted part", 10, 10, {5, 5, 14, 14}, Region::Rectangle(5, 5, 5, 5), 1, {0, 0, 1, 1}},
       {"zoom out 2", 10, 10, {0, 0, 19, 19}, Region::Rectangle(0, 0, 19, 19), 100, {0, 0, 10, 10}},
       // One pixel larger than the window: the last image row and column of
       // the window's size no longer reach a window pixel centre.
-      {"one larger", 100, 50, {0, 0, 50, 100}, Region::Rectangle(0, 0, 49, 99), 49 * 99, {0, 0, 99, 49}},
+      {"one larger", 100, 50, {0, 0, 50, 100}, Region::Rectangle(0, 0, 49, 99), 49 * 99,
+       {0, 0, 99, 49}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     HTuple w = Open(c.win_w, c.win_h);
     set_part(w, c.part[0], c.part[1], c.part[2], c.part[3]);
     disp_region(HObject(c.region), w);
-    HObject img;
-    dump_window_image(&img, w);
-    cv::Mat lit = Lit(img);
+    const cv::Mat lit = Lit(Dump(w));
     EXPECT_EQ(cv::countNonZero(lit), c.lit);
     EXPECT_EQ(cv::boundingRect(lit), c.box);
     close_window(w);
@@ -90,16 +95,13 @@ TEST(Window, MarginDrawsOnlyTheBorderWithTheLineWidth) {
   HTuple w = Open(12, 12);
   set_draw(w, "margin");
   disp_region(HObject(Region::Rectangle(2, 2, 9, 9)), w);
-  HObject img;
-  dump_window_image(&img, w);
-  EXPECT_EQ(cv::countNonZero(Lit(img)), 8 * 8 - 6 * 6);
-  EXPECT_EQ(Pixel(img, 5, 5), cv::Vec3b(0, 0, 0));
-  EXPECT_EQ(Pixel(img, 2, 5), cv::Vec3b(255, 255, 255));
+  EXPECT_EQ(LitCount(w), 8 * 8 - 6 * 6);
+  EXPECT_EQ(Pixel(Dump(w), 5, 5), cv::Vec3b(0, 0, 0));
+  EXPECT_EQ(Pixel(Dump(w), 2, 5), cv::Vec3b(255, 255, 255));
   clear_window(w);
   set_line_width(w, 2);
   disp_region(HObject(Region::Rectangle(2, 2, 9, 9)), w);
-  dump_window_image(&img, w);
-  EXPECT_EQ(cv::countNonZero(Lit(img)), 8 * 8 - 4 * 4);
+  EXPECT_EQ(LitCount(w), 8 * 8 - 4 * 4);
 }
 
 TEST(Window, ColoursParseAndCycleOverObjects) {
@@ -125,16 +127,14 @@ TEST(Window, ColoursParseAndCycleOverObjects) {
   regions.Push(Region::Rectangle(1, 0, 1, 2));
   regions.Push(Region::Rectangle(1, 3, 1, 5));
   disp_region(regions, w);
-  HObject img;
-  dump_window_image(&img, w);
+  const HObject img = Dump(w);
   EXPECT_EQ(Pixel(img, 0, 4), cv::Vec3b(255, 0, 0));
   EXPECT_EQ(Pixel(img, 1, 1), cv::Vec3b(0, 0, 255));
   EXPECT_EQ(Pixel(img, 1, 4), cv::Vec3b(255, 0, 0));
   // A half-transparent colour blends with what is there.
   set_color(w, "#00ff0080");
   disp_region(HObject(Region::Rectangle(0, 0, 0, 0)), w);
-  dump_window_image(&img, w);
-  EXPECT_EQ(Pixel(img, 0, 0), cv::Vec3b(127, 128, 0));
+  EXPECT_EQ(Pixel(Dump(w), 0, 0), cv::Vec3b(127, 128, 0));
   set_rgb(w, 1, 2, 3);
   HTuple r, g, b;
   get_rgb(w, &r, &g, &b);
@@ -148,20 +148,19 @@ TEST(Window, ImagesAreScaledOntoThePartWithinTheirDomain) {
   HTuple w = Open(4, 4);
   set_part(w, 0, 0, 1, 1);
   disp_image(HObject(img), w);
-  HObject out;
-  dump_window_image(&out, w);
+  HObject out = Dump(w);
   EXPECT_EQ(Pixel(out, 0, 0), cv::Vec3b(10, 10, 10));
   EXPECT_EQ(Pixel(out, 1, 3), cv::Vec3b(20, 20, 20));
   EXPECT_EQ(Pixel(out, 3, 0), cv::Vec3b(30, 30, 30));
   EXPECT_EQ(Pixel(out, 2, 2), cv::Vec3b(40, 40, 40));
 
-  cv::Mat r(1, 2, CV_8U, cv::Scalar(200)), g(1, 2, CV_8U, cv::Scalar(100)), b(1, 2, CV_8U, cv::Scalar(50));
-  Image rgb = Image::FromPlanes(PixelType::Byte, {r, g, b});
+  const cv::Mat r(1, 2, CV_8U, cv::Scalar(200)), g(1, 2, CV_8U, cv::Scalar(100));
+  Image rgb = Image::FromPlanes(PixelType::Byte, {r, g, cv::Mat(1, 2, CV_8U, cv::Scalar(50))});
   rgb.domain = Region::Rectangle(0, 1, 0, 1);
   clear_window(w);
   set_part(w, 0, 0, 3, 3);
   disp_color(HObject(rgb), w);
-  dump_window_image(&out, w);
+  out = Dump(w);
   EXPECT_EQ(Pixel(out, 0, 0), cv::Vec3b(0, 0, 0));  // outside the domain
   EXPECT_EQ(Pixel(out, 0, 1), cv::Vec3b(200, 100, 50));
   EXPECT_THROW(disp_color(HObject(img), w), HException);
@@ -170,25 +169,22 @@ TEST(Window, ImagesAreScaledOntoThePartWithinTheirDomain) {
 TEST(Window, RectanglesAndLines) {
   HTuple w = Open(10, 10);
   disp_rectangle1(w, 1, 2, 3, 5);
-  HObject img;
-  dump_window_image(&img, w);
-  EXPECT_EQ(cv::boundingRect(Lit(img)), cv::Rect(2, 1, 4, 3));
-  EXPECT_EQ(cv::countNonZero(Lit(img)), 12);
+  EXPECT_EQ(cv::boundingRect(Lit(Dump(w))), cv::Rect(2, 1, 4, 3));
+  EXPECT_EQ(LitCount(w), 12);
   clear_window(w);
   disp_line(w, 0, 0, 9, 9);
-  dump_window_image(&img, w);
-  EXPECT_EQ(cv::countNonZero(Lit(img)), 10);
-  EXPECT_EQ(Pixel(img, 9, 9), cv::Vec3b(255, 255, 255));
+  EXPECT_EQ(LitCount(w), 10);
+  EXPECT_EQ(Pixel(Dump(w), 9, 9), cv::Vec3b(255, 255, 255));
   // Far-away coordinates are clipped, not turned into billions of runs.
   clear_window(w);
   disp_line(w, -1e12, -1e12, 1e12, 1e12);
-  dump_window_image(&img, w);
-  EXPECT_EQ(cv::countNonZero(Lit(img)), 10);
+  EXPECT_EQ(LitCount(w), 10);
   disp_rectangle1(w, -1e12, -1e12, 1e12, 1e12);
-  dump_window_image(&img, w);
-  EXPECT_EQ(cv::countNonZero(Lit(img)), 100);
-  set_part(w, 0, 0, 1e12, 1e12);
+  EXPECT_EQ(LitCount(w), 100);
+  clear_window(w);
+  set_part(w, 0, 0, 1e12, 1e12);  // a part so large that the rectangle covers one pixel
   disp_rectangle1(w, 0, 0, 1e11, 1e11);
+  EXPECT_EQ(LitCount(w), 1);
 }
 
 TEST(Window, FontNamesParseInEveryForm) {
@@ -232,7 +228,8 @@ TEST(Window, FontsResolveMeasureAndDraw) {
     get_font(w, &f);
     EXPECT_EQ(f.S(), name);
   }
-  EXPECT_THROW(set_font(w, "-adobe-nosuchfamilyxyz-medium-r-normal-*-20-*-*-*-*-*-*-*"), HException);
+  EXPECT_THROW(set_font(w, "-adobe-nosuchfamilyxyz-medium-r-normal-*-20-*-*-*-*-*-*-*"),
+               HException);
   EXPECT_THROW(set_font(w, "NoSuchFaceXyz-Bold-20"), HException);
 
   set_font(w, "-adobe-courier-medium-r-normal-*-20-*-*-*-*-*-*-*");
@@ -251,8 +248,7 @@ TEST(Window, FontsResolveMeasureAndDraw) {
   set_color(w, "green");
   set_tposition(w, 10, 5);
   write_string(w, "HH");
-  HObject img;
-  dump_window_image(&img, w);
+  const HObject img = Dump(w);
   cv::Rect box = cv::boundingRect(Lit(img));
   EXPECT_GE(box.y, 10);
   EXPECT_LE(box.y + box.height, 10 + mh.I());
@@ -261,7 +257,8 @@ TEST(Window, FontsResolveMeasureAndDraw) {
   EXPECT_GT(cv::countNonZero(Lit(img)), 20);
   bool full_green = false;
   for (int y = box.y; y < box.y + box.height; ++y)
-    for (int x = box.x; x < box.x + box.width; ++x) full_green |= Pixel(img, y, x) == cv::Vec3b(0, 255, 0);
+    for (int x = box.x; x < box.x + box.width; ++x)
+      full_green |= Pixel(img, y, x) == cv::Vec3b(0, 255, 0);
   EXPECT_TRUE(full_green);
   HTuple tr, tc;
   get_tposition(w, &tr, &tc);
@@ -327,12 +324,6 @@ TEST(Window, OnlyVisibleWindowsArePresented) {
   EXPECT_THROW(open_window(0, 0, 0, 4, 0, "invisible", "", &h), HException);
 }
 
-}  // namespace
-}  // namespace vision
-
-namespace vision {
-namespace {
-
 struct Counter : WindowPresenter {
   std::atomic<int> opened{0}, changed{0}, closed{0};
   void WindowOpened(uint64_t, int, int, int, int) override { ++opened; }
@@ -359,9 +350,7 @@ TEST(Window, WorkerThreadsDrawWhileThePresenterChanges) {
   EXPECT_EQ(counter->opened.load(), 200);
   EXPECT_EQ(counter->changed.load(), 200);
   EXPECT_EQ(counter->closed.load(), 200);
-  HObject img;
-  dump_window_image(&img, shared);
-  EXPECT_EQ(cv::countNonZero(Lit(img)), 4 * 4 * 53);
+  EXPECT_EQ(LitCount(shared), 4 * 4 * 53);
 }
 
 }  // namespace
