@@ -19,7 +19,8 @@ Region Apply(void (*op)(const HObject&, HObject*, const HTuple&, const HTuple&),
   return R(out);
 }
 
-Region ApplyDisc(void (*op)(const HObject&, HObject*, const HTuple&), const Region& r, double radius) {
+Region ApplyDisc(void (*op)(const HObject&, HObject*, const HTuple&), const Region& r,
+                 double radius) {
   HObject out;
   op(HObject(r), &out, HTuple(radius));
   return R(out);
@@ -29,17 +30,18 @@ TEST(Morphology, DiscPixelSets) {
   const Region dot = Region::Rectangle(0, 0, 0, 0);
   // Integer radii give an even diameter reaching further right and down.
   struct Case { double radius; Hlong area; int top, right; };
-  for (auto c : {Case{0.5, 1, 0, 0}, Case{1.5, 9, -1, 1}, Case{2.5, 21, -2, 2}, Case{3.5, 37, -3, 3},
-                 Case{1.0, 4, 0, 1}, Case{2.0, 12, -1, 2}}) {
+  for (auto c : {Case{0.5, 1, 0, 0}, Case{1.5, 9, -1, 1}, Case{2.5, 21, -2, 2},
+                 Case{3.5, 37, -3, 3}, Case{1.0, 4, 0, 1}, Case{2.0, 12, -1, 2}}) {
+    SCOPED_TRACE(c.radius);
     Region d = ApplyDisc(dilation_circle, dot, c.radius);
-    EXPECT_EQ(d.Area(), c.area) << c.radius;
+    EXPECT_EQ(d.Area(), c.area);
     int r1, c1, r2, c2;
     d.BoundingBox(&r1, &c1, &r2, &c2);
-    EXPECT_EQ(r1, c.top) << c.radius;
-    EXPECT_EQ(c2, c.right) << c.radius;
-    EXPECT_EQ(r2 - r1, c2 - c1) << c.radius;
+    EXPECT_EQ(r1, c.top);
+    EXPECT_EQ(c2, c.right);
+    EXPECT_EQ(r2 - r1, c2 - c1);
     // Eroding the dilated dot by the same disc gives the dot back.
-    EXPECT_EQ(ApplyDisc(erosion_circle, d, c.radius), dot) << c.radius;
+    EXPECT_EQ(ApplyDisc(erosion_circle, d, c.radius), dot);
   }
   HObject out;
   EXPECT_THROW(dilation_circle(HObject(dot), &out, HTuple(0.2)), HException);
@@ -64,36 +66,34 @@ TEST(Morphology, EvenRectanglesAreAnchoredLeftOfCentre) {
   EXPECT_THROW(dilation_rectangle1(HObject(dot), &out, HTuple(0), HTuple(3)), HException);
 }
 
-// Run arithmetic against OpenCV's raster morphology with the same element.
-TEST(Morphology, MatchesRasterMorphology) {
-  const int margin = 12, h = 40, w = 50;
-  for (unsigned seed : {11u, 12u}) {
-    Region r = test::RandomBlobs(seed, h, w, 0.6);
-    cv::Mat mask = r.ToMask(h + 2 * margin, w + 2 * margin, -margin, -margin);
-    for (auto [kw, kh] : {std::pair{3, 3}, {2, 5}, {7, 2}, {1, 9}, {10, 1}}) {
-      cv::Mat k = cv::Mat::ones(kh, kw, CV_8U), d, e;
-      cv::dilate(mask, d, k, cv::Point(kw / 2, kh / 2), 1, cv::BORDER_CONSTANT, 0);
-      cv::erode(mask, e, k, cv::Point((kw - 1) / 2, (kh - 1) / 2), 1, cv::BORDER_CONSTANT, 0);
-      EXPECT_EQ(Apply(dilation_rectangle1, r, kw, kh), Region::FromMask(d, -margin, -margin)) << kw << "x" << kh;
-      EXPECT_EQ(Apply(erosion_rectangle1, r, kw, kh), Region::FromMask(e, -margin, -margin)) << kw << "x" << kh;
-    }
-    for (double radius : {1.5, 2.5, 3.5}) {
-      int k = int(radius);
-      cv::Mat disc = cv::Mat::zeros(2 * k + 1, 2 * k + 1, CV_8U);
-      for (int y = -k; y <= k; ++y)
-        for (int x = -k; x <= k; ++x) disc.at<uint8_t>(y + k, x + k) = x * x + y * y <= radius * radius;
-      cv::Mat d, e;
-      cv::dilate(mask, d, disc, cv::Point(k, k), 1, cv::BORDER_CONSTANT, 0);
-      cv::erode(mask, e, disc, cv::Point(k, k), 1, cv::BORDER_CONSTANT, 0);
-      EXPECT_EQ(ApplyDisc(dilation_circle, r, radius), Region::FromMask(d, -margin, -margin)) << radius;
-      EXPECT_EQ(ApplyDisc(erosion_circle, r, radius), Region::FromMask(e, -margin, -margin)) << radius;
-    }
-  }
+// OpenCV's raster morphology of r with the element `el` whose reference point is `ref`.
+// OpenCV's dilate adds the reflected element, so it gets the reflection; the margin holds the
+// whole dilation, which a closing then erodes.
+struct RasterResult { Region dilation, erosion, opening, closing; };
+RasterResult RasterMorphology(const Region& r, const cv::Mat& el, cv::Point ref) {
+  int r1, c1, r2, c2;
+  r.BoundingBox(&r1, &c1, &r2, &c2);
+  const int mr = el.rows + 2, mc = el.cols + 2, row0 = r1 - mr, col0 = c1 - mc;
+  cv::Mat mask = r.ToMask(r2 - r1 + 1 + 2 * mr, c2 - c1 + 1 + 2 * mc, row0, col0), flipped;
+  cv::flip(el, flipped, -1);
+  const cv::Point flipped_ref(el.cols - 1 - ref.x, el.rows - 1 - ref.y);
+  auto dilate = [&](const cv::Mat& in) {
+    cv::Mat out;
+    cv::dilate(in, out, flipped, flipped_ref, 1, cv::BORDER_CONSTANT, 0);
+    return out;
+  };
+  auto erode = [&](const cv::Mat& in) {
+    cv::Mat out;
+    cv::erode(in, out, el, ref, 1, cv::BORDER_CONSTANT, 0);
+    return out;
+  };
+  auto region = [&](const cv::Mat& m) { return Region::FromMask(m, row0, col0); };
+  return {region(dilate(mask)), region(erode(mask)), region(dilate(erode(mask))),
+          region(erode(dilate(mask)))};
 }
 
-// Disc morphology against OpenCV's raster morphology with the element built
-// from its definition, on regions dense and sparse, narrow and several words
-// wide, at negative and positive offsets.
+// Disc morphology against the raster with the element built from its definition, on regions
+// dense and sparse, narrow and several words wide, at negative and positive offsets.
 TEST(Morphology, DiscMorphologyMatchesRasterMorphology) {
   std::mt19937 rng(17);
   std::vector<Region> shapes;
@@ -103,47 +103,35 @@ TEST(Morphology, DiscMorphologyMatchesRasterMorphology) {
     shapes.push_back(r.Translated(int(rng() % 40) - 20, int(rng() % 300) - 150));
   }
   shapes.push_back(Region::Rectangle(0, 0, 30, 140).Difference(Region::Rectangle(4, 5, 20, 70)));
-  // Far apart pieces: mostly empty between them.
-  shapes.push_back(Region::Rectangle(0, 0, 3, 3).Union(Region::Rectangle(5000, 7000, 5006, 7003)));
+  shapes.push_back(test::RandomBlobs(12, 40, 50, 0.6));
+  // Far apart pieces, too large for a raster: each result is the union of the pieces' results.
+  const Region near = Region::Rectangle(0, 0, 3, 3);
+  const Region far = Region::Rectangle(5000, 7000, 5006, 7003);
   for (double radius : {0.5, 1.0, 1.5, 2.0, 2.5, 3.5, 5.0, 12.5}) {
-    const bool even = radius == std::round(radius);
-    const double c = even ? 0.5 : 0.0;
+    SCOPED_TRACE(radius);
+    const double c = radius == std::round(radius) ? 0.5 : 0.0;  // even diameter
     const int k = int(std::ceil(radius + 1));
     cv::Mat disc = cv::Mat::zeros(2 * k + 1, 2 * k + 1, CV_8U);
     for (int y = -k; y <= k; ++y)
       for (int x = -k; x <= k; ++x)
-        disc.at<uint8_t>(y + k, x + k) = (y - c) * (y - c) + (x - c) * (x - c) <= radius * radius + 1e-9;
-    cv::Mat flipped;
-    cv::flip(disc, flipped, -1);  // dilation adds the element, erosion its reflection
+        disc.at<uint8_t>(y + k, x + k) =
+            (y - c) * (y - c) + (x - c) * (x - c) <= radius * radius + 1e-9;
     for (const Region& r : shapes) {
-      int r1, c1, r2, c2;
-      r.BoundingBox(&r1, &c1, &r2, &c2);
-      if (int64_t(r2 - r1) * (c2 - c1) > 4000000) {
-        // Too large for the raster reference; the pieces lie so far apart
-        // that each result is the union of the pieces' results.
-        const Region a = r.Intersection(Region::Rectangle(0, 0, 3, 3)), b = r.Difference(a);
-        for (auto op : {dilation_circle, erosion_circle, opening_circle, closing_circle})
-          EXPECT_EQ(ApplyDisc(op, r, radius), ApplyDisc(op, a, radius).Union(ApplyDisc(op, b, radius)))
-              << radius;
-        continue;
-      }
-      const int m = 3 * k + 2, row0 = r1 - m, col0 = c1 - m;
-      cv::Mat mask = r.ToMask(r2 - r1 + 1 + 2 * m, c2 - c1 + 1 + 2 * m, row0, col0), d, e, o, cl;
-      cv::dilate(mask, d, flipped, cv::Point(k, k), 1, cv::BORDER_CONSTANT, 0);
-      cv::erode(mask, e, disc, cv::Point(k, k), 1, cv::BORDER_CONSTANT, 0);
-      cv::dilate(e, o, flipped, cv::Point(k, k), 1, cv::BORDER_CONSTANT, 0);
-      cv::erode(d, cl, disc, cv::Point(k, k), 1, cv::BORDER_CONSTANT, 0);
-      EXPECT_EQ(ApplyDisc(dilation_circle, r, radius), Region::FromMask(d, row0, col0)) << radius;
-      EXPECT_EQ(ApplyDisc(erosion_circle, r, radius), Region::FromMask(e, row0, col0)) << radius;
-      EXPECT_EQ(ApplyDisc(opening_circle, r, radius), Region::FromMask(o, row0, col0)) << radius;
-      EXPECT_EQ(ApplyDisc(closing_circle, r, radius), Region::FromMask(cl, row0, col0)) << radius;
+      const RasterResult want = RasterMorphology(r, disc, {k, k});
+      EXPECT_EQ(ApplyDisc(dilation_circle, r, radius), want.dilation);
+      EXPECT_EQ(ApplyDisc(erosion_circle, r, radius), want.erosion);
+      EXPECT_EQ(ApplyDisc(opening_circle, r, radius), want.opening);
+      EXPECT_EQ(ApplyDisc(closing_circle, r, radius), want.closing);
     }
+    for (auto op : {dilation_circle, erosion_circle, opening_circle, closing_circle})
+      EXPECT_EQ(ApplyDisc(op, near.Union(far), radius),
+                ApplyDisc(op, near, radius).Union(ApplyDisc(op, far, radius)));
   }
 }
 
-// Rectangle openings and closings against OpenCV, with line-shaped elements
-// as long as a text line (one row or one column) among them.
-TEST(Morphology, RectangleOpeningAndClosingMatchRasterMorphology) {
+// Rectangle morphology against the raster, with line-shaped elements as long as a text line
+// (one row or one column) among them.
+TEST(Morphology, RectangleMorphologyMatchesRasterMorphology) {
   std::mt19937 rng(29);
   for (int k = 0; k < 10; ++k) {
     const int h = 1 + int(rng() % 50), w = 1 + int(rng() % 150);
@@ -151,67 +139,38 @@ TEST(Morphology, RectangleOpeningAndClosingMatchRasterMorphology) {
                    .Translated(int(rng() % 30) - 15, int(rng() % 30) - 15);
     if (k == 0) r = r.Union(Region::Rectangle(-400, 3, -380, 3));  // far above, one column
     for (auto [kw, kh] : {std::pair{1, 2}, {1, 3}, {1, 8}, {1, 300}, {2, 1}, {5, 1}, {300, 1},
-                          {1, 1}, {3, 4}}) {
-      int r1, c1, r2, c2;
-      r.BoundingBox(&r1, &c1, &r2, &c2);
-      const int mr = kh + 2, mc = kw + 2, row0 = r1 - mr, col0 = c1 - mc;
-      cv::Mat mask = r.ToMask(r2 - r1 + 1 + 2 * mr, c2 - c1 + 1 + 2 * mc, row0, col0), d, e, o, cl;
-      cv::Mat el = cv::Mat::ones(kh, kw, CV_8U);
-      // The reference point at ((h-1)/2, (w-1)/2); dilation adds the element.
-      const cv::Point anchor((kw - 1) / 2, (kh - 1) / 2), flipped(kw / 2, kh / 2);
-      cv::dilate(mask, d, el, flipped, 1, cv::BORDER_CONSTANT, 0);
-      cv::erode(d, cl, el, anchor, 1, cv::BORDER_CONSTANT, 0);
-      cv::erode(mask, e, el, anchor, 1, cv::BORDER_CONSTANT, 0);
-      cv::dilate(e, o, el, flipped, 1, cv::BORDER_CONSTANT, 0);
-      EXPECT_EQ(Apply(closing_rectangle1, r, kw, kh), Region::FromMask(cl, row0, col0)) << kw << "x" << kh;
-      EXPECT_EQ(Apply(opening_rectangle1, r, kw, kh), Region::FromMask(o, row0, col0)) << kw << "x" << kh;
+                          {1, 1}, {3, 4}, {2, 5}, {7, 2}}) {
+      SCOPED_TRACE(testing::Message() << "shape " << k << ", " << kw << "x" << kh);
+      // The reference point at ((h-1)/2, (w-1)/2).
+      const RasterResult want =
+          RasterMorphology(r, cv::Mat::ones(kh, kw, CV_8U), {(kw - 1) / 2, (kh - 1) / 2});
+      EXPECT_EQ(Apply(dilation_rectangle1, r, kw, kh), want.dilation);
+      EXPECT_EQ(Apply(erosion_rectangle1, r, kw, kh), want.erosion);
+      EXPECT_EQ(Apply(opening_rectangle1, r, kw, kh), want.opening);
+      EXPECT_EQ(Apply(closing_rectangle1, r, kw, kh), want.closing);
     }
   }
-  EXPECT_TRUE(Apply(closing_rectangle1, Region(), 1, 300).Empty());
-  EXPECT_TRUE(Apply(opening_rectangle1, Region(), 300, 1).Empty());
 }
 
-TEST(Morphology, ClosingAtTheImageBorderHasNoArtefacts) {
-  // Two characters, the first touching column 0, joined by a wide closing:
-  // nothing is lost at the border and nothing grows outside the bounding box.
+TEST(Morphology, LineClosingJoinsCharactersAndOpeningRemovesThinParts) {
+  // Two characters, the first touching column 0, joined by a wide closing: nothing is lost at the
+  // border and nothing grows outside the bounding box; likewise down a column.
   Region text = Region::Rectangle(5, 0, 14, 3).Union(Region::Rectangle(5, 9, 14, 12));
-  Region closed = Apply(closing_rectangle1, text, 300, 1);
-  EXPECT_EQ(closed, Region::Rectangle(5, 0, 14, 12));
-  Region vclosed = Apply(closing_rectangle1, Region::Rectangle(0, 0, 2, 0).Union(Region::Rectangle(6, 0, 8, 0)), 1, 300);
-  EXPECT_EQ(vclosed, Region::Rectangle(0, 0, 8, 0));
-  EXPECT_EQ(ApplyDisc(closing_circle, text, 3.5).Intersection(text), text);
-  // A dilation may leave the image: results are unbounded.
-  int r1, c1, r2, c2;
-  Apply(dilation_rectangle1, text, 5, 5).BoundingBox(&r1, &c1, &r2, &c2);
-  EXPECT_EQ(c1, -2);
-}
-
-TEST(Morphology, OpeningRemovesThinParts) {
+  EXPECT_EQ(Apply(closing_rectangle1, text, 300, 1), Region::Rectangle(5, 0, 14, 12));
+  Region column = Region::Rectangle(0, 0, 2, 0).Union(Region::Rectangle(6, 0, 8, 0));
+  EXPECT_EQ(Apply(closing_rectangle1, column, 1, 300), Region::Rectangle(0, 0, 8, 0));
   // A 7x7 block with a one pixel wide tail.
   Region r = Region::Rectangle(0, 0, 6, 6).Union(Region::Rectangle(3, 7, 3, 20));
   EXPECT_EQ(Apply(opening_rectangle1, r, 1, 3), Region::Rectangle(0, 0, 6, 6));
   EXPECT_EQ(Apply(opening_rectangle1, r, 3, 1), r);
   EXPECT_EQ(ApplyDisc(opening_circle, r, 1.5), Region::Rectangle(0, 0, 6, 6));
+  // Empty regions and lists.
+  EXPECT_TRUE(Apply(closing_rectangle1, Region(), 1, 300).Empty());
+  EXPECT_TRUE(Apply(opening_rectangle1, Region(), 300, 1).Empty());
+  EXPECT_TRUE(ApplyDisc(erosion_circle, Region(), 2.5).Empty());
   HObject out;
   opening_circle(HObject(), &out, HTuple(2.5));
   EXPECT_EQ(out.Count(), 0);
-  EXPECT_TRUE(ApplyDisc(erosion_circle, Region(), 2.5).Empty());
-}
-
-TEST(Morphology, SkeletonIsThinConnectedAndInside) {
-  Region bar = Region::Rectangle(10, 10, 16, 60);  // 7 rows high
-  Region ell = bar.Union(Region::Rectangle(10, 10, 50, 16));
-  for (const Region& r : {bar, ell}) {
-    HObject sk;
-    skeleton(HObject(r), &sk);
-    const Region& s = R(sk);
-    EXPECT_EQ(s.Intersection(r), s);
-    HObject parts;
-    connection(sk, &parts);
-    EXPECT_EQ(parts.Count(), 1);
-    // One pixel per column along the bar's middle part.
-    for (int c = 20; c <= 50; ++c) EXPECT_EQ(s.Intersection(Region::Rectangle(10, c, 16, c)).Area(), 1) << c;
-  }
 }
 
 // Shapes the skeleton meets in print: thick strokes, blobs with holes, noise.
@@ -252,7 +211,8 @@ Region ReferenceThinning(const Region& r) {
           if (!m.at<uint8_t>(y, x)) continue;
           auto p = [&](int dy, int dx) { return int(m.at<uint8_t>(y + dy, x + dx)); };
           // p2..p9 clockwise from the pixel above.
-          const int n[8] = {p(-1, 0), p(-1, 1), p(0, 1), p(1, 1), p(1, 0), p(1, -1), p(0, -1), p(-1, -1)};
+          const int n[8] = {p(-1, 0), p(-1, 1), p(0, 1),  p(1, 1),
+                            p(1, 0),  p(1, -1), p(0, -1), p(-1, -1)};
           int b = 0, a = 0;
           for (int i = 0; i < 8; ++i) b += n[i], a += !n[i] && n[(i + 1) % 8];
           const int p2 = n[0], p4 = n[2], p6 = n[4], p8 = n[6];
@@ -268,20 +228,34 @@ Region ReferenceThinning(const Region& r) {
 }
 
 TEST(Morphology, SkeletonMatchesPlainThinning) {
-  HObject all;
+  const Region bar = Region::Rectangle(10, 10, 16, 60);  // 7 rows high
+  const Region ell = bar.Union(Region::Rectangle(10, 10, 50, 16));
   std::vector<Region> shapes = ThinningShapes();
+  shapes.insert(shapes.begin(), {bar, ell});
+  HObject all, sk;
   for (const Region& r : shapes) concat_obj(all, HObject(r), &all);
-  HObject sk;
   skeleton(all, &sk);
   ASSERT_EQ(sk.Count(), long(shapes.size()));
   for (size_t i = 0; i < shapes.size(); ++i)
     EXPECT_EQ(R(sk, long(i)), ReferenceThinning(shapes[i])) << "shape " << i;
+  // Independently of the reference: the strokes' skeletons lie inside, are one piece, and have
+  // one pixel per column along the bar's middle part.
+  for (long i : {0, 1}) {
+    const Region& s = R(sk, i);
+    EXPECT_EQ(s.Intersection(shapes[size_t(i)]), s);
+    HObject parts;
+    connection(HObject(s), &parts);
+    EXPECT_EQ(parts.Count(), 1);
+    for (int c = 20; c <= 50; ++c)
+      EXPECT_EQ(s.Intersection(Region::Rectangle(10, c, 16, c)).Area(), 1) << i << " " << c;
+  }
   skeleton(HObject(Region()), &sk);
   EXPECT_TRUE(R(sk).Empty());
 }
 
 TEST(Morphology, SparseHugeRegionsAreRefusedNotRasterised) {
-  Region far = Region::Rectangle(0, 0, 0, 0).Union(Region::Rectangle(100000000, 100000000, 100000000, 100000000));
+  Region far = Region::Rectangle(0, 0, 0, 0)
+                   .Union(Region::Rectangle(100000000, 100000000, 100000000, 100000000));
   HObject out;
   try {
     skeleton(HObject(far), &out);

@@ -1,5 +1,4 @@
 #include <cmath>
-#include <cstring>
 #include <random>
 
 #include <gtest/gtest.h>
@@ -24,7 +23,7 @@ class Segmentation : public ::testing::Test {
 
 Image ByteImage(const cv::Mat& m) { return Image::FromPlanes(PixelType::Byte, {m}); }
 
-TEST_F(Segmentation, ThresholdIsInclusiveOverTheDomainForEveryType) {
+TEST_F(Segmentation, ThresholdIsInclusiveOverTheDomain) {
   cv::Mat m(3, 4, CV_8UC1);
   for (int i = 0; i < 12; ++i) m.data[i] = uint8_t(i * 10);  // 0..110 row-major
   Image img = ByteImage(m);
@@ -32,17 +31,8 @@ TEST_F(Segmentation, ThresholdIsInclusiveOverTheDomainForEveryType) {
   HObject reg;
   threshold(HObject(img), &reg, HTuple(20), HTuple(60));
   EXPECT_EQ(R(reg), Art({"..##", "###."}).Intersection(img.domain));
-
-  // The same pixels after shifting the values into each type's range.
-  struct Case { int depth; PixelType type; double offset; };
-  for (auto c : {Case{CV_16U, PixelType::UInt2, 1000}, Case{CV_16S, PixelType::Int2, -50},
-                 Case{CV_32S, PixelType::Int4, -50}, Case{CV_32F, PixelType::Real, -50.5}}) {
-    cv::Mat n;
-    m.convertTo(n, c.depth, 1.0, c.offset);
-    threshold(HObject(Image::FromPlanes(c.type, {n})), &reg, HTuple(20 + c.offset), HTuple(60 + c.offset));
-    EXPECT_EQ(R(reg), Art({"..##", "###."})) << PixelTypeName(c.type);
-  }
-  // Real limits truncate on integer images; vector fields use their lengths.
+  // (The other pixel types are compared pixel by pixel below.) Real limits
+  // truncate on integer images; vector fields use their lengths.
   threshold(HObject(ByteImage(m)), &reg, HTuple(20.5), HTuple(40.7));
   EXPECT_EQ(R(reg).Area(), 3);  // [20, 40]: 20, 30 and 40
   Image vf = Image::FromPlanes(PixelType::VectorField, {cv::Mat(2, 2, CV_32F, cv::Scalar(3)),
@@ -62,11 +52,12 @@ TEST_F(Segmentation, RealThresholdWithInexactLimitsMatchesDoubleComparison) {
   // Limits such as 0.1 have no exact float; pixels at the neighbouring floats
   // must fall on the same side as an exact comparison in double puts them.
   const double lo = -2.7, hi = 0.1;
-  std::vector<float> values{std::nextafter(float(lo), -10.f), float(lo), std::nextafter(float(lo), 10.f),
-                            0.f, std::nextafter(float(hi), -10.f), float(hi), std::nextafter(float(hi), 10.f)};
+  std::vector<float> values;
+  for (float f : {float(lo), 0.f, float(hi)})
+    values.insert(values.end(), {std::nextafter(f, -10.f), f, std::nextafter(f, 10.f)});
   cv::Mat m(1, int(values.size()), CV_32F, values.data());
   HObject reg;
-  threshold(HObject(Image::FromPlanes(PixelType::Real, {m.clone()})), &reg, HTuple(lo), HTuple(hi));
+  threshold(HObject(Image::FromPlanes(PixelType::Real, {m})), &reg, HTuple(lo), HTuple(hi));
   for (int c = 0; c < m.cols; ++c) {
     double v = values[size_t(c)];
     EXPECT_EQ(R(reg).Contains(0, c), v >= lo && v <= hi) << "column " << c << " value " << v;
@@ -80,7 +71,8 @@ Region RandomDomain(std::mt19937& rng, int h, int w) {
   std::vector<Run> runs;
   for (int k = 0; k < 4; ++k) {
     int r1 = row(rng), r2 = row(rng), c1 = col(rng);
-    for (int r = std::min(r1, r2); r <= std::max(r1, r2); ++r) runs.push_back({r, c1, c1 + len(rng)});
+    for (int r = std::min(r1, r2); r <= std::max(r1, r2); ++r)
+      runs.push_back({r, c1, c1 + len(rng)});
   }
   for (int k = 0; k < 2 * h; ++k) {
     int c = col(rng);
@@ -99,43 +91,36 @@ TEST_F(Segmentation, SingleChannelThresholdMatchesPixelByPixelComparison) {
                         {CV_16S, PixelType::Int2, -300, 300},  {CV_32S, PixelType::Int4, -9, 9},
                         {CV_32F, PixelType::Real, -3, 3}};
   for (const Case& c : cases) {
+    const bool integral = c.depth != CV_32F;
+    std::uniform_real_distribution<double> value(c.lo, c.hi);
+    std::bernoulli_distribution flat(0.3), special(0.02);
     for (int w : kOddWidths) {
       const int h = 1 + int(rng() % 9);
-      cv::Mat m(h, w, c.depth);
-      std::uniform_real_distribution<double> value(c.lo, c.hi);
-      std::bernoulli_distribution flat(0.3), special(0.02);
       // Flat stretches make long runs; a few non-finite reals never pass.
+      cv::Mat md(h, w, CV_64F), m;
       for (int y = 0; y < h; ++y)
         for (int x = 0; x < w; ++x) {
-          double v = flat(rng) && x > 0 ? -1e300 : value(rng);
-          if (c.depth == CV_32F) {
-            float f = v == -1e300 ? m.at<float>(y, x - 1) : float(v);
-            if (special(rng)) f = (rng() % 2) ? NAN : INFINITY;
-            m.at<float>(y, x) = f;
-          } else {
-            cv::Mat px(1, 1, CV_64F, cv::Scalar(v == -1e300 ? 0 : std::round(v)));
-            cv::Mat t;
-            px.convertTo(t, c.depth);
-            if (v == -1e300) std::memcpy(m.ptr(y, x), m.ptr(y, x - 1), m.elemSize());
-            else std::memcpy(m.ptr(y, x), t.ptr(), m.elemSize());
-          }
+          double& v = md.at<double>(y, x);
+          v = flat(rng) && x > 0 ? md.at<double>(y, x - 1) : value(rng);
+          if (integral) v = std::round(v);
+          else if (special(rng)) v = (rng() % 2) ? NAN : INFINITY;
         }
+      md.convertTo(m, c.depth);
+      m.convertTo(md, CV_64F);  // the values as stored, exact for every depth here
       Image img = Image::FromPlanes(c.type, {m});
       const bool reduced = rng() % 4 != 0;
       if (reduced) img.domain = RandomDomain(rng, h, w);
       const Region valid = img.domain.Clipped(h, w);
       for (int k = 0; k < 6; ++k) {
         double a = value(rng), b = value(rng);
-        if (k == 0) a = c.lo - 1, b = c.hi + 1;  // everything
-        if (k == 1) a = b = std::round(a);        // one level, tied exactly
-        if (k == 2 && c.depth != CV_32F) a = std::round(a) + 0.5, b = a + 1.7;  // truncated
-        if (k == 5) std::swap(a, b);              // possibly inverted: empty
+        if (k == 0) a = c.lo - 1, b = c.hi + 1;                     // everything
+        if (k == 1) a = b = std::round(a);                           // one level, tied exactly
+        if (k == 2 && integral) a = std::round(a) + 0.5, b = a + 1.7;  // truncated
+        if (k == 5) std::swap(a, b);                                 // possibly inverted: empty
         HObject reg;
         threshold(HObject(img), &reg, HTuple(a), HTuple(b));
-        const bool integral = c.depth != CV_32F;
         const double lo = integral ? std::trunc(a) : a, hi = integral ? std::trunc(b) : b;
-        cv::Mat md, expect = cv::Mat::zeros(h, w, CV_8U);
-        m.convertTo(md, CV_64F);  // exact for every depth here
+        cv::Mat expect = cv::Mat::zeros(h, w, CV_8U);
         for (const vision::Run& x : valid.Runs())
           for (int col = x.cb; col <= x.ce; ++col) {
             const double v = md.at<double>(x.row, col);
@@ -149,11 +134,14 @@ TEST_F(Segmentation, SingleChannelThresholdMatchesPixelByPixelComparison) {
   }
 }
 
+// The compare widths of the vectorised helpers that this CPU runs.
+std::vector<bool> Widths() {
+  return detail::CpuHasAvx2() ? std::vector{false, true} : std::vector{false};
+}
+
 TEST_F(Segmentation, RealRowRunsAgreeForBothCompareWidths) {
   std::mt19937 rng(3);
   std::uniform_int_distribution<int> level(-4, 4);
-  std::vector<bool> widths{false};
-  if (detail::CpuHasAvx2()) widths.push_back(true);
   for (int n = 0; n <= 200; ++n) {
     // Few distinct levels: long runs, and values exactly at the limits.
     std::vector<float> row(size_t(n) + 3);
@@ -163,13 +151,11 @@ TEST_F(Segmentation, RealRowRunsAgreeForBothCompareWidths) {
     const int col0 = int(rng() % 100) - 50;
     std::vector<vision::Run> expect;
     for (int i = 0; i < n; ++i) {
-      const bool in = row[size_t(i) + 1] >= lo && row[size_t(i) + 1] <= hi;
-      if (in && (expect.empty() || expect.back().ce != col0 + i - 1 || i == 0))
-        expect.push_back({7, col0 + i, col0 + i});
-      else if (in)
-        expect.back().ce = col0 + i;
+      if (!(row[size_t(i) + 1] >= lo && row[size_t(i) + 1] <= hi)) continue;
+      if (!expect.empty() && expect.back().ce == col0 + i - 1) ++expect.back().ce;
+      else expect.push_back({7, col0 + i, col0 + i});
     }
-    for (bool wide : widths) {
+    for (bool wide : Widths()) {
       std::vector<vision::Run> got;
       detail::RealRangeRuns(row.data() + 1, n, lo, hi, 7, col0, wide, &got);
       ASSERT_EQ(got, expect) << "n " << n << " wide " << wide;
@@ -177,22 +163,43 @@ TEST_F(Segmentation, RealRowRunsAgreeForBothCompareWidths) {
   }
 }
 
-TEST_F(Segmentation, BinThresholdReturnsTheDarkMode) {
-  cv::Mat m(40, 60, CV_8UC1);
-  cv::RNG rng(7);
-  for (int y = 0; y < m.rows; ++y)
-    for (int x = 0; x < m.cols; ++x)
-      m.at<uint8_t>(y, x) = cv::saturate_cast<uint8_t>((x < 20 ? 60 : 190) + rng.gaussian(8));
-  HObject reg;
-  bin_threshold(HObject(ByteImage(m)), &reg);
-  EXPECT_EQ(R(reg), Region::Rectangle(0, 0, 39, 19));
-  HObject real(Image::FromPlanes(PixelType::Real, {cv::Mat(2, 2, CV_32F, cv::Scalar(1))}));
-  EXPECT_THROW(bin_threshold(real, &reg), HException);
+// A 256-bin histogram smoothed with a Gaussian the plain way, mass outside the gray range ignored.
+std::vector<double> PlainSmooth(const std::vector<double>& hist, double sigma) {
+  const int r = int(std::ceil(3 * sigma));
+  std::vector<double> out(256);
+  for (int i = 0; i < 256; ++i) {
+    double sum = 0, weight = 0;
+    for (int d = std::max(-r, -i); d <= std::min(r, 255 - i); ++d) {
+      const double k = std::exp(-0.5 * d * d / (sigma * sigma));
+      sum += k * hist[size_t(i + d)];
+      weight += k;
+    }
+    out[size_t(i)] = sum / weight;
+  }
+  return out;
 }
 
-// The dark-part threshold computed the plain way: a pixel histogram smoothed
-// with ever wider Gaussians (mass outside the gray range ignored) until one
-// valley is left, Otsu's threshold when none is.
+TEST_F(Segmentation, HistogramSmoothingIsThePlainSumForBothWidths) {
+  std::mt19937 rng(8);
+  for (int trial = 0; trial < 3; ++trial) {
+    // Sparse and dense histograms, with empty stretches at both ends.
+    std::vector<double> h(256, 0.0);
+    for (int i = 10 * trial + 1; i < 250; ++i)
+      if (rng() % (trial + 1) == 0) h[size_t(i)] = double(rng() % 1000) / 997.0;
+    detail::HistogramSmoother smoother(h);
+    for (double sigma = 1; sigma <= 64; sigma += 1) {
+      const std::vector<double> expect = PlainSmooth(h, sigma);
+      for (bool wide : Widths()) {
+        std::vector<double> got;
+        smoother.Smooth(sigma, wide, &got);
+        ASSERT_EQ(got, expect) << "sigma " << sigma << " wide " << wide;  // bit for bit
+      }
+    }
+  }
+}
+
+// The dark-part threshold found the plain way: the pixel histogram smoothed
+// ever more until one valley is left, Otsu's threshold when none is.
 int ReferenceBinThreshold(const Image& img) {
   std::vector<double> hist(256, 0.0);
   const Region dom = img.domain.Clipped(img.height, img.width);
@@ -202,18 +209,7 @@ int ReferenceBinThreshold(const Image& img) {
   if (total > 0)
     for (double& v : hist) v /= total;
   for (double sigma = 1; sigma <= 64; sigma += 1) {
-    const int r = int(std::ceil(3 * sigma));
-    std::vector<double> sm(256), k;
-    for (int d = -r; d <= r; ++d) k.push_back(std::exp(-0.5 * d * d / (sigma * sigma)));
-    for (int i = 0; i < 256; ++i) {
-      double sum = 0, weight = 0;
-      for (int d = -r; d <= r; ++d) {
-        if (i + d < 0 || i + d > 255) continue;
-        sum += k[size_t(d + r)] * hist[size_t(i + d)];
-        weight += k[size_t(d + r)];
-      }
-      sm[size_t(i)] = sum / weight;
-    }
+    const std::vector<double> sm = PlainSmooth(hist, sigma);
     std::vector<int> minima;  // a flat valley counts once, at its middle
     for (int i = 1; i < 255;) {
       if (sm[size_t(i)] < sm[size_t(i - 1)]) {
@@ -245,39 +241,28 @@ int ReferenceBinThreshold(const Image& img) {
   return t_best;
 }
 
-TEST_F(Segmentation, HistogramSmoothingIsThePlainSumForBothWidths) {
-  std::mt19937 rng(8);
-  std::vector<bool> widths{false};
-  if (detail::CpuHasAvx2()) widths.push_back(true);
-  for (int trial = 0; trial < 3; ++trial) {
-    // Sparse and dense histograms, with empty stretches at both ends.
-    std::vector<double> h(256, 0.0);
-    for (int i = 0; i < 256; ++i)
-      if (rng() % (trial + 1) == 0 && i > 10 * trial && i < 250) h[size_t(i)] = double(rng() % 1000) / 997.0;
-    detail::HistogramSmoother smoother(h);
-    for (double sigma = 1; sigma <= 64; sigma += 1) {
-      const int r = int(std::ceil(3 * sigma));
-      std::vector<double> k, expect(256);
-      for (int d = -r; d <= r; ++d) k.push_back(std::exp(-0.5 * d * d / (sigma * sigma)));
-      for (int i = 0; i < 256; ++i) {
-        double sum = 0, weight = 0;
-        for (int d = -r; d <= r; ++d)
-          if (i + d >= 0 && i + d < 256) sum += k[size_t(d + r)] * h[size_t(i + d)], weight += k[size_t(d + r)];
-        expect[size_t(i)] = sum / weight;
-      }
-      for (bool wide : widths) {
-        std::vector<double> got;
-        smoother.Smooth(sigma, wide, &got);
-        ASSERT_EQ(got, expect) << "sigma " << sigma << " wide " << wide;  // bit for bit
-      }
-    }
-  }
-}
-
 TEST_F(Segmentation, BinThresholdMatchesThePlainHistogramSearch) {
+  // Two clear modes: exactly the dark part.
+  cv::Mat two(40, 60, CV_8UC1);
+  cv::RNG gauss(7);
+  for (int y = 0; y < two.rows; ++y)
+    for (int x = 0; x < two.cols; ++x)
+      two.at<uint8_t>(y, x) = cv::saturate_cast<uint8_t>((x < 20 ? 60 : 190) + gauss.gaussian(8));
+  HObject reg;
+  bin_threshold(HObject(ByteImage(two)), &reg);
+  EXPECT_EQ(R(reg), Region::Rectangle(0, 0, 39, 19));
+  // A constant image and an empty domain: no valley at all.
+  Image flat = ByteImage(cv::Mat(5, 9, CV_8U, cv::Scalar(77)));
+  bin_threshold(HObject(flat), &reg);
+  EXPECT_EQ(R(reg).Area(), 45);
+  flat.domain = Region();
+  bin_threshold(HObject(flat), &reg);
+  EXPECT_TRUE(R(reg).Empty());
+  HObject real(Image::FromPlanes(PixelType::Real, {cv::Mat(2, 2, CV_32F, cv::Scalar(1))}));
+  EXPECT_THROW(bin_threshold(real, &reg), HException);
+
   std::mt19937 rng(23);
   std::normal_distribution<double> noise(0, 1);
-  int cases = 0;
   for (int modes = 0; modes <= 4; ++modes) {
     for (int w : kOddWidths) {
       const int h = 1 + int(rng() % 40);
@@ -297,22 +282,12 @@ TEST_F(Segmentation, BinThresholdMatchesThePlainHistogramSearch) {
       Image img = ByteImage(m);
       if (rng() % 3 == 0) img.domain = RandomDomain(rng, h, w);
       const int t = ReferenceBinThreshold(img);
-      HObject reg, expect;
+      HObject expect;
       bin_threshold(HObject(img), &reg);
       threshold(HObject(img), &expect, HTuple(0), HTuple(t));
       ASSERT_EQ(R(reg), R(expect)) << modes << " modes, " << h << "x" << w << ", threshold " << t;
-      ++cases;
     }
   }
-  // A constant image and an empty domain: no valley at all.
-  Image flat = ByteImage(cv::Mat(5, 9, CV_8U, cv::Scalar(77)));
-  HObject reg;
-  bin_threshold(HObject(flat), &reg);
-  EXPECT_EQ(R(reg).Area(), 45);
-  flat.domain = Region();
-  bin_threshold(HObject(flat), &reg);
-  EXPECT_TRUE(R(reg).Empty());
-  EXPECT_GT(cases, 60);
 }
 
 TEST_F(Segmentation, ConnectionNeighbourhoodAndOrder) {
@@ -508,7 +483,6 @@ TEST_F(Segmentation, FillUpShapeMatchesRasterHoles) {
       EXPECT_EQ(R(res), all) << "shape " << k << " nb " << nb;
     }
   }
-  ResetSystem();
 }
 
 TEST_F(Segmentation, PartitionDynamicCutsAtTheNarrowestColumn) {
@@ -533,41 +507,23 @@ TEST_F(Segmentation, PartitionDynamicCutsAtTheNarrowestColumn) {
 }
 
 TEST_F(Segmentation, DistanceTransformOnABar) {
-  // A bar five rows high inside a larger image: 1 2 3 2 1 across it.
-  Region bar = Region::Rectangle(2, 1, 6, 12);
-  struct Case { const char* metric; std::vector<int> column6; };
-  const Case cases[] = {
-      {"city-block", {0, 0, 1, 2, 3, 2, 1, 0, 0}},
-      {"chessboard", {0, 0, 1, 2, 3, 2, 1, 0, 0}},
-      {"euclidean", {0, 0, 1, 2, 3, 2, 1, 0, 0}},
-      {"octagonal", {0, 0, 1, 2, 3, 2, 1, 0, 0}},
-  };
-  for (const auto& c : cases) {
-    HObject img;
-    distance_transform(HObject(bar), &img, HTuple(c.metric), HTuple("true"), HTuple(16), HTuple(9));
+  // A bar five rows high inside a larger image: 1 2 3 2 1 across it in every
+  // metric. (City-block and chessboard are checked pixel by pixel below.)
+  const Region bar = Region::Rectangle(2, 1, 6, 12);
+  const std::vector<int> column6{0, 0, 1, 2, 3, 2, 1, 0, 0};
+  HObject img;
+  for (const char* metric : {"city-block", "chessboard", "euclidean", "octagonal"}) {
+    SCOPED_TRACE(metric);
+    distance_transform(HObject(bar), &img, HTuple(metric), HTuple("true"), HTuple(16), HTuple(9));
     const Image& d = img.ImageAt(0);
     ASSERT_EQ(d.type, PixelType::Int4);
     ASSERT_EQ(d.width, 16);
     ASSERT_EQ(d.height, 9);
-    for (int y = 0; y < 9; ++y) EXPECT_EQ(d.planes[0].at<int32_t>(y, 6), c.column6[size_t(y)]) << c.metric << " row " << y;
+    for (int y = 0; y < 9; ++y) EXPECT_EQ(d.planes[0].at<int32_t>(y, 6), column6[size_t(y)]) << y;
   }
-  // Corners tell the metrics apart: the corner pixel's inner neighbour (3,2)
-  // is 2 in city-block and chessboard alike, the pixel (4,3) is 3 in both;
-  // outside, (0,0) is 3 from the bar in city-block, 2 in chessboard.
-  HObject cb, ch;
-  distance_transform(HObject(bar), &cb, HTuple("city-block"), HTuple("false"), HTuple(16), HTuple(9));
-  distance_transform(HObject(bar), &ch, HTuple("chessboard"), HTuple("false"), HTuple(16), HTuple(9));
-  EXPECT_EQ(cb.ImageAt(0).planes[0].at<int32_t>(0, 0), 3);
-  EXPECT_EQ(ch.ImageAt(0).planes[0].at<int32_t>(0, 0), 2);
-  EXPECT_EQ(cb.ImageAt(0).planes[0].at<int32_t>(4, 5), 0);  // inside the bar
-  // The image border ends the region: a region touching it gets 1 there.
-  HObject edge;
-  distance_transform(HObject(Region::Rectangle(0, 0, 8, 15)), &edge, HTuple("city-block"),
-                     HTuple("true"), HTuple(16), HTuple(9));
-  EXPECT_EQ(edge.ImageAt(0).planes[0].at<int32_t>(0, 7), 1);
-  EXPECT_EQ(edge.ImageAt(0).planes[0].at<int32_t>(4, 7), 5);
-  EXPECT_THROW(distance_transform(HObject(bar), &edge, HTuple("manhattan"), HTuple("true"), HTuple(4),
-                                  HTuple(4)), HException);
+  EXPECT_THROW(distance_transform(HObject(bar), &img, HTuple("manhattan"), HTuple("true"),
+                                  HTuple(4), HTuple(4)),
+               HException);
 }
 
 // Both raster metrics against the nearest source found by search, on
@@ -590,12 +546,12 @@ TEST_F(Segmentation, DistanceTransformMatchesBruteForce) {
   for (const std::string metric : {"city-block", "chessboard"})
     for (const Shape& s : shapes)
       for (const bool inside : {true, false}) {
+        SCOPED_TRACE(testing::Message() << metric << " " << s.h << "x" << s.w << " " << inside);
         HObject img;
         distance_transform(HObject(s.r), &img, HTuple(metric), HTuple(inside ? "true" : "false"),
                            HTuple(s.w), HTuple(s.h));
         const cv::Mat& d = img.ImageAt(0).planes[0];
-        ASSERT_EQ(d.rows, s.h);
-        ASSERT_EQ(d.cols, s.w);
+        ASSERT_EQ(d.size(), cv::Size(s.w, s.h));
         for (int y = 0; y < s.h; ++y)
           for (int x = 0; x < s.w; ++x) {
             // Nearest pixel of the other kind, or just outside the image for
@@ -612,9 +568,7 @@ TEST_F(Segmentation, DistanceTransformMatchesBruteForce) {
                 }
               if (best == 1 << 30) best = 0;
             }
-            ASSERT_EQ(d.at<int32_t>(y, x), best) << metric << " " << s.h << "x" << s.w
-                                                 << (inside ? " inside" : " outside") << " at "
-                                                 << y << "," << x;
+            ASSERT_EQ(d.at<int32_t>(y, x), best) << "at " << y << "," << x;
           }
       }
 }
