@@ -59,6 +59,7 @@ int main(int argc, char** argv) {
   uint32_t seed = 777001;  // training uses 20260 + k * 7919
   std::string only, dump;
   bool show_errors = false;
+  long black = 0;
   for (int i = 1; i + 1 < argc; i += 2) {
     const std::string a = argv[i], v = argv[i + 1];
     if (a == "--markings") markings = std::stoi(v);
@@ -66,6 +67,7 @@ int main(int argc, char** argv) {
     else if (a == "--seed") seed = uint32_t(std::stoul(v));
     else if (a == "--dump") dump = v;
     else if (a == "--errors") show_errors = v == "1";
+    else if (a == "--black") black = std::stol(v);
   }
   std::ofstream truth;
   if (!dump.empty()) {
@@ -73,7 +75,8 @@ int main(int argc, char** argv) {
     truth.open(dump + "/truth.tsv");
   }
   std::printf("bench_ocr_accuracy: %d markings per family and grade, 5-16 characters, cap height "
-              "20-48 px, seed %u\n", markings, seed);
+              "20-48 px, seed %u%s\n", markings, seed,
+              black ? (", black level " + std::to_string(black)).c_str() : "");
   std::printf("%-10s %-9s %8s %8s %9s %9s %9s %9s %9s\n", "family", "grade", "chars", "char%",
               "marking%", "mean_ms", "median_ms", "p10_ms", "p90_ms");
   MarkingRenderer renderer;
@@ -91,6 +94,7 @@ int main(int argc, char** argv) {
         const Marking m = renderer.Render(text, face, height, g, rng);
         velmora::OcrSettings s;
         s.font_name = fam.name;
+        s.black_level = black;
         const auto img = ToVisionImage(m.rgb);
         const auto t0 = std::chrono::steady_clock::now();
         const auto recs = velmora::RecognizeText(img, m.rgb.cols, m.rgb.rows, s);
