@@ -2,7 +2,9 @@
 // classifiers on generated markings that training never saw (other seeds,
 // other strings, held-out faces), per family and grade, with the time of one
 // recognition (segmentation + classification, classifier files loaded each
-// time as the service does).
+// time as the service does). Under each row, the same figures for small,
+// middle and large print (cap heights 20-27, 28-37 and 38-48 pixels), so that
+// an integrator sees what character height the optics should give.
 //
 //   bench_ocr_accuracy [--markings N] [--family NAME] [--seed N] [--dump DIR]
 //                      [--errors 1]
@@ -41,6 +43,19 @@ size_t EditDistance(const std::string& a, const std::string& b) {
   }
   return prev[b.size()];
 }
+
+// Character and whole-marking tallies of one set of markings.
+struct Tally {
+  size_t markings = 0, chars = 0, errors = 0, exact = 0;
+  void Add(const std::string& text, const std::string& got) {
+    ++markings;
+    chars += text.size();
+    errors += std::min(EditDistance(text, got), text.size());
+    exact += got == text;
+  }
+  double CharPercent() const { return chars ? 100.0 * double(chars - errors) / double(chars) : 0; }
+  double MarkingPercent() const { return markings ? 100.0 * double(exact) / double(markings) : 0; }
+};
 
 double Percentile(std::vector<double> v, double q) {
   if (v.empty()) return 0;
@@ -84,7 +99,8 @@ int main(int argc, char** argv) {
     if (!only.empty() && fam.name != only) continue;
     for (Grade g : {Grade::Clean, Grade::Moderate, Grade::Hard}) {
       std::mt19937 rng(seed + uint32_t(&fam - &Families()[0]) * 131u + uint32_t(g) * 17u);
-      size_t chars = 0, errors = 0, exact = 0;
+      Tally all, by_size[3];
+      const char* size_names[3] = {"20-27", "28-37", "38-48"};
       std::vector<double> ms;
       for (int i = 0; i < markings; ++i) {
         const Face& face = fam.eval_faces[size_t(i) % fam.eval_faces.size()];
@@ -101,12 +117,11 @@ int main(int argc, char** argv) {
         const auto t1 = std::chrono::steady_clock::now();
         ms.push_back(std::chrono::duration<double, std::milli>(t1 - t0).count());
         const std::string got = recs.empty() ? std::string() : recs[0].text;
-        chars += text.size();
-        errors += std::min(EditDistance(text, got), text.size());
-        exact += got == text;
+        all.Add(text, got);
+        by_size[height < 28 ? 0 : height < 38 ? 1 : 2].Add(text, got);
         if (show_errors && got != text)
-          std::printf("  %s %s [%s]: %s -> %s\n", fam.name.c_str(), GradeName(g), face.Name().c_str(),
-                      text.c_str(), got.c_str());
+          std::printf("  %s %s [%s, cap %d px]: %s -> %s\n", fam.name.c_str(), GradeName(g),
+                      face.Name().c_str(), height, text.c_str(), got.c_str());
         if (truth.is_open()) {
           char name[96];
           std::snprintf(name, sizeof name, "%s_%s_%03d.png", fam.name.c_str(), GradeName(g), i);
@@ -120,9 +135,12 @@ int main(int argc, char** argv) {
       double mean = 0;
       for (double x : ms) mean += x / double(ms.size());
       std::printf("%-10s %-9s %8zu %8.2f %9.1f %9.2f %9.2f %9.2f %9.2f\n", fam.name.c_str(),
-                  GradeName(g), chars, 100.0 * double(chars - errors) / double(chars),
-                  100.0 * double(exact) / markings, mean, Percentile(ms, 0.5), Percentile(ms, 0.1),
+                  GradeName(g), all.chars, all.CharPercent(), all.MarkingPercent(), mean, Percentile(ms, 0.5), Percentile(ms, 0.1),
                   Percentile(ms, 0.9));
+      for (int k = 0; k < 3; ++k)
+        std::printf("  cap %s px %13zu %8.2f %9.1f   (%zu markings)\n", size_names[k],
+                    by_size[k].chars, by_size[k].CharPercent(), by_size[k].MarkingPercent(),
+                    by_size[k].markings);
       std::fflush(stdout);
     }
   }
