@@ -53,6 +53,13 @@ struct Tally {
     errors += std::min(EditDistance(text, got), text.size());
     exact += got == text;
   }
+  Tally& operator+=(const Tally& o) {
+    markings += o.markings;
+    chars += o.chars;
+    errors += o.errors;
+    exact += o.exact;
+    return *this;
+  }
   double CharPercent() const { return chars ? 100.0 * double(chars - errors) / double(chars) : 0; }
   double MarkingPercent() const { return markings ? 100.0 * double(exact) / double(markings) : 0; }
 };
@@ -99,7 +106,7 @@ int main(int argc, char** argv) {
     if (!only.empty() && fam.name != only) continue;
     for (Grade g : {Grade::Clean, Grade::Moderate, Grade::Hard}) {
       std::mt19937 rng(seed + uint32_t(&fam - &Families()[0]) * 131u + uint32_t(g) * 17u);
-      Tally all, by_size[3];
+      Tally by_size[3];
       const char* size_names[3] = {"20-27", "28-37", "38-48"};
       std::vector<double> ms;
       for (int i = 0; i < markings; ++i) {
@@ -117,7 +124,6 @@ int main(int argc, char** argv) {
         const auto t1 = std::chrono::steady_clock::now();
         ms.push_back(std::chrono::duration<double, std::milli>(t1 - t0).count());
         const std::string got = recs.empty() ? std::string() : recs[0].text;
-        all.Add(text, got);
         by_size[height < 28 ? 0 : height < 38 ? 1 : 2].Add(text, got);
         if (show_errors && got != text)
           std::printf("  %s %s [%s, cap %d px]: %s -> %s\n", fam.name.c_str(), GradeName(g),
@@ -134,9 +140,11 @@ int main(int argc, char** argv) {
       }
       double mean = 0;
       for (double x : ms) mean += x / double(ms.size());
+      Tally all;
+      for (const Tally& t : by_size) all += t;
       std::printf("%-10s %-9s %8zu %8.2f %9.1f %9.2f %9.2f %9.2f %9.2f\n", fam.name.c_str(),
-                  GradeName(g), all.chars, all.CharPercent(), all.MarkingPercent(), mean, Percentile(ms, 0.5), Percentile(ms, 0.1),
-                  Percentile(ms, 0.9));
+                  GradeName(g), all.chars, all.CharPercent(), all.MarkingPercent(), mean,
+                  Percentile(ms, 0.5), Percentile(ms, 0.1), Percentile(ms, 0.9));
       for (int k = 0; k < 3; ++k)
         std::printf("  cap %s px %13zu %8.2f %9.1f   (%zu markings)\n", size_names[k],
                     by_size[k].chars, by_size[k].CharPercent(), by_size[k].MarkingPercent(),
