@@ -44,6 +44,10 @@ size_t EditDistance(const std::string& a, const std::string& b) {
   return prev[b.size()];
 }
 
+// Cap heights of the markings, and the top of each of the three size bands
+// the figures are also given for.
+constexpr int kCapLo = 20, kSizeTop[3] = {27, 37, 48};
+
 // Character and whole-marking tallies of one set of markings.
 struct Tally {
   size_t markings = 0, chars = 0, errors = 0, exact = 0;
@@ -107,12 +111,11 @@ int main(int argc, char** argv) {
     for (Grade g : {Grade::Clean, Grade::Moderate, Grade::Hard}) {
       std::mt19937 rng(seed + uint32_t(&fam - &Families()[0]) * 131u + uint32_t(g) * 17u);
       Tally by_size[3];
-      const char* size_names[3] = {"20-27", "28-37", "38-48"};
       std::vector<double> ms;
       for (int i = 0; i < markings; ++i) {
         const Face& face = fam.eval_faces[size_t(i) % fam.eval_faces.size()];
         const int len = std::uniform_int_distribution<int>(5, 16)(rng);
-        const int height = std::uniform_int_distribution<int>(20, 48)(rng);
+        const int height = std::uniform_int_distribution<int>(kCapLo, kSizeTop[2])(rng);
         const std::string text = RandomText(fam.AllClasses(), fam.specials, len, rng);
         const Marking m = renderer.Render(text, face, height, g, rng);
         velmora::OcrSettings s;
@@ -124,7 +127,7 @@ int main(int argc, char** argv) {
         const auto t1 = std::chrono::steady_clock::now();
         ms.push_back(std::chrono::duration<double, std::milli>(t1 - t0).count());
         const std::string got = recs.empty() ? std::string() : recs[0].text;
-        by_size[height < 28 ? 0 : height < 38 ? 1 : 2].Add(text, got);
+        by_size[std::lower_bound(kSizeTop, kSizeTop + 2, height) - kSizeTop].Add(text, got);
         if (show_errors && got != text)
           std::printf("  %s %s [%s, cap %d px]: %s -> %s\n", fam.name.c_str(), GradeName(g),
                       face.Name().c_str(), height, text.c_str(), got.c_str());
@@ -146,8 +149,8 @@ int main(int argc, char** argv) {
                   GradeName(g), all.chars, all.CharPercent(), all.MarkingPercent(), mean,
                   Percentile(ms, 0.5), Percentile(ms, 0.1), Percentile(ms, 0.9));
       for (int k = 0; k < 3; ++k)
-        std::printf("  cap %s px %13zu %8.2f %9.1f   (%zu markings)\n", size_names[k],
-                    by_size[k].chars, by_size[k].CharPercent(), by_size[k].MarkingPercent(),
+        std::printf("  cap %d-%d px %13zu %8.2f %9.1f   (%zu markings)\n",
+                    k ? kSizeTop[k - 1] + 1 : kCapLo, kSizeTop[k], by_size[k].chars, by_size[k].CharPercent(), by_size[k].MarkingPercent(),
                     by_size[k].markings);
       std::fflush(stdout);
     }
