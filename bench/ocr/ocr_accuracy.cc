@@ -7,8 +7,10 @@
 // an integrator sees what character height the optics should give.
 //
 //   bench_ocr_accuracy [--markings N] [--family NAME] [--seed N] [--dump DIR]
-//                      [--errors 1]
+//                      [--errors 1] [--black N]
 //
+// --black N reads with the host's black level N (the text threshold moves by
+// 10 gray values per unit).
 // --dump writes every marking as PNG plus truth.tsv (file, family, grade,
 // text, our text, our milliseconds) for bench/ocr/tesseract.sh.
 #include <malloc.h>
@@ -150,8 +152,8 @@ int main(int argc, char** argv) {
                   Percentile(ms, 0.5), Percentile(ms, 0.1), Percentile(ms, 0.9));
       for (int k = 0; k < 3; ++k)
         std::printf("  cap %d-%d px %13zu %8.2f %9.1f   (%zu markings)\n",
-                    k ? kSizeTop[k - 1] + 1 : kCapLo, kSizeTop[k], by_size[k].chars, by_size[k].CharPercent(), by_size[k].MarkingPercent(),
-                    by_size[k].markings);
+                    k ? kSizeTop[k - 1] + 1 : kCapLo, kSizeTop[k], by_size[k].chars,
+                    by_size[k].CharPercent(), by_size[k].MarkingPercent(), by_size[k].markings);
       std::fflush(stdout);
     }
   }
