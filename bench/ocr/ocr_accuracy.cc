@@ -5,6 +5,10 @@
 // time as the service does). Under each row, the same figures for small,
 // middle and large print (cap heights 20-27, 28-37 and 38-48 pixels), so that
 // an integrator sees what character height the optics should give.
+// Beside each figure, what the service's cut alone allows: the text of a
+// classifier that names every cut piece as the rendered character it covers
+// (a merged pair reads as one character, a broken one as two, a lost hyphen
+// not at all), so that the classifiers' own errors and the cut's are apart.
 //
 //   bench_ocr_accuracy [--markings N] [--family NAME] [--seed N] [--dump DIR]
 //                      [--errors 1] [--black N]
@@ -52,22 +56,31 @@ constexpr int kCapLo = 20, kSizeTop[3] = {27, 37, 48};
 
 // Character and whole-marking tallies of one set of markings.
 struct Tally {
-  size_t markings = 0, chars = 0, errors = 0, exact = 0;
-  void Add(const std::string& text, const std::string& got) {
+  size_t markings = 0, chars = 0, errors = 0, exact = 0, cut_errors = 0, cut_exact = 0;
+  void Add(const std::string& text, const std::string& got, const std::string& cut) {
     ++markings;
     chars += text.size();
     errors += std::min(EditDistance(text, got), text.size());
     exact += got == text;
+    cut_errors += std::min(EditDistance(text, cut), text.size());
+    cut_exact += cut == text;
   }
   Tally& operator+=(const Tally& o) {
     markings += o.markings;
     chars += o.chars;
     errors += o.errors;
     exact += o.exact;
+    cut_errors += o.cut_errors;
+    cut_exact += o.cut_exact;
     return *this;
   }
-  double CharPercent() const { return chars ? 100.0 * double(chars - errors) / double(chars) : 0; }
-  double MarkingPercent() const { return markings ? 100.0 * double(exact) / double(markings) : 0; }
+  double Percent(size_t wrong, size_t of) const {
+    return of ? 100.0 * double(of - wrong) / double(of) : 0;
+  }
+  double CharPercent() const { return Percent(errors, chars); }
+  double MarkingPercent() const { return Percent(markings - exact, markings); }
+  double CutCharPercent() const { return Percent(cut_errors, chars); }
+  double CutMarkingPercent() const { return Percent(markings - cut_exact, markings); }
 };
 
 double Percentile(std::vector<double> v, double q) {
@@ -105,8 +118,9 @@ int main(int argc, char** argv) {
   std::printf("bench_ocr_accuracy: %d markings per family and grade, 5-16 characters, cap height "
               "20-48 px, seed %u%s\n", markings, seed,
               black ? (", black level " + std::to_string(black)).c_str() : "");
-  std::printf("%-10s %-9s %8s %8s %9s %9s %9s %9s %9s\n", "family", "grade", "chars", "char%",
-              "marking%", "mean_ms", "median_ms", "p10_ms", "p90_ms");
+  std::printf("%-10s %-9s %8s %8s %9s %9s %9s %9s %9s %9s %9s\n", "family", "grade", "chars",
+              "char%", "marking%", "cut_char%", "cut_mark%", "mean_ms", "median_ms", "p10_ms",
+              "p90_ms");
   MarkingRenderer renderer;
   for (const auto& fam : Families()) {
     if (!only.empty() && fam.name != only) continue;
@@ -129,7 +143,8 @@ int main(int argc, char** argv) {
         const auto t1 = std::chrono::steady_clock::now();
         ms.push_back(std::chrono::duration<double, std::milli>(t1 - t0).count());
         const std::string got = recs.empty() ? std::string() : recs[0].text;
-        by_size[std::lower_bound(kSizeTop, kSizeTop + 2, height) - kSizeTop].Add(text, got);
+        const std::string cut = CutOracleText(m, black);
+        by_size[std::lower_bound(kSizeTop, kSizeTop + 2, height) - kSizeTop].Add(text, got, cut);
         if (show_errors && got != text)
           std::printf("  %s %s [%s, cap %d px]: %s -> %s\n", fam.name.c_str(), GradeName(g),
                       face.Name().c_str(), height, text.c_str(), got.c_str());
@@ -147,13 +162,16 @@ int main(int argc, char** argv) {
       for (double x : ms) mean += x / double(ms.size());
       Tally all;
       for (const Tally& t : by_size) all += t;
-      std::printf("%-10s %-9s %8zu %8.2f %9.1f %9.2f %9.2f %9.2f %9.2f\n", fam.name.c_str(),
-                  GradeName(g), all.chars, all.CharPercent(), all.MarkingPercent(), mean,
+      std::printf("%-10s %-9s %8zu %8.2f %9.1f %9.2f %9.1f %9.2f %9.2f %9.2f %9.2f\n",
+                  fam.name.c_str(), GradeName(g), all.chars, all.CharPercent(),
+                  all.MarkingPercent(), all.CutCharPercent(), all.CutMarkingPercent(), mean,
                   Percentile(ms, 0.5), Percentile(ms, 0.1), Percentile(ms, 0.9));
-      for (int k = 0; k < 3; ++k)
-        std::printf("  cap %d-%d px %13zu %8.2f %9.1f   (%zu markings)\n",
-                    k ? kSizeTop[k - 1] + 1 : kCapLo, kSizeTop[k], by_size[k].chars,
-                    by_size[k].CharPercent(), by_size[k].MarkingPercent(), by_size[k].markings);
+      for (const Tally& t : by_size) {
+        const int k = int(&t - by_size);
+        std::printf("  cap %d-%d px %13zu %8.2f %9.1f %9.2f %9.1f   (%zu markings)\n",
+                    k ? kSizeTop[k - 1] + 1 : kCapLo, kSizeTop[k], t.chars, t.CharPercent(),
+                    t.MarkingPercent(), t.CutCharPercent(), t.CutMarkingPercent(), t.markings);
+      }
       std::fflush(stdout);
     }
   }

@@ -12,26 +12,42 @@ vision::HObject ToVisionImage(const cv::Mat& rgb) {
   return vision::HObject(vision::Image::FromPlanes(vision::PixelType::Byte, std::move(planes)));
 }
 
-bool CutMarkingCharacters(const Marking& m, CutMarking* out) {
+namespace {
+
+// The service's cut of the marking, without the characters it skips (a box
+// less than two pixels wide or high, empty intersections among them).
+struct Cut {
+  vision::HObject kept, smoothed;
+  std::vector<Rect> rects;
+};
+
+Cut CutLine(const Marking& m, long black_level) {
   OcrPassParams p;
   p.width = m.rgb.cols;
   p.height = m.rgb.rows;
+  p.black_level = black_level;
   const OcrLineSegmentation seg = SegmentOcrLine(ToVisionImage(m.rgb), p);
+  Cut cut;
+  cut.smoothed = seg.smoothed;
   vision::HTuple n;
   vision::count_obj(seg.characters, &n);
-  // The service skips characters whose box is less than two pixels wide or
-  // high (empty intersections among them); so does the cut.
-  vision::HObject kept;
-  std::vector<Rect> rects;
   for (long j = 1; j <= n.L(); ++j) {
     vision::HObject c;
     vision::select_obj(seg.characters, &c, vision::HTuple(j));
     Rect r;
     HRegion2Rect(c, &r);
     if (r.right - r.left < 1 || r.bottom - r.top < 1) continue;
-    kept.Append(c);
-    rects.push_back(r);
+    cut.kept.Append(c);
+    cut.rects.push_back(r);
   }
+  return cut;
+}
+
+}  // namespace
+
+bool CutMarkingCharacters(const Marking& m, CutMarking* out) {
+  Cut cut = CutLine(m, 0);
+  const std::vector<Rect>& rects = cut.rects;
   if (rects.size() != m.boxes.size()) return false;
   for (size_t j = 0; j < rects.size(); ++j) {
     const Rect& r = rects[j];
@@ -43,10 +59,30 @@ bool CutMarkingCharacters(const Marking& m, CutMarking* out) {
     if (cx < b.x - 1 || cx > b.br().x || cy < b.y - 1 || cy > b.br().y) return false;
     if (bx < r.left - 1 || bx > r.right + 1 || by < r.top - 1 || by > r.bottom + 1) return false;
   }
-  out->characters = kept;
-  out->smoothed = seg.smoothed;
+  out->characters = std::move(cut.kept);
+  out->smoothed = std::move(cut.smoothed);
   out->classes = m.text;
   return true;
+}
+
+std::string CutOracleText(const Marking& m, long black_level) {
+  std::string text;
+  for (const Rect& r : CutLine(m, black_level).rects) {
+    // Rendered boxes are in the upright marking; the service reads the first
+    // pass upright too, so the two share coordinates.
+    const cv::Rect cut(r.left, r.top, r.right - r.left + 1, r.bottom - r.top + 1);
+    int best = 0;
+    char named = kNoCharacter;
+    for (size_t k = 0; k < m.boxes.size(); ++k) {
+      const int overlap = (cut & m.boxes[k]).area();
+      if (overlap > best) {
+        best = overlap;
+        named = m.text[k];
+      }
+    }
+    text += named;
+  }
+  return text;
 }
 
 }  // namespace velmora::ocrgen

@@ -23,4 +23,11 @@ struct CutMarking {
 // False when the marking's segmentation does not match its text.
 bool CutMarkingCharacters(const Marking& m, CutMarking* out);
 
+// What a classifier that names every cut piece right would read: the
+// service's cut of the marking (at the host's black level), each piece named
+// as the rendered character it overlaps most, `kNoCharacter` for a piece that
+// covers none. Its distance from the text is what the cut alone costs.
+constexpr char kNoCharacter = '~';
+std::string CutOracleText(const Marking& m, long black_level);
+
 }  // namespace velmora::ocrgen

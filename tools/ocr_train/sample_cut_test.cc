@@ -1,0 +1,51 @@
+// The cut of a rendered marking: matched to the rendered characters for
+// training, and named piece by piece for the benchmark's cut figures.
+#include <gtest/gtest.h>
+
+#include <opencv2/imgproc.hpp>
+
+#include "markings.h"
+#include "sample_cut.h"
+
+namespace velmora::ocrgen {
+namespace {
+
+Marking Clean(const std::string& text) {
+  MarkingRenderer renderer;
+  std::mt19937 rng(7);
+  return renderer.Render(text, FamilyByName("Industrial").eval_faces[0], 32, Grade::Clean, rng);
+}
+
+TEST(SampleCut, WholeMarkingIsCutAndNamedAsRendered) {
+  const Marking m = Clean("AB-12");
+  CutMarking cut;
+  ASSERT_TRUE(CutMarkingCharacters(m, &cut));
+  EXPECT_EQ(cut.classes, "AB-12");
+  EXPECT_EQ(CutOracleText(m, 0), "AB-12");
+}
+
+TEST(SampleCut, MergedAndUnmatchedPiecesShowInTheOracleText) {
+  Marking m = Clean("AB-12");
+  ASSERT_EQ(m.boxes.size(), 5u);
+  // A bar of print from the B to the hyphen joins them into one piece, named
+  // as the character it covers most; training refuses the marking.
+  double ink = 0;
+  cv::Mat gray;
+  cv::cvtColor(m.rgb, gray, cv::COLOR_RGB2GRAY);
+  cv::minMaxLoc(gray, &ink);
+  const cv::Rect b = m.boxes[1], hyphen = m.boxes[2];
+  cv::rectangle(m.rgb, cv::Point(b.br().x - 2, hyphen.y), cv::Point(hyphen.x + 2, hyphen.br().y),
+                cv::Scalar::all(ink), cv::FILLED);
+  CutMarking cut;
+  EXPECT_FALSE(CutMarkingCharacters(m, &cut));
+  EXPECT_EQ(CutOracleText(m, 0), "AB12");
+
+  // A piece over no rendered character is named as none.
+  m = Clean("AB-12");
+  m.boxes.erase(m.boxes.begin() + 3);
+  m.text = "AB-2";
+  EXPECT_EQ(CutOracleText(m, 0), std::string("AB-") + kNoCharacter + "2");
+}
+
+}  // namespace
+}  // namespace velmora::ocrgen
