@@ -142,8 +142,9 @@ int main(int argc, char** argv) {
         const auto recs = velmora::RecognizeText(img, m.rgb.cols, m.rgb.rows, s);
         const auto t1 = std::chrono::steady_clock::now();
         ms.push_back(std::chrono::duration<double, std::milli>(t1 - t0).count());
-        const std::string got = recs.empty() ? std::string() : recs[0].text;
-        const std::string cut = CutOracleText(m, black);
+        const velmora::OcrTextRecord read = recs.empty() ? velmora::OcrTextRecord() : recs[0];
+        const std::string& got = read.text;
+        const std::string cut = NameCutPieces(m, read.rects);
         by_size[std::lower_bound(kSizeTop, kSizeTop + 2, height) - kSizeTop].Add(text, got, cut);
         if (show_errors && got != text)
           std::printf("  %s %s [%s, cap %d px]: %s -> %s\n", fam.name.c_str(), GradeName(g),
@@ -166,8 +167,8 @@ int main(int argc, char** argv) {
                   fam.name.c_str(), GradeName(g), all.chars, all.CharPercent(),
                   all.MarkingPercent(), all.CutCharPercent(), all.CutMarkingPercent(), mean,
                   Percentile(ms, 0.5), Percentile(ms, 0.1), Percentile(ms, 0.9));
-      for (const Tally& t : by_size) {
-        const int k = int(&t - by_size);
+      for (int k = 0; k < 3; ++k) {
+        const Tally& t = by_size[k];
         std::printf("  cap %d-%d px %13zu %8.2f %9.1f %9.2f %9.1f   (%zu markings)\n",
                     k ? kSizeTop[k - 1] + 1 : kCapLo, kSizeTop[k], t.chars, t.CharPercent(),
                     t.MarkingPercent(), t.CutCharPercent(), t.CutMarkingPercent(), t.markings);

@@ -21,11 +21,10 @@ struct Cut {
   std::vector<Rect> rects;
 };
 
-Cut CutLine(const Marking& m, long black_level) {
+Cut CutLine(const Marking& m) {
   OcrPassParams p;
   p.width = m.rgb.cols;
   p.height = m.rgb.rows;
-  p.black_level = black_level;
   const OcrLineSegmentation seg = SegmentOcrLine(ToVisionImage(m.rgb), p);
   Cut cut;
   cut.smoothed = seg.smoothed;
@@ -46,7 +45,7 @@ Cut CutLine(const Marking& m, long black_level) {
 }  // namespace
 
 bool CutMarkingCharacters(const Marking& m, CutMarking* out) {
-  Cut cut = CutLine(m, 0);
+  Cut cut = CutLine(m);
   const std::vector<Rect>& rects = cut.rects;
   if (rects.size() != m.boxes.size()) return false;
   for (size_t j = 0; j < rects.size(); ++j) {
@@ -65,16 +64,16 @@ bool CutMarkingCharacters(const Marking& m, CutMarking* out) {
   return true;
 }
 
-std::string CutOracleText(const Marking& m, long black_level) {
+std::vector<Rect> CutPieces(const Marking& m) { return CutLine(m).rects; }
+
+std::string NameCutPieces(const Marking& m, const std::vector<Rect>& pieces) {
   std::string text;
-  for (const Rect& r : CutLine(m, black_level).rects) {
-    // Rendered boxes are in the upright marking; the service reads the first
-    // pass upright too, so the two share coordinates.
-    const cv::Rect cut(r.left, r.top, r.right - r.left + 1, r.bottom - r.top + 1);
+  for (const Rect& r : pieces) {
+    const cv::Rect piece(r.left, r.top, r.right - r.left + 1, r.bottom - r.top + 1);
     int best = 0;
     char named = kNoCharacter;
     for (size_t k = 0; k < m.boxes.size(); ++k) {
-      const int overlap = (cut & m.boxes[k]).area();
+      const int overlap = (piece & m.boxes[k]).area();
       if (overlap > best) {
         best = overlap;
         named = m.text[k];

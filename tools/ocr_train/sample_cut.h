@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "imaging/halcon_utility.h"
 #include "markings.h"
 #include "vision/core/object.h"
 
@@ -23,11 +24,15 @@ struct CutMarking {
 // False when the marking's segmentation does not match its text.
 bool CutMarkingCharacters(const Marking& m, CutMarking* out);
 
-// What a classifier that names every cut piece right would read: the
-// service's cut of the marking (at the host's black level), each piece named
-// as the rendered character it overlaps most, `kNoCharacter` for a piece that
-// covers none. Its distance from the text is what the cut alone costs.
+// The boxes of the pieces the service cuts the upright marking into, in
+// reading order, without those it skips.
+std::vector<Rect> CutPieces(const Marking& m);
+
+// What a classifier that names every cut piece right would read: each piece
+// (a box in the marking's coordinates) named as the rendered character it
+// overlaps most, `kNoCharacter` for a piece that covers none. Its distance
+// from the text is what the cut alone costs.
 constexpr char kNoCharacter = '~';
-std::string CutOracleText(const Marking& m, long black_level);
+std::string NameCutPieces(const Marking& m, const std::vector<Rect>& pieces);
 
 }  // namespace velmora::ocrgen

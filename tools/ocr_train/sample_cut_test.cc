@@ -21,7 +21,7 @@ TEST(SampleCut, WholeMarkingIsCutAndNamedAsRendered) {
   CutMarking cut;
   ASSERT_TRUE(CutMarkingCharacters(m, &cut));
   EXPECT_EQ(cut.classes, "AB-12");
-  EXPECT_EQ(CutOracleText(m, 0), "AB-12");
+  EXPECT_EQ(NameCutPieces(m, CutPieces(m)), "AB-12");
 }
 
 TEST(SampleCut, MergedAndUnmatchedPiecesShowInTheOracleText) {
@@ -38,13 +38,13 @@ TEST(SampleCut, MergedAndUnmatchedPiecesShowInTheOracleText) {
                 cv::Scalar::all(ink), cv::FILLED);
   CutMarking cut;
   EXPECT_FALSE(CutMarkingCharacters(m, &cut));
-  EXPECT_EQ(CutOracleText(m, 0), "AB12");
+  EXPECT_EQ(NameCutPieces(m, CutPieces(m)), "AB12");
 
   // A piece over no rendered character is named as none.
   m = Clean("AB-12");
   m.boxes.erase(m.boxes.begin() + 3);
   m.text = "AB-2";
-  EXPECT_EQ(CutOracleText(m, 0), std::string("AB-") + kNoCharacter + "2");
+  EXPECT_EQ(NameCutPieces(m, CutPieces(m)), std::string("AB-") + kNoCharacter + "2");
 }
 
 }  // namespace
