@@ -54,33 +54,49 @@ size_t EditDistance(const std::string& a, const std::string& b) {
 // the figures are also given for.
 constexpr int kCapLo = 20, kSizeTop[3] = {27, 37, 48};
 
-// Character and whole-marking tallies of one set of markings.
-struct Tally {
-  size_t markings = 0, chars = 0, errors = 0, exact = 0, cut_errors = 0, cut_exact = 0;
-  void Add(const std::string& text, const std::string& got, const std::string& cut) {
-    ++markings;
-    chars += text.size();
+// Character edits and exactly read markings of one reading of a set.
+struct Score {
+  size_t errors = 0, exact = 0;
+  void Add(const std::string& text, const std::string& got) {
     errors += std::min(EditDistance(text, got), text.size());
     exact += got == text;
-    cut_errors += std::min(EditDistance(text, cut), text.size());
-    cut_exact += cut == text;
+  }
+  Score& operator+=(const Score& o) {
+    errors += o.errors;
+    exact += o.exact;
+    return *this;
+  }
+};
+
+// Character and whole-marking tallies of one set of markings: the
+// classifiers' reading, and every cut piece named right.
+struct Tally {
+  size_t markings = 0, chars = 0;
+  Score read, cut;
+  void Add(const std::string& text, const std::string& got, const std::string& cut_text) {
+    ++markings;
+    chars += text.size();
+    read.Add(text, got);
+    cut.Add(text, cut_text);
   }
   Tally& operator+=(const Tally& o) {
     markings += o.markings;
     chars += o.chars;
-    errors += o.errors;
-    exact += o.exact;
-    cut_errors += o.cut_errors;
-    cut_exact += o.cut_exact;
+    read += o.read;
+    cut += o.cut;
     return *this;
   }
-  double Percent(size_t wrong, size_t of) const {
-    return of ? 100.0 * double(of - wrong) / double(of) : 0;
+  // char%, marking%, cut_char% and cut_mark%, as the table prints them.
+  std::string Figures() const {
+    auto percent = [](size_t right, size_t of) {
+      return of ? 100.0 * double(right) / double(of) : 0;
+    };
+    char out[64];
+    std::snprintf(out, sizeof out, "%8.2f %9.1f %9.2f %9.1f", percent(chars - read.errors, chars),
+                  percent(read.exact, markings), percent(chars - cut.errors, chars),
+                  percent(cut.exact, markings));
+    return out;
   }
-  double CharPercent() const { return Percent(errors, chars); }
-  double MarkingPercent() const { return Percent(markings - exact, markings); }
-  double CutCharPercent() const { return Percent(cut_errors, chars); }
-  double CutMarkingPercent() const { return Percent(markings - cut_exact, markings); }
 };
 
 double Percentile(std::vector<double> v, double q) {
@@ -163,16 +179,13 @@ int main(int argc, char** argv) {
       for (double x : ms) mean += x / double(ms.size());
       Tally all;
       for (const Tally& t : by_size) all += t;
-      std::printf("%-10s %-9s %8zu %8.2f %9.1f %9.2f %9.1f %9.2f %9.2f %9.2f %9.2f\n",
-                  fam.name.c_str(), GradeName(g), all.chars, all.CharPercent(),
-                  all.MarkingPercent(), all.CutCharPercent(), all.CutMarkingPercent(), mean,
-                  Percentile(ms, 0.5), Percentile(ms, 0.1), Percentile(ms, 0.9));
-      for (int k = 0; k < 3; ++k) {
-        const Tally& t = by_size[k];
-        std::printf("  cap %d-%d px %13zu %8.2f %9.1f %9.2f %9.1f   (%zu markings)\n",
-                    k ? kSizeTop[k - 1] + 1 : kCapLo, kSizeTop[k], t.chars, t.CharPercent(),
-                    t.MarkingPercent(), t.CutCharPercent(), t.CutMarkingPercent(), t.markings);
-      }
+      std::printf("%-10s %-9s %8zu %s %9.2f %9.2f %9.2f %9.2f\n", fam.name.c_str(),
+                  GradeName(g), all.chars, all.Figures().c_str(), mean, Percentile(ms, 0.5),
+                  Percentile(ms, 0.1), Percentile(ms, 0.9));
+      for (int k = 0; k < 3; ++k)
+        std::printf("  cap %d-%d px %13zu %s   (%zu markings)\n", k ? kSizeTop[k - 1] + 1 : kCapLo,
+                    kSizeTop[k], by_size[k].chars, by_size[k].Figures().c_str(),
+                    by_size[k].markings);
       std::fflush(stdout);
     }
   }

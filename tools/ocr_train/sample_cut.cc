@@ -46,10 +46,9 @@ Cut CutLine(const Marking& m) {
 
 bool CutMarkingCharacters(const Marking& m, CutMarking* out) {
   Cut cut = CutLine(m);
-  const std::vector<Rect>& rects = cut.rects;
-  if (rects.size() != m.boxes.size()) return false;
-  for (size_t j = 0; j < rects.size(); ++j) {
-    const Rect& r = rects[j];
+  if (cut.rects.size() != m.boxes.size()) return false;
+  for (size_t j = 0; j < cut.rects.size(); ++j) {
+    const Rect& r = cut.rects[j];
     // The cut's centre must lie in the rendered character's box (one pixel of
     // slack for blur), and the box's centre in the cut.
     const cv::Rect& b = m.boxes[j];
