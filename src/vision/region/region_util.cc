@@ -180,23 +180,20 @@ Region FramedBackground(const Region& r) {
 HoleSet::HoleSet(const Region& r, int foreground_neighborhood) {
   if (r.Empty()) return;
   background_ = FramedBackground(r);
+  // Component 0 is the outside: it holds the first run, the top frame row.
   count_ = LabelComponents(background_, foreground_neighborhood == 8 ? 4 : 8, &label_) - 1;
-  // Label 0 is the outside: it holds the first run, the top frame row.
-  for (int& l : label_) --l;
 }
 
 std::vector<int64_t> HoleSet::Areas() const {
   std::vector<int64_t> area(size_t(count_), 0);
   const auto& runs = background_.Runs();
   for (size_t k = 0; k < runs.size(); ++k)
-    if (label_[k] >= 0) area[size_t(label_[k])] += int64_t(runs[k].ce) - runs[k].cb + 1;
+    if (label_[k] > 0) area[size_t(label_[k] - 1)] += int64_t(runs[k].ce) - runs[k].cb + 1;
   return area;
 }
 
 std::vector<Region> HoleSet::Regions() const {
-  std::vector<int> shifted(label_.size());
-  for (size_t k = 0; k < label_.size(); ++k) shifted[k] = label_[k] + 1;
-  return SplitByLabel(background_.Runs(), shifted, count_ + 1, 1);
+  return SplitByLabel(background_.Runs(), label_, count_ + 1, 1);
 }
 
 Region HoleSet::FilledWith(const Region& r, const std::vector<bool>& chosen) const {
@@ -204,7 +201,7 @@ Region HoleSet::FilledWith(const Region& r, const std::vector<bool>& chosen) con
   std::vector<Run> runs;
   const auto& bg = background_.Runs();
   for (size_t k = 0; k < bg.size(); ++k)
-    if (label_[k] >= 0 && chosen[size_t(label_[k])]) runs.push_back(bg[k]);
+    if (label_[k] > 0 && chosen[size_t(label_[k] - 1)]) runs.push_back(bg[k]);
   return r.Union(Region::FromSortedRuns(std::move(runs)));
 }
 

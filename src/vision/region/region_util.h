@@ -52,7 +52,7 @@ class HoleSet {
 
  private:
   Region background_;
-  std::vector<int> label_;  // per background run: hole number, -1 outside
+  std::vector<int> label_;  // per background run: 0 outside, hole i as i + 1
   int count_ = 0;
 };
 // Holes: the components of the background, in the neighbourhood dual to the
