@@ -260,6 +260,15 @@ TEST_F(Segmentation, BinThresholdMatchesThePlainHistogramSearch) {
   EXPECT_TRUE(R(reg).Empty());
   HObject real(Image::FromPlanes(PixelType::Real, {cv::Mat(2, 2, CV_32F, cv::Scalar(1))}));
   EXPECT_THROW(bin_threshold(real, &reg), HException);
+  // A valley with an exactly flat floor: ten pixels of each gray 60-79 and
+  // 161-180, one of each between. The floor runs from 83 to 157 once
+  // smoothed, and the cut lies at its middle, 120, not at either end.
+  std::vector<uint8_t> grays;
+  for (int v = 60; v <= 180; ++v)
+    for (int k = 0; k < (v < 80 || v > 160 ? 10 : 1); ++k) grays.push_back(uint8_t(v));
+  const cv::Mat valley(1, int(grays.size()), CV_8U, grays.data());
+  bin_threshold(HObject(ByteImage(valley)), &reg);
+  EXPECT_EQ(R(reg).Area(), 200 + (120 - 80 + 1));
 
   std::mt19937 rng(23);
   std::normal_distribution<double> noise(0, 1);
