@@ -12,43 +12,29 @@ vision::HObject ToVisionImage(const cv::Mat& rgb) {
   return vision::HObject(vision::Image::FromPlanes(vision::PixelType::Byte, std::move(planes)));
 }
 
-namespace {
-
-// The service's cut of the marking, without the characters it skips (a box
-// less than two pixels wide or high, empty intersections among them).
-struct Cut {
-  vision::HObject kept, smoothed;
-  std::vector<Rect> rects;
-};
-
-Cut CutLine(const Marking& m) {
+bool CutMarkingCharacters(const Marking& m, CutMarking* out) {
   OcrPassParams p;
   p.width = m.rgb.cols;
   p.height = m.rgb.rows;
   const OcrLineSegmentation seg = SegmentOcrLine(ToVisionImage(m.rgb), p);
-  Cut cut;
-  cut.smoothed = seg.smoothed;
   vision::HTuple n;
   vision::count_obj(seg.characters, &n);
+  // The service skips characters whose box is less than two pixels wide or
+  // high (empty intersections among them); so does the cut.
+  vision::HObject kept;
+  std::vector<Rect> rects;
   for (long j = 1; j <= n.L(); ++j) {
     vision::HObject c;
     vision::select_obj(seg.characters, &c, vision::HTuple(j));
     Rect r;
     HRegion2Rect(c, &r);
     if (r.right - r.left < 1 || r.bottom - r.top < 1) continue;
-    cut.kept.Append(c);
-    cut.rects.push_back(r);
+    kept.Append(c);
+    rects.push_back(r);
   }
-  return cut;
-}
-
-}  // namespace
-
-bool CutMarkingCharacters(const Marking& m, CutMarking* out) {
-  Cut cut = CutLine(m);
-  if (cut.rects.size() != m.boxes.size()) return false;
-  for (size_t j = 0; j < cut.rects.size(); ++j) {
-    const Rect& r = cut.rects[j];
+  if (rects.size() != m.boxes.size()) return false;
+  for (size_t j = 0; j < rects.size(); ++j) {
+    const Rect& r = rects[j];
     // The cut's centre must lie in the rendered character's box (one pixel of
     // slack for blur), and the box's centre in the cut.
     const cv::Rect& b = m.boxes[j];
@@ -57,13 +43,11 @@ bool CutMarkingCharacters(const Marking& m, CutMarking* out) {
     if (cx < b.x - 1 || cx > b.br().x || cy < b.y - 1 || cy > b.br().y) return false;
     if (bx < r.left - 1 || bx > r.right + 1 || by < r.top - 1 || by > r.bottom + 1) return false;
   }
-  out->characters = std::move(cut.kept);
-  out->smoothed = std::move(cut.smoothed);
+  out->characters = std::move(kept);
+  out->smoothed = seg.smoothed;
   out->classes = m.text;
   return true;
 }
-
-std::vector<Rect> CutPieces(const Marking& m) { return CutLine(m).rects; }
 
 std::string NameCutPieces(const Marking& m, const std::vector<Rect>& pieces) {
   std::string text;

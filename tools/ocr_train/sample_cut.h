@@ -24,10 +24,6 @@ struct CutMarking {
 // False when the marking's segmentation does not match its text.
 bool CutMarkingCharacters(const Marking& m, CutMarking* out);
 
-// The boxes of the pieces the service cuts the upright marking into, in
-// reading order, without those it skips.
-std::vector<Rect> CutPieces(const Marking& m);
-
 // What a classifier that names every cut piece right would read: each piece
 // (a box in the marking's coordinates) named as the rendered character it
 // overlaps most, `kNoCharacter` for a piece that covers none. Its distance
