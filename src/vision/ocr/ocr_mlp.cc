@@ -467,11 +467,12 @@ OcrSample OcrCutSample(const Region& region, const Image& image, const char* op)
   s.band_top = 0;
   s.band_bottom = r2 - r1;
   if (ground - lo >= 8) {
+    const int print = int((lo + ground) / 2);
     int top = r1, bottom = r2;
-    OcrLineBand(plane, r1, c1, r2, c2, int((lo + ground) / 2), &top, &bottom);
+    OcrLineBand(plane, r1, c1, r2, c2, print, &top, &bottom);
     s.band_top = top - r1;
     s.band_bottom = bottom - r1;
-    s.pitch = OcrLinePitch(plane, top, bottom, c1, c2, int((lo + ground) / 2));
+    s.pitch = OcrLinePitch(plane, top, bottom, c1, c2, print);
   }
   return s;
 }
