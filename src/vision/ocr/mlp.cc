@@ -55,6 +55,12 @@ VecF Mlp::Forward(const float* x) const {
 }
 
 namespace {
+// A correctly rounded square root. Eigen's vectorised sqrt starts from the
+// processor's own reciprocal-square-root estimate, which differs between
+// processors, so the same training would write different files on two
+// machines.
+float ExactSqrt(float v) { return std::sqrt(v); }
+
 // Adam state for one parameter block.
 struct Adam {
   MatF m, v;
@@ -68,7 +74,7 @@ struct Adam {
     m = b1 * m + (1 - b1) * grad;
     v = b2 * v + (1 - b2) * grad.cwiseProduct(grad);
     const float c1 = 1 - std::pow(b1, float(t)), c2 = 1 - std::pow(b2, float(t));
-    MatF upd = (m.array() / c1) / ((v.array() / c2).sqrt() + eps);
+    MatF upd = (m.array() / c1) / ((v.array() / c2).unaryExpr(&ExactSqrt) + eps);
     Eigen::Map<MatF> pm(param.data(), m.rows(), m.cols());
     pm -= lr * upd;
   }
@@ -84,7 +90,7 @@ std::vector<double> Train(Mlp* net, const MatF& x, const std::vector<int>& y,
     net->mean = x.colwise().mean().transpose();
     VecF var = ((x.rowwise() - net->mean.transpose()).array().square().colwise().sum() /
                 float(n)).transpose();
-    net->inv_std = (var.array() + 1e-4f).rsqrt();
+    net->inv_std = 1.f / (var.array() + 1e-4f).unaryExpr(&ExactSqrt);
   }
   Adam aw1, ab1, aw2, ab2;
   aw1.Init(net->n_hidden, net->n_in);

@@ -1,4 +1,5 @@
 #include "vision/ocr/ocr_mlp.h"
+#include "vision/ocr/mlp.h"
 
 #include <unistd.h>
 
@@ -328,6 +329,28 @@ TEST_F(OcrMlp, OlderFileVersionsRefuseFeaturesTheyDoNotKnow) {
     const std::string error = ReadError(Relabel(BytesOf(file), c.version));
     if (c.loads) EXPECT_EQ(error, "");
     else EXPECT_NE(error.find(std::string("Feature ") + c.feature), std::string::npos) << error;
+  }
+}
+
+// The input scaling is computed with correctly rounded operations only, so
+// that the training program writes the same classifier files on every
+// processor (an approximate reciprocal square root differs between them).
+// Column k holds k+1 plus or minus k+1: its mean and variance are exact in
+// single precision, so the expected scale is known to the last bit.
+TEST(OcrMlpTraining, InputScalingIsExactToTheLastBit) {
+  constexpr int kRows = 64, kCols = 48;
+  ocr_detail::MatF x(kRows, kCols);
+  for (int r = 0; r < kRows; ++r)
+    for (int k = 0; k < kCols; ++k) x(r, k) = float(k + 1) + (r % 2 ? 1.f : -1.f) * float(k + 1);
+  ocr_detail::Mlp net;
+  net.Init(kCols, 4, 2, 1);
+  ocr_detail::TrainParams p;
+  p.epochs = 1;
+  ocr_detail::Train(&net, x, std::vector<int>(kRows, 0), p);
+  for (int k = 0; k < kCols; ++k) {
+    const float var = float((k + 1) * (k + 1));
+    EXPECT_EQ(net.mean[k], float(k + 1)) << k;
+    EXPECT_EQ(net.inv_std[k], 1.f / std::sqrt(var + 1e-4f)) << k;
   }
 }
 
