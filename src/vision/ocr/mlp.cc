@@ -11,6 +11,34 @@
 
 namespace vision::ocr_detail {
 
+// A correctly rounded square root, also four or eight at a time. Eigen's own
+// vectorised sqrt starts from the processor's reciprocal-square-root estimate,
+// which differs between processors, so the same training would write
+// different files on two machines.
+struct ExactSqrt {
+  float operator()(float v) const { return std::sqrt(v); }
+#if defined(__SSE2__)
+  __m128 packetOp(__m128 p) const { return _mm_sqrt_ps(p); }
+#endif
+#if defined(__AVX__)
+  __m256 packetOp(__m256 p) const { return _mm256_sqrt_ps(p); }
+#endif
+#if defined(__AVX512F__)
+  __m512 packetOp(__m512 p) const { return _mm512_sqrt_ps(p); }
+#endif
+};
+
+}  // namespace vision::ocr_detail
+
+#if defined(__SSE2__)
+template <>
+struct Eigen::internal::functor_traits<vision::ocr_detail::ExactSqrt> {
+  enum { Cost = 5, PacketAccess = true };
+};
+#endif
+
+namespace vision::ocr_detail {
+
 void Mlp::Init(int in, int hidden, int out, uint32_t seed) {
   n_in = in;
   n_hidden = hidden;
@@ -58,33 +86,6 @@ VecF Mlp::Forward(const float* x) const {
   return z / z.sum();
 }
 
-// A correctly rounded square root, also four or eight at a time. Eigen's own
-// vectorised sqrt starts from the processor's reciprocal-square-root estimate,
-// which differs between processors, so the same training would write
-// different files on two machines.
-struct ExactSqrt {
-  float operator()(float v) const { return std::sqrt(v); }
-#if defined(__SSE2__)
-  __m128 packetOp(__m128 p) const { return _mm_sqrt_ps(p); }
-#endif
-#if defined(__AVX__)
-  __m256 packetOp(__m256 p) const { return _mm256_sqrt_ps(p); }
-#endif
-#if defined(__AVX512F__)
-  __m512 packetOp(__m512 p) const { return _mm512_sqrt_ps(p); }
-#endif
-};
-
-}  // namespace vision::ocr_detail
-
-#if defined(__SSE2__)
-template <>
-struct Eigen::internal::functor_traits<vision::ocr_detail::ExactSqrt> {
-  enum { Cost = 5, PacketAccess = true };
-};
-#endif
-
-namespace vision::ocr_detail {
 namespace {
 // Adam state for one parameter block.
 struct Adam {
