@@ -26,46 +26,6 @@ Region ApplyDisc(void (*op)(const HObject&, HObject*, const HTuple&), const Regi
   return R(out);
 }
 
-TEST(Morphology, DiscPixelSets) {
-  const Region dot = Region::Rectangle(0, 0, 0, 0);
-  // Integer radii give an even diameter reaching further right and down.
-  struct Case { double radius; Hlong area; int top, right; };
-  for (auto c : {Case{0.5, 1, 0, 0}, Case{1.5, 9, -1, 1}, Case{2.5, 21, -2, 2},
-                 Case{3.5, 37, -3, 3}, Case{1.0, 4, 0, 1}, Case{2.0, 12, -1, 2}}) {
-    SCOPED_TRACE(c.radius);
-    Region d = ApplyDisc(dilation_circle, dot, c.radius);
-    EXPECT_EQ(d.Area(), c.area);
-    int r1, c1, r2, c2;
-    d.BoundingBox(&r1, &c1, &r2, &c2);
-    EXPECT_EQ(r1, c.top);
-    EXPECT_EQ(c2, c.right);
-    EXPECT_EQ(r2 - r1, c2 - c1);
-    // Eroding the dilated dot by the same disc gives the dot back.
-    EXPECT_EQ(ApplyDisc(erosion_circle, d, c.radius), dot);
-  }
-  HObject out;
-  EXPECT_THROW(dilation_circle(HObject(dot), &out, HTuple(0.2)), HException);
-}
-
-TEST(Morphology, EvenRectanglesAreAnchoredLeftOfCentre) {
-  const Region dot = Region::Rectangle(10, 10, 10, 10);
-  struct Case { int w, h; Region dilated; };
-  const Case cases[] = {
-      {1, 1, dot},
-      {3, 3, Region::Rectangle(9, 9, 11, 11)},
-      {2, 2, Region::Rectangle(10, 10, 11, 11)},
-      {4, 1, Region::Rectangle(10, 9, 10, 12)},
-      {1, 6, Region::Rectangle(8, 10, 13, 10)},
-  };
-  for (const auto& c : cases) {
-    Region d = Apply(dilation_rectangle1, dot, c.w, c.h);
-    EXPECT_EQ(d, c.dilated) << c.w << "x" << c.h;
-    EXPECT_EQ(Apply(erosion_rectangle1, d, c.w, c.h), dot) << c.w << "x" << c.h;
-  }
-  HObject out;
-  EXPECT_THROW(dilation_rectangle1(HObject(dot), &out, HTuple(0), HTuple(3)), HException);
-}
-
 // OpenCV's raster morphology of r with the element `el` whose reference point is `ref`.
 // OpenCV's dilate adds the reflected element, so it gets the reflection; the margin holds the
 // whole dilation, which a closing then erodes.
@@ -92,8 +52,10 @@ RasterResult RasterMorphology(const Region& r, const cv::Mat& el, cv::Point ref)
           region(erode(dilate(mask)))};
 }
 
-// Disc morphology against the raster with the element built from its definition, on regions
-// dense and sparse, narrow and several words wide, at negative and positive offsets.
+// Disc morphology against the raster with the element built from its definition (pixel centres
+// within the radius; an integer radius gives an even diameter, its centre half a pixel right of
+// and below the reference point), on regions dense and sparse, narrow and several words wide,
+// at negative and positive offsets.
 TEST(Morphology, DiscMorphologyMatchesRasterMorphology) {
   std::mt19937 rng(17);
   std::vector<Region> shapes;
@@ -127,10 +89,13 @@ TEST(Morphology, DiscMorphologyMatchesRasterMorphology) {
       EXPECT_EQ(ApplyDisc(op, near.Union(far), radius),
                 ApplyDisc(op, near, radius).Union(ApplyDisc(op, far, radius)));
   }
+  HObject out;
+  EXPECT_THROW(dilation_circle(HObject(near), &out, HTuple(0.2)), HException);
 }
 
 // Rectangle morphology against the raster, with line-shaped elements as long as a text line
-// (one row or one column) among them.
+// (one row or one column) among them. Even sizes put the reference point left of and above
+// the centre.
 TEST(Morphology, RectangleMorphologyMatchesRasterMorphology) {
   std::mt19937 rng(29);
   for (int k = 0; k < 10; ++k) {
@@ -141,7 +106,6 @@ TEST(Morphology, RectangleMorphologyMatchesRasterMorphology) {
     for (auto [kw, kh] : {std::pair{1, 2}, {1, 3}, {1, 8}, {1, 300}, {2, 1}, {5, 1}, {300, 1},
                           {1, 1}, {3, 4}, {2, 5}, {7, 2}}) {
       SCOPED_TRACE(testing::Message() << "shape " << k << ", " << kw << "x" << kh);
-      // The reference point at ((h-1)/2, (w-1)/2).
       const RasterResult want =
           RasterMorphology(r, cv::Mat::ones(kh, kw, CV_8U), {(kw - 1) / 2, (kh - 1) / 2});
       EXPECT_EQ(Apply(dilation_rectangle1, r, kw, kh), want.dilation);
@@ -150,50 +114,19 @@ TEST(Morphology, RectangleMorphologyMatchesRasterMorphology) {
       EXPECT_EQ(Apply(closing_rectangle1, r, kw, kh), want.closing);
     }
   }
+  HObject out;
+  EXPECT_THROW(dilation_rectangle1(HObject(Region::Rectangle(0, 0, 0, 0)), &out, HTuple(0),
+                                   HTuple(3)),
+               HException);
 }
 
-TEST(Morphology, LineClosingJoinsCharactersAndOpeningRemovesThinParts) {
-  // Two characters, the first touching column 0, joined by a wide closing: nothing is lost at the
-  // border and nothing grows outside the bounding box; likewise down a column.
-  Region text = Region::Rectangle(5, 0, 14, 3).Union(Region::Rectangle(5, 9, 14, 12));
-  EXPECT_EQ(Apply(closing_rectangle1, text, 300, 1), Region::Rectangle(5, 0, 14, 12));
-  Region column = Region::Rectangle(0, 0, 2, 0).Union(Region::Rectangle(6, 0, 8, 0));
-  EXPECT_EQ(Apply(closing_rectangle1, column, 1, 300), Region::Rectangle(0, 0, 8, 0));
-  // A 7x7 block with a one pixel wide tail.
-  Region r = Region::Rectangle(0, 0, 6, 6).Union(Region::Rectangle(3, 7, 3, 20));
-  EXPECT_EQ(Apply(opening_rectangle1, r, 1, 3), Region::Rectangle(0, 0, 6, 6));
-  EXPECT_EQ(Apply(opening_rectangle1, r, 3, 1), r);
-  EXPECT_EQ(ApplyDisc(opening_circle, r, 1.5), Region::Rectangle(0, 0, 6, 6));
-  // Empty regions and lists.
+TEST(Morphology, EmptyRegionsAndLists) {
   EXPECT_TRUE(Apply(closing_rectangle1, Region(), 1, 300).Empty());
   EXPECT_TRUE(Apply(opening_rectangle1, Region(), 300, 1).Empty());
   EXPECT_TRUE(ApplyDisc(erosion_circle, Region(), 2.5).Empty());
   HObject out;
   opening_circle(HObject(), &out, HTuple(2.5));
   EXPECT_EQ(out.Count(), 0);
-}
-
-// Shapes the skeleton meets in print: thick strokes, blobs with holes, noise.
-std::vector<Region> ThinningShapes() {
-  std::vector<Region> shapes;
-  std::mt19937 rng(5);
-  for (int k = 0; k < 24; ++k) {
-    const int h = 5 + int(rng() % 60), w = 3 + int(rng() % 130);
-    cv::Mat m = cv::Mat::zeros(h, w, CV_8U);
-    for (int s = 0; s < 4; ++s) {
-      cv::Point a(int(rng() % unsigned(w)), int(rng() % unsigned(h)));
-      cv::Point b(int(rng() % unsigned(w)), int(rng() % unsigned(h)));
-      cv::line(m, a, b, 255, 1 + int(rng() % 9));
-    }
-    if (k % 3 == 0) cv::circle(m, {w / 2, h / 2}, int(rng() % 5), 0, cv::FILLED);
-    Region r = Region::FromMask(m, int(rng() % 50) - 25, int(rng() % 50) - 25);
-    if (k % 4 == 1) r = r.Union(test::RandomBlobs(unsigned(k), h, w, 0.5));
-    shapes.push_back(r);
-  }
-  shapes.push_back(Region::Rectangle(3, 4, 3, 4));
-  shapes.push_back(Region::Rectangle(0, 0, 1, 1));
-  shapes.push_back(test::RandomBlobs(99, 31, 67, 0.85));
-  return shapes;
 }
 
 // Zhang-Suen thinning written out: every pass decides on all pixels of the
@@ -227,28 +160,32 @@ Region ReferenceThinning(const Region& r) {
   return Region::FromMask(m, r1 - 1, c1 - 1);
 }
 
+// Shapes the skeleton meets in print: thick strokes, blobs with holes, noise.
 TEST(Morphology, SkeletonMatchesPlainThinning) {
   const Region bar = Region::Rectangle(10, 10, 16, 60);  // 7 rows high
-  const Region ell = bar.Union(Region::Rectangle(10, 10, 50, 16));
-  std::vector<Region> shapes = ThinningShapes();
-  shapes.insert(shapes.begin(), {bar, ell});
+  std::vector<Region> shapes = {bar, bar.Union(Region::Rectangle(10, 10, 50, 16)),
+                                Region::Rectangle(3, 4, 3, 4), Region::Rectangle(0, 0, 1, 1),
+                                test::RandomBlobs(99, 31, 67, 0.85)};
+  std::mt19937 rng(5);
+  for (int k = 0; k < 24; ++k) {
+    const int h = 5 + int(rng() % 60), w = 3 + int(rng() % 130);
+    cv::Mat m = cv::Mat::zeros(h, w, CV_8U);
+    for (int s = 0; s < 4; ++s) {
+      cv::Point a(int(rng() % unsigned(w)), int(rng() % unsigned(h)));
+      cv::Point b(int(rng() % unsigned(w)), int(rng() % unsigned(h)));
+      cv::line(m, a, b, 255, 1 + int(rng() % 9));
+    }
+    if (k % 3 == 0) cv::circle(m, {w / 2, h / 2}, int(rng() % 5), 0, cv::FILLED);
+    Region r = Region::FromMask(m, int(rng() % 50) - 25, int(rng() % 50) - 25);
+    if (k % 4 == 1) r = r.Union(test::RandomBlobs(unsigned(k), h, w, 0.5));
+    shapes.push_back(r);
+  }
   HObject all, sk;
   for (const Region& r : shapes) concat_obj(all, HObject(r), &all);
   skeleton(all, &sk);
   ASSERT_EQ(sk.Count(), long(shapes.size()));
   for (size_t i = 0; i < shapes.size(); ++i)
     EXPECT_EQ(R(sk, long(i)), ReferenceThinning(shapes[i])) << "shape " << i;
-  // Independently of the reference: the strokes' skeletons lie inside, are one piece, and have
-  // one pixel per column along the bar's middle part.
-  for (long i : {0, 1}) {
-    const Region& s = R(sk, i);
-    EXPECT_EQ(s.Intersection(shapes[size_t(i)]), s);
-    HObject parts;
-    connection(HObject(s), &parts);
-    EXPECT_EQ(parts.Count(), 1);
-    for (int c = 20; c <= 50; ++c)
-      EXPECT_EQ(s.Intersection(Region::Rectangle(10, c, 16, c)).Area(), 1) << i << " " << c;
-  }
   skeleton(HObject(Region()), &sk);
   EXPECT_TRUE(R(sk).Empty());
 }

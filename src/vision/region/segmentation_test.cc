@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cmath>
 #include <random>
 
@@ -23,42 +24,32 @@ class Segmentation : public ::testing::Test {
 
 Image ByteImage(const cv::Mat& m) { return Image::FromPlanes(PixelType::Byte, {m}); }
 
-TEST_F(Segmentation, ThresholdIsInclusiveOverTheDomain) {
-  cv::Mat m(3, 4, CV_8UC1);
-  for (int i = 0; i < 12; ++i) m.data[i] = uint8_t(i * 10);  // 0..110 row-major
-  Image img = ByteImage(m);
-  img.domain = Region::Rectangle(0, 1, 2, 3);  // column 0 excluded
+// Cases the random single-channel images compared pixel by pixel below do not meet.
+TEST_F(Segmentation, ThresholdVectorFieldsIntervalsAndInexactRealLimits) {
+  // Vector fields use their lengths.
   HObject reg;
-  threshold(HObject(img), &reg, HTuple(20), HTuple(60));
-  EXPECT_EQ(R(reg), Art({"..##", "###."}).Intersection(img.domain));
-  // (The other pixel types are compared pixel by pixel below.) Real limits
-  // truncate on integer images; vector fields use their lengths.
-  threshold(HObject(ByteImage(m)), &reg, HTuple(20.5), HTuple(40.7));
-  EXPECT_EQ(R(reg).Area(), 3);  // [20, 40]: 20, 30 and 40
   Image vf = Image::FromPlanes(PixelType::VectorField, {cv::Mat(2, 2, CV_32F, cv::Scalar(3)),
                                                         cv::Mat(2, 2, CV_32F, cv::Scalar(4))});
   vf.planes[0].at<float>(1, 1) = 0;
   threshold(HObject(vf), &reg, HTuple(4.5), HTuple(5.0));
   EXPECT_EQ(R(reg), Art({"##", "#."}));
   // Several intervals give one region each; an inverted interval is empty.
+  cv::Mat m(3, 4, CV_8UC1);
+  for (int i = 0; i < 12; ++i) m.data[i] = uint8_t(i * 10);  // 0..110 row-major
   threshold(HObject(ByteImage(m)), &reg, HTuple{0, 100, 50}, HTuple{0, 255, 40});
   ASSERT_EQ(reg.Count(), 3);
   EXPECT_EQ(R(reg, 0).Area(), 1);
   EXPECT_EQ(R(reg, 1).Area(), 2);
   EXPECT_TRUE(R(reg, 2).Empty());
-}
-
-TEST_F(Segmentation, RealThresholdWithInexactLimitsMatchesDoubleComparison) {
   // Limits such as 0.1 have no exact float; pixels at the neighbouring floats
   // must fall on the same side as an exact comparison in double puts them.
   const double lo = -2.7, hi = 0.1;
   std::vector<float> values;
   for (float f : {float(lo), 0.f, float(hi)})
     values.insert(values.end(), {std::nextafter(f, -10.f), f, std::nextafter(f, 10.f)});
-  cv::Mat m(1, int(values.size()), CV_32F, values.data());
-  HObject reg;
-  threshold(HObject(Image::FromPlanes(PixelType::Real, {m})), &reg, HTuple(lo), HTuple(hi));
-  for (int c = 0; c < m.cols; ++c) {
+  const cv::Mat real(1, int(values.size()), CV_32F, values.data());
+  threshold(HObject(Image::FromPlanes(PixelType::Real, {real})), &reg, HTuple(lo), HTuple(hi));
+  for (int c = 0; c < real.cols; ++c) {
     double v = values[size_t(c)];
     EXPECT_EQ(R(reg).Contains(0, c), v >= lo && v <= hi) << "column " << c << " value " << v;
   }
@@ -198,50 +189,7 @@ TEST_F(Segmentation, HistogramSmoothingIsThePlainSumForBothWidths) {
   }
 }
 
-// The dark-part threshold found the plain way: the pixel histogram smoothed
-// ever more until one valley is left, Otsu's threshold when none is.
-int ReferenceBinThreshold(const Image& img) {
-  std::vector<double> hist(256, 0.0);
-  const Region dom = img.domain.Clipped(img.height, img.width);
-  for (const vision::Run& x : dom.Runs())
-    for (int c = x.cb; c <= x.ce; ++c) hist[img.planes[0].at<uint8_t>(x.row, c)] += 1;
-  const double total = double(dom.Area());
-  if (total > 0)
-    for (double& v : hist) v /= total;
-  for (double sigma = 1; sigma <= 64; sigma += 1) {
-    const std::vector<double> sm = PlainSmooth(hist, sigma);
-    std::vector<int> minima;  // a flat valley counts once, at its middle
-    for (int i = 1; i < 255;) {
-      if (sm[size_t(i)] < sm[size_t(i - 1)]) {
-        int j = i;
-        while (j + 1 < 256 && sm[size_t(j + 1)] == sm[size_t(i)]) ++j;
-        if (j + 1 < 256 && sm[size_t(j + 1)] > sm[size_t(i)]) minima.push_back((i + j) / 2);
-        i = j + 1;
-      } else {
-        ++i;
-      }
-    }
-    if (minima.size() == 1) return minima[0];
-    if (minima.empty()) break;
-  }
-  double all = 0, mean_all = 0;
-  for (int i = 0; i < 256; ++i) all += hist[size_t(i)], mean_all += i * hist[size_t(i)];
-  if (all <= 0) return 255;
-  double w0 = 0, sum0 = 0, best = -1;
-  int t_best = 255;
-  for (int t = 0; t < 255; ++t) {
-    w0 += hist[size_t(t)];
-    sum0 += t * hist[size_t(t)];
-    const double w1 = all - w0;
-    if (w0 <= 0 || w1 <= 0) continue;
-    const double m0 = sum0 / w0, m1 = (mean_all - sum0) / w1;
-    const double var = w0 * w1 * (m0 - m1) * (m0 - m1);
-    if (var > best) best = var, t_best = t;
-  }
-  return t_best;
-}
-
-TEST_F(Segmentation, BinThresholdMatchesThePlainHistogramSearch) {
+TEST_F(Segmentation, BinThresholdCutsAtTheValleyOrByOtsu) {
   // Two clear modes: exactly the dark part.
   cv::Mat two(40, 60, CV_8UC1);
   cv::RNG gauss(7);
@@ -269,7 +217,19 @@ TEST_F(Segmentation, BinThresholdMatchesThePlainHistogramSearch) {
   const cv::Mat valley(1, int(grays.size()), CV_8U, grays.data());
   bin_threshold(HObject(ByteImage(valley)), &reg);
   EXPECT_EQ(R(reg).Area(), 200 + (120 - 80 + 1));
+  // Ten pixels of gray 10, ten of 11 and eighty of 12 leave no valley: Otsu's
+  // between-class variance is 0.32 for a cut after 10 and 0.36 after 11.
+  cv::Mat three(1, 100, CV_8U, cv::Scalar(12));
+  three.colRange(0, 10).setTo(10);
+  three.colRange(10, 20).setTo(11);
+  bin_threshold(HObject(ByteImage(three)), &reg);
+  EXPECT_EQ(R(reg), Region::Rectangle(0, 0, 0, 19));
+}
 
+// The cut depends on the domain's histogram alone: the same gray values sorted
+// into one row are cut after the same value as the image, whatever its width
+// and domain.
+TEST_F(Segmentation, BinThresholdDependsOnTheDomainHistogramAlone) {
   std::mt19937 rng(23);
   std::normal_distribution<double> noise(0, 1);
   for (int modes = 0; modes <= 4; ++modes) {
@@ -290,8 +250,18 @@ TEST_F(Segmentation, BinThresholdMatchesThePlainHistogramSearch) {
         }
       Image img = ByteImage(m);
       if (rng() % 3 == 0) img.domain = RandomDomain(rng, h, w);
-      const int t = ReferenceBinThreshold(img);
-      HObject expect;
+      std::vector<uint8_t> grays;
+      const Region dom = img.domain.Clipped(h, w);
+      for (const vision::Run& x : dom.Runs())
+        for (int c = x.cb; c <= x.ce; ++c) grays.push_back(m.at<uint8_t>(x.row, c));
+      if (grays.empty()) continue;
+      std::sort(grays.begin(), grays.end());
+      const cv::Mat row(1, int(grays.size()), CV_8U, grays.data());
+      HObject sorted, reg, expect;
+      bin_threshold(HObject(ByteImage(row)), &sorted);
+      const int n = int(R(sorted).Area());
+      ASSERT_EQ(R(sorted), n > 0 ? Region::Rectangle(0, 0, 0, n - 1) : Region());
+      const int t = n > 0 ? grays[size_t(n - 1)] : -1;
       bin_threshold(HObject(img), &reg);
       threshold(HObject(img), &expect, HTuple(0), HTuple(t));
       ASSERT_EQ(R(reg), R(expect)) << modes << " modes, " << h << "x" << w << ", threshold " << t;
@@ -299,31 +269,7 @@ TEST_F(Segmentation, BinThresholdMatchesThePlainHistogramSearch) {
   }
 }
 
-TEST_F(Segmentation, ConnectionNeighbourhoodAndOrder) {
-  // Diagonal pixels join in the 8-neighbourhood only. The right blob starts
-  // on the first row and so comes first.
-  Region r = Art({"...##", "#..##", ".#...", "..#.."});
-  HObject parts;
-  connection(HObject(r), &parts);
-  ASSERT_EQ(parts.Count(), 2);
-  EXPECT_EQ(R(parts, 0), Art({"...##", "...##"}));
-  EXPECT_EQ(R(parts, 1), Art({"", "#", ".#", "..#"}));
-
-  set_system(HTuple("neighborhood"), HTuple(4));
-  connection(HObject(r), &parts);
-  ASSERT_EQ(parts.Count(), 4);
-  EXPECT_EQ(R(parts, 1), Art({"", "#"}));
-  EXPECT_EQ(R(parts, 3), Art({"", "", "", "..#"}));
-
-  // A U shape meets only at its bottom: one component.
-  ResetSystem();
-  connection(HObject(Art({"#.#", "#.#", "###"})), &parts);
-  EXPECT_EQ(parts.Count(), 1);
-  connection(HObject(Region()), &parts);
-  EXPECT_EQ(parts.Count(), 0);
-}
-
-TEST_F(Segmentation, ConnectionMatchesRasterLabelling) {
+TEST_F(Segmentation, ConnectionMatchesRasterLabellingInFirstRunOrder) {
   for (unsigned seed : {1u, 2u, 3u}) {
     Region r = test::RandomBlobs(seed, 50, 70, 0.45);
     for (int nb : {4, 8}) {
@@ -333,27 +279,31 @@ TEST_F(Segmentation, ConnectionMatchesRasterLabelling) {
       cv::Mat labels;
       int n = cv::connectedComponents(r.ToMask(50, 70), labels, nb, CV_32S);
       ASSERT_EQ(parts.Count(), n - 1) << "seed " << seed << " nb " << nb;
-      // Same partition: every component is one raster label.
+      // Same partition: every component is one raster label. Components
+      // come in the order of their first runs.
       Hlong total = 0;
       for (long i = 0; i < parts.Count(); ++i) {
         const vision::Run& first = R(parts, i).Runs().front();
         int label = labels.at<int>(first.row, first.cb);
         EXPECT_EQ(R(parts, i), Region::FromMask(labels == label));
         total += R(parts, i).Area();
+        if (i > 0) {
+          const vision::Run& prev = R(parts, i - 1).Runs().front();
+          EXPECT_LT(std::pair(prev.row, prev.cb), std::pair(first.row, first.cb)) << i;
+        }
       }
       EXPECT_EQ(total, r.Area());
     }
   }
+  HObject parts;
+  connection(HObject(Region()), &parts);
+  EXPECT_EQ(parts.Count(), 0);
 }
 
 TEST_F(Segmentation, SetOperations) {
   HObject a, b, res;
   gen_rectangle1(&a, HTuple{0, 10}, HTuple{0, 0}, HTuple{4, 14}, HTuple{4, 4});
   gen_rectangle1(&b, HTuple{2, 12}, HTuple{2, 2}, HTuple{3, 13}, HTuple{10, 10});
-  intersection(a, b, &res);  // with the union of b
-  ASSERT_EQ(res.Count(), 2);
-  EXPECT_EQ(R(res, 0), Region::Rectangle(2, 2, 3, 4));
-  EXPECT_EQ(R(res, 1), Region::Rectangle(12, 2, 13, 4));
   union1(a, &res);
   ASSERT_EQ(res.Count(), 1);
   EXPECT_EQ(R(res).Area(), 50);
@@ -427,26 +377,6 @@ TEST_F(Segmentation, Boundaries) {
   EXPECT_THROW(boundary(HObject(block), &res, HTuple("middle")), HException);
 }
 
-TEST_F(Segmentation, FillUpAndFillUpShape) {
-  // Holes of 1, 4 and 9 pixels.
-  Region r = Region::Rectangle(0, 0, 6, 20)
-                 .Difference(Region::Rectangle(3, 2, 3, 2))
-                 .Difference(Region::Rectangle(2, 6, 3, 7))
-                 .Difference(Region::Rectangle(2, 12, 4, 14));
-  HObject res;
-  fill_up(HObject(r), &res);
-  EXPECT_EQ(R(res), Region::Rectangle(0, 0, 6, 20));
-  struct Case { double lo, hi; Hlong filled; };
-  for (auto c : {Case{1, 5, 5}, Case{1, 1, 1}, Case{5, 100, 9}, Case{10, 100, 0}}) {
-    fill_up_shape(HObject(r), &res, HTuple("area"), HTuple(c.lo), HTuple(c.hi));
-    EXPECT_EQ(R(res).Area() - r.Area(), c.filled) << c.lo << ".." << c.hi;
-  }
-  // An opening to the outside is no hole.
-  fill_up(HObject(Art({"###", "#.#", "#.#"})), &res);
-  EXPECT_EQ(R(res).Area(), 7);
-  EXPECT_THROW(fill_up_shape(HObject(r), &res, HTuple("colour"), HTuple(0), HTuple(1)), HException);
-}
-
 // Holes found on a raster: background components (4-connected for the
 // 8-neighbourhood, 8-connected for the 4-neighbourhood) that do not touch the
 // frame around the region.
@@ -472,6 +402,7 @@ TEST_F(Segmentation, FillUpShapeMatchesRasterHoles) {
     for (int nb : {8, 4}) {
       set_system(HTuple("neighborhood"), HTuple(nb));
       const std::vector<Region> holes = RasterHoles(r, nb);
+      // The blobs have holes of every small area: the limits 1, 3 and 5 are met exactly.
       struct Case { const char* feature; double lo, hi; };
       for (const Case c : {Case{"area", 1, 5}, Case{"area", 3, 1e9}, Case{"ra", 0, 1.2},
                            Case{"compactness", 1, 2}}) {
@@ -492,6 +423,10 @@ TEST_F(Segmentation, FillUpShapeMatchesRasterHoles) {
       EXPECT_EQ(R(res), all) << "shape " << k << " nb " << nb;
     }
   }
+  HObject res;
+  EXPECT_THROW(fill_up_shape(HObject(Region::Rectangle(0, 0, 2, 2)), &res, HTuple("colour"),
+                             HTuple(0), HTuple(1)),
+               HException);
 }
 
 TEST_F(Segmentation, PartitionDynamicCutsAtTheNarrowestColumn) {
@@ -515,28 +450,27 @@ TEST_F(Segmentation, PartitionDynamicCutsAtTheNarrowestColumn) {
   for (long i = 0; i < 5; ++i) EXPECT_EQ(R(parts, i).Area(), 30);
 }
 
-TEST_F(Segmentation, DistanceTransformOnABar) {
-  // A bar five rows high inside a larger image: 1 2 3 2 1 across it in every
-  // metric. (City-block and chessboard are checked pixel by pixel below.)
+TEST_F(Segmentation, OctagonalDistanceOnABar) {
+  // A bar five rows high inside a larger image: 1 2 3 2 1 across it. (The other
+  // metrics are checked pixel by pixel below.)
   const Region bar = Region::Rectangle(2, 1, 6, 12);
   const std::vector<int> column6{0, 0, 1, 2, 3, 2, 1, 0, 0};
   HObject img;
-  for (const char* metric : {"city-block", "chessboard", "euclidean", "octagonal"}) {
-    SCOPED_TRACE(metric);
-    distance_transform(HObject(bar), &img, HTuple(metric), HTuple("true"), HTuple(16), HTuple(9));
-    const Image& d = img.ImageAt(0);
-    ASSERT_EQ(d.type, PixelType::Int4);
-    ASSERT_EQ(d.width, 16);
-    ASSERT_EQ(d.height, 9);
-    for (int y = 0; y < 9; ++y) EXPECT_EQ(d.planes[0].at<int32_t>(y, 6), column6[size_t(y)]) << y;
-  }
+  distance_transform(HObject(bar), &img, HTuple("octagonal"), HTuple("true"), HTuple(16),
+                     HTuple(9));
+  const Image& d = img.ImageAt(0);
+  ASSERT_EQ(d.type, PixelType::Int4);
+  ASSERT_EQ(d.width, 16);
+  ASSERT_EQ(d.height, 9);
+  for (int y = 0; y < 9; ++y) EXPECT_EQ(d.planes[0].at<int32_t>(y, 6), column6[size_t(y)]) << y;
   EXPECT_THROW(distance_transform(HObject(bar), &img, HTuple("manhattan"), HTuple("true"),
                                   HTuple(4), HTuple(4)),
                HException);
 }
 
-// Both raster metrics against the nearest source found by search, on
-// degenerate shapes and random blobs reaching past every side.
+// The raster metrics and the Euclidean distance (rounded) against the nearest
+// source found by search, on degenerate shapes and random blobs reaching past
+// every side.
 TEST_F(Segmentation, DistanceTransformMatchesBruteForce) {
   std::mt19937 rng(41);
   struct Shape { int h, w; Region r; };
@@ -552,13 +486,14 @@ TEST_F(Segmentation, DistanceTransformMatchesBruteForce) {
     shapes.push_back({h, w, test::RandomBlobs(unsigned(300 + k), h + 4, w + 4, 0.3 + 0.09 * k)
                                 .Translated(-2, -2)});
   }
-  for (const std::string metric : {"city-block", "chessboard"})
+  for (const std::string metric : {"city-block", "chessboard", "euclidean"})
     for (const Shape& s : shapes)
       for (const bool inside : {true, false}) {
         SCOPED_TRACE(testing::Message() << metric << " " << s.h << "x" << s.w << " " << inside);
         HObject img;
         distance_transform(HObject(s.r), &img, HTuple(metric), HTuple(inside ? "true" : "false"),
                            HTuple(s.w), HTuple(s.h));
+        ASSERT_EQ(img.ImageAt(0).type, PixelType::Int4);
         const cv::Mat& d = img.ImageAt(0).planes[0];
         ASSERT_EQ(d.size(), cv::Size(s.w, s.h));
         for (int y = 0; y < s.h; ++y)
@@ -573,9 +508,12 @@ TEST_F(Segmentation, DistanceTransformMatchesBruteForce) {
                   const bool outside = v < 0 || u < 0 || v >= s.h || u >= s.w;
                   if (!(outside ? inside : s.r.Contains(v, u) != inside)) continue;
                   const int dy = std::abs(v - y), dx = std::abs(u - x);
-                  best = std::min(best, metric == "city-block" ? dx + dy : std::max(dx, dy));
+                  best = std::min(best, metric == "city-block"   ? dx + dy
+                                        : metric == "chessboard" ? std::max(dx, dy)
+                                                                 : dx * dx + dy * dy);
                 }
               if (best == 1 << 30) best = 0;
+              else if (metric == "euclidean") best = int(std::lround(std::sqrt(best)));
             }
             ASSERT_EQ(d.at<int32_t>(y, x), best) << "at " << y << "," << x;
           }
@@ -609,9 +547,6 @@ TEST(SystemParameters, DefaultsAndValidation) {
   EXPECT_EQ(v.L(0), 512);
   get_system(HTuple("operating_system"), &v);
   EXPECT_EQ(v.S(0), "Linux");
-  set_system(HTuple("operating_system"), HTuple("Darwin"));
-  get_system(HTuple("operating_system"), &v);
-  EXPECT_EQ(v.S(0), "Darwin");
   EXPECT_THROW(set_system(HTuple("neighborhood"), HTuple(6)), HException);
   EXPECT_THROW(set_system(HTuple("clip_region"), HTuple(1)), HException);
   EXPECT_THROW(set_system(HTuple("no_such"), HTuple(1)), HException);
