@@ -148,15 +148,6 @@ TEST_F(OcrMlp, FileRoundTripKeepsOutputsAndRejectsDamage) {
   EXPECT_THROW(read_ocr_class_mlp(HTuple(Path("missing.omc")), &again), HException);
 }
 
-TEST_F(OcrMlp, BareNameResolvesInTheLibraryFolder) {
-  fs::create_directories(dir_ / "ocr");
-  write_ocr_class_mlp(Shapes(), HTuple((dir_ / "ocr" / "Shapes.omc").string()));
-  setenv("VELMORA_VISION_DIR", dir_.c_str(), 1);
-  HTuple h;
-  EXPECT_NO_THROW(read_ocr_class_mlp(HTuple("Shapes.omc"), &h));
-  EXPECT_THROW(read_ocr_class_mlp(HTuple("shapes.omc"), &h), HException);  // case matters
-}
-
 TEST_F(OcrMlp, ClearedOrEmptyHandleAndBadInputsRaise) {
   const HTuple ocr = Create("default", HTuple::Strings({"O", "I", "X"}));
   const Drawn d = DrawShape('O', 60, 80, 30);
