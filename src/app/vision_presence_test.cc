@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <optional>
+#include <tuple>
 
 #include "app/app_delegate.h"
 
@@ -60,13 +61,11 @@ TEST_F(PresenceTest, VersionParseTable) {
   int n = 0;
   for (const Case& c : cases) {
     const std::string dir = Folder("lib" + std::to_string(n++), c.version);
+    SCOPED_TRACE(c.version.value_or("<no key>"));
     int32_t major = -7, minor = -7, revision = -7;
-    const std::string label = c.version.value_or("<no key>");
-    EXPECT_EQ(HalconFrameworkVersionAt(dir, &major, &minor, &revision), c.status) << label;
-    EXPECT_EQ(major, c.major) << label;
-    EXPECT_EQ(minor, c.minor) << label;
-    EXPECT_EQ(revision, c.revision) << label;
-    EXPECT_EQ(VisionLibraryPresentAt(dir), c.present) << label;
+    EXPECT_EQ(HalconFrameworkVersionAt(dir, &major, &minor, &revision), c.status);
+    EXPECT_EQ(std::tuple(major, minor, revision), std::tuple(c.major, c.minor, c.revision));
+    EXPECT_EQ(VisionLibraryPresentAt(dir), c.present);
   }
 }
 
@@ -93,13 +92,11 @@ TEST_F(PresenceTest, DelegateAnswersOncePerProcess) {
   setenv("VELMORA_VISION_DIR", dir.c_str(), 1);
   AppDelegate delegate;
   EXPECT_TRUE(delegate.isHalconFrameworkExist());
-  EXPECT_EQ(delegate._isHalconFrameworkExist, 1);
   fs::remove_all(dir);
   EXPECT_TRUE(delegate.isHalconFrameworkExist());  // removing it later changes nothing
 
   AppDelegate fresh;  // a new process would look again
   EXPECT_FALSE(fresh.isHalconFrameworkExist());
-  EXPECT_EQ(fresh._isHalconFrameworkExist, 0);
   unsetenv("VELMORA_VISION_DIR");
 }
 
