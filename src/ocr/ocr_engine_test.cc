@@ -113,30 +113,38 @@ TEST(GenImageSmoothed, FlattensUnevenLightKeepsStrokesDark) {
   Measure(in, &spread, &strokes);
   ASSERT_GT(spread, 40);  // the lighting this must remove
 
-  HObject out;
-  gen_image_smoothed(in, &out, 1.0, 3.0);
-  const Image& img = out.ImageAt(0);
-  EXPECT_EQ(img.type, PixelType::Byte);
-  EXPECT_EQ(cv::Size(img.width, img.height), cv::Size(240, 80));
-  Measure(out, &spread, &strokes);
-  EXPECT_LT(spread, 12);
-  EXPECT_LT(strokes, 40);
-  EXPECT_GT(At(out, 40, 200), 200);
+  // The preview's smoothing flattens a marking the same way.
+  for (auto* smooth : {&gen_image_smoothed, &gen_image_smoothed_preview}) {
+    SCOPED_TRACE(smooth == &gen_image_smoothed ? "smoothed" : "preview");
+    HObject out;
+    smooth(in, &out, 1.0, 3.0);
+    const Image& img = out.ImageAt(0);
+    EXPECT_EQ(img.type, PixelType::Byte);
+    EXPECT_EQ(cv::Size(img.width, img.height), cv::Size(240, 80));
+    Measure(out, &spread, &strokes);
+    EXPECT_LT(spread, 12);
+    EXPECT_LT(strokes, 40);
+    EXPECT_GT(At(out, 40, 200), 200);
+  }
 
   // A colour image is reduced to gray first: equal channels give the same result.
-  HObject rgb, out_rgb;
+  HObject out, rgb, out_rgb;
+  gen_image_smoothed(in, &out, 1.0, 3.0);
   vision::compose3(in, in, in, &rgb);
   gen_image_smoothed(rgb, &out_rgb, 1.0, 3.0);
   for (int r = 0; r < 80; r += 7)
     for (int c = 0; c < 240; c += 11) ASSERT_EQ(At(out_rgb, r, c), At(out, r, c));
 }
 
-HObject Flat() { return MakeImage(PixelType::Byte, 40, 30, std::vector<double>(1200, 90)); }
-
-TEST(GenImageSmoothed, UniformImageRaisesFromTheEmptyRange) {
+// A uniform image leaves an empty gray range: the smoothing raises, the
+// preview passes the image through.
+TEST(GenImageSmoothed, UniformImageRaisesAndThePreviewCopiesIt) {
+  const HObject flat = MakeImage(PixelType::Byte, 40, 30, std::vector<double>(1200, 90));
   HObject out;
-  EXPECT_THROW(gen_image_smoothed(Flat(), &out, 1.0, 3.0), HException);
-  EXPECT_THROW(gen_image_smoothed(Flat(), &out, 0.0, 3.0), HException);
+  EXPECT_THROW(gen_image_smoothed(flat, &out, 1.0, 3.0), HException);
+  EXPECT_THROW(gen_image_smoothed(flat, &out, 0.0, 3.0), HException);
+  gen_image_smoothed_preview(flat, &out, 1.0, 3.0);
+  EXPECT_EQ(At(out, 29, 39), 90);
 }
 
 // Degenerate sizes reach the borders of every step (one-pixel derivatives,
@@ -157,19 +165,6 @@ TEST(GenImageSmoothed, TinyImagesGiveAnImageOrAnError) {
     EXPECT_EQ(out.ImageAt(0).height, h);
     EXPECT_EQ(out.ImageAt(0).type, PixelType::Byte);
   }
-}
-
-TEST(GenImageSmoothedPreview, FlatImageIsCopiedAndMarkingIsScaled) {
-  HObject out;
-  gen_image_smoothed_preview(Flat(), &out, 1.0, 3.0);
-  EXPECT_EQ(At(out, 29, 39), 90);
-
-  gen_image_smoothed_preview(Marking(), &out, 1.0, 3.0);
-  EXPECT_EQ(out.ImageAt(0).type, PixelType::Byte);
-  double spread, strokes;
-  Measure(out, &spread, &strokes);
-  EXPECT_LT(spread, 12);
-  EXPECT_LT(strokes, 40);
 }
 
 }  // namespace

@@ -29,7 +29,6 @@ TEST(OcrFormat, RuleOfEachFormatByte) {
       {"$$-$$", 2, true, 0, CandidateFilter::None, '-'},
       {"$$-$$", 3, true, 1, CandidateFilter::None, {}},
       {"$$", 2, true, 0, CandidateFilter::None, {}},  // beyond the string
-      {"", 0, true, 0, CandidateFilter::None, {}},
   };
   for (const auto& c : cases) {
     const FormatRule r = FormatRuleAt(c.format, c.j, c.flag);
@@ -40,43 +39,32 @@ TEST(OcrFormat, RuleOfEachFormatByte) {
   }
 }
 
-TEST(OcrFormat, CandidateFilters) {
+// Each candidate list as (class, confidence), best first.
+TEST(OcrFormat, CandidatesUnderEachRule) {
   const HTuple classes = HTuple::Strings({"8", "B", "-", "\x80x", "b", "/"});
   const HTuple conf = HTuple::Reals({0.5, 0.2, 0.1, 0.09, 0.06, 0.05});
+  const HTuple two = HTuple::Strings({"A", "7"}), two_conf = HTuple::Reals({0.7, 0.3});
+  using List = std::vector<std::pair<std::string, double>>;
   struct Case {
     const char* name;
     FormatRule rule;
-    std::vector<std::string> expect;
+    const HTuple *classes, *conf;
+    List expect;
   };
   const Case cases[] = {
-      {"none drops high-bit classes", {}, {"8", "B", "-", "b", "/"}},
-      {"letters", {2, CandidateFilter::Letters, {}}, {"B", "b"}},
-      {"specials", {2, CandidateFilter::Specials, {}}, {"-", "/"}},
+      {"none drops high-bit classes", {}, &classes, &conf, {{"8", 0.5}, {"B", 0.2}, {"-", 0.1}, {"b", 0.06}, {"/", 0.05}}},
+      {"letters", {2, CandidateFilter::Letters, {}}, &classes, &conf, {{"B", 0.2}, {"b", 0.06}}},
+      {"specials", {2, CandidateFilter::Specials, {}}, &classes, &conf, {{"-", 0.1}, {"/", 0.05}}},
+      {"nothing left: underscore", {2, CandidateFilter::Specials, {}}, &two, &two_conf, {{"_", 0.0}}},
+      // The rest of the classifier's list stays behind the literal.
+      {"literal replaces the first", {0, CandidateFilter::None, '-'}, &two, &two_conf, {{"-", 1.0}, {"7", 0.3}}},
   };
   for (const auto& c : cases) {
-    const auto got = BuildCandidates(c.rule, classes, conf);
-    std::vector<std::string> names;
-    for (const auto& g : got) names.push_back(g.klass);
-    EXPECT_EQ(names, c.expect) << c.name;
+    SCOPED_TRACE(c.name);
+    List got;
+    for (const Candidate& k : BuildCandidates(c.rule, *c.classes, *c.conf)) got.emplace_back(k.klass, k.confidence);
+    EXPECT_EQ(got, c.expect);
   }
-  // Confidences travel with their classes.
-  const auto letters = BuildCandidates({2, CandidateFilter::Letters, {}}, classes, conf);
-  EXPECT_DOUBLE_EQ(letters[1].confidence, 0.06);
-}
-
-TEST(OcrFormat, NothingLeftGivesUnderscoreAndLiteralReplacesFirst) {
-  const HTuple classes = HTuple::Strings({"A", "7"});
-  const HTuple conf = HTuple::Reals({0.7, 0.3});
-  const auto none = BuildCandidates({2, CandidateFilter::Specials, {}}, classes, conf);
-  ASSERT_EQ(none.size(), 1u);
-  EXPECT_EQ(none[0].klass, "_");
-  EXPECT_EQ(none[0].confidence, 0.0);
-
-  const auto lit = BuildCandidates({0, CandidateFilter::None, '-'}, classes, conf);
-  ASSERT_EQ(lit.size(), 2u);
-  EXPECT_EQ(lit[0].klass, "-");
-  EXPECT_EQ(lit[0].confidence, 1.0);
-  EXPECT_EQ(lit[1].klass, "7");  // the rest of the classifier's list stays
 }
 
 }  // namespace
