@@ -1,13 +1,9 @@
 # The code reader: vision operators and the reading service on generated
 # symbol images, and request 111 end to end through the real add-in.
-if(TARGET decode AND TARGET decode_symbol_gen)
-  velmora_test(decode_tests
-    SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/decode_code_test.cc ${CMAKE_CURRENT_SOURCE_DIR}/decode_service_test.cc
-    LIBS decode decode_symbol_gen)
-endif()
-if(TARGET decode_symbol_gen AND TARGET VelmoraAddin AND TARGET velmora_client AND TARGET archive)
-  velmora_test(decode_e2e_tests
-    SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/decode_e2e_test.cc
-    LIBS velmora_client archive decode_symbol_gen)
-  add_dependencies(decode_e2e_tests VelmoraAddin)
-endif()
+velmora_test(decode_tests
+  SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/decode_code_test.cc ${CMAKE_CURRENT_SOURCE_DIR}/decode_service_test.cc
+  LIBS decode decode_symbol_gen)
+velmora_test(decode_e2e_tests
+  SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/decode_e2e_test.cc
+  LIBS velmora_client archive decode_symbol_gen)
+add_dependencies(decode_e2e_tests VelmoraAddin)

@@ -1,12 +1,7 @@
 # The add-in's shell, request port and dispatcher, end to end through the real
 # process. addin_process.h is the harness other areas' end-to-end tests use.
-if(TARGET VelmoraAddin AND TARGET velmora_client AND TARGET archive)
-  velmora_test(spine_e2e_tests
-    SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/spine_e2e_test.cc
-    LIBS velmora_client archive)
-  add_dependencies(spine_e2e_tests VelmoraAddin)
-  if(TARGET velmora)
-    target_compile_definitions(spine_e2e_tests PRIVATE VELMORA_CLI_PATH="$<TARGET_FILE:velmora>")
-    add_dependencies(spine_e2e_tests velmora)
-  endif()
-endif()
+velmora_test(spine_e2e_tests
+  SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/spine_e2e_test.cc
+  LIBS velmora_client archive)
+add_dependencies(spine_e2e_tests VelmoraAddin velmora)
+target_compile_definitions(spine_e2e_tests PRIVATE VELMORA_CLI_PATH="$<TARGET_FILE:velmora>")
