@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cmath>
 #include <cstdio>
+#include <map>
 #include <mutex>
 #include <optional>
 
@@ -27,6 +28,8 @@ int RoundInt(double v) { return ClampToInt(std::round(v)); }
 
 constexpr const char* kDefaultFont = "-*-courier-medium-r-normal-*-16-*-*-*-*-*-*-*";
 constexpr int kMaxWindowSide = 16384;
+// The reference's number for "mouse pointer outside of the window".
+constexpr int kErrMouseOutside = 5104;
 
 struct PresenterSlot {
   std::mutex mu;
@@ -49,6 +52,19 @@ uint64_t NextWindowId() {
   return next++;
 }
 
+class Window;
+
+// Windows by id, so that the GUI can report the pointer by the id it knows.
+struct WindowRegistry {
+  std::mutex mu;
+  std::map<uint64_t, std::weak_ptr<Window>> windows;
+};
+
+WindowRegistry& Registry() {
+  static WindowRegistry r;
+  return r;
+}
+
 class Window final : public HandleBase {
  public:
   Window(int row, int column, int width, int height, bool visible)
@@ -56,6 +72,11 @@ class Window final : public HandleBase {
         canvas(height, width, CV_8UC3, cv::Scalar::all(0)),
         pr2(height - 1), pc2(width - 1) {}
   ~Window() override {
+    {
+      auto& r = Registry();
+      std::lock_guard lk(r.mu);
+      r.windows.erase(id);
+    }
     if (!cleared_ && visible)
       if (auto p = CurrentPresenter()) p->WindowClosed(id);
   }
@@ -107,7 +128,12 @@ class Window final : public HandleBase {
   std::string font_name = kDefaultFont;
   std::optional<Font> font;
   double trow = 0, tcol = 0;
+  // Pointer as the GUI last reported it (window pixels).
+  bool mouse_inside = false;
+  double mouse_x = 0, mouse_y = 0;
+  int mouse_button = 0;
 };
+
 
 // Locks the window of a handle for one operator and, when the operator changed
 // the canvas of a visible window, hands a copy to the presenter afterwards
@@ -285,7 +311,6 @@ void open_window(const HTuple& row, const HTuple& column, const HTuple& width,
                  const HTuple& height, const HTuple& father_window, const HTuple& mode,
                  const HTuple& machine, HTuple* window_handle) {
   const char* op = "open_window";
-  (void)father_window;  // windows are top-level canvases; nesting is the presenter's
   (void)machine;
   int r = int(NumberArg(row, 0, op, "Row"));
   int c = int(NumberArg(column, 0, op, "Column"));
@@ -300,10 +325,61 @@ void open_window(const HTuple& row, const HTuple& column, const HTuple& width,
   if (m != "visible" && m != "invisible" && m != "buffer" && m != "transparent")
     throw HException(op, "Wrong value of control parameter Mode: " + m, kErrWrongParamValue);
   bool visible = m == "visible" || m == "transparent";
+  // A father given as an integer is a view of the GUI that embeds the window.
+  int64_t father = 0;
+  if (father_window.Length() == 1 && father_window.IsInt(0)) father = father_window.L(0);
   auto win = std::make_shared<Window>(r, c, w, h, visible);
+  {
+    auto& reg = Registry();
+    std::lock_guard lk(reg.mu);
+    reg.windows[win->id] = win;
+  }
   if (visible)
-    if (auto p = CurrentPresenter()) p->WindowOpened(win->id, r, c, w, h);
+    if (auto p = CurrentPresenter()) {
+      if (father != 0) p->WindowOpenedIn(win->id, father, r, c, w, h);
+      else p->WindowOpened(win->id, r, c, w, h);
+    }
   *window_handle = HTuple(HHandle(win));
+}
+
+uint64_t WindowId(const HTuple& window_handle) {
+  return HandleCast<Window>(window_handle, "window")->id;
+}
+
+void SetWindowMouse(uint64_t id, bool inside, double x, double y, int button) {
+  std::shared_ptr<Window> w;
+  {
+    auto& reg = Registry();
+    std::lock_guard lk(reg.mu);
+    auto it = reg.windows.find(id);
+    if (it != reg.windows.end()) w = it->second.lock();
+  }
+  if (!w) return;
+  std::lock_guard lk(w->mu);
+  w->mouse_inside = inside;
+  w->mouse_x = x;
+  w->mouse_y = y;
+  w->mouse_button = button;
+}
+
+void DrawIntoWindow(const HTuple& window_handle, const char* op,
+                    const std::function<void(WindowCanvas&)>& draw) {
+  Access w(window_handle, op, true);
+  WindowCanvas c{w->canvas, w->pr1, w->pc1, w->ScaleY(), w->ScaleX()};
+  draw(c);
+}
+
+void get_mposition_sub_pix(const HTuple& window_handle, HTuple* row, HTuple* column,
+                           HTuple* button) {
+  const char* op = "get_mposition_sub_pix";
+  Access w(window_handle, op);
+  if (!w->mouse_inside || w->mouse_x < 0 || w->mouse_y < 0 || w->mouse_x >= w->Width() ||
+      w->mouse_y >= w->Height())
+    throw HException(op, "Mouse pointer is not inside the window", kErrMouseOutside);
+  // Window pixel centres map back onto image coordinates through the part.
+  *row = HTuple(w->pr1 + (w->mouse_y + 0.5) / w->ScaleY() - 0.5);
+  *column = HTuple(w->pc1 + (w->mouse_x + 0.5) / w->ScaleX() - 0.5);
+  *button = HTuple(w->mouse_button);
 }
 
 void close_window(const HTuple& window_handle) {

@@ -4,6 +4,7 @@
 // window is shown through the registered WindowPresenter; "invisible" and
 // "buffer" windows only ever live in memory.
 #include <cstdint>
+#include <functional>
 #include <memory>
 
 #include <opencv2/core.hpp>
@@ -19,6 +20,13 @@ class WindowPresenter {
  public:
   virtual ~WindowPresenter() = default;
   virtual void WindowOpened(uint64_t id, int row, int column, int width, int height) = 0;
+  // A window opened with a father window (an integer the GUI handed out for
+  // one of its views): the GUI embeds it there. By default shown as any other.
+  virtual void WindowOpenedIn(uint64_t id, int64_t father, int row, int column, int width,
+                              int height) {
+    (void)father;
+    WindowOpened(id, row, column, width, height);
+  }
   // `rgb` is a private copy of the canvas (CV_8UC3, red first).
   virtual void WindowChanged(uint64_t id, const cv::Mat& rgb) = 0;
   virtual void WindowClosed(uint64_t id) = 0;
@@ -27,6 +35,24 @@ class WindowPresenter {
 // Registers the presenter (nullptr removes it). Windows opened before keep
 // reporting to whichever presenter is registered at the time of each event.
 void SetWindowPresenter(std::shared_ptr<WindowPresenter> presenter);
+
+// The id the presenter knows a window by; raises for anything but a window.
+uint64_t WindowId(const HTuple& window_handle);
+// The mouse over a shown window, as the GUI sees it: window pixel position
+// (x right, y down, from the top-left corner) and the pressed button (0 none,
+// 1 left, 2 middle, 4 right). `inside` false when the pointer left it.
+void SetWindowMouse(uint64_t id, bool inside, double x, double y, int button);
+
+// Drawing by the other operators of the window area (3D display): `draw`
+// runs under the window's lock on its canvas (CV_8UC3, red first); a visible
+// window is shown afterwards as by any drawing operator.
+struct WindowCanvas {
+  cv::Mat& canvas;
+  double part_row1, part_column1;  // image coordinates of the window's top-left
+  double scale_y, scale_x;         // window pixels per image pixel
+};
+void DrawIntoWindow(const HTuple& window_handle, const char* op,
+                    const std::function<void(WindowCanvas&)>& draw);
 
 // Opening, closing, state.
 void open_window(const HTuple& row, const HTuple& column, const HTuple& width,
@@ -38,6 +64,10 @@ void set_part(const HTuple& window_handle, const HTuple& row1, const HTuple& col
               const HTuple& row2, const HTuple& column2);
 void get_part(const HTuple& window_handle, HTuple* row1, HTuple* column1, HTuple* row2,
               HTuple* column2);
+// Sub-pixel mouse position in image coordinates; raises when the pointer is
+// not over the window.
+void get_mposition_sub_pix(const HTuple& window_handle, HTuple* row, HTuple* column,
+                           HTuple* button);
 void get_window_extents(const HTuple& window_handle, HTuple* row, HTuple* column,
                         HTuple* width, HTuple* height);
 void set_color(const HTuple& window_handle, const HTuple& color);
