@@ -1,0 +1,121 @@
+#include "vision/model3d/model3d_util.h"
+
+#include <algorithm>
+
+namespace vision::model3d {
+
+std::vector<ObjectModel3DData*> ModelsOf(const HTuple& handles, const char* op) {
+  std::vector<ObjectModel3DData*> out;
+  out.reserve(size_t(handles.Length()));
+  for (Hlong i = 0; i < handles.Length(); ++i) out.push_back(ObjectModel3DCast(handles, op, i));
+  return out;
+}
+
+void AppendModel(HTuple* out, ObjectModel3DPtr m) { out->Append(HValue(HHandle(std::move(m)))); }
+
+GenParams::GenParams(const HTuple& names, const HTuple& values, const char* op,
+                     std::vector<std::string> known)
+    : op_(op) {
+  if (names.Length() != values.Length())
+    throw HException(op, "Number of generic parameter names and values differ",
+                     kErrWrongParamCount);
+  for (Hlong i = 0; i < names.Length(); ++i) {
+    if (!names.IsString(i))
+      throw HException(op, "Generic parameter name must be a string", kErrWrongParamType);
+    const std::string& n = names.S(i);
+    if (std::find(known.begin(), known.end(), n) == known.end())
+      throw HException(op, "Unknown generic parameter name: " + n, kErrWrongParamValue);
+    names_.push_back(n);
+    values_.push_back(values[i]);
+  }
+}
+
+const HValue* GenParams::Find(const std::string& name) const {
+  // The last occurrence wins, as when a caller appends an override.
+  for (size_t i = names_.size(); i-- > 0;)
+    if (names_[i] == name) return &values_[i];
+  return nullptr;
+}
+
+double GenParams::Real(const std::string& name, double def) const {
+  const HValue* v = Find(name);
+  if (!v) return def;
+  if (auto* l = std::get_if<Hlong>(v)) return double(*l);
+  if (auto* d = std::get_if<double>(v)) return *d;
+  throw HException(op_, "Wrong type of value for " + name, kErrWrongParamType);
+}
+
+Hlong GenParams::Int(const std::string& name, Hlong def) const {
+  const HValue* v = Find(name);
+  if (!v) return def;
+  if (auto* l = std::get_if<Hlong>(v)) return *l;
+  if (auto* d = std::get_if<double>(v)) return Hlong(*d);
+  throw HException(op_, "Wrong type of value for " + name, kErrWrongParamType);
+}
+
+std::string GenParams::Str(const std::string& name, const std::string& def) const {
+  const HValue* v = Find(name);
+  if (!v) return def;
+  if (auto* s = std::get_if<std::string>(v)) return *s;
+  throw HException(op_, "Wrong type of value for " + name, kErrWrongParamType);
+}
+
+bool GenParams::Bool(const std::string& name, bool def) const {
+  const HValue* v = Find(name);
+  if (!v) return def;
+  if (auto* s = std::get_if<std::string>(v)) {
+    if (*s == "true") return true;
+    if (*s == "false") return false;
+  }
+  throw HException(op_, "Value of " + name + " must be 'true' or 'false'", kErrWrongParamValue);
+}
+
+ObjectModel3DPtr SubsetOf(const ObjectModel3DData& m, const std::vector<int32_t>& keep) {
+  auto out = NewObjectModel3D();
+  out->points.reserve(keep.size());
+  for (int32_t i : keep) out->points.push_back(m.points[size_t(i)]);
+  if (m.HasNormals()) {
+    out->normals.reserve(keep.size());
+    for (int32_t i : keep) out->normals.push_back(m.normals[size_t(i)]);
+  }
+  for (const auto& [name, vals] : m.attribs) {
+    std::vector<double>& dst = out->attribs[name];
+    dst.reserve(keep.size());
+    for (int32_t i : keep) dst.push_back(vals[size_t(i)]);
+  }
+  if (m.HasTriangles()) {
+    std::vector<int32_t> renum(m.points.size(), -1);
+    for (size_t k = 0; k < keep.size(); ++k) renum[size_t(keep[k])] = int32_t(k);
+    for (const auto& t : m.triangles) {
+      const int32_t a = renum[size_t(t[0])], b = renum[size_t(t[1])], c = renum[size_t(t[2])];
+      if (a >= 0 && b >= 0 && c >= 0) out->triangles.push_back({a, b, c});
+    }
+  }
+  return out;
+}
+
+std::vector<double> PointAttribute(const ObjectModel3DData& m, const std::string& name,
+                                   const char* op) {
+  static constexpr const char* kCoord[] = {"point_coord_x", "point_coord_y", "point_coord_z"};
+  static constexpr const char* kNormal[] = {"point_normal_x", "point_normal_y", "point_normal_z"};
+  for (int c = 0; c < 3; ++c) {
+    if (name == kCoord[c]) {
+      std::vector<double> v(m.points.size());
+      for (size_t i = 0; i < v.size(); ++i) v[i] = m.points[i][c];
+      return v;
+    }
+    if (name == kNormal[c]) {
+      if (!m.HasNormals() && m.NumPoints() > 0)
+        throw HException(op, "3D object model has no point normals", kErrWrongParamValue);
+      std::vector<double> v(m.normals.size());
+      for (size_t i = 0; i < v.size(); ++i) v[i] = m.normals[i][c];
+      return v;
+    }
+  }
+  auto it = m.attribs.find(name);
+  if (it == m.attribs.end())
+    throw HException(op, "3D object model has no attribute " + name, kErrWrongParamValue);
+  return it->second;
+}
+
+}  // namespace vision::model3d
