@@ -16,9 +16,9 @@ struct CamParams {
 
   // Reads an 8-value camera parameter tuple; raises HException(op, ...) for
   // another length, a non-number, or a zero focus or cell size. Defined in
-  // vision/calib/camera.cc.
+  // vision/calib/camera_params.cc.
   static CamParams FromTuple(const HTuple& t, const char* op);
-  HTuple ToTuple() const;  // defined in vision/calib/camera.cc
+  HTuple ToTuple() const;  // defined in vision/calib/camera_params.cc
 
   // Camera frame (x right, y down, z along the view) to image (row, column).
   // Returns false where the point is not in front of the camera or lies
