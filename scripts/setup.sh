@@ -12,6 +12,7 @@ PACKAGES=(
   libzxing-dev libdmtx-dev
   libpcl-dev libeigen3-dev
   libplist-dev libtiff-dev
+  nlohmann-json3-dev
   libfreetype-dev libfontconfig-dev fonts-dejavu-core fonts-liberation2
   fonts-ocr-a fonts-ocr-b fonts-urw-base35 fonts-freefont-ttf fonts-noto-mono
   libgtest-dev libgmock-dev libbenchmark-dev
