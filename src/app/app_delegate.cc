@@ -37,8 +37,20 @@ namespace {
 // The delegate the application runs with, as the platform's application
 // object would hold it.
 AppDelegate* g_shared_delegate = nullptr;
-// Write end of the self-pipe; the signal handler may only touch this.
+// Write end of the self-pipe; the signal handler may only touch this and the
+// flag below.
 std::atomic<int> g_signal_pipe{-1};
+// Set by a termination signal: from then on no further request is served,
+// also when the signal arrives while one is being served.
+std::atomic<bool> g_termination_signalled{false};
+static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<int>::is_always_lock_free);
+
+// The signals that end the add-in through its normal path (Ctrl-C in a
+// terminal, a closed terminal, the service manager).
+constexpr struct {
+  int number;
+  const char* name;
+} kTerminationSignals[] = {{SIGTERM, "SIGTERM"}, {SIGINT, "SIGINT"}, {SIGHUP, "SIGHUP"}};
 
 constexpr char kSignalTerminate = 't';
 constexpr char kSignalTestQuit = 'q';
@@ -99,7 +111,7 @@ AppDelegate::~AppDelegate() {
   if (signal_write_.valid()) {
     struct sigaction action {};
     action.sa_handler = SIG_DFL;
-    ::sigaction(SIGTERM, &action, nullptr);
+    for (const auto& sig : kTerminationSignals) ::sigaction(sig.number, &action, nullptr);
     g_signal_pipe.store(-1);
   }
   applicationWillTerminate();
@@ -142,12 +154,15 @@ void AppDelegate::applicationDidFinishLaunching() {
     signal_notifier_ = std::make_unique<QSocketNotifier>(fds[0], QSocketNotifier::Read);
     QObject::connect(signal_notifier_.get(), &QSocketNotifier::activated, [this] { onSignalPipe(); });
   }
+  g_termination_signalled.store(false);
   struct sigaction action {};
   action.sa_handler = &AppDelegate::SIGTERMsHandler;
   sigemptyset(&action.sa_mask);
   action.sa_flags = SA_RESTART;
-  const int res = ::sigaction(SIGTERM, &action, nullptr);
-  if (res < 0) Log("sigaction<SIGTERM> res:%d", res);
+  for (const auto& sig : kTerminationSignals) {
+    const int res = ::sigaction(sig.number, &action, nullptr);
+    if (res < 0) Log("sigaction<%s> res:%d", sig.name, res);
+  }
   installTestHooks();
 
   Log("[VelmoraAddin] launch-%d.%d", 12, 0);
@@ -187,7 +202,12 @@ void AppDelegate::scheduleTerminate() {
 
 QSize AppDelegate::windowWillResize(QWidget*, QSize proposed) const { return proposed; }
 
-void AppDelegate::SIGTERMsHandler(int) { WriteSignalByte(kSignalTerminate); }
+void AppDelegate::SIGTERMsHandler(int) {
+  g_termination_signalled.store(true, std::memory_order_relaxed);
+  WriteSignalByte(kSignalTerminate);
+}
+
+bool AppDelegate::terminationSignalled() { return g_termination_signalled.load(std::memory_order_relaxed); }
 
 bool AppDelegate::isHalconFrameworkExist() {
   if (_isHalconFrameworkExist != -1) return _isHalconFrameworkExist > 0;

@@ -58,8 +58,11 @@ class AppDelegate {
   // Queues doTerminate on the main thread without waiting.
   void scheduleTerminate();
   QSize windowWillResize(QWidget* sender, QSize proposed) const;
-  // Async-signal-safe: only wakes the main loop, which runs the termination path.
+  // The handler of SIGTERM, SIGINT and SIGHUP. Async-signal-safe: it only
+  // raises a flag and wakes the main loop, which runs the termination path.
   static void SIGTERMsHandler(int signal);
+  // True once a termination signal arrived: the request port serves nothing more.
+  static bool terminationSignalled();
 
   // The one-time cached test of the vision library's presence.
   bool isHalconFrameworkExist();

@@ -5,6 +5,8 @@
 #include <malloc.h>
 
 #include "app/app_delegate.h"
+#include "app/vision_presence.h"
+#include "messaging/log.h"
 
 int main(int argc, char** argv) {
   // Every request brings megabyte-sized buffers (archive, TIFF, planes). With
@@ -17,11 +19,14 @@ int main(int argc, char** argv) {
   // Headless workstations and services: without a display, draw offscreen.
   if (!std::getenv("DISPLAY") && !std::getenv("WAYLAND_DISPLAY") && !std::getenv("QT_QPA_PLATFORM"))
     setenv("QT_QPA_PLATFORM", "offscreen", 1);
+  // Settled before any thread exists: it may export VELMORA_VISION_DIR.
+  const velmora::VisionFolderSearch vision = velmora::SettleVisionFolder();
   QApplication app(argc, argv);
   QApplication::setQuitOnLastWindowClosed(false);  // windows come and go; the add-in stays
 
   velmora::AppDelegate delegate;
   if (!delegate.init()) return delegate.startExitCode();  // another instance runs, or no port folder
+  velmora::Log("%s", velmora::VisionFolderLogLine(vision).c_str());
   QObject::connect(&app, &QCoreApplication::aboutToQuit, [&delegate] { delegate.applicationWillTerminate(); });
   delegate.applicationDidFinishLaunching();
   return QApplication::exec();

@@ -2,10 +2,12 @@
 
 #include <plist/plist.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cctype>
 #include <climits>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <memory>
@@ -13,6 +15,9 @@
 
 #ifndef VELMORA_VISION_INSTALL_DIR
 #error "VELMORA_VISION_INSTALL_DIR must name the vision library's installed folder"
+#endif
+#if !defined(VELMORA_VISION_FROM_BINDIR) || !defined(VELMORA_VISION_FROM_BUILD_APP)
+#error "the vision folder's place relative to the installed and the built executable must be given"
 #endif
 
 namespace velmora {
@@ -51,9 +56,87 @@ bool ReadShortVersion(const std::string& folder, std::string* version) {
 
 }  // namespace
 
-std::string HalconFramework_FilePath() {
-  const char* over = std::getenv("VELMORA_VISION_DIR");
-  return (over && *over) ? std::string(over) : std::string(VELMORA_VISION_INSTALL_DIR);
+std::string DescribeVisionFolder(const std::string& folder, bool* present) {
+  if (present) *present = false;
+  struct stat st {};
+  if (::stat(folder.c_str(), &st) != 0) return "no such folder";
+  if (!S_ISDIR(st.st_mode)) return "not a folder";
+  std::ifstream probe(folder + "/Info.plist");
+  if (!probe) return "no Info.plist";
+  std::string version;
+  if (!ReadShortVersion(folder, &version)) return "Info.plist has no readable CFBundleShortVersionString";
+  int32_t major = 0, minor = 0, revision = 0;
+  HalconFrameworkVersionAt(folder, &major, &minor, &revision);
+  if (major != 12) return "version " + version + ", not 12";
+  if (present) *present = true;
+  return "present, version " + version;
+}
+
+namespace {
+
+// The folder of the running executable, or "" when /proc does not say.
+std::string ExecutableFolder() {
+  char buf[4096];
+  const ssize_t n = ::readlink("/proc/self/exe", buf, sizeof buf - 1);
+  if (n <= 0) return {};
+  std::string path(buf, static_cast<size_t>(n));
+  const size_t slash = path.rfind('/');
+  return slash == std::string::npos ? std::string() : path.substr(0, slash);
+}
+
+}  // namespace
+
+VisionFolderSearch LocateVisionFolder() {
+  VisionFolderSearch search;
+  auto consider = [&](const std::string& folder, const char* source) {
+    VisionFolderSearch::Candidate c{folder, source, {}, false};
+    c.finding = DescribeVisionFolder(folder, &c.present);
+    search.tried.push_back(c);
+    return c.present;
+  };
+  if (const char* over = std::getenv("VELMORA_VISION_DIR"); over && *over) {
+    consider(over, "VELMORA_VISION_DIR");
+    search.folder = over;
+    return search;
+  }
+  search.folder = VELMORA_VISION_INSTALL_DIR;
+  if (consider(VELMORA_VISION_INSTALL_DIR, "configured")) return search;
+  const std::string exe = ExecutableFolder();
+  if (exe.empty()) return search;
+  // The installed layout (bin/ beside share/), then the build tree's.
+  for (const char* relative : {VELMORA_VISION_FROM_BINDIR, VELMORA_VISION_FROM_BUILD_APP}) {
+    std::error_code ec;
+    std::string folder = std::filesystem::weakly_canonical(exe + "/" + relative, ec).string();
+    if (ec || folder.empty()) folder = exe + "/" + relative;
+    bool seen = false;
+    for (const auto& c : search.tried) seen |= c.folder == folder;
+    if (seen) continue;
+    if (consider(folder, "beside the executable")) {
+      search.folder = folder;
+      return search;
+    }
+  }
+  return search;
+}
+
+std::string HalconFramework_FilePath() { return LocateVisionFolder().folder; }
+
+VisionFolderSearch SettleVisionFolder() {
+  VisionFolderSearch search = LocateVisionFolder();
+  if (!std::getenv("VELMORA_VISION_DIR") && search.folder != VELMORA_VISION_INSTALL_DIR)
+    ::setenv("VELMORA_VISION_DIR", search.folder.c_str(), 1);
+  return search;
+}
+
+std::string VisionFolderLogLine(const VisionFolderSearch& search) {
+  std::string line = "vision library: ";
+  for (size_t i = 0; i < search.tried.size(); ++i) {
+    const auto& c = search.tried[i];
+    if (i) line += "; ";
+    line += c.folder + " (" + c.source + "): " + c.finding;
+  }
+  line += "; using " + search.folder;
+  return line;
 }
 
 int32_t LeadingInteger(const std::string& text) {

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -67,6 +68,15 @@ bool IsImageFile(const uint8_t* bytes, std::size_t size);
 RawBitmap DecodeImageFile(const uint8_t* bytes, std::size_t size);
 RawBitmap DecodeImageFile(const std::vector<uint8_t>& bytes);
 RawBitmap ReadImageFile(const std::filesystem::path& path);
+
+// The pixel size of an encoded image (TIFF's first page, PNG, JPEG, BMP) from
+// its header alone, without decoding the pixels; nullopt when the header does
+// not say.
+struct PixelSize {
+  int64_t width = 0;
+  int64_t height = 0;
+};
+std::optional<PixelSize> ProbePixelSize(const uint8_t* bytes, std::size_t size);
 
 // Reads a whole file; throws ArchiveError when it cannot be read.
 std::vector<uint8_t> ReadFileBytes(const std::filesystem::path& path);

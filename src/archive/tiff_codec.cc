@@ -293,6 +293,43 @@ bool IsImageFile(const uint8_t* b, std::size_t n) {
   return n >= 3 && b[0] == 0xFF && b[1] == 0xD8 && b[2] == 0xFF;  // JPEG
 }
 
+std::optional<PixelSize> ProbePixelSize(const uint8_t* b, std::size_t n) {
+  if (!b) return std::nullopt;
+  auto be16 = [&](size_t i) { return uint32_t(b[i]) << 8 | b[i + 1]; };
+  auto be32 = [&](size_t i) { return be16(i) << 16 | be16(i + 2); };
+  if (IsTiff(b, n)) {
+    // Opening reads the first directory only; no strip is touched.
+    MemoryFile file{b, nullptr, n, 0};
+    Messages messages;
+    TiffPtr tif = Open(&file, "rm", &messages, 0);
+    uint32_t w = 0, h = 0;
+    if (!tif || !TIFFGetField(tif.get(), TIFFTAG_IMAGEWIDTH, &w) || !TIFFGetField(tif.get(), TIFFTAG_IMAGELENGTH, &h))
+      return std::nullopt;
+    return PixelSize{w, h};
+  }
+  static constexpr uint8_t kPng[] = {0x89, 'P', 'N', 'G', 0x0D, 0x0A, 0x1A, 0x0A};
+  if (n >= 24 && std::memcmp(b, kPng, sizeof kPng) == 0 && std::memcmp(b + 12, "IHDR", 4) == 0)
+    return PixelSize{be32(16), be32(20)};
+  if (n >= 26 && b[0] == 'B' && b[1] == 'M') {
+    auto le32 = [&](size_t i) { return int32_t(uint32_t(b[i]) | uint32_t(b[i + 1]) << 8 | uint32_t(b[i + 2]) << 16 | uint32_t(b[i + 3]) << 24); };
+    const int64_t h = le32(22);
+    return PixelSize{le32(18), h < 0 ? -h : h};
+  }
+  if (n >= 4 && b[0] == 0xFF && b[1] == 0xD8) {
+    // Walk the markers up to the first start-of-frame.
+    size_t i = 2;
+    while (i + 9 < n) {
+      if (b[i] != 0xFF) return std::nullopt;
+      const uint8_t marker = b[i + 1];
+      if (marker == 0xFF) { ++i; continue; }
+      if (marker >= 0xC0 && marker <= 0xCF && marker != 0xC4 && marker != 0xC8 && marker != 0xCC)
+        return PixelSize{be16(i + 7), be16(i + 5)};
+      i += 2 + be16(i + 2);
+    }
+  }
+  return std::nullopt;
+}
+
 RawBitmap DecodeTiff(const std::vector<uint8_t>& bytes) { return DecodeTiff(bytes.data(), bytes.size()); }
 
 RawBitmap DecodeTiff(const uint8_t* bytes, std::size_t size) {

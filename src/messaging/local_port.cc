@@ -10,6 +10,7 @@
 #include <QObject>
 #include <QSocketNotifier>
 #include <QTimer>
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <exception>
@@ -20,13 +21,25 @@
 
 namespace velmora {
 
+namespace {
+// A request's buffer starts at this size and at most doubles per step.
+constexpr size_t kFirstChunk = size_t(64) << 10;
+}  // namespace
+
 struct LocalPort::Connection {
+  explicit Connection(std::shared_ptr<size_t> total) : pending_total(std::move(total)) {}
+  // Gives its share of the pending-memory bound back (the port may be gone).
+  ~Connection() { *pending_total -= data.capacity(); }
+  std::shared_ptr<size_t> pending_total;
   UniqueFd fd;
+  int pid = 0;
   uint8_t header[wire::kRequestHeaderSize] = {};
   size_t header_got = 0;
   bool header_done = false;
+  uint32_t length = 0;  // announced by the header
   std::vector<uint8_t> data;
   size_t data_got = 0;
+  const char* failure = nullptr;  // why pump() gave up, for the request log
   std::chrono::steady_clock::time_point deadline;
   // Declared after fd so that it is disabled before the descriptor closes.
   std::unique_ptr<QSocketNotifier, NotifierDeleter> notifier;
@@ -120,10 +133,17 @@ void LocalPort::acceptPending() {
     UniqueFd fd(raw);
     ucred cred{};
     socklen_t len = sizeof cred;
-    if (::getsockopt(raw, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0 || cred.uid != geteuid())
+    if (::getsockopt(raw, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0 || cred.uid != geteuid()) {
+      if (RequestLogEnabled()) Log("request log: pid %d refused: another user's process", int(cred.pid));
       continue;  // another user's process: closed unanswered
-    auto c = std::make_unique<Connection>();
+    }
+    auto c = std::make_unique<Connection>(pending_bytes_);
     c->fd = std::move(fd);
+    c->pid = cred.pid;
+    if (may_serve_ && !may_serve_()) {
+      refuse(*c, "the add-in is ending");
+      return;  // the rest wait in the backlog and go with the listener
+    }
     c->deadline = std::chrono::steady_clock::now() +
                   std::chrono::duration_cast<std::chrono::steady_clock::duration>(
                       std::chrono::duration<double>(read_timeout_));
@@ -138,9 +158,18 @@ void LocalPort::acceptPending() {
         watch(std::move(c));
         break;
       case Progress::kFailed:
+        refuse(*c, c->failure);
         break;
     }
   }
+}
+
+void LocalPort::refuse(const Connection& c, const char* why) {
+  if (!why || !RequestLogEnabled()) return;
+  if (c.header_done)
+    Log("request log: pid %d refused: %s (%zu of %u bytes received)", c.pid, why, c.data_got, c.length);
+  else
+    Log("request log: pid %d refused: %s", c.pid, why);
 }
 
 LocalPort::Progress LocalPort::pump(Connection& c) {
@@ -156,23 +185,48 @@ LocalPort::Progress LocalPort::pump(Connection& c) {
     }
     if (want > 0) {
       const ssize_t r = ::recv(c.fd.get(), dst, want, MSG_DONTWAIT);
-      if (r == 0) return Progress::kFailed;  // closed before the request was complete
+      if (r == 0) {
+        c.failure = "closed by the client before the request was complete";
+        return Progress::kFailed;
+      }
       if (r < 0) {
         if (errno == EINTR) continue;
-        return errno == EAGAIN || errno == EWOULDBLOCK ? Progress::kPending : Progress::kFailed;
+        if (errno == EAGAIN || errno == EWOULDBLOCK) return Progress::kPending;
+        c.failure = "receive error";
+        return Progress::kFailed;
       }
       (c.header_done ? c.data_got : c.header_got) += static_cast<size_t>(r);
       continue;
     }
-    if (c.header_done) return Progress::kComplete;
-    if (std::memcmp(c.header, wire::kRequestMagic, 4) != 0) return Progress::kFailed;
-    const uint32_t length = wire::GetU32(c.header + 12);
-    if (length > kPortMaxFrameLength) return Progress::kFailed;
-    try {
-      // One buffer of the announced size, filled in place.
-      c.data.resize(length);
-    } catch (const std::bad_alloc&) {
-      Log("message port %s: no memory for a request of %u bytes", name_.c_str(), length);
+    if (c.header_done) {
+      if (c.data_got == c.length) return Progress::kComplete;
+      // The buffer is full but the request is not: grow it for the bytes that
+      // keep coming. Never to what the header announces at once, so that a
+      // client that announces much and sends little costs little.
+      const size_t grown = std::min<size_t>(c.length, std::max(kFirstChunk, 2 * c.data.size()));
+      const size_t extra = grown - c.data.capacity();
+      if (*pending_bytes_ + extra > pending_budget_) {
+        c.failure = "requests in progress would pass the memory bound";
+        return Progress::kFailed;
+      }
+      try {
+        c.data.reserve(grown);  // exactly this much: resize alone may take twice the size
+        c.data.resize(grown);
+      } catch (const std::bad_alloc&) {
+        Log("message port %s: no memory for a request of %u bytes", name_.c_str(), c.length);
+        c.failure = "out of memory";
+        return Progress::kFailed;
+      }
+      *pending_bytes_ += extra;
+      continue;
+    }
+    if (std::memcmp(c.header, wire::kRequestMagic, 4) != 0) {
+      c.failure = "bad magic";
+      return Progress::kFailed;
+    }
+    c.length = wire::GetU32(c.header + 12);
+    if (c.length > kPortMaxFrameLength) {
+      c.failure = "oversized frame";
       return Progress::kFailed;
     }
     c.header_done = true;
@@ -203,15 +257,29 @@ void LocalPort::onReadable(uint64_t id, bool deadline_passed) {
   pending_.erase(it);
   // Incomplete at the deadline, or broken: closed without a reply.
   if (progress == Progress::kComplete) finish(std::move(done));
+  else refuse(*done, progress == Progress::kPending ? "timeout" : done->failure);
 }
 
 void LocalPort::finish(std::unique_ptr<Connection> c) {
   const int32_t msgid = static_cast<int32_t>(wire::GetU32(c->header + 4));
   const bool want_reply = (wire::GetU32(c->header + 8) & wire::kFlagWantReply) != 0;
   c->notifier.reset();
+  if (may_serve_ && !may_serve_()) {
+    refuse(*c, "the add-in is ending");
+    return;
+  }
 
   std::optional<std::vector<uint8_t>> reply;
   if (callback_) {
+    current_pid_ = c->pid;
+    const std::weak_ptr<int> alive = alive_;
+    struct ClearPid {
+      LocalPort* port;
+      const std::weak_ptr<int>& alive;
+      ~ClearPid() {
+        if (!alive.expired()) port->current_pid_ = 0;
+      }
+    } clear_pid{this, alive};
     try {
       reply = callback_(msgid, c->data);
     } catch (const std::exception& e) {
@@ -222,6 +290,7 @@ void LocalPort::finish(std::unique_ptr<Connection> c) {
       reply.reset();
     }
   }
+  *c->pending_total -= c->data.capacity();
   std::vector<uint8_t>().swap(c->data);  // the request's memory goes before the reply is sent
   if (!want_reply) return;
 

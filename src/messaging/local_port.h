@@ -42,6 +42,20 @@ class LocalPort {
   // How long a client may take to deliver its request in full (default: the
   // send timeout, 5 s).
   void setReadTimeout(double seconds) { read_timeout_ = seconds; }
+  // Memory for requests still arriving, all connections together. A request's
+  // buffer grows with the bytes that came, never to what its header only
+  // announces; a connection whose next bytes would pass the bound is closed
+  // unanswered (logged with the request log). At least one frame of the
+  // largest size fits.
+  static constexpr size_t kDefaultPendingBudget = size_t(768) << 20;
+  void setPendingBudget(size_t bytes) { pending_budget_ = bytes; }
+  size_t pendingBytes() const { return *pending_bytes_; }
+  // Asked before each request is served and each connection accepted: false
+  // closes them unanswered (the process is ending).
+  void setServeGate(std::function<bool()> may_serve) { may_serve_ = std::move(may_serve); }
+  // The process id of the client whose request the callback is serving (0
+  // outside the callback or when unknown).
+  int currentPeerPid() const { return current_pid_; }
 
  private:
   struct Connection;
@@ -51,6 +65,7 @@ class LocalPort {
   void acceptPending();
   bool servePendingInOrder();
   Progress pump(Connection& c);
+  void refuse(const Connection& c, const char* why);
   void watch(std::unique_ptr<Connection> c);
   void onReadable(uint64_t id, bool deadline_passed);
   void finish(std::unique_ptr<Connection> c);
@@ -59,6 +74,10 @@ class LocalPort {
   std::string socket_path_;
   Callback callback_;
   double read_timeout_ = kSendTimeoutSeconds;
+  size_t pending_budget_ = kDefaultPendingBudget;
+  std::shared_ptr<size_t> pending_bytes_ = std::make_shared<size_t>(0);
+  std::function<bool()> may_serve_;
+  int current_pid_ = 0;
   UniqueFd lock_fd_;
   UniqueFd listen_fd_;
   uint64_t next_id_ = 1;

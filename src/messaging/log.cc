@@ -7,6 +7,8 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <string>
 
@@ -53,6 +55,14 @@ void Log(const char* fmt, ...) {
     left -= static_cast<size_t>(w);
   }
   errno = saved_errno;
+}
+
+bool RequestLogEnabled() {
+  static const bool enabled = [] {
+    const char* v = std::getenv("VELMORA_REQUEST_LOG");
+    return v && *v && std::strcmp(v, "0") != 0;
+  }();
+  return enabled;
 }
 
 }  // namespace velmora

@@ -9,4 +9,9 @@ namespace velmora {
 // printf-style; a trailing newline in the text is not needed (one is added).
 void Log(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 
+// The opt-in request log (VELMORA_REQUEST_LOG set to anything but "" or "0"):
+// one line per request and per refused connection, beside the lines above.
+// Off by default, so that the add-in's own lines stay the only ones.
+bool RequestLogEnabled();
+
 }  // namespace velmora

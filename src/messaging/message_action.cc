@@ -4,9 +4,12 @@
 #include <memory>
 #include <new>
 #include <stdexcept>
+#include <string>
 
 #include "app/app_delegate.h"
 #include "archive/archive.h"
+#include "messaging/log.h"
+#include "messaging/request_log.h"
 
 namespace velmora {
 
@@ -28,6 +31,28 @@ std::optional<std::vector<uint8_t>> Enveloped(const std::vector<uint8_t>& body) 
   }
 }
 
+const char* RequestName(uint64_t number) {
+  switch (number) {
+    case RequestLibraryStatus: return "(status)";
+    case RequestOcrImage: return "(OCR)";
+    case RequestInstalledFonts: return "(fonts)";
+    case RequestOcrFilteredImage: return "(preview)";
+    case RequestDecodeImage: return "(decode)";
+    case RequestTerminate: return "(terminate)";
+    default: return "(unknown)";
+  }
+}
+
+// The request's image, or null when it is too large to decode: the service
+// then answers as it does without an image.
+archive::ObjectPtr AdmittedImage(archive::ObjectPtr image) {
+  std::string refusal = ImageRefusal(image);
+  if (refusal.empty()) return image;
+  Log("request refused: %s", refusal.c_str());
+  CurrentRequestNote().refusal = std::move(refusal);
+  return nullptr;
+}
+
 std::optional<std::vector<uint8_t>> DataRequest(AppDelegate* delegate, const std::vector<uint8_t>& data) {
   // Shorter than the envelope reads as a wrong magic; the length field is not
   // trusted, the body is the rest of the block.
@@ -41,10 +66,11 @@ std::optional<std::vector<uint8_t>> DataRequest(AppDelegate* delegate, const std
   if (request && request->kind() != archive::Kind::Dictionary)
     throw std::invalid_argument("request body is not a dictionary");
   const uint64_t number = static_cast<uint64_t>(archive::ReadInt(request, "messageId"));
+  CurrentRequestNote().request = "'data' " + std::to_string(number) + " " + RequestName(number);
 
   switch (number) {
     case RequestOcrImage: {
-      const archive::ObjectPtr image = archive::ReadObject(request, "image");
+      const archive::ObjectPtr image = AdmittedImage(archive::ReadObject(request, "image"));
       archive::ObjectPtr result;
       if (image && delegate) result = delegate->ocrImage(image, archive::ReadObject(request, "attribute"));
       if (!result) result = archive::MakeArray();
@@ -55,7 +81,7 @@ std::optional<std::vector<uint8_t>> DataRequest(AppDelegate* delegate, const std
       return Enveloped(fonts ? archive::Archive(fonts) : std::vector<uint8_t>{});
     }
     case RequestOcrFilteredImage: {
-      const archive::ObjectPtr image = archive::ReadObject(request, "image");
+      const archive::ObjectPtr image = AdmittedImage(archive::ReadObject(request, "image"));
       if (!image || !delegate) return std::nullopt;
       std::optional<std::vector<uint8_t>> body =
           delegate->ocrFilteredImage(image, archive::ReadObject(request, "attribute"));
@@ -63,7 +89,7 @@ std::optional<std::vector<uint8_t>> DataRequest(AppDelegate* delegate, const std
       return Enveloped(*body);
     }
     case RequestDecodeImage: {
-      const archive::ObjectPtr image = archive::ReadObject(request, "image");
+      const archive::ObjectPtr image = AdmittedImage(archive::ReadObject(request, "image"));
       archive::ObjectPtr result;
       if (image && delegate) result = delegate->decodeImage(image, archive::ReadObject(request, "attribute"));
       if (!result) result = archive::MakeDictionary();
