@@ -9,8 +9,9 @@
 namespace vision {
 
 // Projects n points of the camera frame, given as separate x, y and z arrays,
-// to image rows and columns: the same arithmetic as CamParams::Project, without
-// its checks, so that the loop runs on vector registers. Points beyond the
+// to image rows and columns: CamParams::Project without its checks and with
+// divisions turned into products (equal to a few units in the last place), so
+// that the loop runs on vector registers. Points beyond the
 // domain of the division model (kappa > 0) land on its rim (factor 2); points
 // at or behind the camera give what the central projection gives.
 void ProjectPoints(const CamParams& cam, const double* x, const double* y, const double* z,
