@@ -90,5 +90,10 @@ int main() {
 
   std::printf("vector loop / plain loop: %.2fx (CPU time), %.2fx (wall median)\n",
               scalar.cpu_median / vec.cpu_median, scalar.median / vec.median);
+  if (FILE* f = std::fopen("/proc/loadavg", "r")) {  // how busy the machine was
+    double l1 = 0;
+    if (std::fscanf(f, "%lf", &l1) == 1) std::printf("load average (1 min) at the end: %.2f\n", l1);
+    std::fclose(f);
+  }
   return 0;
 }
