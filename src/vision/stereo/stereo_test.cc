@@ -1,0 +1,270 @@
+#include <cmath>
+#include <random>
+
+#include <gtest/gtest.h>
+#include <opencv2/imgproc.hpp>
+
+#include "vision/calib/camera_params.h"
+#include "vision/geometry/pose_types.h"
+#include "vision/stereo/disparity.h"
+#include "vision/stereo/rectification.h"
+#include "vision/stereo/stereo_model.h"
+
+namespace vision {
+namespace {
+
+// Band-limited random texture: noise at several scales, 0..255.
+cv::Mat Texture(int w, int h, unsigned seed) {
+  std::mt19937 rng(seed);
+  cv::Mat acc(h, w, CV_32F, cv::Scalar(0));
+  for (double sigma : {1.0, 2.0, 5.0}) {
+    cv::Mat n(h, w, CV_32F);
+    cv::randn(n, 0, 1);
+    cv::GaussianBlur(n, n, cv::Size(0, 0), sigma);
+    cv::normalize(n, n, -1, 1, cv::NORM_MINMAX);
+    acc += n;
+  }
+  cv::normalize(acc, acc, 20, 235, cv::NORM_MINMAX);
+  return acc;
+}
+
+Image ByteImage(const cv::Mat& f) {
+  cv::Mat b;
+  f.convertTo(b, CV_8U);
+  return Image::FromPlanes(PixelType::Byte, {b, b.clone(), b.clone()});
+}
+
+// Camera pair converging on a point 0.09 m in front of camera 1, 40 degrees
+// apart, with lens distortion.
+struct Rig {
+  HTuple cam1 = HTuple::Reals({0.025, -800.0, 7.4e-6, 7.4e-6, 318.2, 243.1}).Append(HTuple(640)).Append(HTuple(480));
+  HTuple cam2 = HTuple::Reals({0.0252, 500.0, 7.4e-6, 7.3e-6, 325.0, 236.5}).Append(HTuple(640)).Append(HTuple(480));
+  Eigen::Isometry3d rel;  // camera 2 into camera 1
+  Rig() {
+    const double dist = 0.09, angle = 40 * M_PI / 180;
+    const Eigen::Vector3d target(0, 0, dist);
+    rel = Eigen::Isometry3d::Identity();
+    rel.linear() = (Eigen::AngleAxisd(-angle, Eigen::Vector3d::UnitY()) *
+                    Eigen::AngleAxisd(0.03, Eigen::Vector3d::UnitZ()) *
+                    Eigen::AngleAxisd(0.02, Eigen::Vector3d::UnitX()))
+                       .toRotationMatrix();
+    // Camera 2 on a circle around the target, looking at it.
+    rel.translation() = target - rel.linear() * Eigen::Vector3d(0.001, -0.002, dist);
+  }
+};
+
+TEST(Rectification, WorldPointsLandOnOneRowAndTriangulateBack) {
+  Rig rig;
+  HObject map1, map2;
+  HTuple r1, r2, pose1, pose2, relr;
+  gen_binocular_rectification_map(&map1, &map2, rig.cam1, rig.cam2, IsometryToPose(rig.rel), 1,
+                                  "geometric", "bilinear", &r1, &r2, &pose1, &pose2, &relr);
+  const CamParams c1 = CamParams::FromTuple(rig.cam1, ""), c2 = CamParams::FromTuple(rig.cam2, "");
+  const CamParams q1 = CamParams::FromTuple(r1, ""), q2 = CamParams::FromTuple(r2, "");
+  EXPECT_EQ(q1.kappa, 0);
+  EXPECT_EQ(q1.height, q2.height);
+  const Eigen::Isometry3d rect1 = PoseToIsometry(pose1, ""), rect2 = PoseToIsometry(pose2, "");
+  const Eigen::Isometry3d rr = PoseToIsometry(relr, "");
+  // RelPoseRect agrees with the two rectified poses.
+  EXPECT_LT((rect1.inverse() * rig.rel * rect2).matrix().isApprox(rr.matrix(), 1e-9) ? 0 : 1, 1);
+  const Image& m1 = map1.ImageAt(0);
+  const Image& m2 = map2.ImageAt(0);
+
+  std::mt19937 rng(3);
+  std::uniform_real_distribution<double> u(-0.008, 0.008), t(-0.001, 0.001);
+  // Points of a 16 x 16 x 2 mm part facing both cameras alike.
+  const Eigen::Vector3d n = (Eigen::Vector3d::UnitZ() + rig.rel.linear() * Eigen::Vector3d::UnitZ()).normalized();
+  const Eigen::Vector3d e1 = n.cross(Eigen::Vector3d::UnitY()).normalized(), e2 = n.cross(e1);
+  auto inside = [](const CamParams& c, double r, double col) {
+    return r > 2 && col > 2 && r < c.height - 3 && col < c.width - 3;
+  };
+  int tested = 0;
+  for (int i = 0; i < 120; ++i) {
+    const Eigen::Vector3d p = Eigen::Vector3d(0, 0, 0.09) + u(rng) * e1 + u(rng) * e2 + t(rng) * n;
+    double row1, col1, row2, col2, a1, b1, a2, b2;
+    if (!c1.Project(p, &row1, &col1) || !c2.Project(rig.rel.inverse() * p, &row2, &col2)) continue;
+    if (!inside(c1, row1, col1) || !inside(c2, row2, col2)) continue;
+    ASSERT_TRUE(q1.Project(rect1.inverse() * p, &a1, &b1));
+    ASSERT_TRUE(q2.Project(rect2.inverse() * rig.rel.inverse() * p, &a2, &b2));
+    EXPECT_NEAR(a1, a2, 0.05);
+    // Disparities of the part the cameras converge on stay well inside +-120.
+    EXPECT_LT(std::abs(b2 - b1), 80);
+    // The maps show the original pixel at the rectified one.
+    ASSERT_TRUE(a1 >= 0 && b1 >= 0 && a1 < q1.height - 1 && b1 < q1.width - 1);
+    auto sample = [](const cv::Mat& m, double r, double c) {
+      cv::Mat o;
+      cv::getRectSubPix(m, cv::Size(1, 1), cv::Point2f(float(c), float(r)), o);
+      return double(o.at<float>(0, 0));
+    };
+    EXPECT_NEAR(sample(m1.planes[0], a1, b1), row1, 0.02);
+    EXPECT_NEAR(sample(m1.planes[1], a1, b1), col1, 0.02);
+    EXPECT_NEAR(sample(m2.planes[0], a2, b2), row2, 0.02);
+    EXPECT_NEAR(sample(m2.planes[1], a2, b2), col2, 0.02);
+
+    // A one-pixel disparity image at the point's pixel gives the point back.
+    const int rr0 = int(std::lround(a1)), cc0 = int(std::lround(b1));
+    const Eigen::Vector3d pr = rect1.inverse() * p;
+    // Move the point along its line of sight onto the integer pixel's ray.
+    const Eigen::Vector3d ray = q1.Unproject(rr0, cc0);
+    const Eigen::Vector3d pp = ray * (pr.z() / ray.z());
+    double a3, b3;
+    ASSERT_TRUE(q2.Project(rr.inverse() * pp, &a3, &b3));
+    cv::Mat d(q1.height, q1.width, CV_32F, cv::Scalar(0));
+    d.at<float>(rr0, cc0) = float(b3 - cc0);
+    Image di = Image::FromPlanes(PixelType::Real, {d});
+    di.domain = Region::Rectangle(rr0, cc0, rr0, cc0);
+    HObject x, y, z;
+    disparity_image_to_xyz(HObject(di), &x, &y, &z, r1, r2, relr);
+    EXPECT_NEAR(x.ImageAt(0).planes[0].at<float>(rr0, cc0), pp.x(), 2e-6);
+    EXPECT_NEAR(y.ImageAt(0).planes[0].at<float>(rr0, cc0), pp.y(), 2e-6);
+    EXPECT_NEAR(z.ImageAt(0).planes[0].at<float>(rr0, cc0), pp.z(), 2e-6);
+    EXPECT_EQ(z.ImageAt(0).domain, di.domain);
+    ++tested;
+  }
+  EXPECT_GT(tested, 60);
+}
+
+TEST(Rectification, BadInputIsRefused) {
+  Rig rig;
+  HObject m1, m2;
+  HTuple a, b, c, d, e;
+  Eigen::Isometry3d away = rig.rel;
+  away.linear() = Eigen::AngleAxisd(M_PI, Eigen::Vector3d::UnitY()).toRotationMatrix();  // looks back
+  Eigen::Isometry3d same = Eigen::Isometry3d::Identity();
+  struct Case { HTuple cam2, pose, sub, method; };
+  const Case cases[] = {
+      {rig.cam2, IsometryToPose(away), 1, "geometric"},
+      {rig.cam2, IsometryToPose(same), 1, "geometric"},
+      {rig.cam2, IsometryToPose(rig.rel), 2, "geometric"},
+      {rig.cam2, IsometryToPose(rig.rel), 1, "viewing_direction"},
+      {HTuple::Reals({0.025, 0, 7e-6}), IsometryToPose(rig.rel), 1, "geometric"},
+  };
+  for (const Case& k : cases)
+    EXPECT_THROW(gen_binocular_rectification_map(&m1, &m2, rig.cam1, k.cam2, k.pose, k.sub, k.method,
+                                                 "bilinear", &a, &b, &c, &d, &e),
+                 HException);
+}
+
+TEST(MapImage, DomainIsWhereTheSourceIs) {
+  cv::Mat rows(4, 5, CV_32F), cols(4, 5, CV_32F);
+  for (int r = 0; r < 4; ++r)
+    for (int c = 0; c < 5; ++c) {
+      rows.at<float>(r, c) = float(r) * 0.5f;
+      cols.at<float>(r, c) = float(c) - 1.5f;  // columns 0 and 1 fall left of the source
+    }
+  cv::Mat src(3, 4, CV_8U);
+  for (int r = 0; r < 3; ++r)
+    for (int c = 0; c < 4; ++c) src.at<uint8_t>(r, c) = uint8_t(10 * r + c);
+  HObject out;
+  map_image(HObject(Image::FromPlanes(PixelType::Byte, {src})), HObject(Image::FromPlanes(PixelType::Real, {rows, cols})), &out);
+  const Image& img = out.ImageAt(0);
+  EXPECT_EQ(img.domain, Region::Rectangle(0, 2, 3, 4));
+  EXPECT_EQ(img.planes[0].at<uint8_t>(2, 3), uint8_t(std::lround(10 * 1.0 + 1.5)));
+}
+
+// A textured scene with a known disparity field: a slanted plane with a box
+// standing 9 pixels of disparity in front of it, and a flat grey patch.
+struct ShiftScene {
+  cv::Mat i1, i2, truth;
+  ShiftScene() {
+    const int w = 400, h = 300;
+    cv::Mat t = Texture(w + 200, h, 11);
+    for (int y = 200; y < 260; ++y)
+      for (int x = 40; x < 120; ++x) t.at<float>(y, x) = 128;  // no texture here
+    constexpr double kY = 0.02, kS = 0.04;
+    auto plane = [=](double x, double y) { return -12.0 + kS * x + kY * y; };
+    auto inbox = [](double x, double y) { return x >= 200 && x < 300 && y >= 80 && y < 180; };
+    truth = cv::Mat(h, w, CV_32F);
+    i1 = t(cv::Rect(0, 0, w, h)).clone();
+    cv::Mat mx(h, w, CV_32F), my(h, w, CV_32F);
+    for (int y = 0; y < h; ++y)
+      for (int x = 0; x < w; ++x) {
+        truth.at<float>(y, x) = float(plane(x, y) + (inbox(x, y) ? 9 : 0));
+        // Image 2 at column x2 shows image 1's column x1 with x2 = x1 + d(x1).
+        double x1 = (x - (-12.0 + kY * y)) / (1 + kS);
+        const double xb = (x - (-12.0 + 9 + kY * y)) / (1 + kS);
+        if (inbox(xb, y)) x1 = xb;  // the box is in front
+        mx.at<float>(y, x) = float(x1);
+        my.at<float>(y, x) = float(y);
+      }
+    cv::remap(t, i2, mx, my, cv::INTER_CUBIC, cv::BORDER_REFLECT);
+    cv::Mat noise(h, w, CV_32F);
+    cv::randn(noise, 0, 1.0);
+    i2 += noise;
+  }
+};
+
+TEST(BinocularDisparityMs, RecoversAKnownShiftFieldAndScoresItsReliability) {
+  ShiftScene s;
+  HObject disp, score;
+  binocular_disparity_ms(HObject(ByteImage(s.i1)), HObject(ByteImage(s.i2)), &disp, &score, -120, 120,
+                         100, 100, "sub_disparity", "true");
+  const Image& d = disp.ImageAt(0);
+  const Image& sc = score.ImageAt(0);
+  EXPECT_EQ(d.domain, sc.domain);
+  double sum2 = 0;
+  long kept = 0, kept_bad = 0, total = 0, flat_kept = 0;
+  for (const vision::Run& r : d.domain.Runs())
+    for (int x = r.cb; x <= r.ce; ++x) {
+      const float err = d.planes[0].at<float>(r.row, x) - s.truth.at<float>(r.row, x);
+      const bool flat = r.row >= 206 && r.row < 254 && x >= 46 && x < 114;
+      const bool edge = std::abs(x - 200) < 8 || std::abs(x - 300) < 8 || std::abs(r.row - 80) < 8 ||
+                        std::abs(r.row - 180) < 8;
+      if (sc.planes[0].at<float>(r.row, x) < 200) continue;
+      if (flat) ++flat_kept;
+      if (edge) continue;
+      ++kept;
+      if (std::abs(err) > 0.5) ++kept_bad; else sum2 += err * err;
+    }
+  for (int y = 0; y < 300; ++y)
+    for (int x = 20; x < 380; ++x) total++;
+  EXPECT_GT(double(kept) / total, 0.8);
+  EXPECT_LT(double(kept_bad) / kept, 0.01);
+  EXPECT_LT(std::sqrt(sum2 / (kept - kept_bad)), 0.06);
+  // The dropped ones are the doubtful ones: the flat patch and the edges.
+  EXPECT_EQ(flat_kept, 0);  // no texture, no trusted disparity
+}
+
+TEST(StereoModel, ParametersRoundTripAndBadValuesAreRefused) {
+  struct FakeSetup : HandleBase {
+    const char* TypeName() const override { return "camera_setup_model"; }
+  };
+  HTuple setup(HHandle(std::make_shared<FakeSetup>())), model;
+  EXPECT_THROW(create_stereo_model(HTuple(), "surface_pairwise", HTuple(), HTuple(), &model), HException);
+  EXPECT_THROW(create_stereo_model(setup, "points_3d", HTuple(), HTuple(), &model), HException);
+  create_stereo_model(setup, "surface_pairwise", HTuple(), HTuple(), &model);
+  struct Row { const char* name; HTuple value; bool ok; };
+  const Row rows[] = {
+      {"sub_sampling_step", 1, true}, {"sub_sampling_step", 0, false},
+      {"rectif_interpolation", "bilinear", true}, {"rectif_interpolation", "cubic", false},
+      {"rectif_sub_sampling", 1, true}, {"binocular_method", "ncc", true},
+      {"binocular_num_levels", 1, true}, {"binocular_mask_width", 19, true},
+      {"binocular_mask_height", 19, true}, {"binocular_mask_height", 18, false},
+      {"binocular_texture_thresh", 0, true}, {"binocular_score_thresh", 0.4, true},
+      {"binocular_filter", "left_right_check", true}, {"binocular_sub_disparity", "interpolation", true},
+      {"bounding_box", HTuple::Reals({-0.01, -0.01, -0.0015, 0.01, 0.01, 0.0015}), true},
+      {"bounding_box", HTuple::Reals({0.01, -0.01, -0.0015, -0.01, 0.01, 0.0015}), false},
+      {"persistence", 1, true}, {"no_such_param", 1, false},
+  };
+  for (const Row& r : rows) {
+    if (!r.ok) {
+      EXPECT_THROW(set_stereo_model_param(model, r.name, r.value), HException) << r.name;
+      continue;
+    }
+    set_stereo_model_param(model, r.name, r.value);
+    HTuple back;
+    get_stereo_model_param(model, r.name, &back);
+    EXPECT_EQ(back, r.value) << r.name;
+  }
+  set_stereo_model_image_pairs(model, HTuple::Ints({0, 2}), HTuple::Ints({1, 3}));
+  HTuple from, to;
+  get_stereo_model_image_pairs(model, &from, &to);
+  EXPECT_EQ(from, HTuple::Ints({0, 2}));
+  EXPECT_EQ(to, HTuple::Ints({1, 3}));
+  EXPECT_THROW(set_stereo_model_image_pairs(model, HTuple::Ints({0}), HTuple::Ints({1, 3})), HException);
+  clear_stereo_model(model);
+  EXPECT_THROW(get_stereo_model_image_pairs(model, &from, &to), HException);
+}
+
+}  // namespace
+}  // namespace vision
