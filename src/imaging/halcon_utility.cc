@@ -1,5 +1,7 @@
 #include "imaging/halcon_utility.h"
 
+#include <pwd.h>
+
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
@@ -195,15 +197,23 @@ void HRegion2Rect(const vision::HObject& region, Rect* rect) {
 }
 
 std::string pathOfVelmora_AOI() {
+  // XDG: a relative XDG_DATA_HOME is invalid and ignored; without HOME the
+  // user database names the home folder; with neither there is no data folder.
   const char* data = std::getenv("XDG_DATA_HOME");
-  std::filesystem::path base;
-  if (data && *data) {
-    base = data;
+  if (data && data[0] == '/') return (std::filesystem::path(data) / "velmora_AOI").string();
+  std::string home;
+  if (const char* h = std::getenv("HOME"); h && h[0] == '/') {
+    home = h;
   } else {
-    const char* home = std::getenv("HOME");
-    base = std::filesystem::path(home ? home : "") / ".local" / "share";
+    passwd pw{};
+    passwd* found = nullptr;
+    char buffer[4096];
+    if (getpwuid_r(geteuid(), &pw, buffer, sizeof buffer, &found) == 0 && found && found->pw_dir &&
+        found->pw_dir[0] == '/')
+      home = found->pw_dir;
   }
-  return (base / "velmora_AOI").string();
+  if (home.empty()) return {};
+  return (std::filesystem::path(home) / ".local" / "share" / "velmora_AOI").string();
 }
 
 }  // namespace velmora

@@ -51,7 +51,8 @@ void HRegion2HImage(const vision::HObject& region, vision::HObject* out, int32_t
                     int32_t height);
 void HRegion2Rect(const vision::HObject& region, Rect* rect);
 
-// $XDG_DATA_HOME/velmora_AOI, by default ~/.local/share/velmora_AOI.
+// $XDG_DATA_HOME/velmora_AOI (an absolute XDG_DATA_HOME only), by default
+// ~/.local/share/velmora_AOI; empty when no home folder is known. Not created.
 std::string pathOfVelmora_AOI();
 
 }  // namespace velmora

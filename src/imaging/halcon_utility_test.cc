@@ -156,13 +156,35 @@ TEST(Conversion, PlatformImagesRoundTripThroughTiff) {
 }
 
 TEST(Conversion, DataFolderFollowsXdgDataHome) {
-  const char* old = std::getenv("XDG_DATA_HOME");
-  std::string saved = old ? old : "";
-  setenv("XDG_DATA_HOME", "/tmp/xdg", 1);
-  EXPECT_EQ(pathOfVelmora_AOI(), "/tmp/xdg/velmora_AOI");
+  const char* old_data = std::getenv("XDG_DATA_HOME");
+  const char* old_home = std::getenv("HOME");
+  const std::string saved_data = old_data ? old_data : "", saved_home = old_home ? old_home : "";
+  struct Case {
+    const char* data;  // nullptr: unset
+    const char* home;
+    std::string want;
+  };
+  // A relative XDG_DATA_HOME is invalid by the XDG rules and falls back to HOME.
+  const Case cases[] = {
+      {"/tmp/xdg", "/home/u", "/tmp/xdg/velmora_AOI"},
+      {nullptr, "/home/u", "/home/u/.local/share/velmora_AOI"},
+      {"", "/home/u", "/home/u/.local/share/velmora_AOI"},
+      {"relative/data", "/home/u", "/home/u/.local/share/velmora_AOI"},
+  };
+  for (const Case& c : cases) {
+    if (c.data) setenv("XDG_DATA_HOME", c.data, 1);
+    else unsetenv("XDG_DATA_HOME");
+    setenv("HOME", c.home, 1);
+    EXPECT_EQ(pathOfVelmora_AOI(), c.want) << (c.data ? c.data : "(unset)");
+  }
+  // Without HOME the user database names the home folder: never a relative path.
   unsetenv("XDG_DATA_HOME");
-  EXPECT_EQ(pathOfVelmora_AOI(), std::string(std::getenv("HOME")) + "/.local/share/velmora_AOI");
-  if (old) setenv("XDG_DATA_HOME", saved.c_str(), 1);
+  unsetenv("HOME");
+  const std::string fallback = pathOfVelmora_AOI();
+  EXPECT_TRUE(fallback.empty() || fallback[0] == '/') << fallback;
+  if (old_data) setenv("XDG_DATA_HOME", saved_data.c_str(), 1);
+  else unsetenv("XDG_DATA_HOME");
+  if (old_home) setenv("HOME", saved_home.c_str(), 1);
 }
 
 }  // namespace
