@@ -50,6 +50,14 @@ class CameraSetupModelData : public HandleBase {
 
 using CameraSetupModelPtr = std::shared_ptr<CameraSetupModelData>;
 
+// A new model of n undefined cameras and the handle tuple of a model.
+inline CameraSetupModelPtr NewCameraSetupModel(size_t n) {
+  auto m = std::make_shared<CameraSetupModelData>();
+  m->cameras.resize(n);
+  return m;
+}
+inline HTuple CameraSetupModelHandle(const CameraSetupModelPtr& m) { return HTuple(HHandle(m)); }
+
 inline CameraSetupModelData* CameraSetupModelCast(const HTuple& t, const char* op, Hlong i = 0) {
   return HandleCast<CameraSetupModelData>(t, op, i);
 }

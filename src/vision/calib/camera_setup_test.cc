@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <functional>
+#include <string>
 
 #include <gtest/gtest.h>
 
@@ -124,6 +125,41 @@ TEST(CameraSetupTest, DamagedOrTruncatedBytesRaise) {
   std::vector<uint8_t> longer = good;
   longer.push_back(0);
   EXPECT_THROW(FromBytes(longer), HException);
+}
+
+// The bytes follow CAMERA_SETUP_FORMAT.md field by field.
+TEST(CameraSetupTest, BytesFollowTheDocumentedLayout) {
+  const std::vector<uint8_t> b = Bytes(MakeSetup());
+  auto u32 = [&](size_t o) { return uint32_t(b[o]) | uint32_t(b[o + 1]) << 8 | uint32_t(b[o + 2]) << 16 | uint32_t(b[o + 3]) << 24; };
+  auto f64 = [&](size_t o) {
+    uint64_t u = uint64_t(u32(o)) | uint64_t(u32(o + 4)) << 32;
+    double d;
+    std::memcpy(&d, &u, 8);
+    return d;
+  };
+  ASSERT_GT(b.size(), 16u);
+  EXPECT_EQ(std::string(b.begin(), b.begin() + 4), "VCSM");
+  EXPECT_EQ(b[4] | b[5] << 8, 1);
+  EXPECT_EQ(u32(8), b.size() - 16);
+  uint32_t crc = 0xFFFFFFFFu;  // bit by bit, independent of the table in the code
+  for (size_t i = 16; i < b.size(); ++i) {
+    crc ^= b[i];
+    for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1)));
+  }
+  EXPECT_EQ(u32(12), ~crc);
+  EXPECT_EQ(u32(16), 3u);                  // cameras
+  EXPECT_EQ(u32(20), 0xFFFFFFFFu);         // no reference camera
+  EXPECT_EQ(u32(16 + 8 + 48), 0u);         // coordinate transformation pose: type 0
+  size_t o = 16 + 8 + 52;                  // camera 0
+  EXPECT_EQ(b[o], 3);                      // parameters and pose set
+  EXPECT_EQ(b[o + 1], 18);
+  EXPECT_EQ(std::string(b.begin() + long(o) + 2, b.begin() + long(o) + 20), "area_scan_division");
+  EXPECT_EQ(b[o + 20], 8);
+  EXPECT_EQ(f64(o + 21), 0.025);
+  EXPECT_EQ(f64(o + 21 + 7 * 8), 480.0);
+  EXPECT_EQ(f64(o + 21 + 64 + 3 * 8), 18.01);  // pose alpha
+  EXPECT_EQ(u32(o + 21 + 64 + 48), 0u);        // pose type
+  EXPECT_EQ(b.size(), 16 + 8 + 52 + 3 * (21 + 64 + 52));
 }
 
 TEST(SerializedItemTest, TheItemKeepsItsOwnCopy) {

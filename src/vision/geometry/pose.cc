@@ -322,7 +322,11 @@ void axis_angle_to_quat(const HTuple& axis_x, const HTuple& axis_y, const HTuple
     Eigen::Vector3d axis(x[At(i, x.size(), 1)], y[At(i, y.size(), 1)], z[At(i, z.size(), 1)]);
     const double half = a[At(i, a.size(), 1)] / 2;
     const double len = axis.norm();
-    if (len > 0) axis /= len;
+    if (!(len > 0)) {  // no axis, no rotation
+      AppendQuat(&out, Eigen::Quaterniond::Identity());
+      continue;
+    }
+    axis /= len;
     const Eigen::Vector3d v = std::sin(half) * axis;
     AppendQuat(&out, Eigen::Quaterniond(std::cos(half), v.x(), v.y(), v.z()));
   }

@@ -64,7 +64,8 @@ void affine_trans_point_3d(const HTuple& hom_mat3d, const HTuple& px, const HTup
                            const HTuple& pz, HTuple* qx, HTuple* qy, HTuple* qz);
 
 // Quaternions. axis_angle_to_quat normalises a non-zero axis; angle in
-// radians; vectorised with broadcast. A zero axis gives [cos(angle/2), 0, 0, 0].
+// radians; vectorised with broadcast. A zero axis (a trackball drag between
+// opposite points) gives the identity [1, 0, 0, 0] whatever the angle.
 void axis_angle_to_quat(const HTuple& axis_x, const HTuple& axis_y, const HTuple& axis_z,
                         const HTuple& angle, HTuple* quaternion);
 // The rotation matrix of a quaternion (normalised first). Vectorised.

@@ -245,6 +245,8 @@ TEST(QuaternionTest, ComposeAgreesWithMatricesAndAxisIsNormalised) {
   HTuple qs;
   axis_angle_to_quat(0, 0, 1, HTuple{0.0, kPi}, &qs);
   ExpectNear(qs, {1, 0, 0, 0, 0, 0, 0, 1}, 1e-15, "two angles");
+  axis_angle_to_quat(0, 0, 0, kPi, &qs);
+  ExpectNear(qs, {1, 0, 0, 0}, 0, "no axis");
   // pose_to_quat and back describe the same rotation.
   HTuple pose{0.0, 0.0, 0.0, 30, 60, 90, 0}, pq, back;
   pose_to_quat(pose, &pq);
