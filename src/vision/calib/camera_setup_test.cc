@@ -1,6 +1,8 @@
 #include "vision/calib/camera_setup.h"
 
+#include <cmath>
 #include <cstring>
+#include <random>
 #include <functional>
 #include <string>
 
@@ -59,8 +61,14 @@ TEST(CameraSetupTest, ParametersReadBackAndSurviveSerialization) {
     EXPECT_EQ(CameraSetupModelCast(setup, "test")->Camera(1, "test").params.cx, 321.5);
     setup = FromBytes(Bytes(setup));  // second round reads the copy
   }
-  // Same model, same bytes.
+  // Same model, same bytes; a file holds the same bytes.
   EXPECT_EQ(Bytes(setup), Bytes(MakeSetup()));
+  const std::string path = testing::TempDir() + "/setup.csm";
+  write_camera_setup_model(setup, path.c_str());
+  HTuple read;
+  read_camera_setup_model(path.c_str(), &read);
+  EXPECT_EQ(Bytes(read), Bytes(setup));
+  EXPECT_THROW(read_camera_setup_model((path + ".missing").c_str(), &read), HException);
 }
 
 TEST(CameraSetupTest, WorldFrameMovesToTheReferenceCamera) {
@@ -127,6 +135,27 @@ TEST(CameraSetupTest, DamagedOrTruncatedBytesRaise) {
   EXPECT_THROW(FromBytes(longer), HException);
 }
 
+// CRC-32 bit by bit, independent of the table in the code.
+uint32_t Crc(const uint8_t* p, size_t n) {
+  uint32_t crc = 0xFFFFFFFFu;
+  for (size_t i = 0; i < n; ++i) {
+    crc ^= p[i];
+    for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1)));
+  }
+  return ~crc;
+}
+
+void PutU32(std::vector<uint8_t>* b, size_t o, uint32_t v) {
+  for (int i = 0; i < 4; ++i) (*b)[o + size_t(i)] = uint8_t(v >> (8 * i));
+}
+
+// Length and CRC made right again after a change of the payload, so that the
+// reader's checks of the content are reached.
+void Reseal(std::vector<uint8_t>* b) {
+  PutU32(b, 8, uint32_t(b->size() - 16));
+  PutU32(b, 12, Crc(b->data() + 16, b->size() - 16));
+}
+
 // The bytes follow CAMERA_SETUP_FORMAT.md field by field.
 TEST(CameraSetupTest, BytesFollowTheDocumentedLayout) {
   const std::vector<uint8_t> b = Bytes(MakeSetup());
@@ -141,12 +170,7 @@ TEST(CameraSetupTest, BytesFollowTheDocumentedLayout) {
   EXPECT_EQ(std::string(b.begin(), b.begin() + 4), "VCSM");
   EXPECT_EQ(b[4] | b[5] << 8, 1);
   EXPECT_EQ(u32(8), b.size() - 16);
-  uint32_t crc = 0xFFFFFFFFu;  // bit by bit, independent of the table in the code
-  for (size_t i = 16; i < b.size(); ++i) {
-    crc ^= b[i];
-    for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1)));
-  }
-  EXPECT_EQ(u32(12), ~crc);
+  EXPECT_EQ(u32(12), Crc(b.data() + 16, b.size() - 16));
   EXPECT_EQ(u32(16), 3u);                  // cameras
   EXPECT_EQ(u32(20), 0xFFFFFFFFu);         // no reference camera
   EXPECT_EQ(u32(16 + 8 + 48), 0u);         // coordinate transformation pose: type 0
@@ -160,6 +184,60 @@ TEST(CameraSetupTest, BytesFollowTheDocumentedLayout) {
   EXPECT_EQ(f64(o + 21 + 64 + 3 * 8), 18.01);  // pose alpha
   EXPECT_EQ(u32(o + 21 + 64 + 48), 0u);        // pose type
   EXPECT_EQ(b.size(), 16 + 8 + 52 + 3 * (21 + 64 + 52));
+}
+
+// Content the format does not allow, behind a valid length and CRC.
+TEST(CameraSetupTest, ForgedContentIsRefused) {
+  const std::vector<uint8_t> good = Bytes(MakeSetup());
+  const size_t cam0 = 16 + 8 + 52;
+  auto f64 = [](std::vector<uint8_t>* b, size_t o, double d) {
+    uint64_t u;
+    std::memcpy(&u, &d, 8);
+    PutU32(b, o, uint32_t(u));
+    PutU32(b, o + 4, uint32_t(u >> 32));
+  };
+  struct Case {
+    const char* what;
+    std::function<void(std::vector<uint8_t>*)> forge;
+  } cases[] = {
+      {"no cameras", [](auto* b) { PutU32(b, 16, 0); }},
+      {"more cameras than records", [](auto* b) { PutU32(b, 16, 4); }},
+      {"absurd camera count", [](auto* b) { PutU32(b, 16, 0xFFFFFFFFu); }},
+      {"reference camera out of range", [](auto* b) { PutU32(b, 20, 3); }},
+      {"unknown flag bit", [&](auto* b) { (*b)[cam0] = 7; }},
+      {"other camera type", [&](auto* b) { (*b)[cam0 + 2] = 'b'; }},
+      {"parameter count", [&](auto* b) { (*b)[cam0 + 20] = 7; }},
+      {"focus not a number", [&](auto* b) { f64(b, cam0 + 21, std::nan("")); }},
+      {"negative focus", [&](auto* b) { f64(b, cam0 + 21, -0.025); }},
+      {"fractional width", [&](auto* b) { f64(b, cam0 + 21 + 48, 640.5); }},
+      {"pose type code 6", [&](auto* b) { PutU32(b, cam0 + 21 + 64 + 48, 6); }},
+      {"infinite pose value", [&](auto* b) { f64(b, cam0 + 21 + 64, INFINITY); }},
+      {"trailing byte", [](auto* b) { b->push_back(0); }},
+      {"last record cut", [](auto* b) { b->resize(b->size() - 1); }},
+  };
+  for (auto& c : cases) {
+    std::vector<uint8_t> b = good;
+    c.forge(&b);
+    Reseal(&b);
+    try {
+      FromBytes(b);
+      ADD_FAILURE() << c.what << " was accepted";
+    } catch (const HException& e) {
+      EXPECT_EQ(e.ErrorCode(), kErrFileFormat) << c.what;
+    }
+  }
+  // Random damage behind a valid CRC: refused or read, never a crash.
+  std::mt19937 rng(7);
+  for (int i = 0; i < 3000; ++i) {
+    std::vector<uint8_t> b = good;
+    for (int k = 0; k < 3; ++k) b[16 + rng() % (b.size() - 16)] = uint8_t(rng());
+    Reseal(&b);
+    try {
+      FromBytes(b);
+    } catch (const HException& e) {
+      EXPECT_EQ(e.ErrorCode(), kErrFileFormat);
+    }
+  }
 }
 
 TEST(SerializedItemTest, TheItemKeepsItsOwnCopy) {
