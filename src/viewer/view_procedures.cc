@@ -3,12 +3,10 @@
 #include <cmath>
 #include <random>
 
-#include <Eigen/Geometry>
-
-#include "vision/calib/camera_params.h"
+#include "vision/calib/camera.h"
 #include "vision/core/system.h"
 #include "vision/filter/tuple_ops.h"
-#include "vision/geometry/pose_types.h"
+#include "vision/geometry/pose.h"
 #include "vision/model3d/object_model_3d.h"
 #include "vision/window/render_3d.h"
 #include "vision/window/window.h"
@@ -44,133 +42,42 @@ HTuple Replace(HTuple t, Hlong i, const HTuple& v) {
 }
 double D(const HTuple& t, Hlong i = 0) { return t.D(i); }
 
-// ---- the library's pose and matrix operators, on Eigen ----
-// A homogeneous 3D matrix tuple holds the 12 values of the upper 3 x 4 part,
-// row by row.
+// ---- the library's operators, in the form the procedures use them ----
 
-Eigen::Isometry3d HomMat(const HTuple& h, const char* op) {
-  if (h.Length() != 12) throw HException(op, "Wrong number of values of control parameter HomMat3D", vision::kErrWrongParamCount);
-  Eigen::Matrix4d m = Eigen::Matrix4d::Identity();
-  for (int r = 0; r < 3; ++r)
-    for (int c = 0; c < 4; ++c) m(r, c) = h.D(r * 4 + c);
-  Eigen::Isometry3d t;
-  t.matrix() = m;
-  return t;
+HTuple PoseToHomMat3d(const HTuple& pose) { HTuple h; vision::pose_to_hom_mat3d(pose, &h); return h; }
+HTuple HomMat3dToPose(const HTuple& h) { HTuple p; vision::hom_mat3d_to_pose(h, &p); return p; }
+HTuple HomMat3dTranslate(const HTuple& h, const HTuple& tx, const HTuple& ty, const HTuple& tz) {
+  HTuple o;
+  vision::hom_mat3d_translate(h, tx, ty, tz, &o);
+  return o;
 }
+HTuple HomMat3dCompose(const HTuple& a, const HTuple& b) { HTuple o; vision::hom_mat3d_compose(a, b, &o); return o; }
+using vision::affine_trans_point_3d;
 
-HTuple HomMatTuple(const Eigen::Isometry3d& t) {
-  std::vector<double> v;
-  for (int r = 0; r < 3; ++r)
-    for (int c = 0; c < 4; ++c) v.push_back(t.matrix()(r, c));
-  return HTuple::Reals(v);
+// The second point of the line of sight through (row, column).
+void LineOfSightQ(const HTuple& row, const HTuple& column, const HTuple& cam_param, HTuple* qx,
+                  HTuple* qy, HTuple* qz) {
+  HTuple px, py, pz;
+  vision::get_line_of_sight(row, column, cam_param, &px, &py, &pz, qx, qy, qz);
 }
-
-HTuple PoseToHomMat3d(const HTuple& pose) { return HomMatTuple(vision::PoseToIsometry(pose, "pose_to_hom_mat3d")); }
-HTuple HomMat3dToPose(const HTuple& h) { return vision::IsometryToPose(HomMat(h, "hom_mat3d_to_pose")); }
-
-// Adds the translation after the transformation (in the target frame).
-HTuple HomMat3dTranslate(const HTuple& h, double tx, double ty, double tz) {
-  Eigen::Isometry3d t = HomMat(h, "hom_mat3d_translate");
-  t.pretranslate(Eigen::Vector3d(tx, ty, tz));
-  return HomMatTuple(t);
-}
-
-HTuple HomMat3dCompose(const HTuple& a, const HTuple& b) {
-  return HomMatTuple(HomMat(a, "hom_mat3d_compose") * HomMat(b, "hom_mat3d_compose"));
-}
-
-// Rotation about the matrix's own (local) x axis: H * Rx(phi).
-HTuple HomMat3dRotateLocalX(const HTuple& h, double phi) {
-  Eigen::Isometry3d t = HomMat(h, "hom_mat3d_rotate_local");
-  t.rotate(Eigen::AngleAxisd(phi, Eigen::Vector3d::UnitX()));
-  return HomMatTuple(t);
-}
-
-void AffineTransPoint3d(const HTuple& h, const HTuple& x, const HTuple& y, const HTuple& z,
-                        HTuple* qx, HTuple* qy, HTuple* qz) {
-  const char* op = "affine_trans_point_3d";
-  const Eigen::Isometry3d t = HomMat(h, op);
-  if (y.Length() != x.Length() || z.Length() != x.Length())
-    throw HException(op, "Number of input points differs", vision::kErrWrongParamCount);
-  std::vector<double> ox, oy, oz;
-  for (Hlong i = 0; i < x.Length(); ++i) {
-    const Eigen::Vector3d p = t * Eigen::Vector3d(x.D(i), y.D(i), z.D(i));
-    ox.push_back(p.x());
-    oy.push_back(p.y());
-    oz.push_back(p.z());
-  }
-  *qx = HTuple::Reals(ox);
-  *qy = HTuple::Reals(oy);
-  *qz = HTuple::Reals(oz);
-}
-
-void Project3dPoint(const HTuple& x, const HTuple& y, const HTuple& z, const HTuple& cam_param,
-                    HTuple* row, HTuple* column) {
-  const auto cam = vision::CamParams::FromTuple(cam_param, "project_3d_point");
-  std::vector<double> rows, cols;
-  for (Hlong i = 0; i < x.Length(); ++i) {
-    double u = cam.focus * x.D(i) / z.D(i), v = cam.focus * y.D(i) / z.D(i);
-    if (cam.kappa != 0) {
-      const double s = 2.0 / (1.0 + std::sqrt(1.0 - 4.0 * cam.kappa * (u * u + v * v)));
-      u *= s;
-      v *= s;
-    }
-    cols.push_back(u / cam.sx + cam.cx);
-    rows.push_back(v / cam.sy + cam.cy);
-  }
-  *row = HTuple::Reals(rows);
-  *column = HTuple::Reals(cols);
-}
-
-// The second point of the line of sight through (row, column): on the
-// sensor plane at z = focus.
-Eigen::Vector3d LineOfSightQ(const HTuple& row, const HTuple& column, const HTuple& cam_param) {
-  return vision::CamParams::FromTuple(cam_param, "get_line_of_sight").Unproject(D(row), D(column));
-}
-
-HTuple AxisAngleToQuat(double ax, double ay, double az, double angle) {
-  const double s = std::sin(angle / 2);
-  return HTuple::Reals({std::cos(angle / 2), ax * s, ay * s, az * s});
-}
-
-HTuple QuatToHomMat3d(const HTuple& q) {
-  Eigen::Quaterniond quat(q.D(0), q.D(1), q.D(2), q.D(3));
-  if (quat.norm() > 0) quat.normalize();
-  Eigen::Isometry3d t = Eigen::Isometry3d::Identity();
-  t.linear() = quat.toRotationMatrix();
-  return HomMatTuple(t);
-}
-
-// ---- object model parameters ----
 
 // "bounding_box1", "diameter_axis_aligned_bounding_box" or "center" of every
-// model of the tuple, concatenated. A model without points has the empty box
-// at the origin (all zeros), so that a start view exists for it too.
-HTuple ModelParams(const HTuple& models, const std::string& name) {
-  const char* op = "get_object_model_3d_params";
+// model of the tuple, concatenated. A model without points has no box; here
+// it counts as the empty box at the origin (all zeros), so that a start view
+// exists for it too.
+HTuple ModelParams(const HTuple& models, const char* name) {
   HTuple out;
   for (Hlong i = 0; i < models.Length(); ++i) {
-    const vision::ObjectModel3DData* m = vision::ObjectModel3DCast(models, op, i);
-    Eigen::Vector3d lo = Eigen::Vector3d::Zero(), hi = lo, sum = lo;
-    if (!m->points.empty()) {
-      lo = hi = m->points[0].cast<double>();
-      for (const auto& p : m->points) {
-        const Eigen::Vector3d q = p.cast<double>();
-        lo = lo.cwiseMin(q);
-        hi = hi.cwiseMax(q);
-        sum += q;
-      }
-    }
-    if (name == "bounding_box1") {
-      out.Append(HTuple::Reals({lo.x(), lo.y(), lo.z(), hi.x(), hi.y(), hi.z()}));
-    } else if (name == "diameter_axis_aligned_bounding_box") {
-      out.Append(HTuple((hi - lo).norm()));
-    } else if (name == "center") {
-      const Eigen::Vector3d c = m->points.empty() ? sum : sum / double(m->points.size());
-      out.Append(HTuple::Reals({c.x(), c.y(), c.z()}));
+    const HTuple model = Elem(models, i);
+    HTuple num, v;
+    vision::get_object_model_3d_params(model, "num_points", &num);
+    if (num.L() == 0) {
+      const Hlong n = std::string(name) == "bounding_box1" ? 6 : std::string(name) == "center" ? 3 : 1;
+      vision::tuple_gen_const(n, 0.0, &v);
     } else {
-      throw HException(op, "Wrong value of control parameter GenParamName: '" + name + "'", vision::kErrWrongParamValue);
+      vision::get_object_model_3d_params(model, name, &v);
     }
+    out.Append(v);
   }
   return out;
 }
@@ -194,8 +101,8 @@ HTuple Range(Hlong start, Hlong end_exclusive, Hlong step) {
 void ProjectedExtent(const HTuple& h, const HTuple& x, const HTuple& y, const HTuple& z,
                      const HTuple& cam_param, HTuple* max_dist, HTuple* min_z) {
   HTuple qx, qy, qz, rows, cols;
-  AffineTransPoint3d(h, x, y, z, &qx, &qy, &qz);
-  Project3dPoint(qx, qy, qz, cam_param, &rows, &cols);
+  affine_trans_point_3d(h, x, y, z, &qx, &qy, &qz);
+  vision::project_3d_point(qx, qy, qz, cam_param, &rows, &cols);
   if (min_z) *min_z = Min(qz);
   const Hlong n = cam_param.Length();
   HTuple dr = rows - Elem(cam_param, n - 3), dc = cols - Elem(cam_param, n - 4);
@@ -219,10 +126,12 @@ void init_display_parameter(HTuple hv_WindowHandle, HTuple hv_ObjectModel3DID, H
   *hv_LColumn = width / HTuple(2);
   HTuple center;
   get_object_models_center(hv_ObjectModel3DID, &center);
-  const HTuple pose_in = Concat(-center, Concat(HTuple::Reals({0, 0, 0}), HTuple(0)));
+  HTuple pose_in;
+  vision::create_pose(-Elem(center, 0), -Elem(center, 1), -Elem(center, 2), 0, 0, 0, "Rp+T", "gba",
+                      "point", &pose_in);
   determine_optimum_pose_distance(hv_ObjectModel3DID, *hv_CamParam, 1.5, pose_in, hv_PoseOut);
   HTuple qx, qy, qz;
-  AffineTransPoint3d(PoseToHomMat3d(*hv_PoseOut), Elem(center, 0), Elem(center, 1), Elem(center, 2), &qx, &qy, &qz);
+  affine_trans_point_3d(PoseToHomMat3d(*hv_PoseOut), Elem(center, 0), Elem(center, 1), Elem(center, 2), &qx, &qy, &qz);
   *hv_TBCenter = Concat(Concat(qx, qy), qz);
 }
 
@@ -258,7 +167,10 @@ void determine_optimum_pose_distance(HTuple hv_ObjectModel3DID, HTuple hv_CamPar
   if (D(max_dist) < 1e-10) {
     // Seen edge-on: try the view from 90 degrees about the local x axis too.
     HTuple rotated_dist;
-    ProjectedExtent(HomMat3dRotateLocalX(h, M_PI / 2), x, y, z, hv_CamParam, &rotated_dist, nullptr);
+    HTuple rotated, rad90;
+    vision::tuple_rad(90, &rad90);
+    vision::hom_mat3d_rotate_local(h, rad90, "x", &rotated);
+    ProjectedExtent(rotated, x, y, z, hv_CamParam, &rotated_dist, nullptr);
     max_dist = Max(Concat(max_dist, rotated_dist));
   }
   const Hlong n = hv_CamParam.Length();
@@ -304,11 +216,12 @@ void rotate_object(HTuple hv_LastRow, HTuple hv_LastColumn, HTuple hv_Width, HTu
   const HTuple my2 = (hv_Height / HTuple(2) - hv_Row) / half;
   HTuple quat;
   trackball(mx1, my1, mx2, my2, "shoemake", 0.8, 1.0, &quat);
-  const HTuple r = QuatToHomMat3d(quat);
+  HTuple r;
+  vision::quat_to_hom_mat3d(quat, &r);
   HTuple h = PoseToHomMat3d(hv_PoseIn);
-  h = HomMat3dTranslate(h, -D(hv_TBCenter, 0), -D(hv_TBCenter, 1), -D(hv_TBCenter, 2));
+  h = HomMat3dTranslate(h, -Elem(hv_TBCenter, 0), -Elem(hv_TBCenter, 1), -Elem(hv_TBCenter, 2));
   h = HomMat3dCompose(r, h);
-  h = HomMat3dTranslate(h, D(hv_TBCenter, 0), D(hv_TBCenter, 1), D(hv_TBCenter, 2));
+  h = HomMat3dTranslate(h, Elem(hv_TBCenter, 0), Elem(hv_TBCenter, 1), Elem(hv_TBCenter, 2));
   *hv_PoseOut = HomMat3dToPose(h);
   *hv_LastRowOut = hv_Row;
   *hv_LastColumnOut = hv_Column;
@@ -325,7 +238,7 @@ void zoom_object(HTuple hv_LastRow, HTuple hv_Row, HTuple hv_Column, HTuple hv_P
   const HTuple dist = Sqrt(Elem(c, 0) * Elem(c, 0) + Elem(c, 1) * Elem(c, 1) + Elem(c, 2) * Elem(c, 2));
   const HTuple dz = -dist * drow * HTuple(0.003) * HTuple(1.0);
   *hv_TBCenterOut = Replace(*hv_TBCenterOut, 2, Elem(c, 2) + dz);
-  *hv_PoseOut = HomMat3dToPose(HomMat3dTranslate(PoseToHomMat3d(hv_PoseIn), 0, 0, D(dz)));
+  *hv_PoseOut = HomMat3dToPose(HomMat3dTranslate(PoseToHomMat3d(hv_PoseIn), 0, 0, dz));
   *hv_LastRowOut = hv_Row;
   *hv_LastColumnOut = hv_Column;
 }
@@ -338,13 +251,14 @@ void move_object(HTuple hv_LastRow, HTuple hv_LastColumn, HTuple hv_Row, HTuple 
   *hv_LastColumnOut = hv_LastColumn;
   const HTuple row2 = hv_LastRow + (hv_Row - hv_LastRow) * HTuple(1.0);
   const HTuple column2 = hv_LastColumn + (hv_Column - hv_LastColumn) * HTuple(1.0);
-  const Eigen::Vector3d q1 = LineOfSightQ(hv_LastRow, hv_LastColumn, hv_CamParam);
-  const Eigen::Vector3d q2 = LineOfSightQ(row2, column2, hv_CamParam);
-  const double len = q1.norm();
-  const double dist = std::sqrt(D(hv_TBCenter, 0) * D(hv_TBCenter, 0) + D(hv_TBCenter, 1) * D(hv_TBCenter, 1) +
-                                D(hv_TBCenter, 2) * D(hv_TBCenter, 2));
-  const Eigen::Vector3d t = (q2 - q1) * dist / len;
-  *hv_PoseOut = HomMat3dToPose(HomMat3dTranslate(PoseToHomMat3d(hv_PoseIn), t.x(), t.y(), t.z()));
+  HTuple qx1, qy1, qz1, qx2, qy2, qz2;
+  LineOfSightQ(hv_LastRow, hv_LastColumn, hv_CamParam, &qx1, &qy1, &qz1);
+  LineOfSightQ(row2, column2, hv_CamParam, &qx2, &qy2, &qz2);
+  const HTuple len = Sqrt(qx1 * qx1 + qy1 * qy1 + qz1 * qz1);
+  const HTuple c = hv_TBCenter;
+  const HTuple dist = Sqrt(Elem(c, 0) * Elem(c, 0) + Elem(c, 1) * Elem(c, 1) + Elem(c, 2) * Elem(c, 2));
+  const HTuple tx = (qx2 - qx1) * dist / len, ty = (qy2 - qy1) * dist / len, tz = (qz2 - qz1) * dist / len;
+  *hv_PoseOut = HomMat3dToPose(HomMat3dTranslate(PoseToHomMat3d(hv_PoseIn), tx, ty, tz));
   *hv_LastRowOut = hv_Row;
   *hv_LastColumnOut = hv_Column;
 }
@@ -367,7 +281,7 @@ void trackball(HTuple hv_MX1, HTuple hv_MY1, HTuple hv_MX2, HTuple hv_MY2,
   const double phi = 2.0 * std::asin(D(t)) * D(hv_SensFactor);
   const HTuple len = Sqrt(Sum(axis * axis));
   if (D(len) > 0.0) axis = axis / len;
-  *hv_QuatRotation = AxisAngleToQuat(D(axis, 0), D(axis, 1), D(axis, 2), phi);
+  vision::axis_angle_to_quat(Elem(axis, 0), Elem(axis, 1), Elem(axis, 2), phi, hv_QuatRotation);
 }
 
 void project_point_on_trackball(HTuple hv_X, HTuple hv_Y, HTuple hv_VirtualTrackball,

@@ -50,17 +50,17 @@ TEST(ViewParameters, OddWindowHalvesAsIntegersAndCentresTheModel) {
   EXPECT_TRUE(cam.IsInt(4) && lcol.IsInt(0));
   EXPECT_EQ(lrow.L(), 240);
   EXPECT_EQ(lcol.L(), 320);
-  // Centre (mean of the points) moved onto the optical axis, unrotated.
-  const double cx = (0.01 + 0.03 + 0.02) / 3, cy = (0.02 + 0.02 + 0.04) / 3;
+  // Centre (of the bounding box) moved onto the optical axis, unrotated.
+  const double cx = (0.01 + 0.03) / 2.0, cy = (0.02 + 0.04) / 2.0;
   EXPECT_NEAR(pose.D(0), -cx, 1e-7);
   EXPECT_NEAR(pose.D(1), -cy, 1e-7);
   ExpectNear(HTuple({HTuple(pose[3]), HTuple(pose[4]), HTuple(pose[5]), HTuple(pose[6])}), {0, 0, 0, 0}, 0, "angles");
-  ExpectNear(tb, {0, 0, pose.D(2) + (-0.002 / 3)}, 1e-7, "trackball centre");
+  ExpectNear(tb, {0, 0, pose.D(2) - 0.0005}, 1e-7, "trackball centre");
 
   // The distance by hand (with the model's single-precision coordinates):
   // the box pushed to -minZ + 2 diameters.
   const double x0 = 0.01f, x1 = 0.03f, y0 = 0.02f, y1 = 0.04f, z0 = -0.001f;
-  const double mx = (x0 + x1 + 0.02f) / 3, my = (y0 + y0 + y1) / 3;
+  const double mx = (x0 + x1) / 2, my = (y0 + y1) / 2;
   const double diameter = std::sqrt((x1 - x0) * (x1 - x0) + (y1 - y0) * (y1 - y0) + z0 * z0);
   const double z_inter = -z0 + 2 * diameter;
   // Nearest corner z and the projected diagonal of the eight corners.
