@@ -69,20 +69,32 @@ std::string Calibration_3D_Prefs::filePath() {
   return folder.empty() ? std::string() : folder + "/" + kCalibrationFileName;
 }
 
-bool Calibration_3D_Prefs::readData() {
-  const std::string path = filePath();
-  if (path.empty()) return false;
+DictionaryPtr ReadPropertyListFile(const std::string& path) {
+  if (path.empty()) return nullptr;
   std::ifstream in(path, std::ios::binary);
-  if (!in) return false;
+  if (!in) return nullptr;
   std::vector<uint8_t> bytes;
   char buffer[1 << 16];
   while (in.read(buffer, sizeof buffer) || in.gcount() > 0) {
     bytes.insert(bytes.end(), buffer, buffer + in.gcount());
-    if (static_cast<std::streamsize>(bytes.size()) > kMaxFileSize) return false;
+    if (static_cast<std::streamsize>(bytes.size()) > kMaxFileSize) return nullptr;
   }
-  auto dict = archive::AsDictionary(archive::DecodePropertyList(bytes.data(), bytes.size()));
+  return archive::AsDictionary(archive::DecodePropertyList(bytes.data(), bytes.size()));
+}
+
+bool WritePropertyListFile(const std::string& path, const DictionaryPtr& dictionary) {
+  if (path.empty() || !dictionary) return false;
+  try {
+    return WriteAtomically(path, archive::EncodePropertyList(dictionary, archive::PlistFormat::kXml));
+  } catch (const archive::ArchiveError&) {
+    return false;
+  }
+}
+
+bool Calibration_3D_Prefs::readData() {
+  DictionaryPtr dict = ReadPropertyListFile(filePath());
   if (!dict) return false;
-  calibrationInfo_ = dict;
+  calibrationInfo_ = std::move(dict);
   return true;
 }
 
@@ -97,11 +109,7 @@ bool Calibration_3D_Prefs::writeData(const DictionaryPtr& dictionary) {
       if (k) merged->Set(k->text, value);
       else merged->Append(key, value);  // not representable in a file: the write below fails
     }
-    try {
-      ok = !path.empty() && WriteAtomically(path, archive::EncodePropertyList(merged, archive::PlistFormat::kXml));
-    } catch (const archive::ArchiveError&) {
-      ok = false;
-    }
+    ok = WritePropertyListFile(path, merged);
   } else {
     merged = std::make_shared<archive::Dictionary>();
     ok = !path.empty() && ::unlink(path.c_str()) == 0;

@@ -9,6 +9,7 @@
 // read or written, not with the file).
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "archive/archive.h"
 
@@ -51,6 +52,11 @@ class Calibration_3D_Prefs {
  private:
   DictionaryPtr calibrationInfo_;
 };
+
+// An XML or binary property list file whose root is a dictionary, or nullptr.
+DictionaryPtr ReadPropertyListFile(const std::string& path);
+// Writes an XML property list atomically (temporary file, then rename).
+bool WritePropertyListFile(const std::string& path, const DictionaryPtr& dictionary);
 
 // calibrationInfo["hcalibDatas"]["hCameraModelData"], or nullptr.
 std::shared_ptr<archive::Data> CameraModelData(const DictionaryPtr& info);

@@ -5,6 +5,9 @@
 
 #include <nlohmann/json.hpp>
 
+#include "vision/calib/camera_setup.h"
+#include "vision/core/serialized_item.h"
+
 namespace velmora {
 
 namespace {
@@ -102,6 +105,49 @@ std::string RigJson(const RigDescription& rig) {
   }
   out << "]}\n";
   return out.str();
+}
+
+std::vector<uint8_t> SerializeRigModel(const RigDescription& rig) {
+  vision::HTuple model, item;
+  vision::create_camera_setup_model(vision::HTuple(static_cast<long long>(rig.cameras.size())), &model);
+  for (size_t i = 0; i < rig.cameras.size(); ++i) {
+    vision::set_camera_setup_cam_param(model, vision::HTuple(static_cast<long long>(i)),
+                                       vision::HTuple(vision::kAreaScanDivision), rig.cameras[i].params,
+                                       rig.cameras[i].pose);
+  }
+  vision::serialize_camera_setup_model(model, &item);
+  std::vector<uint8_t> bytes = vision::SerializedItemCast(item, "serialize_camera_setup_model")->bytes;
+  vision::clear_serialized_item(item);
+  vision::clear_camera_setup_model(model);
+  return bytes;
+}
+
+RigDescription DeserializeRigModel(const std::vector<uint8_t>& bytes) {
+  const vision::HTuple item = vision::NewSerializedItem(bytes.data(), bytes.size());
+  vision::HTuple model;
+  try {
+    vision::deserialize_camera_setup_model(item, &model);
+  } catch (...) {
+    vision::clear_serialized_item(item);
+    throw;
+  }
+  vision::clear_serialized_item(item);
+  RigDescription rig;
+  try {
+    vision::HTuple count;
+    vision::get_camera_setup_param(model, vision::HTuple("general"), vision::HTuple("num_cameras"), &count);
+    for (vision::Hlong i = 0; i < count.L(); ++i) {
+      RigCameraEntry e;
+      vision::get_camera_setup_param(model, vision::HTuple(static_cast<long long>(i)), vision::HTuple("params"), &e.params);
+      vision::get_camera_setup_param(model, vision::HTuple(static_cast<long long>(i)), vision::HTuple("pose"), &e.pose);
+      rig.cameras.push_back(std::move(e));
+    }
+  } catch (...) {
+    vision::clear_camera_setup_model(model);
+    throw;
+  }
+  vision::clear_camera_setup_model(model);
+  return rig;
 }
 
 }  // namespace velmora

@@ -4,6 +4,7 @@
 //   {"cameras": [{"params": [f, kappa, sx, sy, cx, cy, width, height],
 //                 "pose":   [x, y, z, alpha, beta, gamma, type]}, ... eight]}
 // The camera index is the position in the list; "pose" is camera-to-world.
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -31,5 +32,15 @@ std::optional<RigDescription> ParseRigJson(const std::string& text, std::string*
 // The JSON text (two-space indentation, one camera per entry, numbers that
 // read back to the same doubles).
 std::string RigJson(const RigDescription& rig);
+
+// The bytes of a serialized camera setup model of the rig (what the
+// calibration file keeps under "hCameraModelData"), built with the vision
+// library's camera setup operators. Raises vision::HException for camera
+// parameters or poses the library refuses.
+std::vector<uint8_t> SerializeRigModel(const RigDescription& rig);
+// The cameras of a serialized camera setup model, as the model holds them.
+// Raises vision::HException for damaged bytes or a camera without parameters
+// or pose.
+RigDescription DeserializeRigModel(const std::vector<uint8_t>& bytes);
 
 }  // namespace velmora
