@@ -17,6 +17,7 @@ PACKAGES=(
   fonts-ocr-a fonts-ocr-b fonts-urw-base35 fonts-freefont-ttf fonts-noto-mono
   libgtest-dev libgmock-dev libbenchmark-dev
   xvfb xauth
+  xdotool x11-utils imagemagick
   qrencode dmtx-utils zint barcode
 )
 

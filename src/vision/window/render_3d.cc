@@ -315,13 +315,16 @@ class Rasterizer {
     // w0 opposite a (edge b->c), w1 opposite b (c->a), w2 opposite c (a->b).
     const Edge e0 = edge(b, c), e1 = edge(c, a), e2 = edge(a, b);
     const float lr = light.r, lg = light.g, lb = light.b;
+    // A pixel centre on an edge shared by two faces must not fall through
+    // both through rounding: accept a hair beyond the edge.
+    const float eps = -1e-5f * area * s;
     for (int y = ya; y <= yb; ++y) {
       float w0 = e0.A * xa + e0.B * y + e0.C;
       float w1 = e1.A * xa + e1.B * y + e1.C;
       float w2 = e2.A * xa + e2.B * y + e2.C;
       size_t idx = size_t(y) * size_t(f_.width) + size_t(xa);
       for (int x = xa; x <= xb; ++x, ++idx, w0 += e0.A, w1 += e1.A, w2 += e2.A) {
-        if (w0 < 0 || w1 < 0 || w2 < 0) continue;
+        if (w0 < eps || w1 < eps || w2 < eps) continue;
         const float b0 = w0 * inv_area, b1 = w1 * inv_area, b2 = 1.0f - b0 - b1;
         const float iz = b0 * a.invz + b1 * b.invz + b2 * c.invz;
         if (!(iz > f_.invz[idx])) continue;
