@@ -19,6 +19,8 @@ PACKAGES=(
   xvfb xauth
   xdotool x11-utils imagemagick
   qrencode dmtx-utils zint barcode
+  fonts-open-sans fonts-croscore fonts-crosextra-carlito fonts-crosextra-caladea fonts-go fonts-roboto-unhinted fonts-hack
+  fonts-cantarell fonts-inconsolata fonts-jetbrains-mono fonts-firacode fonts-linuxlibertine fonts-b612 fonts-lato pango1.0-tools tesseract-ocr tesseract-ocr-eng
 )
 
 missing=()

@@ -30,12 +30,15 @@ archive::ObjectPtr Attributes(const std::string& font, bool reverse = false) {
 
 TEST(OcrEndToEnd, MarkingsOfEveryFamily) {
   AddinProcess addin;
-  // Typical lot and date codes; the accuracy on random strings is the
-  // benchmark's business (bench_ocr_accuracy).
+  // Typical lot and date codes, with the specials of dates, expiry codes,
+  // percentages and references; the accuracy on random strings is the
+  // benchmark's business (bench_ocr_accuracy, bench_ocr_independent).
   const std::map<std::string, std::vector<std::string>> texts = {
-      {"Industrial", {"LOT-4711", "W2619K"}}, {"Document", {"Rate:27Ah", "Bead28FR"}},
-      {"DotPrint", {"B24+7153", "KW-2281"}},   {"OCRA", {"AC-2319", "Z7749"}},
-      {"OCRB", {"DE:4582", "M1150T"}},
+      {"Industrial", {"LOT-4711", "W2619K", "EXP12/2027"}},
+      {"Document", {"Rate:27Ah", "Bead28FR", "Rev.B(2024)"}},
+      {"DotPrint", {"B24+7153", "KW-2281", "2026.11.23"}},
+      {"OCRA", {"AC-2319", "Z7749", "REF#4711"}},
+      {"OCRB", {"DE:4582", "M1150T", "98.5%*2=X"}},
   };
   ocrgen::MarkingRenderer renderer;
   for (const auto& fam : ocrgen::Families()) {

@@ -77,6 +77,9 @@ void TrainFamily(const Family& fam, const Options& o, uint32_t seed) {
   // Dot-matrix faces already vary their dot size, and heavier dots only
   // merge: a third of their markings no longer cut.
   renderer.SetWeightSpread(fam.train_faces.front().IsDotMatrix() ? 0.0 : 0.05);
+  // Hosts send windows with more ground around the marking than a tight crop;
+  // the ground changes the flattened image the characters are cut from.
+  renderer.SetMarginRange(0.3, 1.0);
   HTuple samples;
   vision::create_ocr_train_samples(&samples);
   int used = 0, dropped = 0;
@@ -96,7 +99,7 @@ void TrainFamily(const Family& fam, const Options& o, uint32_t seed) {
     const Grade g = grades[size_t(i / int(fam.train_faces.size())) % 4];
     const int len = std::uniform_int_distribution<int>(5, 16)(rng);
     const int height = std::uniform_int_distribution<int>(20, 48)(rng);
-    const std::string text = RandomText(fam.AllClasses(), fam.specials, len, rng);
+    const std::string text = MarkingText(fam, len, rng);
     try {
       const Marking m = renderer.Render(text, face, height, g, rng);
       if (!o.dump.empty() && i < 40)

@@ -21,15 +21,25 @@ constexpr const char* kLiberation = "/usr/share/fonts/truetype/liberation2/";
 constexpr const char* kFree = "/usr/share/fonts/truetype/freefont/";
 constexpr const char* kUrw = "/usr/share/fonts/opentype/urw-base35/";
 constexpr const char* kNoto = "/usr/share/fonts/truetype/noto/";
+constexpr const char* kCros = "/usr/share/fonts/truetype/croscore/";
+constexpr const char* kCrosX = "/usr/share/fonts/truetype/crosextra/";
+constexpr const char* kRoboto = "/usr/share/fonts/truetype/roboto/unhinted/";
+constexpr const char* kOpen = "/usr/share/fonts/truetype/open-sans/";
+constexpr const char* kGo = "/usr/share/fonts/fonts-go/";
+constexpr const char* kHack = "/usr/share/fonts/truetype/hack/";
 
 std::string P(const char* dir, const char* file) { return std::string(dir) + file; }
+
+// The specials of industrial and document markings (dates, lot codes,
+// percentages, references), in every family's full and letters classifiers.
+const std::string kSpecials = "-+:./#%()*=";
 
 std::vector<Family> MakeFamilies() {
   const std::string digits = "0123456789";
   const std::string upper = "ABCDEFGHIJKLMNOPQRSTUVWXYZ";
   const std::string lower = "abcdefghijklmnopqrstuvwxyz";
   std::vector<Family> f;
-  f.push_back({"Industrial", digits, upper, "-+:",
+  f.push_back({"Industrial", digits, upper, kSpecials,
                {{P(kDejaVu, "DejaVuSans.ttf")}, {P(kDejaVu, "DejaVuSans-Bold.ttf")},
                 {P(kLiberation, "LiberationSans-Regular.ttf")},
                 {P(kLiberation, "LiberationSans-Bold.ttf")}, {P(kFree, "FreeSans.ttf")},
@@ -41,15 +51,29 @@ std::vector<Family> MakeFamilies() {
                 {P(kUrw, "NimbusMonoPS-Bold.otf")}, {P(kDejaVu, "DejaVuSansMono-Oblique.ttf")},
                 {P(kDejaVu, "DejaVuSansCondensed-Bold.ttf")},
                 {P(kUrw, "NimbusSansNarrow-Bold.otf")}, {P(kFree, "FreeMonoBold.ttf")},
-                {P(kNoto, "NotoMono-Regular.ttf")}},
+                {P(kNoto, "NotoMono-Regular.ttf")}, {P(kCros, "Arimo-Regular.ttf")},
+                {P(kCros, "Arimo-Bold.ttf")}, {P(kCros, "Cousine-Regular.ttf")},
+                {P(kCros, "Cousine-Bold.ttf")}, {P(kRoboto, "RobotoTTF/Roboto-Regular.ttf")},
+                {P(kRoboto, "RobotoTTF/Roboto-Bold.ttf")},
+                {P(kRoboto, "RobotoCondensed-Regular.ttf")}, {P(kRoboto, "RobotoCondensed-Bold.ttf")},
+                {P(kOpen, "OpenSans-Regular.ttf")}, {P(kOpen, "OpenSans-Bold.ttf")},
+                {P(kOpen, "OpenSans-CondBold.ttf")}, {P(kGo, "Go-Regular.ttf")},
+                {P(kGo, "Go-Bold.ttf")}, {P(kGo, "Go-Mono.ttf")}, {P(kHack, "Hack-Regular.ttf")},
+                {P(kHack, "Hack-Bold.ttf")}, {P(kCrosX, "Carlito-Regular.ttf")},
+                {P(kCrosX, "Carlito-Bold.ttf")}},
                {{P(kUrw, "NimbusSans-Bold.otf")}, {P(kFree, "FreeSansBold.ttf")},
                 {P(kDejaVu, "DejaVuSansMono-Bold.ttf")}}});
-  f.push_back({"Document", digits, upper + lower, "-+:",
+  f.push_back({"Document", digits, upper + lower, kSpecials,
                {{P(kDejaVu, "DejaVuSerif.ttf")}, {P(kLiberation, "LiberationSerif-Regular.ttf")},
                 {P(kUrw, "NimbusRoman-Regular.otf")}, {P(kUrw, "C059-Roman.otf")},
                 {P(kDejaVu, "DejaVuSans.ttf")}, {P(kLiberation, "LiberationSans-Regular.ttf")},
                 {P(kFree, "FreeSans.ttf")}, {P(kLiberation, "LiberationSerif-Bold.ttf")},
-                {P(kDejaVu, "DejaVuSerif-Bold.ttf")}, {P(kUrw, "NimbusSans-Regular.otf")}},
+                {P(kDejaVu, "DejaVuSerif-Bold.ttf")}, {P(kUrw, "NimbusSans-Regular.otf")},
+                {P(kCros, "Tinos-Regular.ttf")}, {P(kCros, "Tinos-Bold.ttf")},
+                {P(kCrosX, "Caladea-Regular.ttf")}, {P(kCrosX, "Caladea-Bold.ttf")},
+                {P(kCrosX, "Carlito-Regular.ttf")}, {P(kCros, "Arimo-Regular.ttf")},
+                {P(kRoboto, "RobotoTTF/Roboto-Regular.ttf")}, {P(kOpen, "OpenSans-Regular.ttf")},
+                {P(kGo, "Go-Regular.ttf")}},
                {{P(kFree, "FreeSerif.ttf")}, {P(kUrw, "P052-Roman.otf")},
                 {P(kLiberation, "LiberationSans-Bold.ttf")}}});
   // Dot-matrix print: designed tables; held out is the dot geometry (square
@@ -62,17 +86,17 @@ std::vector<Family> MakeFamilies() {
     f.dot_hi = hi;
     return f;
   };
-  f.push_back({"DotPrint", digits, upper, "-+:",
+  f.push_back({"DotPrint", digits, upper, kSpecials,
                {dots("5x7a", false, 1.05, 1.35), dots("5x7b", false, 1.05, 1.35),
                 dots("7x9", false, 1.05, 1.35)},
                {dots("5x7b", true, 1.05, 1.25), dots("7x9", true, 1.05, 1.25),
                 dots("5x7a", true, 1.05, 1.25)}});
-  f.push_back({"OCRA", digits, upper, "-+:",
+  f.push_back({"OCRA", digits, upper, kSpecials,
                {{"/usr/share/fonts/truetype/ocr-a/OCRA.ttf"},
                 {"/usr/share/fonts/truetype/ocr-a/OCRABold.ttf"},
                 {"/usr/share/fonts/truetype/ocr-a/OCRACondensed.ttf"}},
                {{"/usr/share/fonts/truetype/ocr-a/OCRA.ttf"}}});
-  f.push_back({"OCRB", digits, upper, "-+:",
+  f.push_back({"OCRB", digits, upper, kSpecials,
                {{"/usr/share/fonts/opentype/ocr-b/OCRB.otf"},
                 {"/usr/share/fonts/opentype/ocr-b/OCRBL.otf"},
                 {"/usr/share/fonts/opentype/ocr-b/OCRBS.otf"}},
@@ -90,13 +114,14 @@ struct GradeParams {
       inverted_p;
   int stroke;  // +/- steps of one half pixel
   double width_scale;  // print condensed or expanded by up to this factor
+  double texture;      // amplitude of the ground's texture, gray levels
 };
 
 GradeParams ParamsOf(Grade g) {
   switch (g) {
-    case Grade::Clean: return {150, 210, 0.3, 0.7, 0.3, 0.8, 5, 0.0, 0.0, 0, 0.1};
-    case Grade::Moderate: return {90, 170, 0.6, 1.2, 0.8, 1.5, 8, 1.5, 0.3, 1, 0.15};
-    case Grade::Hard: return {55, 100, 1.0, 1.7, 2.0, 4.0, 35, 3.0, 0.4, 2, 0.2};
+    case Grade::Clean: return {150, 210, 0.3, 0.7, 0.3, 1.0, 5, 0.0, 0.0, 0, 0.1, 0.0};
+    case Grade::Moderate: return {90, 170, 0.6, 1.3, 1.0, 4.0, 20, 1.5, 0.3, 1, 0.15, 4.0};
+    case Grade::Hard: return {55, 110, 1.0, 2.0, 4.0, 8.0, 35, 3.0, 0.4, 2, 0.2, 8.0};
   }
   return {};
 }
@@ -147,6 +172,64 @@ std::string RandomText(const std::string& alphabet, const std::string& specials,
     s += from[std::uniform_int_distribution<size_t>(0, from.size() - 1)(rng)];
   }
   return s;
+}
+
+std::string MarkingText(const Family& fam, int len, std::mt19937& rng) {
+  if (U(rng, 0, 1) >= 0.35) return RandomText(fam.AllClasses(), fam.specials, len, rng);
+  auto pick = [&](const std::string& from) {
+    return from[std::uniform_int_distribution<size_t>(0, from.size() - 1)(rng)];
+  };
+  auto digits = [&](int n) {
+    std::string d;
+    for (int i = 0; i < n; ++i) d += pick(fam.digits);
+    return d;
+  };
+  auto letters = [&](int n) {
+    std::string d;
+    for (int i = 0; i < n; ++i) d += pick(fam.letters);
+    return d;
+  };
+  // Dates, expiry and lot codes, times, percentages and references as they
+  // are printed on parts and packs (no blanks: a blank has no box to cut).
+  switch (std::uniform_int_distribution<int>(0, 7)(rng)) {
+    case 0: {
+      const char sep = pick("./-");
+      return digits(4) + sep + digits(2) + sep + digits(2);
+    }
+    case 1: return digits(2) + pick("./") + digits(U(rng, 0, 1) < 0.5 ? 2 : 4);
+    case 2: return letters(3) + digits(2) + "/" + digits(4);
+    case 3: return letters(3) + digits(1) + letters(1) + "-" + digits(4);
+    case 4: return digits(2) + ":" + digits(2) + (U(rng, 0, 1) < 0.5 ? ":" + digits(2) : "");
+    case 5: return digits(2) + "." + digits(1) + "%";
+    case 6: return "#" + digits(4) + pick("-/") + letters(2);
+    default: return "(" + digits(2) + ")" + digits(4) + pick("*=+") + digits(2);
+  }
+}
+
+// A ground texture of unit spread: plain plastic (none), paper fibres,
+// brushed metal streaks along the rows, or a circuit board's weave.
+cv::Mat GroundTexture(cv::Size size, std::mt19937& rng) {
+  cv::Mat t = cv::Mat::zeros(size, CV_32F);
+  const int kind = std::uniform_int_distribution<int>(0, 3)(rng);
+  if (kind == 0) return t;
+  cv::RNG r(rng());
+  if (kind == 1) {
+    r.fill(t, cv::RNG::NORMAL, 0.0, 1.0);
+    cv::GaussianBlur(t, t, cv::Size(0, 0), U(rng, 1.0, 3.0));
+  } else if (kind == 2) {
+    r.fill(t, cv::RNG::NORMAL, 0.0, 1.0);
+    cv::blur(t, t, cv::Size(std::uniform_int_distribution<int>(15, 41)(rng), 1));
+  } else {
+    const double p = U(rng, 5, 12), a = U(rng, 0, CV_PI);
+    for (int y = 0; y < t.rows; ++y)
+      for (int x = 0; x < t.cols; ++x)
+        t.at<float>(y, x) = float(std::sin((x * std::cos(a) + y * std::sin(a)) * 2 * CV_PI / p) *
+                                  std::sin((y * std::cos(a) - x * std::sin(a)) * 2 * CV_PI / p));
+  }
+  cv::Scalar mean, sd;
+  cv::meanStdDev(t, mean, sd);
+  if (sd[0] > 0) t = (t - mean[0]) / sd[0];
+  return t;
 }
 
 struct MarkingRenderer::Impl {
@@ -216,8 +299,14 @@ Marking MarkingRenderer::Render(const std::string& text, const Face& face, int c
     const double dot_d = pitch * U(rng, face.dot_lo, face.dot_hi);
     // Character generators leave at least one blank dot column between cells.
     const double gap = pitch * U(rng, 1.0, 1.5);
+    // Inkjet nozzles miss dots now and then.
+    const double drop = grade == Grade::Clean ? 0.0 : grade == Grade::Moderate ? 0.02 : 0.05;
     for (char c : text) {
       cv::Mat pat = Impl::DotPattern(table, c);
+      if (drop > 0 && cv::countNonZero(pat) > 2)
+        for (int r = 0; r < pat.rows; ++r)
+          for (int x = 0; x < pat.cols; ++x)
+            if (pat.at<uint8_t>(r, x) && U(rng, 0, 1) < drop) pat.at<uint8_t>(r, x) = 0;
       const int cw = int(std::ceil((table.cols - 1) * pitch + dot_d)) + 2;
       const int ch = int(std::ceil(h2 + dot_d)) + 2;
       cv::Mat glyph = cv::Mat::zeros(ch, cw, CV_8U);
@@ -260,8 +349,8 @@ Marking MarkingRenderer::Render(const std::string& text, const Face& face, int c
   }
   cv::Rect all;
   for (const auto& b : boxes) all = all.area() ? (all | b) : b;
-  const int margin_h = int(h2 * U(rng, 0.35, 0.8));
-  const int margin_v = int(h2 * U(rng, 0.35, 0.8) +
+  const int margin_h = int(h2 * U(rng, margin_lo_, margin_hi_));
+  const int margin_v = int(h2 * U(rng, margin_lo_, margin_hi_) +
                            std::abs(std::sin(tilt * CV_PI / 180)) * all.width / 2);
   const cv::Point shift(margin_h - all.x, margin_v - all.y);
   for (auto& b : boxes) b += shift;
@@ -317,11 +406,15 @@ Marking MarkingRenderer::Render(const std::string& text, const Face& face, int c
   if (U(rng, 0, 1) < gp.inverted_p) std::swap(bg, fg);
   cv::Mat img(fink.size(), CV_32F);
   const double gx = U(rng, -1, 1) * gp.light, gy = U(rng, -1, 1) * gp.light * 0.5;
+  const cv::Mat texture = gp.texture > 0 ? GroundTexture(img.size(), rng) : cv::Mat();
+  const double texture_amp = gp.texture > 0 ? U(rng, 0.25, 1.0) * gp.texture : 0.0;
   for (int r = 0; r < img.rows; ++r) {
     float* p = img.ptr<float>(r);
     const float* k = fink.ptr<float>(r);
+    const float* tx = texture.empty() ? nullptr : texture.ptr<float>(r);
     for (int x = 0; x < img.cols; ++x) {
-      const double shade = gx * (double(x) / img.cols - 0.5) + gy * (double(r) / img.rows - 0.5);
+      const double shade = gx * (double(x) / img.cols - 0.5) + gy * (double(r) / img.rows - 0.5) +
+                           (tx ? texture_amp * tx[x] * (1.0 - k[x]) : 0.0);
       p[x] = float(bg + (fg - bg) * k[x] + shade);
     }
   }

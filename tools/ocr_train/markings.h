@@ -60,6 +60,12 @@ class MarkingRenderer {
   // (0 by default: the grades alone). Training uses it so that a lighter
   // face printed heavy, or a bold one printed light, is seen as well.
   void SetWeightSpread(double fraction) { weight_spread_ = fraction; }
+  // Ground around the text, in cap heights, drawn from lo..hi on each side
+  // (0.35..0.8 by default: a crop around the marking).
+  void SetMarginRange(double lo, double hi) {
+    margin_lo_ = lo;
+    margin_hi_ = hi;
+  }
   // Places the marking, as rendered, at (x, y) of a plain canvas of the given
   // size (the ground is the marking's own corner colour); boxes are moved.
   static Marking OnCanvas(const Marking& m, int width, int height, int x, int y);
@@ -68,11 +74,17 @@ class MarkingRenderer {
   struct Impl;
   std::unique_ptr<Impl> impl_;
   double weight_spread_ = 0.0;
+  double margin_lo_ = 0.35, margin_hi_ = 0.8;
 };
 
 // A random string of `len` characters from `alphabet`, never starting or
 // ending with a special character (as printed codes rarely do).
 std::string RandomText(const std::string& alphabet, const std::string& specials, int len,
                        std::mt19937& rng);
+
+// The text of one generated marking of the family: a random string of `len`
+// characters (as RandomText) or, about a third of the time, a code as
+// printed on parts (dates, expiry and lot codes, times, percentages).
+std::string MarkingText(const Family& fam, int len, std::mt19937& rng);
 
 }  // namespace velmora::ocrgen
