@@ -50,6 +50,7 @@ commands:
 attributes (without any, the add-in uses its defaults):
   --font NAME --proc N --format S --match S --by-number --by-format
   --letters N --reverse --stretch-width F --stretch-height F --black-level N
+  --text-window (read only a window around the text line found in the image)
 
 Images may be PNG, JPEG, TIFF or BMP. --timeout is the receive timeout in
 seconds (default 30). Exit codes: 0 done, 1 failed or no reply, 2 add-in not running.
@@ -147,7 +148,7 @@ struct Options {
 Options ParseOptions(int argc, char** argv) {
   enum {
     kFont = 256, kProc, kFormat, kMatch, kByNumber, kByFormat, kLetters, kReverse, kStretchW,
-    kStretchH, kBlack, kDraw, kKind, kFrame, kEnvelope,
+    kStretchH, kBlack, kDraw, kKind, kFrame, kEnvelope, kTextWindow,
   };
   static const option longs[] = {
       {"font", required_argument, nullptr, kFont},
@@ -165,6 +166,7 @@ Options ParseOptions(int argc, char** argv) {
       {"kind", required_argument, nullptr, kKind},
       {"frame", required_argument, nullptr, kFrame},
       {"envelope", no_argument, nullptr, kEnvelope},
+      {"text-window", no_argument, nullptr, kTextWindow},
       {nullptr, 0, nullptr, 0},
   };
   Options o;
@@ -194,6 +196,7 @@ Options ParseOptions(int argc, char** argv) {
       case kKind: o.kind = optarg; break;
       case kFrame: o.frame = optarg; break;
       case kEnvelope: o.envelope = true; break;
+      case kTextWindow: o.Attr().Set("text_window", archive::MakeBool(true)); break;
       default: throw UsageError(std::string("unknown or incomplete option ") + argv[optind - 1]);
     }
   }

@@ -6,6 +6,9 @@
 #include "ocr/ocr_fonts.h"
 #include "imaging/halcon_utility.h"
 #include "ocr/ocr_segment.h"
+#include "ocr/ocr_text_window.h"
+#include "vision/filter/filters.h"
+#include "vision/filter/image_ops.h"
 #include "vision/ocr/ocr_mlp.h"
 #include "vision/region/region_ops.h"
 
@@ -125,6 +128,7 @@ OcrSettings ReadOcrSettings(const archive::ObjectPtr& attribute) {
   }
   s.stretch = archive::ReadFloat(attribute, "stretch_width_level", 1.0f);
   s.black_level = archive::ReadInt(attribute, "black_level");
+  s.text_window = archive::ReadBool(attribute, "text_window");
   return s;
 }
 
@@ -136,10 +140,37 @@ std::vector<OcrTextRecord> RecognizeText(const HObject& image, double width, dou
   HTuple classifiers[3];
   try {
     readOCRFont(settings.font_name, classifiers);
+    HObject read_image = image;
+    cv::Rect window(0, 0, 0, 0);
+    if (settings.text_window) {
+      HObject ho_Gray;
+      vision::rgb1_to_gray(image, &ho_Gray);
+      const cv::Mat& gray = ho_Gray.ImageAt(0).planes[0];
+      if (gray.type() == CV_8U && FindTextWindow(gray, &window) &&
+          window.width <= width && window.height <= height) {
+        HObject ho_Rect, ho_Reduced;
+        vision::gen_rectangle1(&ho_Rect, HTuple(window.y), HTuple(window.x),
+                               HTuple(window.br().y - 1), HTuple(window.br().x - 1));
+        vision::reduce_domain(image, ho_Rect, &ho_Reduced);
+        vision::crop_domain(ho_Reduced, &read_image);
+        width = window.width;
+        height = window.height;
+      } else {
+        window = cv::Rect(0, 0, 0, 0);
+      }
+    }
     for (int pass = 0; pass < (settings.reverse ? 2 : 1); ++pass) {
       OcrTextRecord r;
-      if (RunPass(image, width, height, pass, settings, classifiers, fn, &r))
+      if (RunPass(read_image, width, height, pass, settings, classifiers, fn, &r)) {
+        // Boxes of a window are given in the whole image's coordinates.
+        for (Rect& rc : r.rects) {
+          rc.top = int16_t(rc.top + window.y);
+          rc.bottom = int16_t(rc.bottom + window.y);
+          rc.left = int16_t(rc.left + window.x);
+          rc.right = int16_t(rc.right + window.x);
+        }
         records.push_back(std::move(r));
+      }
     }
     for (auto& c : classifiers) vision::clear_ocr_class_mlp(c);
   } catch (const vision::HException& e) {

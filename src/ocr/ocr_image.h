@@ -26,6 +26,9 @@ struct OcrSettings {
   long num = 1;  // candidates asked of the classifier
   float stretch = 1.0f;
   long black_level = 0;
+  // "text_window": find the text line in the whole image and read only a
+  // window around it (off unless the host asks for it).
+  bool text_window = false;
 };
 
 // A nil dictionary gives the defaults with the font "Industrial".

@@ -185,6 +185,33 @@ TEST_F(OcrImageTest, StretchedRectanglesMapBackToTheImage) {
   }
 }
 
+// A small line in a whole frame: without the setting the flattening scales
+// the line away with the ground (print under a tenth of the image), with it
+// the window around the line is read and its boxes come back in the frame's
+// coordinates, on the printed characters.
+TEST_F(OcrImageTest, TextWindowReadsASmallLineInAWholeFrame) {
+  cv::Mat frame(480, 640, CV_8U, cv::Scalar(200));
+  const cv::Mat line = TextImage({200, 72}, {{"AB1CD", {15, 53}}});
+  line.copyTo(frame(cv::Rect(300, 250, 200, 72)));
+  const auto whole = Read(frame, Industrial());
+  EXPECT_TRUE(whole.empty() || whole[0].rects.size() != 5u);
+  OcrSettings s = Industrial();
+  s.text_window = true;
+  const auto windowed = Read(frame, s), crop = Read(line, Industrial());
+  ASSERT_EQ(windowed.size(), 1u);
+  ASSERT_EQ(crop.size(), 1u);
+  ASSERT_EQ(windowed[0].rects.size(), 5u);
+  ASSERT_EQ(crop[0].rects.size(), 5u);
+  for (size_t i = 0; i < 5; ++i) {
+    EXPECT_NEAR(windowed[0].rects[i].left, crop[0].rects[i].left + 300, 1) << i;
+    EXPECT_NEAR(windowed[0].rects[i].top, crop[0].rects[i].top + 250, 1) << i;
+    EXPECT_NEAR(windowed[0].rects[i].right, crop[0].rects[i].right + 300, 1) << i;
+  }
+  // An empty frame has no line: the whole frame is read, as without the key.
+  const cv::Mat empty(480, 640, CV_8U, cv::Scalar(200));
+  EXPECT_TRUE(Read(empty, s).empty());
+}
+
 // No classifiers loaded (no font; a wrong or unknown name loads none either,
 // see OcrFonts), and a font one of whose files is missing.
 TEST_F(OcrImageTest, FailuresAreLoggedAndEndTheRun) {
@@ -203,6 +230,11 @@ TEST_F(OcrImageTest, FailuresAreLoggedAndEndTheRun) {
 
 TEST(OcrSettings, ReadFromTheAttributeDictionary) {
   EXPECT_EQ(ReadOcrSettings(nullptr).font_name, "Industrial");
+  EXPECT_FALSE(ReadOcrSettings(nullptr).text_window);
+  auto with_window = archive::MakeDictionary();
+  EXPECT_FALSE(ReadOcrSettings(with_window).text_window);
+  with_window->Set("text_window", archive::MakeBool(true));
+  EXPECT_TRUE(ReadOcrSettings(with_window).text_window);
 
   // Procedure 1 asks for 10 candidates and applies the format only when
   // "recognize_by_format" says so (absent here); procedure 0 always applies it

@@ -1,0 +1,59 @@
+#include "ocr/ocr_text_window.h"
+
+#include <algorithm>
+#include <vector>
+
+#include <opencv2/imgproc.hpp>
+
+namespace velmora {
+
+bool FindTextWindow(const cv::Mat& gray, cv::Rect* window) {
+  if (gray.empty() || gray.type() != CV_8U || gray.cols < 8 || gray.rows < 8) return false;
+  // Edges of print: gradient magnitude of the lightly smoothed image against
+  // a threshold above the noise (the median magnitude is the ground's).
+  cv::Mat smooth, gx, gy, mag;
+  cv::GaussianBlur(gray, smooth, cv::Size(0, 0), 1.2);
+  cv::Sobel(smooth, gx, CV_16S, 1, 0);
+  cv::Sobel(smooth, gy, CV_16S, 0, 1);
+  cv::convertScaleAbs(gx, gx);
+  cv::convertScaleAbs(gy, gy);
+  cv::add(gx, gy, mag);
+  std::vector<int> hist(256, 0);
+  for (int r = 0; r < mag.rows; ++r)
+    for (const uint8_t* p = mag.ptr<uint8_t>(r); p != mag.ptr<uint8_t>(r) + mag.cols; ++p) ++hist[*p];
+  const long half = long(mag.total()) / 2;
+  int median = 0;
+  for (long acc = 0; median < 255 && (acc += hist[size_t(median)]) < half;) ++median;
+  const double level = std::max(24.0, 4.0 * median + 8.0);
+  cv::Mat edges = mag > level;
+  // Characters of a line join along the line, not across lines.
+  const int join = std::max(9, std::min(gray.cols, gray.rows) / 40);
+  cv::morphologyEx(edges, edges, cv::MORPH_CLOSE,
+                   cv::getStructuringElement(cv::MORPH_RECT, cv::Size(join, 3)));
+  cv::morphologyEx(edges, edges, cv::MORPH_OPEN,
+                   cv::getStructuringElement(cv::MORPH_RECT, cv::Size(3, 3)));
+  cv::Mat labels, stats, centroids;
+  const int n = cv::connectedComponentsWithStats(edges, labels, stats, centroids, 8, CV_32S);
+  int best = -1;
+  double best_score = 0;
+  for (int i = 1; i < n; ++i) {
+    const int w = stats.at<int>(i, cv::CC_STAT_WIDTH), h = stats.at<int>(i, cv::CC_STAT_HEIGHT);
+    const int area = stats.at<int>(i, cv::CC_STAT_AREA);
+    // A line of print is wider than high, at least a few pixels high, and
+    // fills a fair part of its box with edges.
+    if (h < 8 || w < h || double(area) < 0.25 * w * h) continue;
+    const double score = double(area);
+    if (score > best_score) {
+      best_score = score;
+      best = i;
+    }
+  }
+  if (best < 0) return false;
+  const int x = stats.at<int>(best, cv::CC_STAT_LEFT), y = stats.at<int>(best, cv::CC_STAT_TOP);
+  const int w = stats.at<int>(best, cv::CC_STAT_WIDTH), h = stats.at<int>(best, cv::CC_STAT_HEIGHT);
+  const int m = std::max(4, h / 2);
+  *window = cv::Rect(x - m, y - m, w + 2 * m, h + 2 * m) & cv::Rect(0, 0, gray.cols, gray.rows);
+  return window->width > 0 && window->height > 0;
+}
+
+}  // namespace velmora
