@@ -11,3 +11,5 @@ target_compile_definitions(bench_ocr_request PRIVATE
   VELMORA_BUILD_VISION_DIR="${VELMORA_VISION_BUILD_DIR}"
   VELMORA_ADDIN_PATH="${CMAKE_BINARY_DIR}/src/app/VelmoraAddin")
 add_dependencies(bench_ocr_request VelmoraAddin)
+add_executable(bench_ocr_independent ocr/ocr_independent.cc)
+target_link_libraries(bench_ocr_independent PRIVATE ocr_markings opencv_imgcodecs opencv_imgproc)

@@ -11,10 +11,13 @@
 // not at all), so that the classifiers' own errors and the cut's are apart.
 //
 //   bench_ocr_accuracy [--markings N] [--family NAME] [--seed N] [--dump DIR]
-//                      [--errors 1] [--black N]
+//                      [--errors 1] [--black N] [--margin M] [--text-window 1]
 //
 // --black N reads with the host's black level N (the text threshold moves by
 // 10 gray values per unit).
+// --margin M puts M cap heights of ground around every marking (on each
+// side) instead of the generator's 0.35 to 0.8; --text-window 1 reads with
+// the "text_window" setting.
 // --dump writes every marking as PNG plus truth.tsv (file, family, grade,
 // text, our text, our milliseconds) for bench/ocr/tesseract.sh.
 #include <malloc.h>
@@ -117,6 +120,8 @@ int main(int argc, char** argv) {
   std::string only, dump;
   bool show_errors = false;
   long black = 0;
+  double margin = 0;  // 0: the generator's own 0.35..0.8 cap heights
+  bool text_window = false;
   for (int i = 1; i + 1 < argc; i += 2) {
     const std::string a = argv[i], v = argv[i + 1];
     if (a == "--markings") markings = std::stoi(v);
@@ -125,6 +130,8 @@ int main(int argc, char** argv) {
     else if (a == "--dump") dump = v;
     else if (a == "--errors") show_errors = v == "1";
     else if (a == "--black") black = std::stol(v);
+    else if (a == "--margin") margin = std::stod(v);
+    else if (a == "--text-window") text_window = v == "1";
   }
   std::ofstream truth;
   if (!dump.empty()) {
@@ -138,6 +145,7 @@ int main(int argc, char** argv) {
               "char%", "marking%", "cut_char%", "cut_mark%", "mean_ms", "median_ms", "p10_ms",
               "p90_ms");
   MarkingRenderer renderer;
+  if (margin > 0) renderer.SetMarginRange(margin, margin);
   for (const auto& fam : Families()) {
     if (!only.empty() && fam.name != only) continue;
     for (Grade g : {Grade::Clean, Grade::Moderate, Grade::Hard}) {
@@ -153,6 +161,7 @@ int main(int argc, char** argv) {
         velmora::OcrSettings s;
         s.font_name = fam.name;
         s.black_level = black;
+        s.text_window = text_window;
         const auto img = ToVisionImage(m.rgb);
         const auto t0 = std::chrono::steady_clock::now();
         const auto recs = velmora::RecognizeText(img, m.rgb.cols, m.rgb.rows, s);

@@ -1,0 +1,53 @@
+#!/usr/bin/env bash
+# The reader on markings made outside the training program, Tesseract 5 beside
+# it on the same windows.
+#
+#   bench/ocr/independent.sh [build-dir] [markings-per-family-and-grade]
+#
+# bench_ocr_independent plans the markings (faces and strings training never
+# saw); pango-view lays out and rasterises each text (Pango/Cairo, not the
+# FreeType path of training); bench_ocr_independent then degrades and reads
+# them (window, window with the expected count, whole 640x480 frame) and
+# writes the windows; tesseract --psm 7 with the family's characters as
+# whitelist reads the same windows. Needs pango1.0-tools and tesseract-ocr
+# (scripts/setup.sh).
+set -euo pipefail
+build=${1:-build}
+n=${2:-100}
+work=$(mktemp -d /tmp/ocr-independent-XXXXXX)
+trap 'rm -rf "$work"' EXIT
+export VELMORA_VISION_DIR=${VELMORA_VISION_DIR:-$(cd "$build" && pwd)/share/velmora/vision}
+"$build/bench/bench_ocr_independent" plan --markings "$n" >"$work/plan.tsv"
+while IFS=$'\t' read -r id family grade face px tilt text; do
+  aa=gray
+  [ "$family" = DotPrint ] && aa=none
+  pango-view -q --pixels --font="$face $px" --antialias=$aa --hinting=slight --margin=4 \
+    --background=white --foreground=black --rotate="$tilt" --text="$text" -o "$work/$id.png" \
+    2>/dev/null || true
+done <"$work/plan.tsv"
+echo "bench_ocr_independent: $n markings per family and grade, Pango $(pango-view --version | awk '{print $NF}')"
+"$build/bench/bench_ocr_independent" read --dir "$work" 2>/dev/null | tee "$work/ours.txt"
+
+declare -A alphabet=(
+  [Industrial]="0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ-+:./#%()*="
+  [Document]="0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz-+:./#%()*="
+  [DotPrint]="0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ-+:./#%()*="
+  [OCRA]="0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ-+:./#%()*="
+  [OCRB]="0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ-+:./#%()*="
+)
+echo
+tesseract --version 2>&1 | head -1
+echo "tesseract --psm 7 on the same windows"
+for family in Industrial Document DotPrint OCRA OCRB; do
+  for grade in clean moderate hard; do
+    awk -F'\t' -v f="$family" -v g="$grade" -v d="$work" '$2==f && $3==g {print d "/" $1}' \
+      "$work/truth.tsv" >"$work/list_${family}_${grade}.txt"
+    [ -s "$work/list_${family}_${grade}.txt" ] || continue
+    start=$(date +%s.%N)
+    OMP_THREAD_LIMIT=1 tesseract "$work/list_${family}_${grade}.txt" "$work/tess_${family}_${grade}" \
+      --psm 7 -c tessedit_char_whitelist="${alphabet[$family]}" >/dev/null 2>&1
+    end=$(date +%s.%N)
+    echo "$family $grade $start $end" >>"$work/times.txt"
+  done
+done
+python3 "$(dirname "$0")/tesseract_score.py" "$work"
