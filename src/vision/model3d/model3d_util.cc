@@ -1,6 +1,8 @@
 #include "vision/model3d/model3d_util.h"
 
 #include <algorithm>
+#include <exception>
+#include <thread>
 
 namespace vision::model3d {
 
@@ -116,6 +118,30 @@ std::vector<double> PointAttribute(const ObjectModel3DData& m, const std::string
   if (it == m.attribs.end())
     throw HException(op, "3D object model has no attribute " + name, kErrWrongParamValue);
   return it->second;
+}
+
+void ParallelFor(size_t n, const std::function<void(size_t, size_t)>& body, size_t min_block,
+                 unsigned max_threads) {
+  const unsigned cores = std::max(1u, std::min(max_threads, std::thread::hardware_concurrency()));
+  const size_t blocks = std::max<size_t>(1, std::min<size_t>(cores, n / std::max<size_t>(min_block, 1)));
+  if (blocks <= 1) {
+    if (n) body(0, n);
+    return;
+  }
+  std::vector<std::exception_ptr> errors(blocks);
+  std::vector<std::thread> threads;
+  auto run = [&](size_t b) {
+    try {
+      body(n * b / blocks, n * (b + 1) / blocks);
+    } catch (...) {
+      errors[b] = std::current_exception();
+    }
+  };
+  for (size_t b = 1; b < blocks; ++b) threads.emplace_back(run, b);
+  run(0);
+  for (auto& t : threads) t.join();
+  for (auto& e : errors)
+    if (e) std::rethrow_exception(e);
 }
 
 }  // namespace vision::model3d

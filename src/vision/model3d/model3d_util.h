@@ -2,6 +2,7 @@
 // Helpers shared by the 3D object model operators (not part of the public
 // operator interface): handle lists, generic parameters, point subsets.
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -43,5 +44,11 @@ ObjectModel3DPtr SubsetOf(const ObjectModel3DData& m, const std::vector<int32_t>
 // such attribute.
 std::vector<double> PointAttribute(const ObjectModel3DData& m, const std::string& name,
                                    const char* op);
+
+// Runs body(begin, end) over [0, n) split into one block per core (at most
+// `max_threads`); the calling thread takes the first block. Exceptions of any
+// block are rethrown here.
+void ParallelFor(size_t n, const std::function<void(size_t, size_t)>& body,
+                 size_t min_block = 2048, unsigned max_threads = 8);
 
 }  // namespace vision::model3d

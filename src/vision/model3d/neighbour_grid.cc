@@ -1,0 +1,207 @@
+#include "vision/model3d/neighbour_grid.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <numbers>
+
+namespace vision::model3d {
+
+namespace {
+constexpr uint64_t kEmpty = std::numeric_limits<uint64_t>::max();
+constexpr int64_t kMaxCells = int64_t(1) << 21;  // per axis: 21 bits of the key each
+
+// splitmix64's finaliser: every key bit reaches the low bits the table uses.
+uint64_t Hash(uint64_t k) {
+  k ^= k >> 30;
+  k *= 0xBF58476D1CE4E5B9ull;
+  k ^= k >> 27;
+  k *= 0x94D049BB133111EBull;
+  return k ^ (k >> 31);
+}
+}  // namespace
+
+NeighbourGrid::NeighbourGrid(const std::vector<Eigen::Vector3f>& pts, double cell, int k)
+    : pts_(pts) {
+  Eigen::Vector3d hi = Eigen::Vector3d::Constant(-std::numeric_limits<double>::infinity());
+  lo_ = -hi;
+  for (size_t i = 0; i < pts.size(); ++i) {
+    if (!pts[i].allFinite()) continue;
+    ids_.push_back(int32_t(i));
+    lo_ = lo_.cwiseMin(pts[i].cast<double>());
+    hi = hi.cwiseMax(pts[i].cast<double>());
+  }
+  if (ids_.empty()) {
+    lo_.setZero();
+    hi.setZero();
+  }
+  const Eigen::Vector3d ext = hi - lo_;
+  const double min_cell = std::max(ext.maxCoeff() / double(kMaxCells - 2), 1e-30);
+  if (cell > 0) {
+    Build(std::max(cell, min_cell));
+    return;
+  }
+  // First guess: the points spread over a surface as large as the two
+  // largest extents span; a query should find k points within one cell.
+  double e[3] = {ext.x(), ext.y(), ext.z()};
+  std::sort(e, e + 3, std::greater<>());
+  const double n = double(std::max<size_t>(ids_.size(), 1));
+  double area = std::max(e[0] * e[1], e[0] * e[0] * 1e-6);
+  if (!(area > 0)) area = 1;
+  auto cell_for = [&](double density) {
+    return std::max(std::sqrt(double(k) / (std::numbers::pi * density)) * 1.1, min_cell);
+  };
+  double c = cell_for(n / area);
+  Build(c);
+  // Correct the guess once with the density the cells actually see.
+  const double occupied = double(table_begin_.size() ? std::count_if(table_key_.begin(), table_key_.end(),
+                                                                   [](uint64_t v) { return v != kEmpty; })
+                                                     : 0);
+  if (occupied > 0) {
+    const double seen = n / occupied / (c * c);
+    const double c2 = cell_for(seen);
+    if (c2 > 1.5 * c || c2 < c / 1.5) Build(c2);
+  }
+}
+
+uint64_t NeighbourGrid::Key(int64_t x, int64_t y, int64_t z) const {
+  return (uint64_t(x) << 42) | (uint64_t(y) << 21) | uint64_t(z);
+}
+
+Eigen::Vector3i NeighbourGrid::CellOf(const Eigen::Vector3f& p) const {
+  const Eigen::Vector3d c = ((p.cast<double>() - lo_) * inv_cell_).array().floor();
+  // Far outside the grid still maps to a cell index that finds nothing.
+  const Eigen::Vector3d cl = c.cwiseMax(-double(kMaxCells)).cwiseMin(double(2 * kMaxCells));
+  return cl.cast<int>();
+}
+
+void NeighbourGrid::Build(double cell) {
+  cell_ = cell;
+  inv_cell_ = 1.0 / cell;
+  const size_t n = ids_.size();
+  std::vector<std::pair<uint64_t, int32_t>> keyed(n);
+  dims_.setZero();
+  for (size_t k = 0; k < n; ++k) {
+    const Eigen::Vector3i c = CellOf(pts_[size_t(ids_[k])]);
+    dims_ = dims_.cwiseMax(c + Eigen::Vector3i::Ones());
+    keyed[k] = {Key(c.x(), c.y(), c.z()), ids_[k]};
+  }
+  std::sort(keyed.begin(), keyed.end());
+  sorted_.resize(n);
+  sorted_ids_.resize(n);
+  size_t cells = 0;
+  for (size_t k = 0; k < n; ++k) {
+    sorted_[k] = pts_[size_t(keyed[k].second)];
+    sorted_ids_[k] = keyed[k].second;
+    if (k == 0 || keyed[k].first != keyed[k - 1].first) ++cells;
+  }
+  size_t size = 16;
+  while (size < 2 * cells) size *= 2;
+  mask_ = size - 1;
+  table_key_.assign(size, kEmpty);
+  table_begin_.assign(size, 0);
+  table_end_.assign(size, 0);
+  for (size_t k = 0; k < n;) {
+    size_t e = k + 1;
+    while (e < n && keyed[e].first == keyed[k].first) ++e;
+    uint64_t h = Hash(keyed[k].first) & mask_;
+    while (table_key_[h] != kEmpty) h = (h + 1) & mask_;
+    table_key_[h] = keyed[k].first;
+    table_begin_[h] = uint32_t(k);
+    table_end_[h] = uint32_t(e);
+    k = e;
+  }
+}
+
+bool NeighbourGrid::Cell(int64_t x, int64_t y, int64_t z, uint32_t* begin, uint32_t* end) const {
+  if (x < 0 || y < 0 || z < 0 || x >= dims_.x() || y >= dims_.y() || z >= dims_.z()) return false;
+  const uint64_t key = Key(x, y, z);
+  for (uint64_t h = Hash(key) & mask_;; h = (h + 1) & mask_) {
+    if (table_key_[h] == key) {
+      *begin = table_begin_[h];
+      *end = table_end_[h];
+      return true;
+    }
+    if (table_key_[h] == kEmpty) return false;
+  }
+}
+
+void NeighbourGrid::Knn(const Eigen::Vector3f& q, int k, std::vector<int32_t>* idx,
+                        std::vector<float>* d2, Scratch* s, bool sorted) const {
+  bool partitioned = false;
+  idx->clear();
+  d2->clear();
+  const size_t want = std::min<size_t>(size_t(std::max(k, 0)), Size());
+  if (want == 0) return;
+  auto& cand = s->cand;
+  cand.clear();
+  const Eigen::Vector3i c = CellOf(q);
+  const Eigen::Vector3d qd = q.cast<double>();
+  auto visit = [&](int64_t x, int64_t y, int64_t z) {
+    uint32_t b, e;
+    if (!Cell(x, y, z, &b, &e)) return;
+    for (uint32_t i = b; i < e; ++i) cand.emplace_back((sorted_[i] - q).squaredNorm(), int32_t(i));
+  };
+  const int max_r = std::max({dims_.x(), dims_.y(), dims_.z()}) + 1;
+  for (int r = 0; r <= max_r; ++r) {
+    if (double(2 * r + 1) * (2 * r + 1) * (2 * r + 1) > 4.0 * double(Size())) {
+      // A query far from everything: looking at every point is cheaper than
+      // growing the shell of cells further.
+      cand.clear();
+      for (size_t i = 0; i < sorted_.size(); ++i)
+        cand.emplace_back((sorted_[i] - q).squaredNorm(), int32_t(i));
+      break;
+    }
+    for (int dz = -r; dz <= r; ++dz)
+      for (int dy = -r; dy <= r; ++dy) {
+        const bool face = std::abs(dz) == r || std::abs(dy) == r;
+        for (int dx = -r; dx <= r; dx += face ? 1 : 2 * std::max(r, 1)) visit(c.x() + dx, c.y() + dy, c.z() + dz);
+      }
+    if (cand.size() < want) continue;
+    // Unvisited points lie outside the block of cells visited so far.
+    double margin = std::numeric_limits<double>::infinity();
+    for (int a = 0; a < 3; ++a) {
+      const double blo = lo_[a] + double(c[a] - r) * cell_, bhi = lo_[a] + double(c[a] + r + 1) * cell_;
+      margin = std::min({margin, qd[a] - blo, bhi - qd[a]});
+    }
+    std::nth_element(cand.begin(), cand.begin() + ptrdiff_t(want - 1), cand.end());
+    if (double(cand[want - 1].first) <= margin * margin * (1 - 1e-6) || cand.size() == Size()) {
+      partitioned = true;
+      break;
+    }
+  }
+  if (!partitioned) std::nth_element(cand.begin(), cand.begin() + ptrdiff_t(want - 1), cand.end());
+  if (sorted) std::sort(cand.begin(), cand.begin() + ptrdiff_t(want));
+  idx->resize(want);
+  d2->resize(want);
+  for (size_t i = 0; i < want; ++i) {
+    (*idx)[i] = sorted_ids_[size_t(cand[i].second)];
+    (*d2)[i] = cand[i].first;
+  }
+}
+
+void NeighbourGrid::Radius(const Eigen::Vector3f& q, double r, std::vector<int32_t>* idx,
+                           std::vector<float>* d2) const {
+  idx->clear();
+  d2->clear();
+  if (Size() == 0 || !(r >= 0)) return;
+  const Eigen::Vector3f lo = q - Eigen::Vector3f::Constant(float(r));
+  const Eigen::Vector3f hi = q + Eigen::Vector3f::Constant(float(r));
+  const Eigen::Vector3i a = CellOf(lo), b = CellOf(hi);
+  const float r2 = float(r * r);
+  for (int z = std::max(a.z(), 0); z <= std::min(b.z(), dims_.z() - 1); ++z)
+    for (int y = std::max(a.y(), 0); y <= std::min(b.y(), dims_.y() - 1); ++y)
+      for (int x = std::max(a.x(), 0); x <= std::min(b.x(), dims_.x() - 1); ++x) {
+        uint32_t cb, ce;
+        if (!Cell(x, y, z, &cb, &ce)) continue;
+        for (uint32_t i = cb; i < ce; ++i) {
+          const float d = (sorted_[i] - q).squaredNorm();
+          if (d <= r2) {
+            idx->push_back(sorted_ids_[i]);
+            d2->push_back(d);
+          }
+        }
+      }
+}
+
+}  // namespace vision::model3d

@@ -1,0 +1,448 @@
+// The point-cloud operators built on neighbour searches: connected parts,
+// moving-least-squares smoothing, greedy triangulation. The only file that
+// includes PCL, so that its templates are compiled once.
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <mutex>
+#include <memory>
+#include <numeric>
+
+#include <Eigen/Eigenvalues>
+#include <pcl/point_cloud.h>
+#include <pcl/point_types.h>
+#include <pcl/search/search.h>
+#include <pcl/surface/gp3.h>
+
+#include "vision/model3d/model3d_util.h"
+#include "vision/model3d/neighbour_grid.h"
+#include "vision/model3d/object_model_3d.h"
+#include "vision/model3d/point_cloud.h"
+
+namespace vision {
+
+using model3d::AppendModel;
+using model3d::ModelsOf;
+using model3d::NeighbourGrid;
+using model3d::ParallelFor;
+
+namespace {
+
+class UnionFind {
+ public:
+  explicit UnionFind(size_t n) : parent_(n) { std::iota(parent_.begin(), parent_.end(), 0); }
+  int32_t Find(int32_t a) {
+    while (parent_[size_t(a)] != a) {
+      parent_[size_t(a)] = parent_[size_t(parent_[size_t(a)])];
+      a = parent_[size_t(a)];
+    }
+    return a;
+  }
+  void Join(int32_t a, int32_t b) {
+    a = Find(a);
+    b = Find(b);
+    if (a != b) parent_[size_t(std::max(a, b))] = std::min(a, b);
+  }
+
+ private:
+  std::vector<int32_t> parent_;
+};
+
+// One model per component label (0..count-1), points in their order.
+void SplitByLabel(const ObjectModel3DData& m, const std::vector<int32_t>& label, size_t count,
+                  HTuple* out) {
+  std::vector<ObjectModel3DPtr> parts(count);
+  std::vector<size_t> sizes(count, 0);
+  for (int32_t l : label) ++sizes[size_t(l)];
+  for (size_t c = 0; c < count; ++c) {
+    parts[c] = NewObjectModel3D();
+    parts[c]->points.reserve(sizes[c]);
+    if (m.HasNormals()) parts[c]->normals.reserve(sizes[c]);
+    for (const auto& [name, v] : m.attribs) parts[c]->attribs[name].reserve(sizes[c]);
+  }
+  std::vector<int32_t> local(m.NumPoints());
+  for (size_t i = 0; i < m.NumPoints(); ++i) {
+    ObjectModel3DData& p = *parts[size_t(label[i])];
+    local[i] = int32_t(p.points.size());
+    p.points.push_back(m.points[i]);
+    if (m.HasNormals()) p.normals.push_back(m.normals[i]);
+  }
+  for (const auto& [name, v] : m.attribs) {
+    std::vector<std::vector<double>*> dst(count);
+    for (size_t c = 0; c < count; ++c) dst[c] = &parts[c]->attribs[name];
+    for (size_t i = 0; i < v.size(); ++i) dst[size_t(label[i])]->push_back(v[i]);
+  }
+  for (const auto& t : m.triangles)
+    parts[size_t(label[size_t(t[0])])]->triangles.push_back(
+        {local[size_t(t[0])], local[size_t(t[1])], local[size_t(t[2])]});
+  for (auto& p : parts) AppendModel(out, std::move(p));
+}
+
+}  // namespace
+
+void connection_object_model_3d(const HTuple& ObjectModel3D, const HTuple& Feature,
+                                const HTuple& Value, HTuple* ObjectModel3DConnected) {
+  const char* op = "connection_object_model_3d";
+  if (Feature.Length() != 1 || !Feature.IsString(0) ||
+      (Feature.S(0) != "distance_3d" && Feature.S(0) != "mesh"))
+    throw HException(op, "Feature must be 'distance_3d' or 'mesh'", kErrWrongParamValue);
+  const bool by_distance = Feature.S(0) == "distance_3d";
+  if (Value.Length() != 1 || !Value.IsNumber(0))
+    throw HException(op, "Value must be one number", kErrWrongParamType);
+  const double dist = Value.D(0);
+  if (by_distance && !(dist >= 0 && std::isfinite(dist)))
+    throw HException(op, "Value must not be negative", kErrWrongParamValue);
+
+  HTuple out;
+  for (const ObjectModel3DData* m : ModelsOf(ObjectModel3D, op)) {
+    const size_t n = m->NumPoints();
+    UnionFind uf(n);
+    for (const auto& t : m->triangles) {
+      uf.Join(t[0], t[1]);
+      uf.Join(t[0], t[2]);
+    }
+    if (by_distance && dist > 0) {
+      const NeighbourGrid grid(m->points, dist);
+      // Edges to later points are gathered in parallel, joined afterwards.
+      std::vector<std::vector<std::pair<int32_t, int32_t>>> edges;
+      std::mutex edges_lock;
+      const float r2 = float(dist * dist);
+      ParallelFor(grid.Size(), [&](size_t b, size_t e) {
+        std::vector<std::pair<int32_t, int32_t>> mine;
+        std::vector<int32_t> idx;
+        std::vector<float> d2;
+        for (size_t k = b; k < e; ++k) {
+          const int32_t i = grid.Ids()[k];
+          grid.Radius(m->points[size_t(i)], dist, &idx, &d2);
+          for (size_t j = 0; j < idx.size(); ++j)
+            if (idx[j] > i && d2[j] < r2) mine.emplace_back(i, idx[j]);
+        }
+        std::lock_guard<std::mutex> g(edges_lock);
+        edges.push_back(std::move(mine));
+      });
+      for (const auto& list : edges)
+        for (const auto& [a, b] : list) uf.Join(a, b);
+    }
+    std::vector<int32_t> label(n), comp_of_root(n, -1);
+    size_t count = 0;
+    for (size_t i = 0; i < n; ++i) {
+      const int32_t r = uf.Find(int32_t(i));
+      if (comp_of_root[size_t(r)] < 0) comp_of_root[size_t(r)] = int32_t(count++);
+      label[i] = comp_of_root[size_t(r)];
+    }
+    SplitByLabel(*m, label, count, &out);
+  }
+  *ObjectModel3DConnected = std::move(out);
+}
+
+namespace {
+
+// Normal of a weighted neighbourhood: smallest principal axis, and the
+// weighted centroid it passes through.
+struct Plane {
+  Eigen::Vector3d c, n, u, v;
+};
+
+Plane FitPlane(const std::vector<Eigen::Vector3d>& q, const std::vector<double>& w) {
+  Eigen::Vector3d c = Eigen::Vector3d::Zero();
+  double ws = 0;
+  for (size_t j = 0; j < q.size(); ++j) {
+    c += w[j] * q[j];
+    ws += w[j];
+  }
+  c /= ws;
+  Eigen::Matrix3d cov = Eigen::Matrix3d::Zero();
+  for (size_t j = 0; j < q.size(); ++j) {
+    const Eigen::Vector3d d = q[j] - c;
+    cov.noalias() += w[j] * d * d.transpose();
+  }
+  Eigen::SelfAdjointEigenSolver<Eigen::Matrix3d> es;
+  es.computeDirect(cov);
+  Plane p;
+  p.c = c;
+  p.n = es.eigenvectors().col(0).normalized();
+  p.u = es.eigenvectors().col(2).normalized();
+  p.v = p.n.cross(p.u);
+  return p;
+}
+
+enum class Facing { NegativeZ, Origin };
+
+Eigen::Vector3f Oriented(Eigen::Vector3d n, const Eigen::Vector3d& at, Facing f) {
+  const bool flip = f == Facing::Origin ? n.dot(-at) < 0 : n.z() > 0;
+  return (flip ? -n : n).cast<float>();
+}
+
+struct MlsParams {
+  int knn = 60;
+  int order = 2;
+  double abs_sigma = -1, rel_sigma = 1.0;
+  Facing facing = Facing::NegativeZ;
+  bool move = true;  // false: only estimate normals
+};
+
+// Moves every finite point onto its local MLS surface (when p.move) and
+// sets its normal; other points keep their place and get a zero normal.
+void Mls(const ObjectModel3DData& m, const MlsParams& p, std::vector<Eigen::Vector3f>* points,
+         std::vector<Eigen::Vector3f>* normals) {
+  const NeighbourGrid grid(m.points, 0, p.knn);
+  *points = m.points;
+  normals->assign(m.NumPoints(), Eigen::Vector3f::Zero());
+  ParallelFor(grid.Size(), [&](size_t b, size_t e) {
+    std::vector<int32_t> idx;
+    std::vector<float> d2;
+    NeighbourGrid::Scratch scratch;
+    std::vector<Eigen::Vector3d> q;
+    std::vector<double> w;
+    for (size_t k = b; k < e; ++k) {
+      const int32_t i = grid.Ids()[k];
+      const Eigen::Vector3d x = m.points[size_t(i)].cast<double>();
+      grid.Knn(m.points[size_t(i)], p.knn, &idx, &d2, &scratch, false);
+      if (idx.size() < 3) continue;
+      const double far2 = *std::max_element(d2.begin(), d2.end());
+      const double h2 = p.abs_sigma > 0 ? p.abs_sigma * p.abs_sigma : p.rel_sigma * p.rel_sigma * far2;
+      q.resize(idx.size());
+      w.resize(idx.size());
+      for (size_t j = 0; j < idx.size(); ++j) {
+        q[j] = m.points[size_t(idx[j])].cast<double>();
+        w[j] = h2 > 0 ? std::exp(-double(d2[j]) / h2) : 1.0;
+      }
+      const Plane pl = FitPlane(q, w);
+      Eigen::Vector3d pos = x, nrm = pl.n;
+      const double xu = (x - pl.c).dot(pl.u), xv = (x - pl.c).dot(pl.v);
+      if (p.order >= 2 && idx.size() >= 6) {
+        // f(u, v) = a0 + a1 u + a2 v + a3 u^2 + a4 uv + a5 v^2, weighted LSQ.
+        Eigen::Matrix<double, 6, 6> A = Eigen::Matrix<double, 6, 6>::Zero();
+        Eigen::Matrix<double, 6, 1> rhs = Eigen::Matrix<double, 6, 1>::Zero();
+        for (size_t j = 0; j < q.size(); ++j) {
+          const Eigen::Vector3d d = q[j] - pl.c;
+          const double u = d.dot(pl.u), v = d.dot(pl.v), h = d.dot(pl.n);
+          Eigen::Matrix<double, 6, 1> b;
+          b << 1, u, v, u * u, u * v, v * v;
+          A.selfadjointView<Eigen::Upper>().rankUpdate(b, w[j]);
+          rhs.noalias() += w[j] * h * b;
+        }
+        A.triangularView<Eigen::StrictlyLower>() = A.transpose();
+        Eigen::LDLT<Eigen::Matrix<double, 6, 6>> ldlt(A);
+        const Eigen::Matrix<double, 6, 1> a = ldlt.solve(rhs);
+        if (ldlt.info() == Eigen::Success && a.allFinite()) {
+          const double f = a[0] + a[1] * xu + a[2] * xv + a[3] * xu * xu + a[4] * xu * xv +
+                           a[5] * xv * xv;
+          const double fu = a[1] + 2 * a[3] * xu + a[4] * xv, fv = a[2] + a[4] * xu + 2 * a[5] * xv;
+          pos = pl.c + xu * pl.u + xv * pl.v + f * pl.n;
+          nrm = (pl.n - fu * pl.u - fv * pl.v).normalized();
+        } else {
+          pos = pl.c + xu * pl.u + xv * pl.v;
+        }
+      } else {
+        pos = pl.c + xu * pl.u + xv * pl.v;
+      }
+      if (p.move) (*points)[size_t(i)] = pos.cast<float>();
+      (*normals)[size_t(i)] = Oriented(nrm, pos, p.facing);
+    }
+  });
+}
+
+}  // namespace
+
+void smooth_object_model_3d(const HTuple& ObjectModel3D, const HTuple& Method,
+                            const HTuple& GenParamName, const HTuple& GenParamValue,
+                            HTuple* SmoothObjectModel3D) {
+  const char* op = "smooth_object_model_3d";
+  if (Method.Length() != 1 || !Method.IsString(0) || Method.S(0) != "mls")
+    throw HException(op, "Method must be 'mls'", kErrWrongParamValue);
+  const model3d::GenParams gp(GenParamName, GenParamValue, op,
+                              {"mls_kNN", "mls_order", "mls_abs_sigma", "mls_relative_sigma",
+                               "mls_force_inwards"});
+  MlsParams p;
+  p.knn = int(gp.Int("mls_kNN", 60));
+  p.order = int(gp.Int("mls_order", 2));
+  p.abs_sigma = gp.Real("mls_abs_sigma", -1);
+  p.rel_sigma = gp.Real("mls_relative_sigma", 1.0);
+  p.facing = gp.Bool("mls_force_inwards", false) ? Facing::Origin : Facing::NegativeZ;
+  if (p.knn < 3 || p.knn > 10000) throw HException(op, "mls_kNN must be 3 or more", kErrWrongParamValue);
+  if (p.order < 0 || p.order > 2) throw HException(op, "mls_order must be 0, 1 or 2", kErrWrongParamValue);
+  if (!(p.rel_sigma > 0)) throw HException(op, "mls_relative_sigma must be positive", kErrWrongParamValue);
+
+  HTuple out;
+  for (const ObjectModel3DData* m : ModelsOf(ObjectModel3D, op)) {
+    auto s = NewObjectModel3D();
+    Mls(*m, p, &s->points, &s->normals);
+    s->triangles = m->triangles;
+    s->attribs = m->attribs;
+    AppendModel(&out, std::move(s));
+  }
+  *SmoothObjectModel3D = std::move(out);
+}
+
+namespace {
+
+// Median distance of a point to its nearest neighbour, from a spread-out
+// sample of the points.
+double MedianSpacing(const NeighbourGrid& grid, const std::vector<Eigen::Vector3f>& pts) {
+  std::vector<double> d;
+  std::vector<int32_t> idx;
+  std::vector<float> d2;
+  NeighbourGrid::Scratch scratch;
+  const size_t step = std::max<size_t>(1, grid.Size() / 2000);
+  for (size_t k = 0; k < grid.Size(); k += step) {
+    grid.Knn(pts[size_t(grid.Ids()[k])], 2, &idx, &d2, &scratch);
+    if (d2.size() == 2) d.push_back(std::sqrt(double(d2[1])));
+  }
+  if (d.empty()) return 0;
+  std::nth_element(d.begin(), d.begin() + ptrdiff_t(d.size() / 2), d.end());
+  return d[d.size() / 2];
+}
+
+// The greedy triangulation's neighbour search, answered by a NeighbourGrid
+// over the cloud it is given.
+class GridSearch : public pcl::search::Search<pcl::PointNormal> {
+ public:
+  explicit GridSearch(int k) : pcl::search::Search<pcl::PointNormal>("NeighbourGrid", true), k_(k) {}
+
+  void setInputCloud(const PointCloudConstPtr& cloud,
+                     const IndicesConstPtr& indices = IndicesConstPtr()) override {
+    input_ = cloud;
+    indices_ = indices;
+    pts_.resize(cloud->size());
+    for (size_t i = 0; i < cloud->size(); ++i) pts_[i] = (*cloud)[i].getVector3fMap();
+    grid_ = std::make_unique<NeighbourGrid>(pts_, 0, k_);
+  }
+  int nearestKSearch(const pcl::PointNormal& p, int k, pcl::Indices& idx,
+                     std::vector<float>& d2) const override {
+    grid_->Knn(p.getVector3fMap(), k, &tmp_, &d2, &scratch_);
+    idx.assign(tmp_.begin(), tmp_.end());
+    return int(idx.size());
+  }
+  int nearestKSearch(pcl::index_t index, int k, pcl::Indices& idx,
+                     std::vector<float>& d2) const override {
+    return nearestKSearch((*input_)[size_t(index)], k, idx, d2);
+  }
+  int radiusSearch(const pcl::PointNormal& p, double r, pcl::Indices& idx, std::vector<float>& d2,
+                   unsigned int max_nn = 0) const override {
+    grid_->Radius(p.getVector3fMap(), r, &tmp_, &d2);
+    idx.assign(tmp_.begin(), tmp_.end());
+    if (max_nn > 0 && idx.size() > max_nn) {
+      idx.resize(max_nn);
+      d2.resize(max_nn);
+    }
+    return int(idx.size());
+  }
+  using pcl::search::Search<pcl::PointNormal>::nearestKSearch;
+  using pcl::search::Search<pcl::PointNormal>::radiusSearch;
+
+ private:
+  int k_;
+  std::vector<Eigen::Vector3f> pts_;
+  std::unique_ptr<NeighbourGrid> grid_;
+  // One triangulation runs on one thread; its search needs no locking.
+  mutable std::vector<int32_t> tmp_;
+  mutable NeighbourGrid::Scratch scratch_;
+};
+
+}  // namespace
+
+void triangulate_object_model_3d(const HTuple& ObjectModel3D, const HTuple& Method,
+                                 const HTuple& GenParamName, const HTuple& GenParamValue,
+                                 HTuple* TriangulatedObjectModel3D, HTuple* Information) {
+  const char* op = "triangulate_object_model_3d";
+  if (Method.Length() != 1 || !Method.IsString(0) || Method.S(0) != "greedy")
+    throw HException(op, "Method must be 'greedy'", kErrWrongParamValue);
+  const model3d::GenParams gp(
+      GenParamName, GenParamValue, op,
+      {"greedy_kNN", "greedy_radius_type", "greedy_radius_value", "greedy_neigh_orient_tol",
+       "greedy_neigh_orient_consistent", "greedy_fix_flips", "greedy_output_all_points"});
+  const int knn = int(gp.Int("greedy_kNN", 40));
+  const std::string radius_type = gp.Str("greedy_radius_type", "auto");
+  const double radius_value = gp.Real("greedy_radius_value", 2.0);
+  const double orient_tol = gp.Real("greedy_neigh_orient_tol", 30);
+  const bool consistent = gp.Bool("greedy_neigh_orient_consistent", false);
+  const bool fix_flips = gp.Bool("greedy_fix_flips", true);
+  const bool all_points = gp.Bool("greedy_output_all_points", false);
+  if (knn < 3 || knn > 10000) throw HException(op, "greedy_kNN must be 3 or more", kErrWrongParamValue);
+  if (radius_type != "auto" && radius_type != "fixed")
+    throw HException(op, "greedy_radius_type must be 'auto' or 'fixed'", kErrWrongParamValue);
+  if (!(radius_value > 0)) throw HException(op, "greedy_radius_value must be positive", kErrWrongParamValue);
+  if (!(orient_tol > 0 && orient_tol <= 180))
+    throw HException(op, "greedy_neigh_orient_tol must lie in (0, 180]", kErrWrongParamValue);
+
+  HTuple out, info;
+  for (const ObjectModel3DData* m : ModelsOf(ObjectModel3D, op)) {
+    std::vector<Eigen::Vector3f> normals = m->normals;
+    if (!m->HasNormals()) {
+      MlsParams np;
+      np.knn = knn;
+      np.order = 1;
+      np.move = false;
+      std::vector<Eigen::Vector3f> unused;
+      Mls(*m, np, &unused, &normals);
+    }
+    // The triangulation runs on the points with a position and a normal.
+    pcl::PointCloud<pcl::PointNormal>::Ptr cloud(new pcl::PointCloud<pcl::PointNormal>);
+    std::vector<int32_t> ids;
+    for (size_t i = 0; i < m->NumPoints(); ++i) {
+      const Eigen::Vector3f& p = m->points[i];
+      const Eigen::Vector3f& n = normals[i];
+      if (!p.allFinite() || !n.allFinite() || n.squaredNorm() < 0.5f) continue;
+      pcl::PointNormal q;
+      q.x = p.x(); q.y = p.y(); q.z = p.z();
+      q.normal_x = n.x(); q.normal_y = n.y(); q.normal_z = n.z();
+      cloud->push_back(q);
+      ids.push_back(int32_t(i));
+    }
+    std::vector<std::array<int32_t, 3>> tris;
+    if (cloud->size() >= 3) {
+      double radius, mu;
+      if (radius_type == "fixed") {
+        radius = radius_value;
+        mu = std::numeric_limits<double>::max() / 4;  // the fixed radius alone limits edges
+      } else {
+        const double s = MedianSpacing(NeighbourGrid(m->points, 0, 2), m->points);
+        mu = radius_value * 1.25;
+        radius = std::max(s, 1e-12) * radius_value * 4;
+      }
+      pcl::search::Search<pcl::PointNormal>::Ptr tree(new GridSearch(knn));
+      pcl::GreedyProjectionTriangulation<pcl::PointNormal> gp3;
+      gp3.setSearchRadius(radius);
+      gp3.setMu(mu);
+      gp3.setMaximumNearestNeighbors(knn);
+      gp3.setMaximumSurfaceAngle(orient_tol * M_PI / 180);
+      gp3.setMinimumAngle(M_PI / 18);
+      gp3.setMaximumAngle(2 * M_PI / 3);
+      gp3.setNormalConsistency(consistent);
+      gp3.setConsistentVertexOrdering(fix_flips);
+      gp3.setInputCloud(cloud);
+      gp3.setSearchMethod(tree);
+      std::vector<pcl::Vertices> polygons;
+      gp3.reconstruct(polygons);
+      tris.reserve(polygons.size());
+      for (const auto& poly : polygons)
+        if (poly.vertices.size() == 3)
+          tris.push_back({ids[poly.vertices[0]], ids[poly.vertices[1]], ids[poly.vertices[2]]});
+    }
+    // Unused points go unless asked for; attributes follow their points.
+    std::vector<int32_t> keep;
+    if (all_points) {
+      keep.resize(m->NumPoints());
+      std::iota(keep.begin(), keep.end(), 0);
+    } else {
+      std::vector<char> used(m->NumPoints(), 0);
+      for (const auto& t : tris)
+        for (int32_t v : t) used[size_t(v)] = 1;
+      for (size_t i = 0; i < used.size(); ++i)
+        if (used[i]) keep.push_back(int32_t(i));
+    }
+    ObjectModel3DData with_normals;
+    with_normals.points = m->points;
+    with_normals.normals = std::move(normals);
+    with_normals.attribs = m->attribs;
+    with_normals.triangles = std::move(tris);
+    ObjectModel3DPtr t = model3d::SubsetOf(with_normals, keep);
+    info.Append(HValue(Hlong(t->triangles.size())));
+    AppendModel(&out, std::move(t));
+  }
+  *TriangulatedObjectModel3D = std::move(out);
+  *Information = std::move(info);
+}
+
+}  // namespace vision
