@@ -129,6 +129,18 @@ IoResult ReadAll(int fd, void* buffer, size_t length, const Deadline& deadline) 
 
 }  // namespace portio
 
+bool PortIsRegistered(const std::string& name) {
+  const std::string path = PortPath(name, ".sock", false);
+  if (path.empty()) return false;
+  UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  if (!fd.valid()) return false;
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+  // The server drops a connection that closes before a request: no trace left.
+  return ::connect(fd.get(), reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0 || errno == EAGAIN;
+}
+
 int32_t SendPortRequest(const std::string& name, int32_t msgid, const void* bytes, size_t length,
                         const PortSendOptions& options, PortReply* reply) {
   using portio::IoResult;

@@ -63,6 +63,10 @@ struct PortSendOptions {
   bool want_reply = true;
 };
 
+// Whether a process has registered `name`: its socket exists and accepts
+// connections (a full backlog counts as registered). Never blocks.
+bool PortIsRegistered(const std::string& name);
+
 // One exchange with the named port; the caller's bytes are written as they are,
 // never copied. `reply` may be null when no reply is wanted.
 int32_t SendPortRequest(const std::string& name, int32_t msgid, const void* bytes, size_t length,
