@@ -1,0 +1,7 @@
+# The side-camera server and the rig tool, end to end through the real programs.
+velmora_test(sidecam_e2e_tests
+  SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/sidecam_e2e_test.cc
+  LIBS sidecam_client calibration_store synthetic_rig opencv_imgcodecs)
+add_dependencies(sidecam_e2e_tests velmora-sidecam)
+target_include_directories(sidecam_e2e_tests PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
+target_compile_definitions(sidecam_e2e_tests PRIVATE VELMORA_SIDECAM_PATH="$<TARGET_FILE:velmora-sidecam>")
