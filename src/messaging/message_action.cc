@@ -1,27 +1,51 @@
 #include "messaging/message_action.h"
 
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
 #include <stdexcept>
 #include <string>
 
+#include <QCoreApplication>
+
 #include "app/app_delegate.h"
 #include "archive/archive.h"
+#include "messaging/log.h"
+#include "stereo/reconstruction_job.h"
 #include "messaging/log.h"
 #include "messaging/request_log.h"
 
 namespace velmora {
 
-// The stereo reconstruction job. Its class arrives with the reconstruction
-// work; until then no job is ever created and the dispatcher only keeps the
-// slot and the fixed acknowledgement.
-class ObjectModel3D;
-
 namespace {
 
-// The current job, owned here; only the main thread touches it.
+// The current stereo job, owned here; only the main thread touches it.
 std::shared_ptr<ObjectModel3D> gObjectModel3D;
+
+// Lets go of the current job; its window closes once no run holds it.
+void ReleaseJob() {
+  if (!gObjectModel3D) return;
+  gObjectModel3D->abandon();
+  gObjectModel3D.reset();
+}
+
+// At application end the job goes before the application object does, and a
+// reconstruction still going gets a few seconds to finish; one that does not
+// would run on into the teardown, so the process ends without it.
+void WatchApplicationEnd() {
+  static bool watching = false;
+  QCoreApplication* app = QCoreApplication::instance();
+  if (watching || !app) return;
+  watching = true;
+  QObject::connect(app, &QCoreApplication::aboutToQuit, [] {
+    ReleaseJob();
+    if (!ObjectModel3D::finishRuns(5.0)) {
+      Log("stereo reconstruction still running at exit; ending without it");
+      std::_Exit(0);
+    }
+  });
+}
 
 std::optional<std::vector<uint8_t>> Enveloped(const std::vector<uint8_t>& body) {
   try {
@@ -113,12 +137,16 @@ std::optional<std::vector<uint8_t>> DataRequest(AppDelegate* delegate, const std
 
 std::vector<uint8_t> StereoStart(const std::vector<uint8_t>& data) {
   // The old job goes before the new request is even decoded.
-  gObjectModel3D.reset();
+  ReleaseJob();
+  WatchApplicationEnd();
   const archive::ObjectPtr parameters =
       data.empty() ? nullptr : archive::Unarchive(data.data(), data.size());
-  // A job would be created here from `parameters` (window, then reconstruction);
-  // none exists yet, so the request is only acknowledged.
-  (void)parameters;
+  if (parameters) {
+    gObjectModel3D = ObjectModel3D::create();
+    gObjectModel3D->createWindow(parameters);
+    if (gObjectModel3D->stereoReconstruct(parameters) != 0) ReleaseJob();
+  }
+  // The acknowledgement is fixed, whether or not a job started.
   auto reply = archive::MakeDictionary();
   reply->Set(Stereo_Reconstruct_ErrorResult, archive::MakeInt32(StereoStartReplyCode));
   return archive::Archive(reply);
@@ -134,7 +162,7 @@ std::optional<std::vector<uint8_t>> MessageAction(AppDelegate* delegate, int32_t
     case MessageIdStereoStart:
       return StereoStart(data);
     case MessageIdStereoClose:
-      gObjectModel3D.reset();
+      ReleaseJob();
       return std::nullopt;
     default:
       return std::nullopt;
