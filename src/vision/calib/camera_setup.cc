@@ -18,7 +18,9 @@ constexpr Hlong kMaxCameras = 4096;
 
 Hlong CameraIndex(const HTuple& idx, const char* op) {
   if (idx.Length() != 1) throw HException(op, "Wrong number of values of control parameter CameraIdx", kErrWrongParamCount);
-  if (!idx.IsInt(0)) throw HException(op, "Wrong type of control parameter CameraIdx", kErrWrongParamType);
+  // A real without a fraction (what tuple arithmetic hands on) counts as the integer.
+  if (!idx.IsNumber(0) || idx.D(0) != std::floor(idx.D(0)))
+    throw HException(op, "Wrong type of control parameter CameraIdx", kErrWrongParamType);
   return idx.L(0);
 }
 
@@ -36,9 +38,20 @@ const std::string& OneString(const HTuple& t, const char* op) {
 
 // Poses are kept with reals for the six values and an integer code, whatever
 // mix of numbers they were given as.
+// Non-finite values are refused here, so that every model can be serialized
+// and read back.
 HTuple NormalisedPose(const HTuple& pose, const char* op) {
   const int code = CheckPose(pose, op);
+  for (int i = 0; i < 6; ++i)
+    if (!std::isfinite(pose.D(i))) throw HException(op, "Pose value not finite", kErrWrongParamValue);
   return HTuple::Reals({pose.D(0), pose.D(1), pose.D(2), pose.D(3), pose.D(4), pose.D(5)}).Append(HTuple(code));
+}
+
+CamParams FiniteCamParams(const HTuple& params, const char* op) {
+  CamParams c = CamParams::FromTuple(params, op);
+  for (double v : {c.focus, c.kappa, c.sx, c.sy, c.cx, c.cy})
+    if (!std::isfinite(v)) throw HException(op, "Camera parameter not finite", kErrWrongParamValue);
+  return c;
 }
 
 void CheckCameraType(const HTuple& type, const HTuple& params, const char* op) {
@@ -246,7 +259,7 @@ void set_camera_setup_cam_param(const HTuple& camera_setup_model_id, const HTupl
   CameraSetupModelData* m = CameraSetupModelCast(camera_setup_model_id, op);
   SetupCamera& c = MutableCamera(m, camera_idx, op);
   CheckCameraType(camera_type, camera_param, op);
-  CamParams params = CamParams::FromTuple(camera_param, op);
+  CamParams params = FiniteCamParams(camera_param, op);
   HTuple pose = NormalisedPose(camera_pose, op);
   c.type = kAreaScanDivision;
   c.params = params;
@@ -261,7 +274,7 @@ void set_camera_setup_param(const HTuple& camera_setup_model_id, const HTuple& c
   const std::string& name = OneString(gen_param_name, op);
   if (name == "params") {
     SetupCamera& c = MutableCamera(m, camera_idx, op);
-    c.params = CamParams::FromTuple(gen_param_value, op);
+    c.params = FiniteCamParams(gen_param_value, op);
     c.has_params = true;
   } else if (name == "pose") {
     SetupCamera& c = MutableCamera(m, camera_idx, op);

@@ -48,7 +48,7 @@ TEST(CameraSetupTest, ParametersReadBackAndSurviveSerialization) {
   for (int round = 0; round < 2; ++round) {
     get_camera_setup_param(setup, "general", "num_cameras", &v);
     EXPECT_EQ(v, HTuple(3));
-    get_camera_setup_param(setup, 0, "params", &v);
+    get_camera_setup_param(setup, 0.0, "params", &v);  // an integral real is an index
     EXPECT_EQ(v, kParams);
     get_camera_setup_param(setup, 1, "pose", &v);
     EXPECT_EQ(v, (HTuple{-0.05, 0.02, -0.08, 0.1, 0.2, 0.3, 5}));
@@ -101,6 +101,10 @@ TEST(CameraSetupTest, BadCallsRaise) {
       {"other camera type", [&] { set_camera_setup_cam_param(setup, 1, "area_scan_polynomial", kParams, HTuple{0, 0, 0, 0, 0, 0, 0}); }},
       {"short params", [&] { set_camera_setup_param(setup, 1, "params", HTuple{0.01, 0.0, 1e-5}); }},
       {"bad pose code", [&] { set_camera_setup_param(setup, 1, "pose", HTuple{0, 0, 0, 0, 0, 0, 7}); }},
+      // Values the serialization could not read back.
+      {"pose not finite", [&] { set_camera_setup_param(setup, 1, "pose", HTuple{0.0, std::nan(""), 0.0, 0.0, 0.0, 0.0, 0}); }},
+      {"kappa not finite", [&] { set_camera_setup_param(setup, 1, "params", HTuple{0.025, INFINITY, 7.4e-06, 7.4e-06, 321.5, 238.0, 640, 480}); }},
+      {"fractional index", [&] { get_camera_setup_param(setup, 0.5, "params", &v); }},
       {"no cameras", [&] { create_camera_setup_model(0, &v); }},
       {"not a setup", [&] { serialize_camera_setup_model(HTuple(1), &v); }},
       {"reference camera not set", [&] { set_camera_setup_param(setup, "general", "reference_camera", 1); }},
