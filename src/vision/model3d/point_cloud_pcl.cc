@@ -7,6 +7,7 @@
 #include <mutex>
 #include <memory>
 #include <numeric>
+#include <thread>
 
 #include <Eigen/Eigenvalues>
 #include <pcl/point_cloud.h>
@@ -342,6 +343,94 @@ class GridSearch : public pcl::search::Search<pcl::PointNormal> {
 
 }  // namespace
 
+namespace {
+
+struct Gp3Params {
+  double radius, mu;
+  int knn;
+  double max_surface_angle;  // radians
+  bool consistent_normals, consistent_ordering;
+};
+
+// Greedy projection triangulation of the points `subset` of `cloud`;
+// triangles as indices into `cloud`.
+std::vector<std::array<int32_t, 3>> Gp3(const pcl::PointCloud<pcl::PointNormal>& cloud,
+                                        const std::vector<int32_t>& subset, const Gp3Params& p) {
+  pcl::PointCloud<pcl::PointNormal>::Ptr part(new pcl::PointCloud<pcl::PointNormal>);
+  part->reserve(subset.size());
+  for (int32_t i : subset) part->push_back(cloud[size_t(i)]);
+  std::vector<std::array<int32_t, 3>> tris;
+  if (part->size() < 3) return tris;
+  pcl::search::Search<pcl::PointNormal>::Ptr tree(new GridSearch(p.knn));
+  pcl::GreedyProjectionTriangulation<pcl::PointNormal> gp3;
+  gp3.setSearchRadius(p.radius);
+  gp3.setMu(p.mu);
+  gp3.setMaximumNearestNeighbors(std::min<int>(p.knn, int(part->size())));
+  gp3.setMaximumSurfaceAngle(p.max_surface_angle);
+  gp3.setMinimumAngle(M_PI / 18);
+  gp3.setMaximumAngle(2 * M_PI / 3);
+  gp3.setNormalConsistency(p.consistent_normals);
+  gp3.setConsistentVertexOrdering(p.consistent_ordering);
+  gp3.setInputCloud(part);
+  gp3.setSearchMethod(tree);
+  std::vector<pcl::Vertices> polygons;
+  gp3.reconstruct(polygons);
+  tris.reserve(polygons.size());
+  for (const auto& poly : polygons)
+    if (poly.vertices.size() == 3)
+      tris.push_back({subset[poly.vertices[0]], subset[poly.vertices[1]], subset[poly.vertices[2]]});
+  return tris;
+}
+
+// The greedy triangulation is sequential; large clouds are cut in two at
+// the median of their longest extent and the halves triangulated on two
+// threads. Each half sees the other's points up to twice the longest edge
+// beyond the cut and keeps the triangles whose centre lies on its side, so
+// that both meshes reach across the cut with the same neighbourhoods.
+std::vector<std::array<int32_t, 3>> Gp3Split(const pcl::PointCloud<pcl::PointNormal>& cloud,
+                                             const Gp3Params& p) {
+  const size_t n = cloud.size();
+  std::vector<int32_t> all(n);
+  std::iota(all.begin(), all.end(), 0);
+  Eigen::Vector3f lo = Eigen::Vector3f::Constant(std::numeric_limits<float>::infinity()), hi = -lo;
+  for (const auto& q : cloud) {
+    lo = lo.cwiseMin(q.getVector3fMap());
+    hi = hi.cwiseMax(q.getVector3fMap());
+  }
+  int axis;
+  const float extent = (hi - lo).maxCoeff(&axis);
+  const double band = 2 * p.radius;
+  constexpr size_t kMinSplit = 20000;
+  if (n < kMinSplit || std::thread::hardware_concurrency() < 2 || !(4 * band < extent))
+    return Gp3(cloud, all, p);
+  std::vector<float> coord(n);
+  for (size_t i = 0; i < n; ++i) coord[i] = cloud[i].getVector3fMap()[axis];
+  std::vector<float> sorted = coord;
+  std::nth_element(sorted.begin(), sorted.begin() + ptrdiff_t(n / 2), sorted.end());
+  const float cut = sorted[n / 2];
+  std::vector<int32_t> left, right;
+  for (size_t i = 0; i < n; ++i) {
+    if (coord[i] < cut + band) left.push_back(int32_t(i));
+    if (coord[i] >= cut - band) right.push_back(int32_t(i));
+  }
+  std::vector<std::array<int32_t, 3>> lt, rt;
+  ParallelFor(2, [&](size_t b, size_t e) {
+    for (size_t k = b; k < e; ++k) (k == 0 ? lt : rt) = Gp3(cloud, k == 0 ? left : right, p);
+  }, 1);
+  auto centre = [&](const std::array<int32_t, 3>& t) {
+    return (coord[size_t(t[0])] + coord[size_t(t[1])] + coord[size_t(t[2])]) / 3;
+  };
+  std::vector<std::array<int32_t, 3>> tris;
+  tris.reserve(lt.size() + rt.size());
+  for (const auto& t : lt)
+    if (centre(t) < cut) tris.push_back(t);
+  for (const auto& t : rt)
+    if (centre(t) >= cut) tris.push_back(t);
+  return tris;
+}
+
+}  // namespace
+
 void triangulate_object_model_3d(const HTuple& ObjectModel3D, const HTuple& Method,
                                  const HTuple& GenParamName, const HTuple& GenParamValue,
                                  HTuple* TriangulatedObjectModel3D, HTuple* Information) {
@@ -401,24 +490,9 @@ void triangulate_object_model_3d(const HTuple& ObjectModel3D, const HTuple& Meth
         mu = radius_value * 1.25;
         radius = std::max(s, 1e-12) * radius_value * 4;
       }
-      pcl::search::Search<pcl::PointNormal>::Ptr tree(new GridSearch(knn));
-      pcl::GreedyProjectionTriangulation<pcl::PointNormal> gp3;
-      gp3.setSearchRadius(radius);
-      gp3.setMu(mu);
-      gp3.setMaximumNearestNeighbors(knn);
-      gp3.setMaximumSurfaceAngle(orient_tol * M_PI / 180);
-      gp3.setMinimumAngle(M_PI / 18);
-      gp3.setMaximumAngle(2 * M_PI / 3);
-      gp3.setNormalConsistency(consistent);
-      gp3.setConsistentVertexOrdering(fix_flips);
-      gp3.setInputCloud(cloud);
-      gp3.setSearchMethod(tree);
-      std::vector<pcl::Vertices> polygons;
-      gp3.reconstruct(polygons);
-      tris.reserve(polygons.size());
-      for (const auto& poly : polygons)
-        if (poly.vertices.size() == 3)
-          tris.push_back({ids[poly.vertices[0]], ids[poly.vertices[1]], ids[poly.vertices[2]]});
+      Gp3Params gpp{radius, mu, knn, orient_tol * M_PI / 180, consistent, fix_flips};
+      for (const auto& t : Gp3Split(*cloud, gpp))
+        tris.push_back({ids[size_t(t[0])], ids[size_t(t[1])], ids[size_t(t[2])]});
     }
     // Unused points go unless asked for; attributes follow their points.
     std::vector<int32_t> keep;

@@ -1,6 +1,7 @@
 #include "vision/model3d/point_cloud.h"
 
 #include <cmath>
+#include <map>
 #include <random>
 #include <thread>
 
@@ -319,6 +320,47 @@ TEST(PointCloud, TriangulateGreedyCoversSurfaces) {
                HException);
   EXPECT_THROW(triangulate_object_model_3d(Model(plane), "polygon_triangulation", HTuple(), HTuple(), &out, &info),
                HException);
+}
+
+TEST(PointCloud, TriangulateGreedyLargeCloudInTwoHalves) {
+  // Large enough to be triangulated in two halves on two threads: the mesh
+  // must still cover the sheet once, without a crack or an overlapping strip
+  // at the cut (the area would show either).
+  constexpr int kSide = 160;
+  constexpr double kStep = 5e-5;
+  const Pts sheet = Grid(kSide, kStep, {0, 0, -0.001f}, [](double x, double y) { return 20 * x * y; });
+  HTuple out, info;
+  triangulate_object_model_3d(Model(sheet), "greedy", HTuple(), HTuple(), &out, &info);
+  const ObjectModel3DData& d = Data(out);
+  double area = 0;
+  std::map<std::pair<int32_t, int32_t>, int> edges;
+  for (const auto& t : d.triangles) {
+    area += 0.5 * double((d.points[size_t(t[1])] - d.points[size_t(t[0])])
+                             .cross(d.points[size_t(t[2])] - d.points[size_t(t[0])])
+                             .norm());
+    for (int k = 0; k < 3; ++k) {
+      const int32_t a = t[size_t(k)], b = t[size_t((k + 1) % 3)];
+      ++edges[{std::min(a, b), std::max(a, b)}];
+    }
+  }
+  // The sheet z = 20xy over the square: its area, by a fine sum.
+  const double side = (kSide - 1) * kStep;
+  double want = 0;
+  for (int i = 0; i < 400; ++i)
+    for (int j = 0; j < 400; ++j) {
+      const double x = (j + 0.5) * side / 400, y = (i + 0.5) * side / 400;
+      want += std::sqrt(1 + 400 * (x * x + y * y)) * (side / 400) * (side / 400);
+    }
+  EXPECT_NEAR(area / want, 1.0, 0.005);
+  size_t open = 0, over = 0;
+  for (const auto& [e, n] : edges) {
+    open += n == 1;
+    over += n > 2;
+  }
+  // The greedy triangulation itself leaves a few edges with three triangles;
+  // the two halves' differing choices along the cut add some, never a strip.
+  EXPECT_LT(over, size_t(kSide / 4));
+  EXPECT_LT(double(open), 1.1 * 4 * (kSide - 1));  // the sheet's border, hardly more
 }
 
 TEST(PointCloud, TuplesAndWorkerThreads) {
