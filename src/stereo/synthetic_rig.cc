@@ -532,6 +532,15 @@ void RenderBand(const Scene& scene, int camera, int row0, int row1, cv::Mat* out
 
 }  // namespace
 
+std::optional<Eigen::Vector3d> FirstHit(const Rig& rig, int camera, double row, double column) {
+  const Scene scene(rig);
+  const RigCamera& cam = rig.cameras.at(static_cast<size_t>(camera));
+  const Eigen::Vector3d d = (cam.camera_to_world.linear() * cam.params.Unproject(row, column)).normalized();
+  Hit hit;
+  if (!CastRay(scene, cam.camera_to_world.translation(), d, &hit)) return std::nullopt;
+  return hit.p;
+}
+
 cv::Mat RenderView(const Rig& rig, int camera) {
   const Scene scene(rig);
   cv::Mat out(kImageHeight, kImageWidth, CV_8UC3);

@@ -89,6 +89,10 @@ std::vector<cv::Mat> RenderViews(const Rig& rig);
 // One view, for callers that parallelise themselves.
 cv::Mat RenderView(const Rig& rig, int camera);
 
+// The first scene point on the line of sight of `camera` through pixel
+// (row, column), or nullopt when the ray misses the board.
+std::optional<Eigen::Vector3d> FirstHit(const Rig& rig, int camera, double row, double column);
+
 // The true surface as files: a NumPy .npy of float32 world z (rows x cols,
 // little-endian, C order) and a JSON sidecar with origin, step and size.
 bool WriteSurface(const Surface& surface, const std::string& npy_path,
