@@ -56,6 +56,8 @@ class AddinProcess {
     bool wait_for_port = true;
     // Run in this runtime folder instead of a new one (a second instance).
     std::string runtime_dir;
+    // Run this executable instead of the built add-in (an installed copy).
+    std::string executable;
   };
 
   AddinProcess() : AddinProcess(Options{}) {}
@@ -97,10 +99,11 @@ class AddinProcess {
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, stderr_path_.c_str(),
                                      O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    char* argv[] = {const_cast<char*>(VELMORA_ADDIN_PATH), nullptr};
-    const int rc = posix_spawn(&pid_, VELMORA_ADDIN_PATH, &actions, nullptr, argv, envp.data());
+    std::string exe = options.executable.empty() ? std::string(VELMORA_ADDIN_PATH) : options.executable;
+    char* argv[] = {exe.data(), nullptr};
+    const int rc = posix_spawn(&pid_, exe.c_str(), &actions, nullptr, argv, envp.data());
     posix_spawn_file_actions_destroy(&actions);
-    if (rc != 0) throw std::runtime_error("cannot start " + std::string(VELMORA_ADDIN_PATH));
+    if (rc != 0) throw std::runtime_error("cannot start " + exe);
     if (options.wait_for_port && !WaitForPort(15)) {
       const std::string log = Stderr();
       Kill();

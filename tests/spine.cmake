@@ -3,5 +3,4 @@
 velmora_test(spine_e2e_tests
   SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/spine_e2e_test.cc
   LIBS velmora_client archive)
-add_dependencies(spine_e2e_tests VelmoraAddin velmora)
-target_compile_definitions(spine_e2e_tests PRIVATE VELMORA_CLI_PATH="$<TARGET_FILE:velmora>")
+add_dependencies(spine_e2e_tests VelmoraAddin)

@@ -230,58 +230,5 @@ TEST(AddinLifecycle, StatusItemOnlyWithExactlyMetaAlt) {
   }
 }
 
-#ifdef VELMORA_CLI_PATH
-// The command-line client: its exit codes and JSON, against no add-in and a live one.
-TEST(VelmoraClient, ExitCodesAndJson) {
-  char tmpl[] = "/tmp/velmora-cli-XXXXXX";
-  ASSERT_NE(mkdtemp(tmpl), nullptr);
-  const std::string dir = tmpl;
-  auto run = [&](const std::string& args, std::string* out, std::string* err) {
-    const std::string cmd = std::string(VELMORA_CLI_PATH) + " --timeout 10 " + args + " >" + dir + "/out 2>" + dir + "/err";
-    const int status = std::system(cmd.c_str());
-    auto slurp = [](const std::string& path) {
-      std::ifstream in(path);
-      return std::string(std::istreambuf_iterator<char>(in), {});
-    };
-    *out = slurp(dir + "/out");
-    *err = slurp(dir + "/err");
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  };
-  std::string out, err;
-  {
-    AddinProcess addin;
-    EXPECT_EQ(run("status", &out, &err), 0) << err;
-    EXPECT_EQ(out, "{\n  \"isHalconExist\": true\n}\n");
-    EXPECT_EQ(run("stereo-start --frame 0,0,640,480", &out, &err), 0) << err;
-    EXPECT_EQ(out, "{\n  \"Stereo_Reconstruct_ErrorResult\": -100\n}\n");
-    EXPECT_EQ(run("stereo-stop", &out, &err), 0) << err;
-    // An image file goes out as an archived image; whatever the services find,
-    // OCR answers an array and decoding a dictionary.
-    const Bytes tiff = archive::EncodeTiff({.width = 64, .height = 32, .samples_per_pixel = 1, .bits_per_sample = 8,
-                                            .bytes_per_row = 64, .color_space = archive::kCalibratedWhiteColorSpace,
-                                            .data = Bytes(64 * 32, 220)});
-    std::ofstream(dir + "/plain.tif", std::ios::binary).write(reinterpret_cast<const char*>(tiff.data()),
-                                                            static_cast<std::streamsize>(tiff.size()));
-    EXPECT_EQ(run("ocr " + dir + "/plain.tif --font Industrial", &out, &err), 0) << err;
-    EXPECT_EQ(out.substr(0, 1), "[") << out;
-    EXPECT_EQ(run("decode " + dir + "/plain.tif --kind qr", &out, &err), 0) << err;
-    EXPECT_EQ(out.substr(0, 1), "{") << out;
-    EXPECT_EQ(run("ocr /nonexistent.png", &out, &err), 1);
-    EXPECT_EQ(run("frobnicate", &out, &err), 1);
-    EXPECT_NE(err.find("unknown command"), std::string::npos);
-    EXPECT_EQ(run("quit", &out, &err), 0) << err;
-    EXPECT_EQ(out, "{}\n");
-    ASSERT_TRUE(addin.WaitExit(10).has_value());
-  }
-  // No add-in: one line, exit code 2, at once.
-  const auto start = Clock::now();
-  EXPECT_EQ(run("status", &out, &err), 2);
-  EXPECT_LT(Clock::now() - start, std::chrono::seconds(3));
-  EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
-  EXPECT_NE(err.find("not running"), std::string::npos);
-  std::filesystem::remove_all(dir);
-}
-#endif
-
 }  // namespace
 }  // namespace velmora

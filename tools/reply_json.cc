@@ -39,24 +39,25 @@ void Real(double v, std::string* out) {
     *out += "null";  // JSON has no NaN or infinity
     return;
   }
-  char buf[32];
-  std::snprintf(buf, sizeof buf, "%.17g", v);
-  // Prefer the shortest text that reads back the same.
-  for (int precision = 6; precision < 17; ++precision) {
-    char shorter[32];
-    std::snprintf(shorter, sizeof shorter, "%.*g", precision, v);
-    if (std::strtod(shorter, nullptr) == v) {
-      std::strcpy(buf, shorter);
-      break;
-    }
-  }
-  *out += buf;
+  char buf[48];
+  std::snprintf(buf, sizeof buf, "%.4f", v);
+  // Trailing zeros go; an integral value keeps one decimal so it reads as real.
+  std::string text = buf;
+  while (text.size() > 2 && text.back() == '0' && text[text.size() - 2] != '.') text.pop_back();
+  if (text == "-0.0") text = "0.0";
+  *out += text;
 }
 
+bool g_compact = false;  // set for the duration of one ToJson call
+
 void Newline(int depth, std::string* out) {
+  if (g_compact) return;
   out->push_back('\n');
   out->append(static_cast<size_t>(depth) * 2, ' ');
 }
+
+const char* Colon() { return g_compact ? ":" : ": "; }
+const char* InlineComma() { return g_compact ? "," : ", "; }
 
 // A Rect: four little-endian int16, top, left, bottom, right.
 bool RectJson(const Data& data, std::string* out) {
@@ -65,8 +66,11 @@ bool RectJson(const Data& data, std::string* out) {
   for (int i = 0; i < 4; ++i)
     v[i] = static_cast<int16_t>(data.bytes[2 * i] | (data.bytes[2 * i + 1] << 8));
   char buf[96];
-  std::snprintf(buf, sizeof buf, "{\"top\": %d, \"left\": %d, \"bottom\": %d, \"right\": %d}", v[0], v[1],
-                v[2], v[3]);
+  if (g_compact)
+    std::snprintf(buf, sizeof buf, "{\"top\":%d,\"left\":%d,\"bottom\":%d,\"right\":%d}", v[0], v[1], v[2], v[3]);
+  else
+    std::snprintf(buf, sizeof buf, "{\"top\": %d, \"left\": %d, \"bottom\": %d, \"right\": %d}", v[0], v[1],
+                  v[2], v[3]);
   *out += buf;
   return true;
 }
@@ -91,9 +95,9 @@ void Emit(const ObjectPtr& object, int depth, bool rects, std::string* out) {
         Newline(depth + 1, out);
         std::string name;
         if (const auto s = AsString(key)) name = s->text;
-        else name = ToJson(key);  // keys need not be strings in an archive
+        else name = ToJson(key, true);  // keys need not be strings in an archive
         Quote(name, out);
-        *out += ": ";
+        *out += Colon();
         Emit(value, depth + 1, name == "ocr_rect", out);
       }
       Newline(depth, out);
@@ -139,7 +143,7 @@ void Emit(const ObjectPtr& object, int depth, bool rects, std::string* out) {
       out->push_back('[');
       const std::vector<double> numbers = value->Numbers();
       for (size_t i = 0; i < numbers.size(); ++i) {
-        if (i) *out += ", ";
+        if (i) *out += InlineComma();
         Real(numbers[i], out);
       }
       out->push_back(']');
@@ -148,16 +152,16 @@ void Emit(const ObjectPtr& object, int depth, bool rects, std::string* out) {
     case Kind::Image: {
       const auto image = AsImage(object);
       const ImageSize size = image->size();
-      *out += "{\"image\": {\"width\": ";
+      *out += std::string("{\"image\"") + Colon() + "{\"width\"" + Colon();
       Real(size.width, out);
-      *out += ", \"height\": ";
+      *out += std::string(InlineComma()) + "\"height\"" + Colon();
       Real(size.height, out);
-      *out += ", \"bytes\": " + std::to_string(image->bytes().size()) + "}}";
+      *out += std::string(InlineComma()) + "\"bytes\"" + Colon() + std::to_string(image->bytes().size()) + "}}";
       return;
     }
     case Kind::Unknown: {
       const auto unknown = AsUnknown(object);
-      *out += "{\"class\": ";
+      *out += std::string("{\"class\"") + Colon();
       Quote(unknown->classes.empty() ? "" : unknown->classes.front().name, out);
       out->push_back('}');
       return;
@@ -187,9 +191,12 @@ std::string Base64(const uint8_t* bytes, size_t size) {
   return out;
 }
 
-std::string ToJson(const ObjectPtr& object, int indent) {
+std::string ToJson(const ObjectPtr& object, bool compact) {
   std::string out;
-  Emit(object, indent, false, &out);
+  const bool outer = g_compact;  // a non-string key is rendered inside another call
+  g_compact = compact;
+  Emit(object, 0, false, &out);
+  g_compact = outer;
   return out;
 }
 

@@ -21,6 +21,18 @@ TEST(ReplyJsonTest, OcrRecordRendersRectsFromLittleEndianInt16) {
             "[\n  {\n    \"ocr_text\": \"A\\\"\\n\",\n"
             "    \"ocr_rect\": [\n      {\"top\": 3, \"left\": -2, \"bottom\": 258, \"right\": 32767}\n    ],\n"
             "    \"ocr_angle\": 180,\n    \"blob\": \"AwD+/wIB/38=\",\n    \"ok\": true,\n    \"score\": 0.25\n  }\n]");
+  // Compact: the same on one line.
+  EXPECT_EQ(ToJson(MakeArray({record}), true),
+            "[{\"ocr_text\":\"A\\\"\\n\",\"ocr_rect\":[{\"top\":3,\"left\":-2,\"bottom\":258,\"right\":32767}],"
+            "\"ocr_angle\":180,\"blob\":\"AwD+/wIB/38=\",\"ok\":true,\"score\":0.25}]");
+}
+
+TEST(ReplyJsonTest, RealsAreRoundedToFourDecimals) {
+  struct Case {
+    double value;
+    const char* text;
+  } cases[] = {{0.987654321, "0.9877"}, {1.0, "1.0"}, {-0.00001, "0.0"}, {0.5, "0.5"}, {123.45678, "123.4568"}};
+  for (const Case& c : cases) EXPECT_EQ(ToJson(MakeDouble(c.value)), c.text) << c.value;
 }
 
 TEST(ReplyJsonTest, EmptyAndNull) {

@@ -222,6 +222,49 @@ TEST_F(PortTest, BadClientsAreClosedUnansweredAndBlockNobody) {
   EXPECT_EQ(served, 1);
 }
 
+// Buffers grow with the bytes that came, not with what headers announce, and
+// all unfinished requests together stay under the port's memory bound: a
+// connection whose next bytes would pass it is closed; others are served.
+TEST_F(PortTest, PendingRequestsShareOneMemoryBound) {
+  int served = 0;
+  auto port = LocalPort::Create("bound.test", [&](int32_t, const Bytes& data) -> std::optional<Bytes> {
+    ++served;
+    return Bytes{static_cast<uint8_t>(data.size() >> 20)};
+  });
+  port->setPendingBudget(size_t(3) << 20);
+  size_t pending_seen = 0;
+  WithClient([&] {
+    auto announce = [](uint32_t announced, size_t sent) {
+      UniqueFd fd = RawConnect("bound.test");
+      uint8_t header[16] = {'V', 'M', 'P', 'Q', 1, 0, 0, 0, 1, 0, 0, 0};
+      wire::PutU32(header + 12, announced);
+      Bytes all(header, header + 16);
+      all.resize(16 + sent, 7);
+      size_t off = 0;
+      while (off < all.size()) {
+        const ssize_t w = ::send(fd.get(), all.data() + off, all.size() - off, MSG_NOSIGNAL);
+        if (w <= 0) break;
+        off += size_t(w);
+      }
+      return fd;
+    };
+    UniqueFd first = announce(100u << 20, 2000000);  // holds a 2 MiB buffer
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    QMetaObject::invokeMethod(&App(), [&] { pending_seen = port->pendingBytes(); }, Qt::BlockingQueuedConnection);
+    UniqueFd second = announce(100u << 20, 2000000);  // would need 3 MiB more
+    EXPECT_TRUE(ClosedWithoutReply(second.get(), 2));
+    // A whole request of 1 MiB still fits beside the first, and is served.
+    PortReply reply;
+    PortSendOptions options;
+    options.receive_timeout = 2;
+    const Bytes mib(1 << 20, 1);
+    EXPECT_EQ(SendPortRequest("bound.test", 1, mib.data(), mib.size(), options, &reply), 0);
+    EXPECT_EQ(reply.data, Bytes{1});
+  });
+  EXPECT_EQ(pending_seen, size_t(2) << 20);
+  EXPECT_EQ(served, 1);
+}
+
 // The callback may close the port that is serving it (termination does).
 TEST_F(PortTest, CallbackMayCloseItsOwnPort) {
   std::unique_ptr<LocalPort> port;

@@ -1,0 +1,107 @@
+// The add-in under an integrator's worst cases, against the real process:
+//  1. eight connections that each announce a 512 MiB request and send 1 MB:
+//     the add-in's peak memory, and the latency of status requests meanwhile;
+//  2. one OCR request of an 8000 x 8000 image: service time and the add-in's
+//     peak memory, against the size of the decoded image.
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <opencv2/imgproc.hpp>
+#include <random>
+#include <unistd.h>
+#include <vector>
+
+#include "addin_process.h"
+#include "integ/hostile.h"
+#include "markings.h"
+
+using namespace velmora;
+using testing::AddinProcess;
+using Clock = std::chrono::steady_clock;
+using Bytes = std::vector<uint8_t>;
+
+namespace {
+
+double Ms(Clock::duration d) { return std::chrono::duration<double, std::milli>(d).count(); }
+
+void HostileHeaders() {
+  AddinProcess addin;
+  const long base = testing::ProcStatusKb(addin.pid(), "VmHWM");
+  std::vector<int> fds;
+  const auto start = Clock::now();
+  for (int i = 0; i < 8; ++i) fds.push_back(testing::HostileConnection(addin.socket_path(), 512u << 20, 1000000));
+  const double send_ms = Ms(Clock::now() - start);
+  // Status requests while the eight wait for their deadline (5 s).
+  std::vector<double> latency;
+  for (int i = 0; i < 20; ++i) {
+    const auto t0 = Clock::now();
+    auto reply = addin.Request(RequestLibraryStatus);
+    latency.push_back(Ms(Clock::now() - t0));
+    if (!reply) std::printf("status request unanswered\n");
+    usleep(50000);
+  }
+  std::sort(latency.begin(), latency.end());
+  const long peak = testing::ProcStatusKb(addin.pid(), "VmHWM");
+  std::printf("hostile headers: 8 connections announcing 512 MiB, sending 1 MB each (sent in %.1f ms)\n", send_ms);
+  std::printf("  add-in peak memory: %.1f MB (%.1f MB before)\n", peak / 1024.0, base / 1024.0);
+  std::printf("  status latency meanwhile (20 requests): median %.2f ms, max %.2f ms\n", latency[latency.size() / 2],
+              latency.back());
+  for (int fd : fds) ::close(fd);
+}
+
+void LargeOcr(int side) {
+  AddinProcess addin;
+  // A marking in the middle of a light canvas of side x side pixels.
+  ocrgen::MarkingRenderer renderer;
+  std::mt19937 rng(7);
+  const ocrgen::Marking m = renderer.Render("LOT-4711", ocrgen::Families()[0].eval_faces[0], 64, ocrgen::Grade::Clean, rng);
+  cv::Mat canvas(side, side, CV_8UC4, cv::Scalar(235, 235, 235, 255));
+  cv::Mat rgba;
+  cv::cvtColor(m.rgb, rgba, cv::COLOR_RGB2RGBA);
+  rgba.copyTo(canvas(cv::Rect((side - rgba.cols) / 2, (side - rgba.rows) / 2, rgba.cols, rgba.rows)));
+  archive::RawBitmap bm;
+  bm.width = bm.height = side;
+  bm.samples_per_pixel = 4;
+  bm.bits_per_sample = 8;
+  bm.bytes_per_row = size_t(side) * 4;
+  bm.has_alpha = true;
+  bm.data.assign(canvas.data, canvas.data + canvas.total() * 4);
+  auto attr = archive::MakeDictionary();
+  attr->Set("fontName", archive::MakeString("Industrial"));
+  const auto image = archive::MakeImage(bm);
+  bm.data = {};
+  canvas.release();
+  const long base = testing::ProcStatusKb(addin.pid(), "VmHWM");
+  const auto t0 = Clock::now();
+  auto request = archive::MakeDictionary();
+  request->Set("messageId", archive::MakeInt64(RequestOcrImage));
+  request->Set("image", image);
+  request->Set("attribute", attr);
+  PortReply raw;
+  const int32_t status = addin.Send(MessageIdData, Envelope(archive::Archive(request)), &raw, 600);
+  const double ms = Ms(Clock::now() - t0);
+  std::optional<archive::ObjectPtr> reply;
+  if (status != kPortSuccess) std::printf("OCR request failed: status %d\n", status);
+  else if (raw.present) reply = archive::Unarchive(*AddinProcess::CheckedEnvelopeBody(raw.data));
+  const long peak = testing::ProcStatusKb(addin.pid(), "VmHWM");
+  std::string text = "(none)";
+  if (reply) {
+    const auto records = archive::AsArray(*reply);
+    if (records && !records->items.empty()) text = archive::ReadString(records->items[0], "ocr_text").value_or("");
+  }
+  const double decoded_mb = double(side) * side * 4 / 1e6;
+  std::printf("OCR request of a %d x %d RGBA image (decoded %.0f MB, request %.0f MB): %.0f ms, read \"%s\"\n", side,
+              side, decoded_mb, image->bytes().size() / 1e6, ms, text.c_str());
+  std::printf("  add-in peak memory: %.0f MB (%.0f MB before), %.2fx the decoded image\n", peak / 1024.0,
+              base / 1024.0, (peak - base) / 1024.0 / (decoded_mb / 1.048576));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  setvbuf(stdout, nullptr, _IOLBF, 0);
+  const int side = argc > 1 ? std::atoi(argv[1]) : 8000;
+  HostileHeaders();
+  LargeOcr(side);
+  return 0;
+}
