@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "messaging/log.h"
+#include "messaging/side_cam_server_controller.h"
 #include "stereo/calibration_3d_prefs.h"
 #include "viewer/halcon_model_view.h"
 #include "vision/core/serialized_item.h"
@@ -175,7 +176,15 @@ int32_t ObjectModel3D::stereoReconstruct(const archive::ObjectPtr&) {
     exchange = g_exchange;
     reconstruction = g_reconstruction;
   }
-  if (!exchange || !reconstruction) return kRefused;
+  if (!exchange) {
+    // The shared side-camera client, with its 5 s send and receive timeouts.
+    sideCamServerController* controller = sideCamServerController::sharedController();
+    if (!controller) return kRefused;
+    exchange = [controller](int32_t id, const archive::ObjectPtr& dict, archive::ObjectPtr* reply) {
+      return controller->sendMessageWithArchivedDictReply(id, dict, reply);
+    };
+  }
+  if (!reconstruction) return kRefused;
 
   archive::ObjectPtr reply;
   if (!exchange(MessageIdSide3DCheck, nullptr, &reply) || archive::ReadInt(reply, "3d_errorResult") != 0)

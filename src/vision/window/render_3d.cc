@@ -23,6 +23,17 @@ struct Rgb {
   float r, g, b;
 };
 
+// ceil and floor of coordinates already limited to +-1e7, without the libm
+// calls that x86-64's baseline instruction set needs for them.
+inline int CeilInt(float v) {
+  const int i = int(v);
+  return i + (float(i) < v);
+}
+inline int FloorInt(float v) {
+  const int i = int(v);
+  return i - (float(i) > v);
+}
+
 // Everything the generic parameters can set.
 struct DisplayParams {
   Rgb color{255, 255, 255};
@@ -221,10 +232,9 @@ class Rasterizer {
       }
     }
     if (m.HasTriangles()) {
-      for (const auto& t : m.triangles) {
-        if (uint32_t(t[0]) >= n || uint32_t(t[1]) >= n || uint32_t(t[2]) >= n) continue;
-        Triangle(verts_[size_t(t[0])], verts_[size_t(t[1])], verts_[size_t(t[2])]);
-      }
+      if (f_.want_rgb && !f_.want_xyz) Triangles<true, false>(m.triangles, n);
+      else if (!f_.want_rgb && f_.want_xyz) Triangles<false, true>(m.triangles, n);
+      else Triangles<true, true>(m.triangles, n);
     } else {
       const bool lit = m.HasNormals() && m.normals.size() == n;
       for (size_t i = 0; i < n; ++i) {
@@ -245,10 +255,18 @@ class Rasterizer {
   Rgb Light(const Eigen::Vector3f& n, const Vertex& at) const {
     Eigen::Vector3f l(float(p_.light[0]), float(p_.light[1]), float(p_.light[2]));
     if (p_.light[3] != 0) l -= Eigen::Vector3f(at.cx, at.cy, at.cz);
-    const float nl = n.norm() * l.norm();
-    const float c = nl > 0 ? std::abs(n.dot(l)) / nl : 1.0f;
+    const float nl2 = n.squaredNorm() * l.squaredNorm();
+    const float c = nl2 > 0 ? std::abs(n.dot(l)) / std::sqrt(nl2) : 1.0f;
     return {std::min(1.0f, p_.ambient.r + p_.diffuse.r * c), std::min(1.0f, p_.ambient.g + p_.diffuse.g * c),
             std::min(1.0f, p_.ambient.b + p_.diffuse.b * c)};
+  }
+
+  template <bool kRgb, bool kXyz>
+  void Triangles(const std::vector<std::array<int32_t, 3>>& tris, size_t n) {
+    for (const auto& t : tris) {
+      if (uint32_t(t[0]) >= n || uint32_t(t[1]) >= n || uint32_t(t[2]) >= n) continue;
+      Triangle<kRgb, kXyz>(verts_[size_t(t[0])], verts_[size_t(t[1])], verts_[size_t(t[2])]);
+    }
   }
 
   void Put(size_t idx, float invz, float r, float g, float b, float qx, float qy) {
@@ -279,13 +297,14 @@ class Rasterizer {
       }
   }
 
+  template <bool kRgb, bool kXyz>
   void Triangle(const Vertex& a, const Vertex& b, const Vertex& c) {
     if (a.invz == 0 || b.invz == 0 || c.invz == 0) return;
     const float minx = std::min({a.x, b.x, c.x}), maxx = std::max({a.x, b.x, c.x});
     const float miny = std::min({a.y, b.y, c.y}), maxy = std::max({a.y, b.y, c.y});
     // Pixel centres are the integers; a face between two of them covers none.
-    int xa = int(std::ceil(minx)), xb = int(std::floor(maxx));
-    int ya = int(std::ceil(miny)), yb = int(std::floor(maxy));
+    int xa = CeilInt(minx), xb = FloorInt(maxx);
+    int ya = CeilInt(miny), yb = FloorInt(maxy);
     xa = std::max(xa, 0);
     ya = std::max(ya, 0);
     xb = std::min(xb, f_.width - 1);
@@ -294,13 +313,11 @@ class Rasterizer {
     float area = (b.x - a.x) * (c.y - a.y) - (b.y - a.y) * (c.x - a.x);
     if (area == 0) return;
     Rgb light{1, 1, 1};
-    if (f_.want_rgb) {
-      const Eigen::Vector3f pa(a.cx, a.cy, a.cz), pb(b.cx, b.cy, b.cz), pc(c.cx, c.cy, c.cz);
-      Vertex centre = a;
-      centre.cx = (a.cx + b.cx + c.cx) / 3;
-      centre.cy = (a.cy + b.cy + c.cy) / 3;
-      centre.cz = (a.cz + b.cz + c.cz) / 3;
-      light = Light((pb - pa).cross(pc - pa), centre);
+    if (kRgb) {
+      // Face normal and the direction to the light from the first corner.
+      const float ux = b.cx - a.cx, uy = b.cy - a.cy, uz = b.cz - a.cz;
+      const float vx = c.cx - a.cx, vy = c.cy - a.cy, vz = c.cz - a.cz;
+      light = Light(Eigen::Vector3f(uy * vz - uz * vy, uz * vx - ux * vz, ux * vy - uy * vx), a);
     }
     // Edge functions w_k(x, y), positive inside for either winding.
     const float s = area > 0 ? 1.0f : -1.0f;
@@ -315,6 +332,10 @@ class Rasterizer {
     // w0 opposite a (edge b->c), w1 opposite b (c->a), w2 opposite c (a->b).
     const Edge e0 = edge(b, c), e1 = edge(c, a), e2 = edge(a, b);
     const float lr = light.r, lg = light.g, lb = light.b;
+    float* invz = f_.invz.data();
+    uint8_t* rgb = kRgb ? f_.rgb.data() : nullptr;
+    float* qx = kXyz ? f_.qx.data() : nullptr;
+    float* qy = kXyz ? f_.qy.data() : nullptr;
     // A pixel centre on an edge shared by two faces must not fall through
     // both through rounding: accept a hair beyond the edge.
     const float eps = -1e-5f * area * s;
@@ -327,11 +348,19 @@ class Rasterizer {
         if (w0 < eps || w1 < eps || w2 < eps) continue;
         const float b0 = w0 * inv_area, b1 = w1 * inv_area, b2 = 1.0f - b0 - b1;
         const float iz = b0 * a.invz + b1 * b.invz + b2 * c.invz;
-        if (!(iz > f_.invz[idx])) continue;
-        Put(idx, iz, (b0 * a.r + b1 * b.r + b2 * c.r) * lr, (b0 * a.g + b1 * b.g + b2 * c.g) * lg,
-            (b0 * a.b + b1 * b.b + b2 * c.b) * lb,
-            // x/z and y/z are affine in the image of a distortion-free camera.
-            b0 * a.qx + b1 * b.qx + b2 * c.qx, b0 * a.qy + b1 * b.qy + b2 * c.qy);
+        if (!(iz > invz[idx])) continue;
+        invz[idx] = iz;
+        if (kRgb) {
+          uint8_t* px = rgb + 3 * idx;
+          px[0] = uint8_t(std::min(255.0f, (b0 * a.r + b1 * b.r + b2 * c.r) * lr) + 0.5f);
+          px[1] = uint8_t(std::min(255.0f, (b0 * a.g + b1 * b.g + b2 * c.g) * lg) + 0.5f);
+          px[2] = uint8_t(std::min(255.0f, (b0 * a.b + b1 * b.b + b2 * c.b) * lb) + 0.5f);
+        }
+        if (kXyz) {
+          // x/z and y/z are affine in the image of a distortion-free camera.
+          qx[idx] = b0 * a.qx + b1 * b.qx + b2 * c.qx;
+          qy[idx] = b0 * a.qy + b1 * b.qy + b2 * c.qy;
+        }
       }
     }
   }
