@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "archive/archive.h"
+#include "messaging/side_cam_server_controller.h"  // the exchanges' message ids
 #include "vision/core/tuple.h"
 
 namespace velmora {
@@ -79,8 +80,5 @@ class ObjectModel3D : public std::enable_shared_from_this<ObjectModel3D> {
   std::atomic<bool> abandoned_{false};
 };
 
-// The side-camera exchanges' message ids and the key of a view.
-inline constexpr int32_t MessageIdSide3DCheck = 0x33443032;   // '3D02'
-inline constexpr int32_t MessageIdSide3DImages = 0x33443031;  // '3D01'
 
 }  // namespace velmora
