@@ -2,6 +2,7 @@
 
 #include <pwd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
@@ -100,6 +101,13 @@ void HImageWithData(vision::HObject* out, const uint8_t* data, size_t size, int3
   if (!data) return;
   Layout layout = Layout::Rgb;
   if (samplesPerPixel == 4) layout = alphaFirst ? Layout::Argb : Layout::Rgba;
+  // A caller's block shorter than its stated layout is refused rather than
+  // read past its end (sizes that overflow are a failed allocation below).
+  const uint64_t plane = uint64_t(uint32_t(std::max(width, 0))) * uint32_t(std::max(height, 0));
+  if (plane > 0 && plane * 3 <= std::numeric_limits<uint32_t>::max() &&
+      size < plane * (layout == Layout::Rgb ? 3 : 4))
+    throw vision::HException("HImageWithData", "Image data shorter than width x height x samples per pixel",
+                             vision::kErrWrongParamValue);
   BuildImage(out, data, size, width, height, layout);
 }
 

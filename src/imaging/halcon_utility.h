@@ -31,7 +31,8 @@ void NSImage2HImage(const archive::ObjectPtr& image, vision::HObject* out);
 void RawBitmap2HImage(const archive::RawBitmap& bitmap, vision::HObject* out);
 
 // Three-channel byte image of interleaved 8-bit pixels; `alphaFirst` counts
-// only with 4 samples per pixel.
+// only with 4 samples per pixel. A block shorter than width x height x 4
+// (4 samples) or x 3 bytes raises vision::HException.
 void HImageWithData(vision::HObject* out, const uint8_t* data, size_t size, int32_t width,
                     int32_t height, int32_t samplesPerPixel, uint8_t alphaFirst);
 

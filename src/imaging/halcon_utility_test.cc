@@ -96,6 +96,11 @@ TEST(Conversion, RawBuffersHonourTheAlphaFlagOnlyWithFourSamples) {
   HImageWithData(&untouched, data.data(), data.size(), 0, 3, 3, 0);
   HImageWithData(&untouched, data.data(), data.size(), 1 << 20, 1 << 20, 3, 0);
   EXPECT_TRUE(untouched.Empty());
+  // A block one byte short of its layout is refused, never over-read.
+  for (int spp : {4, 3}) {
+    std::vector<uint8_t> shortBlock(size_t(2 * 3 * (spp == 4 ? 4 : 3) - 1));
+    EXPECT_THROW(HImageWithData(&untouched, shortBlock.data(), shortBlock.size(), 2, 3, spp, 1), vision::HException);
+  }
 }
 
 TEST(Conversion, ImagesBecomeOpaqueArgbWithPaddedRows) {

@@ -36,6 +36,16 @@ cv::Mat Gray(const Image& img) {
   return g;
 }
 
+std::vector<cv::Mat> Channels(const Image& img) {
+  std::vector<cv::Mat> out;
+  for (const cv::Mat& p : img.planes) {
+    cv::Mat f;
+    p.convertTo(f, CV_32F);
+    out.push_back(f);
+  }
+  return out;
+}
+
 cv::Mat DomainMask(const Image& img) {
   if (img.FullDomain()) return cv::Mat(img.height, img.width, CV_8U, cv::Scalar(255));
   return img.domain.ToMask(img.height, img.width);
@@ -209,7 +219,12 @@ void Winner(const Search& s, cv::Mat* disp, cv::Mat* best) {
   }
 }
 
-constexpr double kPreSmooth = 1.0;
+// Score 1000 / (1 + (sigma / kScoreSigma)^2) of the expected standard
+// deviation sigma: 500 at 0.1 pixel, 200 at 0.2 pixel.
+constexpr float kScoreSigma = 0.1f;
+// Grey-value noise assumed at least (variance): quantisation and more, so
+// that a window without texture never looks precise.
+constexpr float kMinNoise = 0.5f;
 float Sq(float v) { return v * v; }
 cv::Mat Blur(const cv::Mat& m, double sigma) {
   if (sigma <= 0) return m;
@@ -221,38 +236,45 @@ cv::Mat Blur(const cv::Mat& m, double sigma) {
 // Refines the disparity field to sub-pixel precision: image 2 is resampled
 // under the current field and each pixel's disparity moves by the shift that
 // best aligns the two windows after removing their local means. Also returns
-// the correlation of the aligned windows and the texture under them.
-void RefineSubPixel(const cv::Mat& g1raw, const cv::Mat& g2raw, cv::Mat* disp, cv::Mat* ncc,
-                    cv::Mat* texture) {
+// the correlation of the aligned grey windows and the disparity's expected
+// standard deviation (`sigma_d`).
+void RefineSubPixel(const std::vector<cv::Mat>& c1, const std::vector<cv::Mat>& c2, const cv::Mat& g1,
+                    const cv::Mat& g2, cv::Mat* disp, cv::Mat* ncc, cv::Mat* sigma_d) {
   const double sigma = 2.0;  // window: Gaussian, about 9 x 9 pixels
-  // Slightly smoothed images interpolate with less bias between pixels.
-  const cv::Mat g1 = Blur(g1raw, kPreSmooth), g2 = Blur(g2raw, kPreSmooth);
-  cv::Mat gx2;
-  cv::Sobel(g2, gx2, CV_32F, 1, 0, 3, 1.0 / 8.0, 0, cv::BORDER_REPLICATE);
   cv::Mat mapx(disp->size(), CV_32F), mapy(disp->size(), CV_32F);
   for (int y = 0; y < disp->rows; ++y)
     for (int x = 0; x < disp->cols; ++x) mapy.at<float>(y, x) = float(y);
-  const cv::Mat m1 = Blur(g1, sigma);
-  cv::Mat w2, gw;
-  auto warp = [&]() {
+  auto set_map = [&]() {
     for (int y = 0; y < disp->rows; ++y) {
       const float* d = disp->ptr<float>(y);
       float* mx = mapx.ptr<float>(y);
       for (int x = 0; x < disp->cols; ++x) mx[x] = float(x) + d[x];
     }
-    cv::remap(g2, w2, mapx, mapy, cv::INTER_CUBIC, cv::BORDER_REPLICATE);
   };
+  // Every colour channel adds its own evidence to the same shift.
+  std::vector<cv::Mat> gx2(c2.size()), m1(c1.size());
+  for (size_t k = 0; k < c2.size(); ++k) {
+    cv::Sobel(c2[k], gx2[k], CV_32F, 1, 0, 3, 1.0 / 8.0, 0, cv::BORDER_REPLICATE);
+    m1[k] = Blur(c1[k], sigma);
+  }
   for (int it = 0; it < 4; ++it) {
-    warp();
-    cv::remap(gx2, gw, mapx, mapy, cv::INTER_CUBIC, cv::BORDER_REPLICATE);
-    const cv::Mat mw = Blur(w2, sigma), mg = Blur(gw, sigma);
-    const cv::Mat e = (g1 - m1) - (w2 - mw);
-    const cv::Mat g = gw - mg;
-    // Each window holds one disparity estimate: the mean of the field under
-    // it, weighted by the gradients, plus the shift that aligns it; a noisy
-    // field would otherwise keep its pixel-to-pixel noise.
-    const cv::Mat g2w = g.mul(g);
-    const cv::Mat num = Blur(g.mul(e) + g2w.mul(*disp), sigma), den = Blur(g2w, sigma);
+    set_map();
+    cv::Mat num(disp->size(), CV_32F, cv::Scalar(0)), den(disp->size(), CV_32F, cv::Scalar(0));
+    for (size_t k = 0; k < c1.size(); ++k) {
+      cv::Mat w2, gw;
+      cv::remap(c2[k], w2, mapx, mapy, cv::INTER_CUBIC, cv::BORDER_REPLICATE);
+      cv::remap(gx2[k], gw, mapx, mapy, cv::INTER_CUBIC, cv::BORDER_REPLICATE);
+      const cv::Mat e = (c1[k] - m1[k]) - (w2 - Blur(w2, sigma));
+      const cv::Mat g = gw - Blur(gw, sigma);
+      // Each window holds one disparity estimate: the mean of the field
+      // under it, weighted by the gradients, plus the shift that aligns it;
+      // a noisy field would otherwise keep its pixel-to-pixel noise.
+      const cv::Mat gg = g.mul(g);
+      num += g.mul(e) + gg.mul(*disp);
+      den += gg;
+    }
+    num = Blur(num, sigma);
+    den = Blur(den, sigma);
     const cv::Mat mean_d = Blur(*disp, sigma);
     for (int y = 0; y < disp->rows; ++y) {
       float* d = disp->ptr<float>(y);
@@ -265,11 +287,15 @@ void RefineSubPixel(const cv::Mat& g1raw, const cv::Mat& g2raw, cv::Mat* disp, c
       }
     }
   }
-  warp();
+  set_map();
+  cv::Mat w2;
+  cv::remap(g2, w2, mapx, mapy, cv::INTER_CUBIC, cv::BORDER_REPLICATE);
+  const cv::Mat mg1 = Blur(g1, sigma);
   const cv::Mat mw = Blur(w2, sigma);
-  const cv::Mat v1 = Blur(g1.mul(g1), sigma) - m1.mul(m1);
+  const cv::Mat& m1g = mg1;
+  const cv::Mat v1 = Blur(g1.mul(g1), sigma) - m1g.mul(m1g);
   const cv::Mat v2 = Blur(w2.mul(w2), sigma) - mw.mul(mw);
-  const cv::Mat cv12 = Blur(g1.mul(w2), sigma) - m1.mul(mw);
+  const cv::Mat cv12 = Blur(g1.mul(w2), sigma) - m1g.mul(mw);
   *ncc = cv::Mat(disp->size(), CV_32F);
   for (int y = 0; y < disp->rows; ++y)
     for (int x = 0; x < disp->cols; ++x) {
@@ -280,7 +306,16 @@ void RefineSubPixel(const cv::Mat& g1raw, const cv::Mat& g2raw, cv::Mat* disp, c
   cv::Sobel(g1, gx1, CV_32F, 1, 0, 3, 1.0 / 8.0, 0, cv::BORDER_REPLICATE);
   // Summed squared gradient over the window's equivalent area.
   const double area = 2 * M_PI * sigma * sigma;
-  *texture = Blur(gx1.mul(gx1), sigma) * area;
+  const cv::Mat info = Blur(gx1.mul(gx1), sigma) * area;
+  // Expected standard deviation of the disparity: the image noise, as the
+  // part of the window's variance the correlation does not explain, in both
+  // images, over the window's gradient energy.
+  *sigma_d = cv::Mat(disp->size(), CV_32F);
+  for (int y = 0; y < disp->rows; ++y)
+    for (int x = 0; x < disp->cols; ++x) {
+      const float noise = std::max(0.f, 1.f - std::max(0.f, ncc->at<float>(y, x))) * std::max(0.f, v1.at<float>(y, x));
+      sigma_d->at<float>(y, x) = std::sqrt(2.f * std::max(noise, kMinNoise) / std::max(info.at<float>(y, x), 1e-6f));
+    }
 }
 
 bool Flag(const HTuple& names, const HTuple& values, const char* name, bool dflt) {
@@ -382,15 +417,15 @@ void binocular_disparity_ms(const HObject& image_rect1, const HObject& image_rec
 
   const Level& l0 = levels[0];
   const int w = l0.g1.cols, h = l0.g1.rows;
-  cv::Mat ncc, texture;
+  cv::Mat ncc, sigma_d;
   cv::Mat coarse = disp.clone();
   if (sub) {
-    RefineSubPixel(l0.g1, l0.g2, &disp, &ncc, &texture);
+    RefineSubPixel(Channels(i1), Channels(i2), l0.g1, l0.g2, &disp, &ncc, &sigma_d);
   } else {
     for (int y = 0; y < h; ++y)
       for (int x = 0; x < w; ++x) disp.at<float>(y, x) = std::round(disp.at<float>(y, x));
     cv::Mat keep = disp.clone();
-    RefineSubPixel(l0.g1, l0.g2, &keep, &ncc, &texture);
+    RefineSubPixel(Channels(i1), Channels(i2), l0.g1, l0.g2, &keep, &ncc, &sigma_d);
   }
 
   // Consistency: among the pixels of a row that land on the same pixel of
@@ -426,7 +461,7 @@ void binocular_disparity_ms(const HObject& image_rect1, const HObject& image_rec
   cv::Mat sc(h, w, CV_32F);
   for (int y = 0; y < h; ++y)
     for (int x = 0; x < w; ++x)
-      sc.at<float>(y, x) = Sq(std::max(0.f, ncc.at<float>(y, x))) * texture.at<float>(y, x);
+      sc.at<float>(y, x) = 1000.f / (1.f + Sq(sigma_d.at<float>(y, x) / kScoreSigma));
 
   Region dom = Region::FromMask(valid);
   Image di = Image::FromPlanes(PixelType::Real, {disp});

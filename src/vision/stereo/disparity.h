@@ -13,13 +13,13 @@ namespace vision {
 // EdgeSmoothing for jumps; with "sub_disparity" "true" (the default) each
 // disparity is then refined to a fraction of a pixel by matching the grey
 // values of a small window under the disparity field itself.
-// Score (real) says how far a disparity can be trusted: the squared
-// correlation of the two aligned windows (0..1) times the window's summed
-// squared column gradient (grey values per pixel, squared), which is the
-// inverse variance of the disparity per unit of image noise. Well-textured,
-// consistent matches score several hundred and more (200 means about 0.1
-// pixel at one grey value of noise); weak texture and doubtful matches score
-// low. Pixels without a disparity
+// Score (real) says how far a disparity can be trusted, from 0 to 1000:
+// 1000 / (1 + (sigma / 0.1)^2) with sigma the disparity's expected standard
+// deviation in pixels, estimated from the image noise (the part of the
+// windows' variance their correlation leaves unexplained) over the window's
+// gradient energy. 500 means 0.1 pixel, 200 means 0.2 pixel; weak texture
+// and doubtful matches score low.
+// Pixels without a disparity
 // (outside the domains, outside the disparity range, or failing the
 // consistency check) are left out of both domains.
 // GenParamName/GenParamValue: "sub_disparity" "true"/"false",

@@ -207,7 +207,7 @@ TEST(BinocularDisparityMs, RecoversAKnownShiftFieldAndScoresItsReliability) {
   for (const vision::Run& r : d.domain.Runs())
     for (int x = r.cb; x <= r.ce; ++x) {
       const float err = d.planes[0].at<float>(r.row, x) - s.truth.at<float>(r.row, x);
-      const bool flat = r.row >= 206 && r.row < 254 && x >= 46 && x < 114;
+      const bool flat = r.row >= 210 && r.row < 250 && x >= 50 && x < 110;
       const bool edge = std::abs(x - 200) < 8 || std::abs(x - 300) < 8 || std::abs(r.row - 80) < 8 ||
                         std::abs(r.row - 180) < 8;
       if (sc.planes[0].at<float>(r.row, x) < 200) continue;

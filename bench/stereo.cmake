@@ -1,0 +1,6 @@
+# Stereo reconstruction on the synthetic rigs against OpenCV's StereoSGBM.
+add_executable(bench_stereo ${CMAKE_CURRENT_LIST_DIR}/stereo/stereo_bench.cc
+               ${CMAKE_CURRENT_LIST_DIR}/stereo/surface_metrics.cc)
+target_include_directories(bench_stereo PRIVATE "${CMAKE_SOURCE_DIR}")
+target_link_libraries(bench_stereo PRIVATE reconstruction synthetic_rig vision_stereo vision_region vision_filter vision_calib
+                      opencv_calib3d opencv_flann)

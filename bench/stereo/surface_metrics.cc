@@ -1,0 +1,95 @@
+#include "surface_metrics.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <unordered_map>
+
+namespace velmora::bench {
+
+double DistanceToSurface(const synth::Surface& s, const Eigen::Vector3d& p) {
+  const double h = s.step;
+  const double z0 = s.ZAt(p.x(), p.y());
+  const double gx = (s.ZAt(p.x() + h, p.y()) - s.ZAt(p.x() - h, p.y())) / (2 * h);
+  const double gy = (s.ZAt(p.x(), p.y() + h) - s.ZAt(p.x(), p.y() - h)) / (2 * h);
+  double best = std::abs(p.z() - z0) / std::sqrt(1 + gx * gx + gy * gy);
+  if (std::hypot(gx, gy) < 0.5 && best < 2 * h) return best;
+  // Near walls: nearest point of the surface resampled at a quarter step.
+  const double q = h / 4;
+  const int n = int(std::ceil(std::min(best, 0.3e-3) / q)) + 1;
+  for (int i = -n; i <= n; ++i)
+    for (int j = -n; j <= n; ++j) {
+      const double x = p.x() + i * q, y = p.y() + j * q;
+      const double d = (Eigen::Vector3d(x, y, s.ZAt(x, y)) - p).norm();
+      best = std::min(best, d);
+    }
+  return best;
+}
+
+SurfaceFigures Evaluate(const synth::Surface& s, const std::vector<Eigen::Vector3d>& pts) {
+  SurfaceFigures f;
+  f.points = pts.size();
+  if (pts.empty()) return f;
+  std::vector<double> d(pts.size());
+  for (size_t i = 0; i < pts.size(); ++i) d[i] = DistanceToSurface(s, pts[i]);
+  double sum2 = 0;
+  size_t far = 0;
+  for (double v : d) {
+    sum2 += v * v;
+    far += v > 100e-6;
+  }
+  f.rms_um = std::sqrt(sum2 / d.size()) * 1e6;
+  std::vector<double> sorted = d;
+  std::nth_element(sorted.begin(), sorted.begin() + sorted.size() * 95 / 100, sorted.end());
+  f.p95_um = sorted[sorted.size() * 95 / 100] * 1e6;
+  f.far_pct = 100.0 * far / d.size();
+
+  // Coverage of the top surfaces: samples at least 0.4 mm above the board
+  // with a slope under 45 degrees, each looked up in a 60 um voxel hash.
+  const double cell = 60e-6;
+  auto key = [&](double x, double y, double z) {
+    const int64_t a = int64_t(std::floor(x / cell)), b = int64_t(std::floor(y / cell)),
+                  c = int64_t(std::floor(z / cell));
+    return (a * 73856093) ^ (b * 19349663) ^ (c * 83492791);
+  };
+  std::unordered_multimap<int64_t, size_t> grid;
+  grid.reserve(pts.size());
+  for (size_t i = 0; i < pts.size(); ++i) grid.emplace(key(pts[i].x(), pts[i].y(), pts[i].z()), i);
+  size_t tops = 0, covered = 0;
+  for (int r = 1; r + 1 < s.rows; ++r)
+    for (int c = 1; c + 1 < s.cols; ++c) {
+      const double z = s.At(r, c);
+      if (z > -0.4e-3) continue;
+      const double gx = (s.At(r, c + 1) - s.At(r, c - 1)) / (2 * s.step);
+      const double gy = (s.At(r + 1, c) - s.At(r - 1, c)) / (2 * s.step);
+      if (std::hypot(gx, gy) >= 1.0) continue;
+      // Samples whose neighbourhood reaches a wall are not top surface.
+      bool wall = false;
+      for (int i = -1; i <= 1 && !wall; ++i)
+        for (int j = -1; j <= 1; ++j)
+          if (std::abs(s.At(r + i, c + j) - z) > 1.5 * s.step) { wall = true; break; }
+      if (wall) continue;
+      ++tops;
+      const Eigen::Vector3d t(s.x0 + c * s.step, s.y0 + r * s.step, z);
+      bool hit = false;
+      for (int a = -1; a <= 1 && !hit; ++a)
+        for (int b = -1; b <= 1 && !hit; ++b)
+          for (int e = -1; e <= 1 && !hit; ++e) {
+            auto range = grid.equal_range(key(t.x() + a * cell, t.y() + b * cell, t.z() + e * cell));
+            for (auto it = range.first; it != range.second; ++it)
+              if ((pts[it->second] - t).norm() <= 60e-6) { hit = true; break; }
+          }
+      covered += hit;
+    }
+  f.top_coverage_pct = tops ? 100.0 * covered / tops : 0;
+  return f;
+}
+
+std::string Format(const SurfaceFigures& f) {
+  char buf[256];
+  std::snprintf(buf, sizeof buf, "points %8zu  rms %6.1f um  p95 %6.1f um  >100um %6.3f %%  top coverage %6.2f %%",
+                f.points, f.rms_um, f.p95_um, f.far_pct, f.top_coverage_pct);
+  return buf;
+}
+
+}  // namespace velmora::bench

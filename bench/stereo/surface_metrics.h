@@ -1,0 +1,27 @@
+#pragma once
+// Compares reconstructed points with a synthetic rig's true height field.
+#include <string>
+#include <vector>
+
+#include <Eigen/Core>
+
+#include "stereo/synthetic_rig.h"
+
+namespace velmora::bench {
+
+struct SurfaceFigures {
+  size_t points = 0;
+  double rms_um = 0, p95_um = 0, far_pct = 0;  // distances to the true surface
+  double top_coverage_pct = 0;  // top-surface samples with a point within 60 um
+};
+
+// Distance of a point to the height field: the vertical offset taken along
+// the local normal, or the distance to the nearest sample of a finely
+// resampled surface near steep walls, whichever is smaller.
+double DistanceToSurface(const synth::Surface& s, const Eigen::Vector3d& p);
+
+SurfaceFigures Evaluate(const synth::Surface& s, const std::vector<Eigen::Vector3d>& pts);
+
+std::string Format(const SurfaceFigures& f);
+
+}  // namespace velmora::bench
