@@ -66,6 +66,7 @@ class ChildProcess {
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
 
+  pid_t pid() const { return pid_; }
   std::string Stdout() const { return Read(stdout_path_); }
   std::string Stderr() const { return Read(stderr_path_); }
 

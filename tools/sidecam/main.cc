@@ -195,9 +195,10 @@ class Server {
       Log("3D02: the synthetic views are still being rendered");
       return kViewsNotReady;
     }
-    const SideViews views = LoadFolderViews(options_.images);
-    if (views.error != kViewsReady) Log("3D02: %s", views.message.c_str());
-    return views.error;
+    std::string why;
+    const int32_t error = CheckFolderViews(options_.images, &why);
+    if (error != kViewsReady) Log("3D02: %s", why.c_str());
+    return error;
   }
 
   std::vector<uint8_t> Images() {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
+#include <cstring>
 #include <thread>
 
 #include <opencv2/imgcodecs.hpp>
@@ -71,6 +72,49 @@ SideViews LoadFolderViews(const std::string& folder) {
     }
   }
   return views;
+}
+
+namespace {
+
+// Width and height from a PNG's IHDR chunk; false when the bytes are not a PNG.
+bool PngSize(const std::string& path, int* width, int* height) {
+  uint8_t head[24];
+  FILE* f = std::fopen(path.c_str(), "rb");
+  if (!f) return false;
+  const size_t got = std::fread(head, 1, sizeof head, f);
+  std::fclose(f);
+  static const uint8_t kSignature[8] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1a, '\n'};
+  if (got != sizeof head || std::memcmp(head, kSignature, 8) != 0 || std::memcmp(head + 12, "IHDR", 4) != 0)
+    return false;
+  auto be32 = [](const uint8_t* p) {
+    return static_cast<int>((uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | p[3]);
+  };
+  *width = be32(head + 16);
+  *height = be32(head + 20);
+  return true;
+}
+
+}  // namespace
+
+int32_t CheckFolderViews(const std::string& folder, std::string* message) {
+  for (int i = 0; i < kViewCount; ++i) {
+    const std::string path = folder + "/" + ViewFileName(i);
+    int width = 0, height = 0;
+    if (!PngSize(path, &width, &height)) {
+      const cv::Mat image = cv::imread(path, cv::IMREAD_COLOR);
+      if (image.empty()) {
+        *message = path + " is missing or not an image";
+        return kViewMissing;
+      }
+      width = image.cols;
+      height = image.rows;
+    }
+    if (width != kViewWidth || height != kViewHeight) {
+      *message = path + " is " + std::to_string(width) + " x " + std::to_string(height) + ", not 640 x 480";
+      return kViewWrongSize;
+    }
+  }
+  return kViewsReady;
 }
 
 archive::ObjectPtr CheckReply(int32_t error) {

@@ -39,6 +39,11 @@ std::vector<uint8_t> ToArgb(const cv::Mat& image);
 // Reads and converts the eight files of `folder`, decoding them in parallel.
 SideViews LoadFolderViews(const std::string& folder);
 
+// Whether the eight files are there and 640 x 480, without decoding them
+// where the file's header tells (PNG); other formats are decoded. Sets
+// `message` when not.
+int32_t CheckFolderViews(const std::string& folder, std::string* message);
+
 // The '3D01' reply: {"3d_errorResult": code} and, when the views are ready,
 // "sideImage_00" ... "sideImage_07".
 archive::ObjectPtr ImagesReply(SideViews views);
