@@ -132,13 +132,16 @@ class Server {
  public:
   explicit Server(Options options) : options_(std::move(options)) {}
 
-  // Rendering runs beside the port, so '3D02' can say "not yet" meanwhile.
+  // The calibration is written before anything is served, so a client that
+  // sees the port also finds the rig's calibration; rendering then runs
+  // beside the port, and '3D02' says "not yet" meanwhile.
   void StartSynthetic() {
-    renderer_ = std::thread([this] {
-      const auto rig = synth::MakeRig(static_cast<int>(options_.variant), static_cast<uint32_t>(options_.seed));
-      WriteDemoCalibration(rig, options_.force);
+    auto rig = std::make_shared<synth::Rig>(
+        synth::MakeRig(static_cast<int>(options_.variant), static_cast<uint32_t>(options_.seed)));
+    WriteDemoCalibration(*rig, options_.force);
+    renderer_ = std::thread([this, rig] {
       const auto start = std::chrono::steady_clock::now();
-      const std::vector<cv::Mat> rendered = synth::RenderViews(rig);
+      const std::vector<cv::Mat> rendered = synth::RenderViews(*rig);
       SideViews views;
       for (int i = 0; i < kViewCount; ++i) views.argb[i] = ToArgb(rendered[i]);
       std::vector<uint8_t> reply = archive::Archive(ImagesReply(std::move(views)));
@@ -298,8 +301,8 @@ int Run(int argc, char** argv) {
   QObject::connect(&signal_notifier, &QSocketNotifier::activated, &app, [] { QCoreApplication::quit(); });
 
   if (options.synthetic) {
-    Log("serving %s: synthetic rig %lld, seed %lld", kSideCamServerPortName, options.variant, options.seed);
     server.StartSynthetic();
+    Log("serving %s: synthetic rig %lld, seed %lld", kSideCamServerPortName, options.variant, options.seed);
   } else {
     Log("serving %s: views from %s", kSideCamServerPortName, options.images.c_str());
   }

@@ -1,5 +1,6 @@
 // velmora-3d: the 3D rig tool. `velmora-3d <command> ...`; see `velmora-3d help`.
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -46,7 +47,10 @@ bool ParseArgs(const Args& args, const std::set<std::string>& valued, const std:
   *out = ParsedArgs{};
   for (size_t i = 0; i < args.size(); ++i) {
     const std::string& a = args[i];
-    if (a.size() > 2 && a.compare(0, 2, "--") == 0 || (a.size() == 2 && a[0] == '-' && a[1] != '-')) {
+    // "--name" and "-x" are options; "-5" is a (negative) number.
+    const bool is_long = a.size() > 2 && a.compare(0, 2, "--") == 0;
+    const bool is_short = a.size() == 2 && a[0] == '-' && !std::isdigit(static_cast<unsigned char>(a[1]));
+    if (is_long || is_short) {
       if (valued.count(a)) {
         if (i + 1 >= args.size()) {
           *error = a + " needs a value";
