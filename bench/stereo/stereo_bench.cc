@@ -17,6 +17,7 @@
 #include <opencv2/calib3d.hpp>
 #include <opencv2/flann.hpp>
 #include <opencv2/imgproc.hpp>
+#include <cstdlib>
 #include <sys/resource.h>
 
 #include "bench/stereo/surface_metrics.h"
@@ -203,6 +204,17 @@ std::vector<Eigen::Vector3d> SgbmPair(const synth::Rig& rig, const std::vector<c
   return out;
 }
 
+double CpuSeconds() {
+  rusage u{};
+  getrusage(RUSAGE_SELF, &u);
+  return u.ru_utime.tv_sec + u.ru_stime.tv_sec + 1e-6 * (u.ru_utime.tv_usec + u.ru_stime.tv_usec);
+}
+
+double LoadAverage() {
+  double l[1] = {0};
+  return getloadavg(l, 1) == 1 ? l[0] : -1;
+}
+
 long PeakRssMb() {
   rusage u{};
   getrusage(RUSAGE_SELF, &u);
@@ -261,21 +273,25 @@ int main(int argc, char** argv) {
           }
       }
       auto t0 = Clock::now();
+      const double cpu0 = CpuSeconds();
       vision::HTuple window;
       vision::open_window(0, 0, 640, 480, 0, "invisible", "", &window);
       vision::HTuple model = ReconstructSurface(window, item, argb, "Default", &rt);
       vision::close_window(window);
       const double total = Since(t0);
+      const double cpu = CpuSeconds() - cpu0;
       auto* m = vision::ObjectModel3DCast(model, "bench");
       std::vector<Eigen::Vector3d> pts;
       for (const auto& p : m->points) pts.push_back(p.cast<double>());
       std::printf("add-in action, \"Default\": %s, %zu triangles\n", bench::Format(bench::Evaluate(rig.surface, pts)).c_str(),
                   m->triangles.size());
-      std::printf("  %s; whole call %.3f s\n", FormatTimes(rt).c_str(), total);
+      std::printf("  %s; whole call %.3f s wall, %.3f s CPU (load average %.1f)\n", FormatTimes(rt).c_str(), total, cpu,
+                  LoadAverage());
       vision::clear_object_model_3d(model);
       vision::clear_camera_setup_model(setup);
     }
 
+    const double scpu0 = CpuSeconds();
     double srect = 0, smatch = 0;
     std::vector<Eigen::Vector3d> sg;
     for (int k = 0; k < 4; ++k) {
@@ -286,7 +302,8 @@ int main(int argc, char** argv) {
     sg = StatisticalOutlierFilter(sg);
     const double tfilter = Since(t0);
     std::printf("OpenCV StereoSGBM (height crop, statistical outlier filter): %s\n", bench::Format(bench::Evaluate(rig.surface, sg)).c_str());
-    std::printf("  times for 4 pairs: rectification %.3f s, matching %.3f s, outlier filter %.3f s\n", srect, smatch, tfilter);
+    std::printf("  times for 4 pairs: rectification %.3f s, matching %.3f s, outlier filter %.3f s; %.3f s CPU in all\n",
+                srect, smatch, tfilter, CpuSeconds() - scpu0);
   }
   std::printf("\npeak memory (max RSS) %ld MB\n", PeakRssMb());
   return 0;

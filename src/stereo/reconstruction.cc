@@ -1,7 +1,11 @@
 #include "stereo/reconstruction.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <deque>
+#include <exception>
+#include <thread>
 
 #include "imaging/halcon_utility.h"
 #include "messaging/log.h"
@@ -38,6 +42,7 @@ double Now() {
 
 constexpr int kViews = 8;
 constexpr int kViewWidth = 640, kViewHeight = 480;
+constexpr size_t kPairsAtOnce = 2;
 
 }  // namespace
 
@@ -141,87 +146,130 @@ HTuple ReconstructSurface(const HTuple& hv_WindowHandle, const HTuple& hv_Serial
   const auto t_pairwise = Clock::now();
 
   vision::get_stereo_model_image_pairs(hv_StereoModel, &hv_From, &hv_To);
-  HTuple hv_Models;
   const Hlong n = hv_From.Length();
-  for (Hlong hv_Index = 1; hv_Index <= n; ++hv_Index) {
-    const Hlong a = hv_From.L(hv_Index - 1), b = hv_To.L(hv_Index - 1);
-    disp_message(hv_WindowHandle, HTuple("Now Reconstructing Surface ... ") + HTuple(hv_Index) + HTuple("/") + HTuple(n),
-                 "window", 36, 12, "black", "true");
-    if (a < 0 || b < 0 || a >= kViews || b >= kViews)
-      throw vision::HException("get_camera_setup_param", "Wrong camera index", vision::kErrWrongParamValue);
-    const HObject& ho_ImageA = ho_Image[a];
-    const HObject& ho_ImageB = ho_Image[b];
-    const double hv_T1 = Now();
-    t_stage = Clock::now();
+  // Two pairs are reconstructed at a time (one per core); each pair's text
+  // is drawn as it starts and the per-pair models are kept in pair order.
+  struct PairResult {
+    HTuple model;
+    ReconstructionTimes times;
+    std::exception_ptr error;
+  };
+  std::vector<PairResult> results(size_t(std::max<Hlong>(n, 0)));
+  auto run_pair = [&](Hlong hv_Index) {
+    PairResult& res = results[size_t(hv_Index - 1)];
+    ReconstructionTimes& pt = res.times;
+    try {
+      const Hlong a = hv_From.L(hv_Index - 1), b = hv_To.L(hv_Index - 1);
+      if (a < 0 || b < 0 || a >= kViews || b >= kViews)
+        throw vision::HException("get_camera_setup_param", "Wrong camera index", vision::kErrWrongParamValue);
+      const HObject& ho_ImageA = ho_Image[a];
+      const HObject& ho_ImageB = ho_Image[b];
+      const double hv_T1 = Now();
+      auto t_stage = Clock::now();
 
-    HTuple hv_PoseA, hv_PoseB, hv_RelPose, hv_CamParamA, hv_CamParamB;
-    vision::get_camera_setup_param(hv_CameraSetupModel, a, "pose", &hv_PoseA);
-    vision::get_camera_setup_param(hv_CameraSetupModel, b, "pose", &hv_PoseB);
-    calc_rel_pose(hv_PoseA, hv_PoseB, &hv_RelPose);
-    vision::get_camera_setup_param(hv_CameraSetupModel, a, "params", &hv_CamParamA);
-    vision::get_camera_setup_param(hv_CameraSetupModel, b, "params", &hv_CamParamB);
+      HTuple hv_PoseA, hv_PoseB, hv_RelPose, hv_CamParamA, hv_CamParamB;
+      vision::get_camera_setup_param(hv_CameraSetupModel, a, "pose", &hv_PoseA);
+      vision::get_camera_setup_param(hv_CameraSetupModel, b, "pose", &hv_PoseB);
+      calc_rel_pose(hv_PoseA, hv_PoseB, &hv_RelPose);
+      vision::get_camera_setup_param(hv_CameraSetupModel, a, "params", &hv_CamParamA);
+      vision::get_camera_setup_param(hv_CameraSetupModel, b, "params", &hv_CamParamB);
 
-    HObject ho_Map1, ho_Map2;
-    HTuple hv_CamParamRect1, hv_CamParamRect2, hv_CamPoseRect1, hv_CamPoseRect2, hv_RelPoseRect;
-    vision::gen_binocular_rectification_map(&ho_Map1, &ho_Map2, hv_CamParamA, hv_CamParamB, hv_RelPose, 1,
-                                            "geometric", "bilinear", &hv_CamParamRect1, &hv_CamParamRect2,
-                                            &hv_CamPoseRect1, &hv_CamPoseRect2, &hv_RelPoseRect);
-    Log("%f", Now() - hv_T1);
-    tm.rectification += Since(t_stage);
+      HObject ho_Map1, ho_Map2;
+      HTuple hv_CamParamRect1, hv_CamParamRect2, hv_CamPoseRect1, hv_CamPoseRect2, hv_RelPoseRect;
+      vision::gen_binocular_rectification_map(&ho_Map1, &ho_Map2, hv_CamParamA, hv_CamParamB, hv_RelPose, 1,
+                                              "geometric", "bilinear", &hv_CamParamRect1, &hv_CamParamRect2,
+                                              &hv_CamPoseRect1, &hv_CamPoseRect2, &hv_RelPoseRect);
+      Log("%f", Now() - hv_T1);
+      pt.rectification += Since(t_stage);
 
-    t_stage = Clock::now();
-    HObject ho_ImageRect1, ho_ImageRect2;
-    vision::map_image(ho_ImageA, ho_Map1, &ho_ImageRect1);
-    vision::map_image(ho_ImageB, ho_Map2, &ho_ImageRect2);
-    tm.mapping += Since(t_stage);
+      t_stage = Clock::now();
+      HObject ho_ImageRect1, ho_ImageRect2;
+      vision::map_image(ho_ImageA, ho_Map1, &ho_ImageRect1);
+      vision::map_image(ho_ImageB, ho_Map2, &ho_ImageRect2);
+      pt.mapping += Since(t_stage);
 
-    t_stage = Clock::now();
-    HObject ho_Disparity, ho_Score;
-    vision::binocular_disparity_ms(ho_ImageRect1, ho_ImageRect2, &ho_Disparity, &ho_Score, -120, 120, 100, 100,
-                                   "sub_disparity", "true");
-    tm.disparity += Since(t_stage);
+      t_stage = Clock::now();
+      HObject ho_Disparity, ho_Score;
+      vision::binocular_disparity_ms(ho_ImageRect1, ho_ImageRect2, &ho_Disparity, &ho_Score, -120, 120, 100, 100,
+                                     "sub_disparity", "true");
+      pt.disparity += Since(t_stage);
 
-    t_stage = Clock::now();
-    HObject ho_X, ho_Y, ho_Z;
-    vision::disparity_image_to_xyz(ho_Disparity, &ho_X, &ho_Y, &ho_Z, hv_CamParamRect1, hv_CamParamRect2,
-                                   hv_RelPoseRect);
-    HObject ho_ScoreRegion, ho_Both, ho_Valid;
-    vision::threshold(ho_Score, &ho_ScoreRegion, 200, 10000);
-    vision::intersection(ho_ImageRect1, ho_ImageRect2, &ho_Both);
-    vision::intersection(ho_Both, ho_ScoreRegion, &ho_Valid);
-    vision::reduce_domain(ho_X, ho_Valid, &ho_X);
-    vision::reduce_domain(ho_Y, ho_Valid, &ho_Y);
-    vision::reduce_domain(ho_Z, ho_Valid, &ho_Z);
+      t_stage = Clock::now();
+      HObject ho_X, ho_Y, ho_Z;
+      vision::disparity_image_to_xyz(ho_Disparity, &ho_X, &ho_Y, &ho_Z, hv_CamParamRect1, hv_CamParamRect2,
+                                     hv_RelPoseRect);
+      HObject ho_ScoreRegion, ho_Both, ho_Valid;
+      vision::threshold(ho_Score, &ho_ScoreRegion, 200, 10000);
+      vision::intersection(ho_ImageRect1, ho_ImageRect2, &ho_Both);
+      vision::intersection(ho_Both, ho_ScoreRegion, &ho_Valid);
+      vision::reduce_domain(ho_X, ho_Valid, &ho_X);
+      vision::reduce_domain(ho_Y, ho_Valid, &ho_Y);
+      vision::reduce_domain(ho_Z, ho_Valid, &ho_Z);
 
-    HObject ho_R, ho_G, ho_B;
-    vision::decompose3(ho_ImageRect1, &ho_R, &ho_G, &ho_B);
-    HTuple hv_Rows, hv_Columns, hv_Rvals, hv_Gvals, hv_Bvals;
-    vision::get_region_points(ho_Valid, &hv_Rows, &hv_Columns);
-    vision::get_grayval(ho_R, hv_Rows, hv_Columns, &hv_Rvals);
-    vision::get_grayval(ho_G, hv_Rows, hv_Columns, &hv_Gvals);
-    vision::get_grayval(ho_B, hv_Rows, hv_Columns, &hv_Bvals);
+      HObject ho_R, ho_G, ho_B;
+      vision::decompose3(ho_ImageRect1, &ho_R, &ho_G, &ho_B);
+      HTuple hv_Rows, hv_Columns, hv_Rvals, hv_Gvals, hv_Bvals;
+      vision::get_region_points(ho_Valid, &hv_Rows, &hv_Columns);
+      vision::get_grayval(ho_R, hv_Rows, hv_Columns, &hv_Rvals);
+      vision::get_grayval(ho_G, hv_Rows, hv_Columns, &hv_Gvals);
+      vision::get_grayval(ho_B, hv_Rows, hv_Columns, &hv_Bvals);
 
-    HTuple hv_OM;
-    vision::xyz_to_object_model_3d(ho_X, ho_Y, ho_Z, &hv_OM);
-    vision::set_object_model_3d_attrib_mod(hv_OM, "&coord_r", "points", hv_Rvals);
-    vision::set_object_model_3d_attrib_mod(hv_OM, "&coord_g", "points", hv_Gvals);
-    vision::set_object_model_3d_attrib_mod(hv_OM, "&coord_b", "points", hv_Bvals);
+      HTuple hv_OM;
+      vision::xyz_to_object_model_3d(ho_X, ho_Y, ho_Z, &hv_OM);
+      vision::set_object_model_3d_attrib_mod(hv_OM, "&coord_r", "points", hv_Rvals);
+      vision::set_object_model_3d_attrib_mod(hv_OM, "&coord_g", "points", hv_Gvals);
+      vision::set_object_model_3d_attrib_mod(hv_OM, "&coord_b", "points", hv_Bvals);
 
-    HTuple hv_Parts, hv_Big, hv_U;
-    vision::connection_object_model_3d(hv_OM, "distance_3d", 0.0001, &hv_Parts);
-    vision::select_object_model_3d(hv_Parts, "num_points", "and", 300, 1000000, &hv_Big);
-    vision::union_object_model_3d(hv_Big, "points_surface", &hv_U);
+      HTuple hv_Parts, hv_Big, hv_U;
+      vision::connection_object_model_3d(hv_OM, "distance_3d", 0.0001, &hv_Parts);
+      vision::select_object_model_3d(hv_Parts, "num_points", "and", 300, 1000000, &hv_Big);
+      vision::union_object_model_3d(hv_Big, "points_surface", &hv_U);
 
-    HTuple hv_WorldPose, hv_T;
-    vision::pose_compose(hv_PoseA, hv_CamPoseRect1, &hv_WorldPose);
-    vision::rigid_trans_object_model_3d(hv_U, hv_WorldPose, &hv_T);
-    hv_Models.Append(hv_T);
+      HTuple hv_WorldPose;
+      vision::pose_compose(hv_PoseA, hv_CamPoseRect1, &hv_WorldPose);
+      vision::rigid_trans_object_model_3d(hv_U, hv_WorldPose, &res.model);
 
-    vision::clear_object_model_3d(hv_OM);
-    vision::clear_object_model_3d(hv_Parts);
-    if (!hv_Big.Empty()) vision::clear_object_model_3d(hv_Big);
-    vision::clear_object_model_3d(hv_U);
-    tm.points += Since(t_stage);
+      vision::clear_object_model_3d(hv_OM);
+      if (!hv_Parts.Empty()) vision::clear_object_model_3d(hv_Parts);
+      if (!hv_Big.Empty()) vision::clear_object_model_3d(hv_Big);
+      vision::clear_object_model_3d(hv_U);
+      pt.points += Since(t_stage);
+    } catch (...) {
+      res.error = std::current_exception();
+    }
+  };
+  auto start_pair = [&](Hlong hv_Index) {
+    disp_message(hv_WindowHandle,
+                 HTuple("Now Reconstructing Surface ... ") + HTuple(hv_Index) + HTuple("/") + HTuple(n), "window",
+                 36, 12, "black", "true");
+    return std::thread(run_pair, hv_Index);
+  };
+  {
+    std::deque<std::thread> running;
+    for (Hlong hv_Index = 1; hv_Index <= n; ++hv_Index) {
+      if (running.size() == kPairsAtOnce) {
+        running.front().join();
+        running.pop_front();
+      }
+      running.push_back(start_pair(hv_Index));
+    }
+    for (std::thread& t : running) t.join();
+  }
+  // The first failing pair's error, as a sequential run would raise it; the
+  // models made by the others are released.
+  HTuple hv_Models;
+  std::exception_ptr first_error;
+  for (PairResult& r : results) {
+    if (r.error && !first_error) first_error = r.error;
+    if (!r.model.Empty()) hv_Models.Append(r.model);
+    tm.rectification += r.times.rectification;
+    tm.mapping += r.times.mapping;
+    tm.disparity += r.times.disparity;
+    tm.points += r.times.points;
+  }
+  if (first_error) {
+    if (!hv_Models.Empty()) vision::clear_object_model_3d(hv_Models);
+    std::rethrow_exception(first_error);
   }
   Log("%f", Now() - hv_T0);
   tm.pairwise = Since(t_pairwise);

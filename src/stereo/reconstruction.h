@@ -29,7 +29,8 @@ bool QualityPairs(const std::string& quality, vision::HTuple* from, vision::HTup
 // Seconds spent in each stage of one run.
 struct ReconstructionTimes {
   double views = 0;           // decoding and drawing the eight views
-  double rectification = 0;   // rectification maps, all pairs
+  // Per-pair stages summed over the pairs (two pairs run at a time).
+  double rectification = 0;   // rectification maps
   double mapping = 0;         // map_image
   double disparity = 0;       // binocular_disparity_ms
   double points = 0;          // points, colours, per-pair components, transform

@@ -54,22 +54,24 @@ cv::Mat DomainMask(const Image& img) {
 // Census signature: one bit per neighbour of the 7 x 7 window, set where the
 // neighbour is darker than the centre.
 cv::Mat Census(const cv::Mat& g) {
+  const int h = g.rows, w = g.cols, r = kCensusR;
+  cv::Mat padded;
+  cv::copyMakeBorder(g, padded, r, r, r, r, cv::BORDER_REPLICATE);
   cv::Mat out(g.size(), CV_64F);  // used as raw 64-bit storage
-  const int h = g.rows, w = g.cols;
   cv::parallel_for_(cv::Range(0, h), [&](const cv::Range& rg) {
     for (int y = rg.start; y < rg.end; ++y) {
       uint64_t* o = reinterpret_cast<uint64_t*>(out.ptr(y));
-      for (int x = 0; x < w; ++x) {
-        const float c = g.at<float>(y, x);
-        uint64_t bits = 0;
-        for (int dy = -kCensusR; dy <= kCensusR; ++dy) {
-          const float* row = g.ptr<float>(std::clamp(y + dy, 0, h - 1));
-          for (int dx = -kCensusR; dx <= kCensusR; ++dx) {
-            if (dx == 0 && dy == 0) continue;
-            bits = (bits << 1) | uint64_t(row[std::clamp(x + dx, 0, w - 1)] < c);
-          }
+      const float* c = padded.ptr<float>(y + r) + r;
+      std::fill(o, o + w, uint64_t(0));
+      // One neighbour offset at a time over the whole row, so that the
+      // comparisons run on vectors.
+      for (int dy = -r; dy <= r; ++dy) {
+        const float* row = padded.ptr<float>(y + r + dy) + r;
+        for (int dx = -r; dx <= r; ++dx) {
+          if (dx == 0 && dy == 0) continue;
+          const float* n = row + dx;
+          for (int x = 0; x < w; ++x) o[x] = (o[x] << 1) | uint64_t(n[x] < c[x]);
         }
-        o[x] = bits;
       }
     }
   });
@@ -263,7 +265,7 @@ void RefineSubPixel(const std::vector<cv::Mat>& c1, const std::vector<cv::Mat>& 
     for (size_t k = 0; k < c1.size(); ++k) {
       cv::Mat w2, gw;
       cv::remap(c2[k], w2, mapx, mapy, cv::INTER_CUBIC, cv::BORDER_REPLICATE);
-      cv::remap(gx2[k], gw, mapx, mapy, cv::INTER_CUBIC, cv::BORDER_REPLICATE);
+      cv::remap(gx2[k], gw, mapx, mapy, cv::INTER_LINEAR, cv::BORDER_REPLICATE);
       const cv::Mat e = (c1[k] - m1[k]) - (w2 - Blur(w2, sigma));
       const cv::Mat g = gw - Blur(gw, sigma);
       // Each window holds one disparity estimate: the mean of the field
