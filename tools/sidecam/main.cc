@@ -175,8 +175,14 @@ class Server {
         return std::nullopt;
       case MessageIdSideImagesDone: {
         const auto info = archive::DecodePropertyList(data.data(), data.size());
-        if (info) Log("simg: position info %s", OneLine(info).c_str());
-        else Log("simg: %zu bytes that are not a property list", data.size());
+        if (info) {
+          std::string line = OneLine(info);
+          if (line.size() > 2000) line = line.substr(0, 2000) + " ... (" + std::to_string(data.size()) + " bytes)";
+          Log("simg: position info %s", line.c_str());
+        }
+        else {
+          Log("simg: %zu bytes that are not a property list", data.size());
+        }
         return std::nullopt;
       }
       case MessageIdSideCapture:
