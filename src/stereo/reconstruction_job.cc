@@ -13,6 +13,7 @@
 #include "messaging/log.h"
 #include "messaging/side_cam_server_controller.h"
 #include "stereo/calibration_3d_prefs.h"
+#include "stereo/reconstruction.h"
 #include "viewer/halcon_model_view.h"
 #include "vision/core/serialized_item.h"
 #include "vision/window/window.h"
@@ -184,7 +185,7 @@ int32_t ObjectModel3D::stereoReconstruct(const archive::ObjectPtr&) {
       return controller->sendMessageWithArchivedDictReply(id, dict, reply);
     };
   }
-  if (!reconstruction) return kRefused;
+  if (!reconstruction) reconstruction = action;
 
   archive::ObjectPtr reply;
   if (!exchange(MessageIdSide3DCheck, nullptr, &reply) || archive::ReadInt(reply, "3d_errorResult") != 0)

@@ -40,8 +40,8 @@ class ObjectModel3D : public std::enable_shared_from_this<ObjectModel3D> {
   using SideCamExchange =
       std::function<bool(int32_t msgid, const archive::ObjectPtr& dict, archive::ObjectPtr* reply)>;
 
-  // Wiring, done once at start (and by tests). Without an exchange the shared
-  // side-camera client is used.
+  // Wiring for tests. By default the shared side-camera client and the
+  // reconstruction procedure `action` are used.
   static void setReconstruction(Reconstruction reconstruction);
   static void setSideCamExchange(SideCamExchange exchange);
 
