@@ -376,12 +376,23 @@ struct Scene {
       }
     top -= 1e-6;
     tile_size = kTile * s.step;
+    // A coarser level over the tiles lets rays cross open board in a few steps.
+    coarse_rows = (tile_rows + kCoarse - 1) / kCoarse;
+    coarse_cols = (tile_cols + kCoarse - 1) / kCoarse;
+    coarse_top.assign(static_cast<size_t>(coarse_rows) * coarse_cols, 0.0f);
+    for (int tr = 0; tr < tile_rows; ++tr)
+      for (int tc = 0; tc < tile_cols; ++tc) {
+        float& m = coarse_top[static_cast<size_t>(tr / kCoarse) * coarse_cols + tc / kCoarse];
+        m = std::min(m, tile_top[static_cast<size_t>(tr) * tile_cols + tc]);
+      }
+    coarse_size = kCoarse * tile_size;
   }
   static constexpr int kTile = 4;
+  static constexpr int kCoarse = 8;
   const Rig& rig;
-  double top = 0, tile_size = 0;
-  int tile_rows = 0, tile_cols = 0;
-  std::vector<float> tile_top;
+  double top = 0, tile_size = 0, coarse_size = 0;
+  int tile_rows = 0, tile_cols = 0, coarse_rows = 0, coarse_cols = 0;
+  std::vector<float> tile_top, coarse_top;
 };
 
 // First point where the line of sight from `o` along the unit vector `d`
@@ -422,17 +433,25 @@ bool CastRay(const Scene& scene, const Eigen::Vector3d& o, const Eigen::Vector3d
   // Fine steps: about a sample sideways and 0.05 mm in depth; the surface is
   // smooth at that scale, and bisection finds the crossing.
   const double dt = std::min(horiz > 1e-12 ? 1.2 * s.step / horiz : 1e9, 5e-5 / d.z());
+  auto exit_of = [&](double origin, double dir, double lo, double size) {
+    if (dir > 1e-15) return (lo + size - origin) / dir;
+    if (dir < -1e-15) return (lo - origin) / dir;
+    return 1e30;
+  };
   for (double t = ta; t < tb;) {
     const Eigen::Vector3d p = o + t * d;
+    const int cc = std::clamp(static_cast<int>((p.x() - s.x0) / scene.coarse_size), 0, scene.coarse_cols - 1);
+    const int cr = std::clamp(static_cast<int>((p.y() - s.y0) / scene.coarse_size), 0, scene.coarse_rows - 1);
+    const double tce = std::min({exit_of(o.x(), d.x(), s.x0 + cc * scene.coarse_size, scene.coarse_size),
+                                 exit_of(o.y(), d.y(), s.y0 + cr * scene.coarse_size, scene.coarse_size), tb});
+    if (tce > t && o.z() + tce * d.z() < scene.coarse_top[static_cast<size_t>(cr) * scene.coarse_cols + cc]) {
+      t = tce + 1e-9;  // above everything in this coarse tile
+      continue;
+    }
     const int tc = std::clamp(static_cast<int>((p.x() - s.x0) / scene.tile_size), 0, scene.tile_cols - 1);
     const int tr = std::clamp(static_cast<int>((p.y() - s.y0) / scene.tile_size), 0, scene.tile_rows - 1);
-    auto exit_of = [&](double origin, double dir, double lo) {
-      if (dir > 1e-15) return (lo + scene.tile_size - origin) / dir;
-      if (dir < -1e-15) return (lo - origin) / dir;
-      return 1e30;
-    };
-    double te = std::min({exit_of(o.x(), d.x(), s.x0 + tc * scene.tile_size),
-                          exit_of(o.y(), d.y(), s.y0 + tr * scene.tile_size), tb});
+    double te = std::min({exit_of(o.x(), d.x(), s.x0 + tc * scene.tile_size, scene.tile_size),
+                          exit_of(o.y(), d.y(), s.y0 + tr * scene.tile_size, scene.tile_size), tb});
     if (te < t) te = t;
     if (o.z() + te * d.z() < scene.tile_top[static_cast<size_t>(tr) * scene.tile_cols + tc]) {
       t = te + 1e-9;  // above everything in this tile
