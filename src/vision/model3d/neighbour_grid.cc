@@ -54,9 +54,8 @@ NeighbourGrid::NeighbourGrid(const std::vector<Eigen::Vector3f>& pts, double cel
   double c = cell_for(n / area);
   Build(c);
   // Correct the guess once with the density the cells actually see.
-  const double occupied = double(table_begin_.size() ? std::count_if(table_key_.begin(), table_key_.end(),
-                                                                   [](uint64_t v) { return v != kEmpty; })
-                                                     : 0);
+  const double occupied = double(std::count_if(table_.begin(), table_.end(),
+                                               [](const Slot& v) { return v.key != kEmpty; }));
   if (occupied > 0) {
     const double seen = n / occupied / (c * c);
     const double c2 = cell_for(seen);
@@ -65,7 +64,8 @@ NeighbourGrid::NeighbourGrid(const std::vector<Eigen::Vector3f>& pts, double cel
 }
 
 uint64_t NeighbourGrid::Key(int64_t x, int64_t y, int64_t z) const {
-  return (uint64_t(x) << 42) | (uint64_t(y) << 21) | uint64_t(z);
+  // x varies fastest, so that the cells of a row follow each other.
+  return (uint64_t(z) << 42) | (uint64_t(y) << 21) | uint64_t(x);
 }
 
 Eigen::Vector3i NeighbourGrid::CellOf(const Eigen::Vector3f& p) const {
@@ -89,41 +89,51 @@ void NeighbourGrid::Build(double cell) {
   std::sort(keyed.begin(), keyed.end());
   sorted_.resize(n);
   sorted_ids_.resize(n);
+  sorted_key_.resize(n);
   size_t cells = 0;
   for (size_t k = 0; k < n; ++k) {
     sorted_[k] = pts_[size_t(keyed[k].second)];
     sorted_ids_[k] = keyed[k].second;
+    sorted_key_[k] = keyed[k].first;
     if (k == 0 || keyed[k].first != keyed[k - 1].first) ++cells;
   }
   size_t size = 16;
   while (size < 2 * cells) size *= 2;
   mask_ = size - 1;
-  table_key_.assign(size, kEmpty);
-  table_begin_.assign(size, 0);
-  table_end_.assign(size, 0);
+  table_.assign(size, Slot{kEmpty, 0, 0});
   for (size_t k = 0; k < n;) {
     size_t e = k + 1;
     while (e < n && keyed[e].first == keyed[k].first) ++e;
     uint64_t h = Hash(keyed[k].first) & mask_;
-    while (table_key_[h] != kEmpty) h = (h + 1) & mask_;
-    table_key_[h] = keyed[k].first;
-    table_begin_[h] = uint32_t(k);
-    table_end_[h] = uint32_t(e);
+    while (table_[h].key != kEmpty) h = (h + 1) & mask_;
+    table_[h] = Slot{keyed[k].first, uint32_t(k), uint32_t(e)};
     k = e;
   }
 }
 
-bool NeighbourGrid::Cell(int64_t x, int64_t y, int64_t z, uint32_t* begin, uint32_t* end) const {
-  if (x < 0 || y < 0 || z < 0 || x >= dims_.x() || y >= dims_.y() || z >= dims_.z()) return false;
-  const uint64_t key = Key(x, y, z);
-  for (uint64_t h = Hash(key) & mask_;; h = (h + 1) & mask_) {
-    if (table_key_[h] == key) {
-      *begin = table_begin_[h];
-      *end = table_end_[h];
-      return true;
+bool NeighbourGrid::Row(int64_t x0, int64_t x1, int64_t y, int64_t z, uint32_t* begin,
+                        uint32_t* end) const {
+  if (y < 0 || z < 0 || y >= dims_.y() || z >= dims_.z()) return false;
+  x0 = std::max<int64_t>(x0, 0);
+  x1 = std::min<int64_t>(x1, dims_.x() - 1);
+  // The first occupied cell of the row opens the run; the run ends with the
+  // last point whose key is still within the row's cells.
+  for (int64_t x = x0; x <= x1; ++x) {
+    const uint64_t key = Key(x, y, z);
+    for (uint64_t h = Hash(key) & mask_;; h = (h + 1) & mask_) {
+      const Slot& slot = table_[h];
+      if (slot.key == key) {
+        const uint64_t last = Key(x1, y, z);
+        uint32_t e = slot.end;
+        while (e < sorted_key_.size() && sorted_key_[e] <= last) ++e;
+        *begin = slot.begin;
+        *end = e;
+        return true;
+      }
+      if (slot.key == kEmpty) break;
     }
-    if (table_key_[h] == kEmpty) return false;
   }
+  return false;
 }
 
 void NeighbourGrid::Knn(const Eigen::Vector3f& q, int k, std::vector<int32_t>* idx,
@@ -137,9 +147,9 @@ void NeighbourGrid::Knn(const Eigen::Vector3f& q, int k, std::vector<int32_t>* i
   cand.clear();
   const Eigen::Vector3i c = CellOf(q);
   const Eigen::Vector3d qd = q.cast<double>();
-  auto visit = [&](int64_t x, int64_t y, int64_t z) {
+  auto visit = [&](int64_t x0, int64_t x1, int64_t y, int64_t z) {
     uint32_t b, e;
-    if (!Cell(x, y, z, &b, &e)) return;
+    if (!Row(x0, x1, y, z, &b, &e)) return;
     for (uint32_t i = b; i < e; ++i) cand.emplace_back((sorted_[i] - q).squaredNorm(), int32_t(i));
   };
   const int max_r = std::max({dims_.x(), dims_.y(), dims_.z()}) + 1;
@@ -152,10 +162,17 @@ void NeighbourGrid::Knn(const Eigen::Vector3f& q, int k, std::vector<int32_t>* i
         cand.emplace_back((sorted_[i] - q).squaredNorm(), int32_t(i));
       break;
     }
+    // The shell of cells at distance r: whole rows on its faces, the two
+    // end cells elsewhere.
     for (int dz = -r; dz <= r; ++dz)
       for (int dy = -r; dy <= r; ++dy) {
-        const bool face = std::abs(dz) == r || std::abs(dy) == r;
-        for (int dx = -r; dx <= r; dx += face ? 1 : 2 * std::max(r, 1)) visit(c.x() + dx, c.y() + dy, c.z() + dz);
+        const int64_t y = c.y() + dy, z = c.z() + dz;
+        if (std::abs(dz) == r || std::abs(dy) == r) {
+          visit(c.x() - r, c.x() + r, y, z);
+        } else {
+          visit(c.x() - r, c.x() - r, y, z);
+          visit(c.x() + r, c.x() + r, y, z);
+        }
       }
     if (cand.size() < want) continue;
     // Unvisited points lie outside the block of cells visited so far.
@@ -190,18 +207,17 @@ void NeighbourGrid::Radius(const Eigen::Vector3f& q, double r, std::vector<int32
   const Eigen::Vector3i a = CellOf(lo), b = CellOf(hi);
   const float r2 = float(r * r);
   for (int z = std::max(a.z(), 0); z <= std::min(b.z(), dims_.z() - 1); ++z)
-    for (int y = std::max(a.y(), 0); y <= std::min(b.y(), dims_.y() - 1); ++y)
-      for (int x = std::max(a.x(), 0); x <= std::min(b.x(), dims_.x() - 1); ++x) {
-        uint32_t cb, ce;
-        if (!Cell(x, y, z, &cb, &ce)) continue;
-        for (uint32_t i = cb; i < ce; ++i) {
-          const float d = (sorted_[i] - q).squaredNorm();
-          if (d <= r2) {
-            idx->push_back(sorted_ids_[i]);
-            d2->push_back(d);
-          }
+    for (int y = std::max(a.y(), 0); y <= std::min(b.y(), dims_.y() - 1); ++y) {
+      uint32_t cb, ce;
+      if (!Row(a.x(), b.x(), y, z, &cb, &ce)) continue;
+      for (uint32_t i = cb; i < ce; ++i) {
+        const float d = (sorted_[i] - q).squaredNorm();
+        if (d <= r2) {
+          idx->push_back(sorted_ids_[i]);
+          d2->push_back(d);
         }
       }
+    }
 }
 
 }  // namespace vision::model3d

@@ -36,8 +36,9 @@ class NeighbourGrid {
  private:
   void Build(double cell);
   uint64_t Key(int64_t x, int64_t y, int64_t z) const;
-  // Points of cell (x, y, z): [begin, end) into order_.
-  bool Cell(int64_t x, int64_t y, int64_t z, uint32_t* begin, uint32_t* end) const;
+  // The points of cells x0..x1 of row (y, z): [begin, end) into sorted_.
+  // Cells of a row are adjacent in key order, so one run holds them all.
+  bool Row(int64_t x0, int64_t x1, int64_t y, int64_t z, uint32_t* begin, uint32_t* end) const;
   Eigen::Vector3i CellOf(const Eigen::Vector3f& p) const;
 
   const std::vector<Eigen::Vector3f>& pts_;
@@ -48,8 +49,12 @@ class NeighbourGrid {
   // Points sorted by cell; a hash from cell key to its run in `sorted_`.
   std::vector<Eigen::Vector3f> sorted_;
   std::vector<int32_t> sorted_ids_;
-  std::vector<uint64_t> table_key_;
-  std::vector<uint32_t> table_begin_, table_end_;
+  std::vector<uint64_t> sorted_key_;
+  struct Slot {
+    uint64_t key;
+    uint32_t begin, end;
+  };
+  std::vector<Slot> table_;  // one cache line per probe
   uint64_t mask_ = 0;
 };
 

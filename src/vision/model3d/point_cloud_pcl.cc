@@ -5,7 +5,9 @@
 #include <cmath>
 #include <limits>
 #include <mutex>
+#include <map>
 #include <memory>
+#include <set>
 #include <numeric>
 #include <thread>
 
@@ -376,10 +378,66 @@ std::vector<std::array<int32_t, 3>> Gp3(const pcl::PointCloud<pcl::PointNormal>&
   std::vector<pcl::Vertices> polygons;
   gp3.reconstruct(polygons);
   tris.reserve(polygons.size());
-  for (const auto& poly : polygons)
-    if (poly.vertices.size() == 3)
-      tris.push_back({subset[poly.vertices[0]], subset[poly.vertices[1]], subset[poly.vertices[2]]});
+  for (const auto& poly : polygons) {
+    if (poly.vertices.size() != 3) continue;
+    std::array<int32_t, 3> t = {subset[poly.vertices[0]], subset[poly.vertices[1]],
+                                subset[poly.vertices[2]]};
+    if (p.consistent_ordering) {
+      // Every triangle turns so that its face agrees with its corners'
+      // normals: one rule for the whole mesh, however it was cut.
+      const auto& a = cloud[size_t(t[0])];
+      const auto& b = cloud[size_t(t[1])];
+      const auto& c = cloud[size_t(t[2])];
+      const Eigen::Vector3f face = (b.getVector3fMap() - a.getVector3fMap())
+                                       .cross(c.getVector3fMap() - a.getVector3fMap());
+      const Eigen::Vector3f n = a.getNormalVector3fMap() + b.getNormalVector3fMap() +
+                                c.getNormalVector3fMap();
+      if (face.dot(n) < 0) std::swap(t[1], t[2]);
+    }
+    tris.push_back(t);
+  }
   return tris;
+}
+
+// Where the two halves chose differently next to the cut, small holes stay
+// open: loops of a few open edges near the cut. Each is closed by a fan,
+// turned like the triangles around it.
+void FillSeamHoles(const std::vector<float>& coord, float cut, double band,
+                   std::vector<std::array<int32_t, 3>>* tris) {
+  auto near = [&](int32_t v) { return std::abs(double(coord[size_t(v)]) - cut) < band; };
+  // Directed edges of the triangles; an edge used once, whose reverse is
+  // missing, is open (one used twice lies where the halves overlap).
+  std::map<std::pair<int32_t, int32_t>, int> directed;
+  for (const auto& t : *tris) {
+    if (!near(t[0]) && !near(t[1]) && !near(t[2])) continue;
+    for (int k = 0; k < 3; ++k) ++directed[{t[size_t(k)], t[size_t((k + 1) % 3)]}];
+  }
+  // Open edges run opposite to their triangle's edge around a hole.
+  std::map<int32_t, std::vector<int32_t>> next;
+  for (const auto& [e, n] : directed)
+    if (n == 1 && !directed.count({e.second, e.first}) && near(e.first) && near(e.second))
+      next[e.second].push_back(e.first);
+  std::set<int32_t> done;
+  constexpr size_t kMaxLoop = 8;
+  for (const auto& [start, outs] : next) {
+    if (done.count(start) || outs.size() != 1) continue;
+    std::vector<int32_t> loop = {start};
+    int32_t v = outs[0];
+    bool closed = false;
+    while (loop.size() <= kMaxLoop) {
+      if (v == start) {
+        closed = true;
+        break;
+      }
+      auto it = next.find(v);
+      if (it == next.end() || it->second.size() != 1 || done.count(v)) break;
+      loop.push_back(v);
+      v = it->second[0];
+    }
+    if (!closed || loop.size() < 3) continue;
+    for (int32_t u : loop) done.insert(u);
+    for (size_t i = 1; i + 1 < loop.size(); ++i) tris->push_back({loop[0], loop[i], loop[i + 1]});
+  }
 }
 
 // The greedy triangulation is sequential; large clouds are cut in two at
@@ -426,6 +484,7 @@ std::vector<std::array<int32_t, 3>> Gp3Split(const pcl::PointCloud<pcl::PointNor
     if (centre(t) < cut) tris.push_back(t);
   for (const auto& t : rt)
     if (centre(t) >= cut) tris.push_back(t);
+  FillSeamHoles(coord, cut, band, &tris);
   return tris;
 }
 
