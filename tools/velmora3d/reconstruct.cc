@@ -33,6 +33,11 @@ std::string ViewName(int i) {
 bool ReadViews(const std::filesystem::path& dir, velmora::SideViews* views, std::string* error) {
   for (int i = 0; i < 8; ++i) {
     const std::filesystem::path path = dir / (ViewName(i) + ".png");
+    std::error_code ec;
+    if (!std::filesystem::is_regular_file(path, ec)) {
+      *error = "missing " + path.string();
+      return false;
+    }
     const cv::Mat bgr = cv::imread(path.string(), cv::IMREAD_COLOR);
     if (bgr.empty()) {
       *error = "cannot read " + path.string();
