@@ -7,6 +7,8 @@
 #include "app/app_delegate.h"
 #include "app/vision_presence.h"
 #include "messaging/log.h"
+#include "stereo/reconstruction.h"
+#include "stereo/reconstruction_job.h"
 
 int main(int argc, char** argv) {
   // Every request brings megabyte-sized buffers (archive, TIFF, planes). With
@@ -24,6 +26,8 @@ int main(int argc, char** argv) {
   QApplication app(argc, argv);
   QApplication::setQuitOnLastWindowClosed(false);  // windows come and go; the add-in stays
 
+  // The reconstruction job runs the stereo procedure.
+  velmora::ObjectModel3D::setReconstruction(velmora::action);
   velmora::AppDelegate delegate;
   if (!delegate.init()) return delegate.startExitCode();  // another instance runs, or no port folder
   velmora::Log("%s", velmora::VisionFolderLogLine(vision).c_str());
