@@ -11,7 +11,7 @@
 // frame and with the "text_window" setting.
 //
 //   bench_ocr_independent plan --markings N [--seed S]   > plan.tsv
-//   bench_ocr_independent read --dir DIR                 (DIR holds plan.tsv
+//   bench_ocr_independent read --dir DIR [--errors 1]    (DIR holds plan.tsv
 //                                                          and Pango's PNGs)
 //
 // `read` writes DIR/win_<id>.png and DIR/truth.tsv (window, family, grade,
@@ -288,7 +288,7 @@ velmora::OcrTextRecord Read(const cv::Mat& rgb, const std::string& family, long 
   return recs.empty() ? velmora::OcrTextRecord() : recs[0];
 }
 
-int ReadAll(const std::string& dir) {
+int ReadAll(const std::string& dir, bool show_errors) {
   std::ifstream plan(dir + "/plan.tsv");
   std::ofstream truth(dir + "/truth.tsv");
   std::map<std::pair<std::string, std::string>, Row> rows;
@@ -326,6 +326,9 @@ int ReadAll(const std::string& dir) {
     const velmora::OcrTextRecord rec = Read(win, family, 0, &ms);
     row.window.Add(want, rec.text);
     row.ms.push_back(ms);
+    if (show_errors && rec.text != want)
+      std::printf("  %s [%s, %s px]: %s -> %s (%zu pieces)\n", id.c_str(), face.c_str(), px.c_str(),
+                  want.c_str(), rec.text.c_str(), rec.rects.size());
     // The segmentation's bound: pieces against characters.
     const long pieces = long(rec.rects.size()), n = long(want.size());
     row.ceiling.markings++;
@@ -386,14 +389,16 @@ int main(int argc, char** argv) {
   int markings = 100;
   uint32_t seed = 424242;
   std::string dir;
+  bool show_errors = false;
   for (int i = 2; i + 1 < argc; i += 2) {
     const std::string a = argv[i], v = argv[i + 1];
     if (a == "--markings") markings = std::stoi(v);
     else if (a == "--seed") seed = uint32_t(std::stoul(v));
     else if (a == "--dir") dir = v;
+    else if (a == "--errors") show_errors = v == "1";
   }
   if (mode == "plan") return Plan(markings, seed);
-  if (mode == "read" && !dir.empty()) return ReadAll(dir);
+  if (mode == "read" && !dir.empty()) return ReadAll(dir, show_errors);
   std::fprintf(stderr, "bench_ocr_independent: unknown mode or missing --dir\n");
   return 2;
 }

@@ -26,14 +26,24 @@ bool FindTextWindow(const cv::Mat& gray, cv::Rect* window) {
   for (long acc = 0; median < 255 && (acc += hist[size_t(median)]) < half;) ++median;
   const double level = std::max(24.0, 4.0 * median + 8.0);
   cv::Mat edges = mag > level;
-  // Characters of a line join along the line, not across lines.
-  const int join = std::max(9, std::min(gray.cols, gray.rows) / 40);
+  // The print's height: the median height of the edge blobs that are not
+  // specks (a character's edges form one blob or a few).
+  cv::Mat labels, stats, centroids;
+  int n = cv::connectedComponentsWithStats(edges, labels, stats, centroids, 8, CV_32S);
+  std::vector<int> heights;
+  for (int i = 1; i < n; ++i)
+    if (stats.at<int>(i, cv::CC_STAT_HEIGHT) >= 6) heights.push_back(stats.at<int>(i, cv::CC_STAT_HEIGHT));
+  if (heights.empty()) return false;
+  std::nth_element(heights.begin(), heights.begin() + long(heights.size() / 2), heights.end());
+  const int text_h = heights[heights.size() / 2];
+  // Characters of a line join along the line (gaps up to a character
+  // height), not across lines.
   cv::morphologyEx(edges, edges, cv::MORPH_CLOSE,
-                   cv::getStructuringElement(cv::MORPH_RECT, cv::Size(join, 3)));
+                   cv::getStructuringElement(cv::MORPH_RECT, cv::Size(std::max(9, text_h), 3)));
+  // Thin lines (the border of a part or a label) are not print.
   cv::morphologyEx(edges, edges, cv::MORPH_OPEN,
                    cv::getStructuringElement(cv::MORPH_RECT, cv::Size(3, 3)));
-  cv::Mat labels, stats, centroids;
-  const int n = cv::connectedComponentsWithStats(edges, labels, stats, centroids, 8, CV_32S);
+  n = cv::connectedComponentsWithStats(edges, labels, stats, centroids, 8, CV_32S);
   int best = -1;
   double best_score = 0;
   for (int i = 1; i < n; ++i) {
@@ -49,8 +59,29 @@ bool FindTextWindow(const cv::Mat& gray, cv::Rect* window) {
     }
   }
   if (best < 0) return false;
-  const int x = stats.at<int>(best, cv::CC_STAT_LEFT), y = stats.at<int>(best, cv::CC_STAT_TOP);
-  const int w = stats.at<int>(best, cv::CC_STAT_WIDTH), h = stats.at<int>(best, cv::CC_STAT_HEIGHT);
+  int x = stats.at<int>(best, cv::CC_STAT_LEFT), y = stats.at<int>(best, cv::CC_STAT_TOP);
+  int x2 = x + stats.at<int>(best, cv::CC_STAT_WIDTH), y2 = y + stats.at<int>(best, cv::CC_STAT_HEIGHT);
+  // Parts of the same line further apart (a blank, wide spacing) join it:
+  // blobs beside it that share most of its rows, up to three heights away.
+  for (bool grew = true; grew;) {
+    grew = false;
+    for (int i = 1; i < n; ++i) {
+      const int bx = stats.at<int>(i, cv::CC_STAT_LEFT), by = stats.at<int>(i, cv::CC_STAT_TOP);
+      const int bx2 = bx + stats.at<int>(i, cv::CC_STAT_WIDTH);
+      const int by2 = by + stats.at<int>(i, cv::CC_STAT_HEIGHT);
+      if (bx >= x && bx2 <= x2) continue;
+      const int overlap = std::min(y2, by2) - std::max(y, by);
+      const int gap = std::max(bx - x2, x - bx2);
+      if (overlap < 0.5 * std::min(y2 - y, by2 - by) || gap > 3 * (y2 - y)) continue;
+      if (by2 - by > 2 * (y2 - y)) continue;
+      x = std::min(x, bx);
+      x2 = std::max(x2, bx2);
+      y = std::min(y, by);
+      y2 = std::max(y2, by2);
+      grew = true;
+    }
+  }
+  const int w = x2 - x, h = y2 - y;
   const int m = std::max(4, h / 2);
   *window = cv::Rect(x - m, y - m, w + 2 * m, h + 2 * m) & cv::Rect(0, 0, gray.cols, gray.rows);
   return window->width > 0 && window->height > 0;
