@@ -21,6 +21,7 @@ PACKAGES=(
   qrencode dmtx-utils zint barcode
   fonts-open-sans fonts-croscore fonts-crosextra-carlito fonts-crosextra-caladea fonts-go fonts-roboto-unhinted fonts-hack
   fonts-cantarell fonts-inconsolata fonts-jetbrains-mono fonts-firacode fonts-linuxlibertine fonts-b612 fonts-lato pango1.0-tools tesseract-ocr tesseract-ocr-eng
+  fonts-inter fonts-mononoki fonts-anonymous-pro fonts-clear-sans fonts-sil-andika fonts-jura fonts-league-spartan fonts-roboto-slab fonts-sil-gentium
 )
 
 missing=()

@@ -1,3 +1,6 @@
+# Both readers side by side on the markings of one work folder: truth.tsv
+# (file, family, grade, text, our text, our ms), tess_<family>_<grade>.txt
+# (tesseract's pages) and times.txt (wall time of each tesseract batch).
 import sys, collections
 work = sys.argv[1]
 def edit(a, b):

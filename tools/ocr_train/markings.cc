@@ -27,6 +27,8 @@ constexpr const char* kRoboto = "/usr/share/fonts/truetype/roboto/unhinted/";
 constexpr const char* kOpen = "/usr/share/fonts/truetype/open-sans/";
 constexpr const char* kGo = "/usr/share/fonts/fonts-go/";
 constexpr const char* kHack = "/usr/share/fonts/truetype/hack/";
+constexpr const char* kTT = "/usr/share/fonts/truetype/";
+constexpr const char* kOT = "/usr/share/fonts/opentype/";
 
 std::string P(const char* dir, const char* file) { return std::string(dir) + file; }
 
@@ -60,7 +62,15 @@ std::vector<Family> MakeFamilies() {
                 {P(kOpen, "OpenSans-CondBold.ttf")}, {P(kGo, "Go-Regular.ttf")},
                 {P(kGo, "Go-Bold.ttf")}, {P(kGo, "Go-Mono.ttf")}, {P(kHack, "Hack-Regular.ttf")},
                 {P(kHack, "Hack-Bold.ttf")}, {P(kCrosX, "Carlito-Regular.ttf")},
-                {P(kCrosX, "Carlito-Bold.ttf")}},
+                {P(kCrosX, "Carlito-Bold.ttf")}, {P(kOT, "inter/Inter-Regular.otf")},
+                {P(kOT, "inter/Inter-Bold.otf")}, {P(kTT, "mononoki/mononoki-Regular.ttf")},
+                {P(kTT, "mononoki/mononoki-Bold.ttf")}, {P(kTT, "anonymous-pro/Anonymous Pro.ttf")},
+                {P(kTT, "anonymous-pro/Anonymous Pro B.ttf")},
+                {P(kTT, "clear-sans/ClearSans-Regular.ttf")}, {P(kTT, "clear-sans/ClearSans-Bold.ttf")},
+                {P(kTT, "andika/Andika-Regular.ttf")}, {P(kTT, "andika/Andika-Bold.ttf")},
+                {P(kOT, "jura/Jura-Regular.otf")}, {P(kOT, "jura/Jura-Bold.otf")},
+                {P(kOT, "league-spartan/LeagueSpartan-Regular.otf")},
+                {P(kOT, "league-spartan/LeagueSpartan-Bold.otf")}},
                {{P(kUrw, "NimbusSans-Bold.otf")}, {P(kFree, "FreeSansBold.ttf")},
                 {P(kDejaVu, "DejaVuSansMono-Bold.ttf")}}});
   f.push_back({"Document", digits, upper + lower, kSpecials,
@@ -73,7 +83,10 @@ std::vector<Family> MakeFamilies() {
                 {P(kCrosX, "Caladea-Regular.ttf")}, {P(kCrosX, "Caladea-Bold.ttf")},
                 {P(kCrosX, "Carlito-Regular.ttf")}, {P(kCros, "Arimo-Regular.ttf")},
                 {P(kRoboto, "RobotoTTF/Roboto-Regular.ttf")}, {P(kOpen, "OpenSans-Regular.ttf")},
-                {P(kGo, "Go-Regular.ttf")}},
+                {P(kGo, "Go-Regular.ttf")}, {P(kOT, "roboto/slab/RobotoSlab-Regular.otf")},
+                {P(kOT, "roboto/slab/RobotoSlab-Bold.otf")}, {P(kTT, "gentium/Gentium-R.ttf")},
+                {P(kTT, "andika/Andika-Regular.ttf")}, {P(kOT, "inter/Inter-Regular.otf")},
+                {P(kTT, "clear-sans/ClearSans-Regular.ttf")}},
                {{P(kFree, "FreeSerif.ttf")}, {P(kUrw, "P052-Roman.otf")},
                 {P(kLiberation, "LiberationSans-Bold.ttf")}}});
   // Dot-matrix print: designed tables; held out is the dot geometry (square
