@@ -449,6 +449,20 @@ Marking MarkingRenderer::Render(const std::string& text, const Face& face, int c
   return out;
 }
 
+std::string MarkingRenderer::MissingGlyphs(const Face& face, const std::string& chars) {
+  std::string missing;
+  if (face.IsDotMatrix()) {
+    const DotTable& table = DotTableByName(face.table);
+    for (char c : chars)
+      if (table.Glyph(c).empty()) missing += c;
+    return missing;
+  }
+  FT_Face f = impl_->Get(face.file);
+  for (char c : chars)
+    if (FT_Get_Char_Index(f, FT_ULong(uint8_t(c))) == 0) missing += c;
+  return missing;
+}
+
 Marking MarkingRenderer::OnCanvas(const Marking& m, int width, int height, int x, int y) {
   Marking out = m;
   const cv::Vec3b ground = m.rgb.at<cv::Vec3b>(0, 0);

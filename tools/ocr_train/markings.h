@@ -66,6 +66,10 @@ class MarkingRenderer {
     margin_lo_ = lo;
     margin_hi_ = hi;
   }
+  // The characters of `chars` the face cannot print: no glyph in the font
+  // file (FreeType would draw the font's missing-glyph box instead) or no
+  // pattern in the dot table.
+  std::string MissingGlyphs(const Face& face, const std::string& chars);
   // Places the marking, as rendered, at (x, y) of a plain canvas of the given
   // size (the ground is the marking's own corner colour); boxes are moved.
   static Marking OnCanvas(const Marking& m, int width, int height, int x, int y);

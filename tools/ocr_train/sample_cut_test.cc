@@ -25,6 +25,18 @@ std::vector<Rect> ServicePieces(const Marking& m) {
   return recs.empty() ? std::vector<Rect>() : recs[0].rects;
 }
 
+// Every face of every family, trained or held out, prints every class of its
+// family: a face without a glyph would teach its missing-glyph box as that
+// class.
+TEST(Markings, EveryFacePrintsEveryClassOfItsFamily) {
+  MarkingRenderer renderer;
+  for (const Family& fam : Families())
+    for (const auto* faces : {&fam.train_faces, &fam.eval_faces})
+      for (const Face& face : *faces)
+        EXPECT_EQ(renderer.MissingGlyphs(face, fam.AllClasses()), "")
+            << fam.name << ": " << face.Name();
+}
+
 TEST(SampleCut, WholeMarkingIsCutAndNamedAsRendered) {
   const Marking m = Clean("AB-12");
   CutMarking cut;
