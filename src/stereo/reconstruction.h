@@ -35,6 +35,7 @@ struct ReconstructionTimes {
   double disparity = 0;       // binocular_disparity_ms
   double points = 0;          // points, colours, per-pair components, transform
   double pairwise = 0;        // the whole pairwise phase (logged)
+  double pairwise_cpu = 0;    // processor seconds of the pairwise phase, all threads
   double merge = 0;           // union and height crop
   double components = 0;      // connected parts of the merged cloud
   double sampling = 0;

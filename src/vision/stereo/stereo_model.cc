@@ -3,6 +3,8 @@
 #include <functional>
 #include <memory>
 
+#include "vision/calib/camera_setup.h"
+
 namespace vision {
 namespace {
 
@@ -91,10 +93,8 @@ void create_stereo_model(const HTuple& camera_setup_model_id, const HTuple& meth
   constexpr const char* op = "create_stereo_model";
   if (camera_setup_model_id.Length() != 1 || !camera_setup_model_id.IsHandle(0))
     throw HException(op, "Wrong type of control parameter CameraSetupModelID: handle expected", kErrHandle);
-  const HHandle h = camera_setup_model_id.H(0);
-  if (!h || h->IsCleared()) throw HException(op, "Handle has been cleared", kErrHandle);
-  if (std::string(h->TypeName()) != "camera_setup_model")
-    throw HException(op, "Wrong handle type: camera setup model expected", kErrHandle);
+  const CameraSetupModelData* setup = CameraSetupModelCast(camera_setup_model_id, op);
+  if (setup->cameras.size() < 2) throw HException(op, "A stereo model needs at least two cameras", kErrWrongParamValue);
   if (method.Length() != 1 || !method.IsString(0) || method.S(0) != "surface_pairwise")
     throw HException(op, "Wrong value of control parameter Method", kErrWrongParamValue);
   auto m = std::make_shared<StereoModelData>();
@@ -131,8 +131,9 @@ void set_stereo_model_image_pairs(const HTuple& stereo_model_id, const HTuple& f
   for (Hlong i = 0; i < from_image_indices.Length(); ++i) {
     if (!from_image_indices.IsInt(i) || !to_image_indices.IsInt(i))
       throw HException(op, "Wrong type of image index", kErrWrongParamType);
-    if (from_image_indices.L(i) < 0 || to_image_indices.L(i) < 0 ||
-        from_image_indices.L(i) == to_image_indices.L(i))
+    const Hlong cameras = Hlong(CameraSetupModelCast(m->setup, op)->cameras.size());
+    if (from_image_indices.L(i) < 0 || to_image_indices.L(i) < 0 || from_image_indices.L(i) >= cameras ||
+        to_image_indices.L(i) >= cameras || from_image_indices.L(i) == to_image_indices.L(i))
       throw HException(op, "Wrong image index", kErrWrongParamValue);
   }
   m->from = from_image_indices;

@@ -5,6 +5,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "vision/calib/camera_params.h"
+#include "vision/calib/camera_setup.h"
 #include "vision/geometry/pose_types.h"
 #include "vision/stereo/disparity.h"
 #include "vision/stereo/rectification.h"
@@ -226,10 +227,8 @@ TEST(BinocularDisparityMs, RecoversAKnownShiftFieldAndScoresItsReliability) {
 }
 
 TEST(StereoModel, ParametersRoundTripAndBadValuesAreRefused) {
-  struct FakeSetup : HandleBase {
-    const char* TypeName() const override { return "camera_setup_model"; }
-  };
-  HTuple setup(HHandle(std::make_shared<FakeSetup>())), model;
+  HTuple setup, model;
+  create_camera_setup_model(4, &setup);
   EXPECT_THROW(create_stereo_model(HTuple(), "surface_pairwise", HTuple(), HTuple(), &model), HException);
   EXPECT_THROW(create_stereo_model(setup, "points_3d", HTuple(), HTuple(), &model), HException);
   create_stereo_model(setup, "surface_pairwise", HTuple(), HTuple(), &model);
@@ -262,6 +261,7 @@ TEST(StereoModel, ParametersRoundTripAndBadValuesAreRefused) {
   EXPECT_EQ(from, HTuple::Ints({0, 2}));
   EXPECT_EQ(to, HTuple::Ints({1, 3}));
   EXPECT_THROW(set_stereo_model_image_pairs(model, HTuple::Ints({0}), HTuple::Ints({1, 3})), HException);
+  EXPECT_THROW(set_stereo_model_image_pairs(model, HTuple::Ints({0}), HTuple::Ints({4})), HException);
   clear_stereo_model(model);
   EXPECT_THROW(get_stereo_model_image_pairs(model, &from, &to), HException);
 }
