@@ -215,17 +215,26 @@ void Mls(const ObjectModel3DData& m, const MlsParams& p, std::vector<Eigen::Vect
       const double xu = (x - pl.c).dot(pl.u), xv = (x - pl.c).dot(pl.v);
       if (p.order >= 2 && idx.size() >= 6) {
         // f(u, v) = a0 + a1 u + a2 v + a3 u^2 + a4 uv + a5 v^2, weighted LSQ.
-        Eigen::Matrix<double, 6, 6> A = Eigen::Matrix<double, 6, 6>::Zero();
-        Eigen::Matrix<double, 6, 1> rhs = Eigen::Matrix<double, 6, 1>::Zero();
+        // The upper triangle summed by hand: Eigen's rank update of a 6 x 6
+        // is not unrolled, and this loop is the heart of the smoothing.
+        double sum[21] = {}, rhs_sum[6] = {};
         for (size_t j = 0; j < q.size(); ++j) {
           const Eigen::Vector3d d = q[j] - pl.c;
           const double u = d.dot(pl.u), v = d.dot(pl.v), h = d.dot(pl.n);
-          Eigen::Matrix<double, 6, 1> b;
-          b << 1, u, v, u * u, u * v, v * v;
-          A.selfadjointView<Eigen::Upper>().rankUpdate(b, w[j]);
-          rhs.noalias() += w[j] * h * b;
+          const double b[6] = {1, u, v, u * u, u * v, v * v};
+          int k = 0;
+          for (int r = 0; r < 6; ++r) {
+            const double wb = w[j] * b[r];
+            rhs_sum[r] += wb * h;
+            for (int c = r; c < 6; ++c) sum[k++] += wb * b[c];
+          }
         }
-        A.triangularView<Eigen::StrictlyLower>() = A.transpose();
+        Eigen::Matrix<double, 6, 6> A;
+        Eigen::Matrix<double, 6, 1> rhs;
+        for (int r = 0, k = 0; r < 6; ++r) {
+          rhs[r] = rhs_sum[r];
+          for (int c = r; c < 6; ++c, ++k) A(r, c) = A(c, r) = sum[k];
+        }
         Eigen::LDLT<Eigen::Matrix<double, 6, 6>> ldlt(A);
         const Eigen::Matrix<double, 6, 1> a = ldlt.solve(rhs);
         if (ldlt.info() == Eigen::Success && a.allFinite()) {
