@@ -169,8 +169,19 @@ TEST(StereoEndToEnd, SyntheticRigSurfaceShownTurnedAndClosed) {
   EXPECT_TRUE(WaitFor([&] { return x.X(std::string("xdotool search --onlyvisible --name ") + kTitle).empty(); }, 5));
   EXPECT_EQ(Lit(x.Screenshot(), window), 0);
   ASSERT_TRUE(addin.Request(RequestLibraryStatus).has_value());
+
+  // SIGTERM while a run is going: the add-in ends within the run's grace
+  // (5 s) and its own termination, with status 0.
+  ExpectFixedReply(addin, StartRequest(100, 100, 400, 300));
+  ASSERT_TRUE(WaitFor([&] { return Lit(x.Screenshot(), window) > 0.9; }, 30)) << addin.Stderr();
+  const auto t0 = Clock::now();
+  addin.Signal(SIGTERM);
+  const auto status = addin.WaitExit(15);
+  ASSERT_TRUE(status.has_value()) << addin.Stderr();
+  EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << addin.Stderr();
+  EXPECT_LT(std::chrono::duration<double>(Clock::now() - t0).count(), 12.0);
+  EXPECT_TRUE(x.X(std::string("xdotool search --onlyvisible --name ") + kTitle).empty());
   sidecam.Stop();
-  addin.Stop();
   std::error_code ec;
   fs::remove_all(data, ec);
 }
