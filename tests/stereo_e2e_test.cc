@@ -19,6 +19,8 @@
 #include "archive/archive.h"
 #include "child_process.h"
 #include "messaging/protocol.h"
+#include "vision/model3d/object_model_3d.h"
+#include "vision/model3d/object_model_3d_io.h"
 
 namespace velmora {
 namespace {
@@ -233,6 +235,55 @@ TEST(StereoEndToEnd, AbsentSilentServersAndRepeatsLeaveTheAddinServing) {
   EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << addin.Stderr();
   std::error_code ec;
   fs::remove_all(data, ec);
+}
+
+TEST(StereoEndToEnd, ViewToolShowsAndTurnsAPlyFile) {
+  if (!HaveTools()) GTEST_SKIP() << "needs Xvfb, xdotool, xwininfo, xdpyinfo and ImageMagick's import";
+  Xvfb x;
+  const fs::path dir = fs::temp_directory_path() / ("view_e2e" + std::to_string(::getpid()));
+  fs::create_directories(dir);
+  // A coloured 8 mm patch with a dome, as the tools write surfaces.
+  auto m = vision::NewObjectModel3D();
+  const int n = 41;
+  for (int j = 0; j < n; ++j)
+    for (int i = 0; i < n; ++i) {
+      const float px = -0.004f + 0.008f * i / (n - 1), py = -0.004f + 0.008f * j / (n - 1);
+      m->points.emplace_back(px, py, -0.0005f - 0.001f * std::exp(-(px * px + py * py) / 4e-6f));
+      m->attribs["&coord_r"].push_back(60 + 4 * i);
+      m->attribs["&coord_g"].push_back(60 + 4 * j);
+      m->attribs["&coord_b"].push_back(150);
+    }
+  for (int j = 0; j + 1 < n; ++j)
+    for (int i = 0; i + 1 < n; ++i) {
+      const int a = j * n + i;
+      m->triangles.push_back({a, a + 1, a + n});
+      m->triangles.push_back({a + 1, a + n + 1, a + n});
+    }
+  const std::string ply = (dir / "patch.ply").string();
+  vision::write_object_model_3d(vision::ObjectModel3DHandle(m), "ply", ply, vision::HTuple(), vision::HTuple());
+
+  ChildProcess view(VELMORA_3D_PATH, {"view", ply}, {{"DISPLAY", x.display()}, {"QT_QPA_PLATFORM", ""}}, dir.string());
+  std::string id;
+  ASSERT_TRUE(WaitFor([&] { return !(id = x.X("xdotool search --onlyvisible --name 'velmora-3d view'")).empty(); }, 15))
+      << view.Stderr();
+  const cv::Rect window(0, 0, 640, 480);
+  cv::Mat before;
+  ASSERT_TRUE(WaitFor([&] {
+    before = x.Screenshot();
+    return Lit(before, window) > 0.05;
+  }, 10)) << view.Stderr();
+  const std::string geometry = x.X("xdotool getwindowgeometry " + id.substr(0, id.find('\n')));
+  EXPECT_NE(geometry.find("640x480"), std::string::npos) << geometry;
+  x.X("xdotool mousemove 320 240 mousedown 1 mousemove 340 250 mousemove 380 280 mouseup 1");
+  EXPECT_TRUE(WaitFor([&] { return cv::norm(x.Screenshot()(window), before(window), cv::NORM_L1) > 1000; }, 5));
+  // A file that is not there: one line, exit 1.
+  ChildProcess missing(VELMORA_3D_PATH, {"view", (dir / "none.ply").string()}, {{"DISPLAY", x.display()}}, dir.string());
+  const auto status = missing.WaitExit(10);
+  ASSERT_TRUE(status.has_value());
+  EXPECT_EQ(WEXITSTATUS(*status), 1);
+  view.Stop();
+  std::error_code ec;
+  fs::remove_all(dir, ec);
 }
 
 }  // namespace
