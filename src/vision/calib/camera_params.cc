@@ -1,15 +1,17 @@
 #include "vision/calib/camera_params.h"
 
+#include "vision/core/param.h"
+
 namespace vision {
 
 CamParams CamParams::FromTuple(const HTuple& t, const char* op) {
-  if (t.Length() != 8) throw HException(op, "Wrong number of camera parameters", kErrWrongParamCount);
-  for (int i = 0; i < 8; ++i)
-    if (!t.IsNumber(i)) throw HException(op, "Wrong type of camera parameter", kErrWrongParamType);
+  ParamCount(t, op, "CameraParam", 8);
   CamParams c;
-  c.focus = t.D(0); c.kappa = t.D(1); c.sx = t.D(2); c.sy = t.D(3);
-  c.cx = t.D(4); c.cy = t.D(5);
-  c.width = int(t.L(6)); c.height = int(t.L(7));
+  c.focus = ParamReal(t, op, "CameraParam", 0); c.kappa = ParamReal(t, op, "CameraParam", 1);
+  c.sx = ParamReal(t, op, "CameraParam", 2); c.sy = ParamReal(t, op, "CameraParam", 3);
+  c.cx = ParamReal(t, op, "CameraParam", 4); c.cy = ParamReal(t, op, "CameraParam", 5);
+  c.width = int(ParamIntIn(t, op, "CameraParam", 1, 1 << 20, 6));
+  c.height = int(ParamIntIn(t, op, "CameraParam", 1, 1 << 20, 7));
   if (!(c.focus > 0) || !(c.sx > 0) || !(c.sy > 0) || c.width <= 0 || c.height <= 0)
     throw HException(op, "Wrong camera parameters", kErrWrongParamValue);
   return c;

@@ -9,6 +9,7 @@
 
 #include "vision/code/code_image.h"
 #include "vision/code/code_reader.h"
+#include "vision/core/param_table.h"
 
 namespace vision {
 namespace {
@@ -107,56 +108,46 @@ bool QuietZoneFree(const cv::Mat& gray, const code::Found& f, double modules) {
   return true;
 }
 
-Hlong QuietZoneValue(const HTuple& v, Hlong i, const char* op) {
-  if (v.IsString(i)) {
-    if (v.S(i) == "true") return 10;
-    if (v.S(i) == "false") return 0;
-    throw HException(op, "Wrong value of 'quiet_zone': " + v.S(i), kErrWrongParamValue);
-  }
-  if (!v.IsNumber(i)) throw HException(op, "Wrong type of value for 'quiet_zone'", kErrWrongParamType);
-  Hlong q = v.L(i);
-  if (q < 0 || q > 100) throw HException(op, "Wrong value of 'quiet_zone'", kErrWrongParamValue);
-  return q;
-}
+using Table = ParamTable<BarCodeModel>;
+constexpr unsigned kTrained = Table::kGroup1;  // set by a training pass
+
+// Every generic parameter of a bar-code model, in the order the query
+// operator lists them.
+const Table kParams({
+    {"train",
+     [](BarCodeModel& m, const ParamValue& v) { m.training = v.StringIn({"all", "~all"}) == "all"; },
+     [](const BarCodeModel& m) { return HTuple(m.training ? "all" : "~all"); }},
+    {"quiet_zone",
+     [](BarCodeModel& m, const ParamValue& v) {
+       // "true" asks for the standard's ten modules, "false" for none.
+       m.quiet_zone = v.IsString() ? (v.StringIn({"true", "false"}) == "true" ? 10 : 0) : v.IntIn(0, 100);
+     },
+     [](const BarCodeModel& m) { return HTuple(m.quiet_zone); }},
+    {"stop_after_result_num", [](BarCodeModel& m, const ParamValue& v) { m.stop_after_result_num = v.IntIn(0, 1 << 20); },
+     [](const BarCodeModel& m) { return HTuple(m.stop_after_result_num); }},
+    {"timeout", [](BarCodeModel& m, const ParamValue& v) { m.timeout = v.RealIn(-1, 1e9); },
+     [](const BarCodeModel& m) { return HTuple(m.timeout); }},
+    {"element_size_min", [](BarCodeModel& m, const ParamValue& v) { m.element_size_min = v.RealIn(0.5, 64); },
+     [](const BarCodeModel& m) { return HTuple(m.element_size_min); }, kTrained},
+    {"element_size_max", [](BarCodeModel& m, const ParamValue& v) { m.element_size_max = v.RealIn(1, 256); },
+     [](const BarCodeModel& m) { return HTuple(m.element_size_max); }, kTrained},
+    {"check_char", [](BarCodeModel& m, const ParamValue& v) { m.check_char = v.StringIn({"absent", "present"}); },
+     [](const BarCodeModel& m) { return HTuple(m.check_char); }},
+    {"orientation", nullptr, [](const BarCodeModel& m) { return HTuple(m.orientation); }, kTrained},
+    {"meas_thresh_abs", nullptr, [](const BarCodeModel& m) { return HTuple(m.contrast); }, kTrained},
+    {"trained_preprocessing", nullptr,
+     [](const BarCodeModel& m) {
+       return HTuple(m.trained_variant >= 0
+                         ? code::Variants(code::Symbology::Linear)[size_t(m.trained_variant)].Name()
+                         : std::string());
+     },
+     kTrained},
+});
 
 void SetParams(BarCodeModel* m, const HTuple& names, const HTuple& values, const char* op) {
-  if (names.Length() != values.Length())
-    throw HException(op, "Number of parameter names and values differ", kErrWrongParamCount);
-  for (Hlong i = 0; i < names.Length(); ++i) {
-    if (!names.IsString(i)) throw HException(op, "Wrong type of parameter name", kErrWrongParamType);
-    const std::string& n = names.S(i);
-    auto number = [&](double lo, double hi) {
-      if (!values.IsNumber(i)) throw HException(op, "Wrong type of value for '" + n + "'", kErrWrongParamType);
-      double d = values.D(i);
-      if (d < lo || d > hi) throw HException(op, "Wrong value of '" + n + "'", kErrWrongParamValue);
-      return d;
-    };
-    if (n == "train") {
-      if (!values.IsString(i)) throw HException(op, "Wrong type of value for 'train'", kErrWrongParamType);
-      const std::string& v = values.S(i);
-      if (v == "all") m->training = true;
-      else if (v == "~all") m->training = false;
-      else throw HException(op, "Wrong value of 'train': " + v, kErrWrongParamValue);
-    } else if (n == "quiet_zone") {
-      m->quiet_zone = QuietZoneValue(values, i, op);
-    } else if (n == "stop_after_result_num") {
-      m->stop_after_result_num = Hlong(number(0, 1 << 20));
-    } else if (n == "timeout") {
-      m->timeout = number(-1, 1e9);
-    } else if (n == "element_size_min") {
-      m->element_size_min = number(0.5, 64);
-    } else if (n == "element_size_max") {
-      m->element_size_max = number(1, 256);
-    } else if (n == "check_char") {
-      if (!values.IsString(i) || (values.S(i) != "absent" && values.S(i) != "present"))
-        throw HException(op, "Wrong value of 'check_char'", kErrWrongParamValue);
-      m->check_char = values.S(i);
-    } else {
-      throw HException(op, "Unknown parameter name: " + n, kErrWrongParamValue);
-    }
-  }
+  kParams.Set(*m, names, values, op);
   if (m->element_size_min > m->element_size_max)
-    throw HException(op, "element_size_min is larger than element_size_max", kErrWrongParamValue);
+    ThrowParamValue(op, "'element_size_min'", "larger than 'element_size_max'");
 }
 
 }  // namespace
@@ -174,63 +165,33 @@ void set_bar_code_param(const HTuple& bar_code_handle, const HTuple& gen_param_n
 
 void get_bar_code_param(const HTuple& bar_code_handle, const HTuple& gen_param_names, HTuple* gen_param_values) {
   const char* op = "get_bar_code_param";
-  auto* m = HandleCast<BarCodeModel>(bar_code_handle, op);
-  HTuple out;
-  for (Hlong i = 0; i < gen_param_names.Length(); ++i) {
-    if (!gen_param_names.IsString(i)) throw HException(op, "Wrong type of parameter name", kErrWrongParamType);
-    const std::string& n = gen_param_names.S(i);
-    if (n == "train") out.Append(HTuple(m->training ? "all" : "~all"));
-    else if (n == "quiet_zone") out.Append(HTuple(m->quiet_zone));
-    else if (n == "stop_after_result_num") out.Append(HTuple(m->stop_after_result_num));
-    else if (n == "timeout") out.Append(HTuple(m->timeout));
-    else if (n == "element_size_min") out.Append(HTuple(m->element_size_min));
-    else if (n == "element_size_max") out.Append(HTuple(m->element_size_max));
-    else if (n == "check_char") out.Append(HTuple(m->check_char));
-    else if (n == "orientation") out.Append(HTuple(m->orientation));
-    else if (n == "meas_thresh_abs") out.Append(HTuple(m->contrast));
-    else if (n == "trained_preprocessing")
-      out.Append(HTuple(m->trained_variant >= 0 ? code::Variants(code::Symbology::Linear)[m->trained_variant].Name() : std::string()));
-    else throw HException(op, "Unknown parameter name: " + n, kErrWrongParamValue);
-  }
-  *gen_param_values = out;
+  *gen_param_values = kParams.Get(*HandleCast<BarCodeModel>(bar_code_handle, op), gen_param_names, op);
 }
 
 void query_bar_code_params(const HTuple& bar_code_handle, const HTuple& query_name, HTuple* gen_param_names) {
   const char* op = "query_bar_code_params";
   auto* m = HandleCast<BarCodeModel>(bar_code_handle, op);
-  if (query_name.Length() != 1 || !query_name.IsString(0)) throw HException(op, "Wrong query name", kErrWrongParamType);
-  const std::string& q = query_name.S(0);
-  std::vector<std::string> set = {"train", "quiet_zone", "stop_after_result_num", "timeout",
-                                  "element_size_min", "element_size_max", "check_char"};
-  if (q == "trained_general") {
-    *gen_param_names = m->trained ? HTuple::Strings({"element_size_min", "element_size_max", "orientation",
-                                                     "meas_thresh_abs", "trained_preprocessing"})
-                                  : HTuple();
-  } else if (q == "set_general") {
-    *gen_param_names = HTuple::Strings(set);
-  } else if (q == "get_general") {
-    set.insert(set.end(), {"orientation", "meas_thresh_abs", "trained_preprocessing"});
-    *gen_param_names = HTuple::Strings(set);
-  } else {
-    throw HException(op, "Unknown query name: " + q, kErrWrongParamValue);
-  }
+  const std::string& q = ParamStringIn(query_name, op, "QueryName", {"trained_general", "get_general", "set_general"});
+  if (q == "trained_general")
+    *gen_param_names = m->trained ? kParams.Names(kTrained) : HTuple();
+  else
+    *gen_param_names = kParams.Names(q == "get_general" ? Table::kGettable : Table::kSettable);
 }
 
 void find_bar_code(const HObject& image, HObject* symbol_regions, const HTuple& bar_code_handle,
                    const HTuple& code_type, HTuple* decoded_data_strings) {
   const char* op = "find_bar_code";
   auto* m = HandleCast<BarCodeModel>(bar_code_handle, op);
-  if (code_type.Empty()) throw HException(op, "No code type given", kErrWrongParamCount);
+  ParamCount(code_type, op, "CodeType", 1, -1);
   int formats = 0;
   for (Hlong i = 0; i < code_type.Length(); ++i) {
-    if (!code_type.IsString(i)) throw HException(op, "Wrong type of code type", kErrWrongParamType);
-    const std::string& t = code_type.S(i);
+    const std::string& t = ParamString(code_type, op, "CodeType", i);
     if (t == "auto") {
       formats |= int(BarcodeFormat::LinearCodes);
       continue;
     }
     auto it = std::find_if(std::begin(kCodeTypes), std::end(kCodeTypes), [&](const CodeTypeName& c) { return t == c.name; });
-    if (it == std::end(kCodeTypes)) throw HException(op, "Unsupported code type: " + t, kErrWrongParamValue);
+    if (it == std::end(kCodeTypes)) ThrowParamValue(op, "CodeType", "'" + t + "'");
     formats |= int(it->format);
   }
   cv::Point offset;

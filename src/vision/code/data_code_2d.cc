@@ -8,6 +8,7 @@
 
 #include "vision/code/code_image.h"
 #include "vision/code/code_reader.h"
+#include "vision/core/param_table.h"
 
 namespace vision {
 namespace {
@@ -63,7 +64,7 @@ class DataCode2dModel : public HandleBase {
       contrast_min = level == "maximum_recognition" ? 1 : 10;
       module_size_min = 1;
     } else {
-      throw HException(op, "Wrong value of 'default_parameters': " + level, kErrWrongParamValue);
+      ThrowParamValue(op, "'default_parameters'", "'" + level + "'");
     }
     default_parameters = level;
     mirrored = "any";
@@ -72,59 +73,46 @@ class DataCode2dModel : public HandleBase {
   }
 };
 
-const std::vector<std::string> kParams = {"default_parameters", "polarity", "mirrored", "module_size_min",
-                                          "module_size_max", "contrast_min", "timeout", "stop_after_result_num"};
+using Table = ParamTable<DataCode2dModel>;
 
-std::string StringParam(const HTuple& v, Hlong i, const char* op, const std::string& name) {
-  if (!v.IsString(i)) throw HException(op, "Wrong type of value for '" + name + "'", kErrWrongParamType);
-  return v.S(i);
-}
-
-Hlong IntParam(const HTuple& v, Hlong i, const char* op, const std::string& name, Hlong lo, Hlong hi) {
-  if (!v.IsNumber(i)) throw HException(op, "Wrong type of value for '" + name + "'", kErrWrongParamType);
-  Hlong x = v.L(i);
-  if (x < lo || x > hi) throw HException(op, "Wrong value of '" + name + "'", kErrWrongParamValue);
-  return x;
-}
+// Every generic parameter of a data-code model, in the order the query
+// operator lists them; "default_parameters" resets the others, so it is
+// applied before them.
+const Table kParams({
+    {"default_parameters",
+     [](DataCode2dModel& m, const ParamValue& v) {
+       m.ApplyDefaults(v.StringIn({"standard_recognition", "enhanced_recognition", "maximum_recognition"}), v.Op());
+     },
+     [](const DataCode2dModel& m) { return HTuple(m.default_parameters); }, Table::kFirst},
+    {"polarity",
+     [](DataCode2dModel& m, const ParamValue& v) { m.polarity = v.StringIn({"dark_on_light", "light_on_dark", "any"}); },
+     [](const DataCode2dModel& m) { return HTuple(m.polarity); }},
+    {"mirrored", [](DataCode2dModel& m, const ParamValue& v) { m.mirrored = v.StringIn({"yes", "no", "any"}); },
+     [](const DataCode2dModel& m) { return HTuple(m.mirrored); }},
+    {"module_size_min", [](DataCode2dModel& m, const ParamValue& v) { m.module_size_min = v.IntIn(1, 100); },
+     [](const DataCode2dModel& m) { return HTuple(m.module_size_min); }},
+    {"module_size_max", [](DataCode2dModel& m, const ParamValue& v) { m.module_size_max = v.IntIn(1, 1000); },
+     [](const DataCode2dModel& m) { return HTuple(m.module_size_max); }},
+    {"contrast_min", [](DataCode2dModel& m, const ParamValue& v) { m.contrast_min = v.IntIn(1, 255); },
+     [](const DataCode2dModel& m) { return HTuple(m.contrast_min); }},
+    {"timeout", [](DataCode2dModel& m, const ParamValue& v) { m.timeout = v.Real(); },
+     [](const DataCode2dModel& m) { return HTuple(m.timeout); }},
+    {"stop_after_result_num",
+     [](DataCode2dModel& m, const ParamValue& v) { m.stop_after_result_num = v.IntIn(0, 1 << 20); },
+     [](const DataCode2dModel& m) { return HTuple(m.stop_after_result_num); }},
+    {"symbol_type", nullptr, [](const DataCode2dModel& m) { return HTuple(m.symbol_type); }},
+    {"trained_preprocessing", nullptr,
+     [](const DataCode2dModel& m) {
+       return HTuple(m.trained_variant >= 0 ? code::Variants(m.symbology)[size_t(m.trained_variant)].Name()
+                                            : std::string());
+     }},
+});
 
 void SetParams(DataCode2dModel* m, const HTuple& names, const HTuple& values, const char* op) {
   m->trained_read.reset();
-  if (names.Length() != values.Length())
-    throw HException(op, "Number of parameter names and values differ", kErrWrongParamCount);
-  // default_parameters resets the others, so it is applied first.
-  for (Hlong i = 0; i < names.Length(); ++i)
-    if (names.IsString(i) && names.S(i) == "default_parameters")
-      m->ApplyDefaults(StringParam(values, i, op, "default_parameters"), op);
-  for (Hlong i = 0; i < names.Length(); ++i) {
-    if (!names.IsString(i)) throw HException(op, "Wrong type of parameter name", kErrWrongParamType);
-    const std::string& n = names.S(i);
-    if (n == "default_parameters") continue;
-    if (n == "polarity") {
-      auto s = StringParam(values, i, op, n);
-      if (s != "dark_on_light" && s != "light_on_dark" && s != "any")
-        throw HException(op, "Wrong value of 'polarity': " + s, kErrWrongParamValue);
-      m->polarity = s;
-    } else if (n == "mirrored") {
-      auto s = StringParam(values, i, op, n);
-      if (s != "yes" && s != "no" && s != "any") throw HException(op, "Wrong value of 'mirrored': " + s, kErrWrongParamValue);
-      m->mirrored = s;
-    } else if (n == "module_size_min") {
-      m->module_size_min = IntParam(values, i, op, n, 1, 100);
-    } else if (n == "module_size_max") {
-      m->module_size_max = IntParam(values, i, op, n, 1, 1000);
-    } else if (n == "contrast_min") {
-      m->contrast_min = IntParam(values, i, op, n, 1, 255);
-    } else if (n == "timeout") {
-      if (!values.IsNumber(i)) throw HException(op, "Wrong type of value for 'timeout'", kErrWrongParamType);
-      m->timeout = values.D(i);
-    } else if (n == "stop_after_result_num") {
-      m->stop_after_result_num = IntParam(values, i, op, n, 0, 1 << 20);
-    } else {
-      throw HException(op, "Unknown parameter name: " + n, kErrWrongParamValue);
-    }
-  }
+  kParams.Set(*m, names, values, op);
   if (m->module_size_min > m->module_size_max)
-    throw HException(op, "module_size_min is larger than module_size_max", kErrWrongParamValue);
+    ThrowParamValue(op, "'module_size_min'", "larger than 'module_size_max'");
 }
 
 }  // namespace
@@ -132,14 +120,12 @@ void SetParams(DataCode2dModel* m, const HTuple& names, const HTuple& values, co
 void create_data_code_2d_model(const HTuple& symbol_type, const HTuple& gen_param_names,
                                const HTuple& gen_param_values, HTuple* data_code_handle) {
   const char* op = "create_data_code_2d_model";
-  if (symbol_type.Length() != 1 || !symbol_type.IsString(0))
-    throw HException(op, "Wrong symbol type", kErrWrongParamType);
   auto m = std::make_shared<DataCode2dModel>();
-  const std::string& t = symbol_type.S(0);
-  if (t == "Data Matrix ECC 200") m->symbology = Symbology::DataMatrix;
-  else if (t == "QR Code") m->symbology = Symbology::QR;
-  else if (t == "Micro QR Code") m->symbology = Symbology::MicroQR;
-  else throw HException(op, "Unsupported symbol type: " + t, kErrWrongParamValue);
+  const std::string& t =
+      ParamStringIn(symbol_type, op, "SymbolType", {"Data Matrix ECC 200", "QR Code", "Micro QR Code"});
+  m->symbology = t == "Data Matrix ECC 200" ? Symbology::DataMatrix
+                 : t == "QR Code"           ? Symbology::QR
+                                            : Symbology::MicroQR;
   m->symbol_type = t;
   SetParams(m.get(), gen_param_names, gen_param_values, op);
   *data_code_handle = HTuple(HHandle(m));
@@ -154,40 +140,14 @@ void set_data_code_2d_param(const HTuple& data_code_handle, const HTuple& gen_pa
 void get_data_code_2d_param(const HTuple& data_code_handle, const HTuple& gen_param_names,
                             HTuple* gen_param_values) {
   const char* op = "get_data_code_2d_param";
-  auto* m = HandleCast<DataCode2dModel>(data_code_handle, op);
-  HTuple out;
-  for (Hlong i = 0; i < gen_param_names.Length(); ++i) {
-    if (!gen_param_names.IsString(i)) throw HException(op, "Wrong type of parameter name", kErrWrongParamType);
-    const std::string& n = gen_param_names.S(i);
-    if (n == "default_parameters") out.Append(HTuple(m->default_parameters));
-    else if (n == "symbol_type") out.Append(HTuple(m->symbol_type));
-    else if (n == "polarity") out.Append(HTuple(m->polarity));
-    else if (n == "mirrored") out.Append(HTuple(m->mirrored));
-    else if (n == "module_size_min") out.Append(HTuple(m->module_size_min));
-    else if (n == "module_size_max") out.Append(HTuple(m->module_size_max));
-    else if (n == "contrast_min") out.Append(HTuple(m->contrast_min));
-    else if (n == "timeout") out.Append(HTuple(m->timeout));
-    else if (n == "stop_after_result_num") out.Append(HTuple(m->stop_after_result_num));
-    else if (n == "trained_preprocessing")
-      out.Append(HTuple(m->trained_variant >= 0 ? code::Variants(m->symbology)[m->trained_variant].Name() : std::string()));
-    else throw HException(op, "Unknown parameter name: " + n, kErrWrongParamValue);
-  }
-  *gen_param_values = out;
+  *gen_param_values = kParams.Get(*HandleCast<DataCode2dModel>(data_code_handle, op), gen_param_names, op);
 }
 
 void query_data_code_2d_params(const HTuple& data_code_handle, const HTuple& query_name, HTuple* gen_param_names) {
   const char* op = "query_data_code_2d_params";
   HandleCast<DataCode2dModel>(data_code_handle, op);
-  if (query_name.Length() != 1 || !query_name.IsString(0)) throw HException(op, "Wrong query name", kErrWrongParamType);
-  const std::string& q = query_name.S(0);
-  if (q != "get_model_params" && q != "set_model_params")
-    throw HException(op, "Unknown query name: " + q, kErrWrongParamValue);
-  std::vector<std::string> names = kParams;
-  if (q == "get_model_params") {
-    names.push_back("symbol_type");
-    names.push_back("trained_preprocessing");
-  }
-  *gen_param_names = HTuple::Strings(names);
+  const std::string& q = ParamStringIn(query_name, op, "QueryName", {"get_model_params", "set_model_params"});
+  *gen_param_names = kParams.Names(q == "get_model_params" ? Table::kGettable : Table::kSettable);
 }
 
 void find_data_code_2d(const HObject& image, HObject* symbol_xlds, const HTuple& data_code_handle,
@@ -195,23 +155,17 @@ void find_data_code_2d(const HObject& image, HObject* symbol_xlds, const HTuple&
                        HTuple* result_handles, HTuple* decoded_data_strings) {
   const char* op = "find_data_code_2d";
   auto* m = HandleCast<DataCode2dModel>(data_code_handle, op);
-  if (gen_param_names.Length() != gen_param_values.Length())
-    throw HException(op, "Number of parameter names and values differ", kErrWrongParamCount);
+  if (gen_param_names.Length() != gen_param_values.Length()) ThrowParamCount(op, "GenParamValue");
   std::set<std::string> train;
   Hlong stop_after = m->stop_after_result_num;
   for (Hlong i = 0; i < gen_param_names.Length(); ++i) {
-    if (!gen_param_names.IsString(i)) throw HException(op, "Wrong type of parameter name", kErrWrongParamType);
-    const std::string& n = gen_param_names.S(i);
-    if (n == "train") {
-      auto v = StringParam(gen_param_values, i, op, n);
-      if (v != "all" && v != "polarity" && v != "mirrored" && v != "contrast" && v != "image_preparation")
-        throw HException(op, "Wrong value of 'train': " + v, kErrWrongParamValue);
-      train.insert(v);
-    } else if (n == "stop_after_result_num") {
-      stop_after = IntParam(gen_param_values, i, op, n, 0, 1 << 20);
-    } else {
-      throw HException(op, "Unknown parameter name: " + n, kErrWrongParamValue);
-    }
+    const std::string& n =
+        ParamStringIn(gen_param_names, op, "GenParamName", {"train", "stop_after_result_num"}, i);
+    const ParamValue v(gen_param_values, i, op, n);
+    if (n == "train")
+      train.insert(v.StringIn({"all", "polarity", "mirrored", "contrast", "image_preparation"}));
+    else
+      stop_after = v.IntIn(0, 1 << 20);
   }
   cv::Point offset;
   cv::Mat gray = code::GrayView(image, op, &offset);

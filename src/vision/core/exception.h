@@ -9,8 +9,9 @@ namespace vision {
 // Error numbers in the reference library's numbering, for the families the
 // operators here raise.
 enum ErrorNumber : int {
-  kErrWrongParamValue = 1302,   // wrong value of a control parameter
-  kErrWrongParamType = 1301,    // wrong type of a control parameter
+  // Control parameters, read as vision/core/param.h describes.
+  kErrWrongParamType = 1201,    // wrong type of a control parameter
+  kErrWrongParamValue = 1301,   // wrong value of a control parameter
   kErrWrongParamCount = 1401,   // wrong number of values in a control parameter
   kErrWrongObject = 4050,       // wrong kind of iconic object (image vs. region)
   kErrImageSize = 3010,         // images of different sizes

@@ -3,6 +3,8 @@
 #include <mutex>
 #include <string>
 
+#include "vision/core/param.h"
+
 namespace vision {
 
 namespace {
@@ -31,36 +33,23 @@ constexpr const char* kSet = "set_system";
 constexpr const char* kGet = "get_system";
 
 bool ParseBool(const HTuple& v, const std::string& name) {
-  if (v.Length() == 1 && v.IsString(0)) {
-    if (v.S(0) == "true") return true;
-    if (v.S(0) == "false") return false;
-  }
-  throw HException(kSet, "Wrong value for '" + name + "': 'true' or 'false' expected",
-                   kErrWrongParamValue);
+  return ParamStringIn(v, kSet, ("'" + name + "'").c_str(), {"true", "false"}) == "true";
 }
 
 int ParseSize(const HTuple& v, const std::string& name) {
-  if (v.Length() != 1 || !v.IsNumber(0))
-    throw HException(kSet, "Wrong value for '" + name + "': number expected", kErrWrongParamType);
-  Hlong s = v.L(0);
-  if (s < 1 || s > (1 << 24))
-    throw HException(kSet, "Wrong value for '" + name + "'", kErrWrongParamValue);
-  return int(s);
+  return int(ParamIntIn(v, kSet, ("'" + name + "'").c_str(), 1, 1 << 24));
 }
 
 }  // namespace
 
 void set_system(const HTuple& name, const HTuple& value) {
-  if (name.Length() != 1 || !name.IsString(0))
-    throw HException(kSet, "Wrong type of parameter name", kErrWrongParamType);
-  const std::string& n = name.S(0);
+  const std::string& n = ParamString(name, kSet, "SystemParameter");
   std::lock_guard<std::mutex> lock(Mutex());
   SystemState& s = State();
   if (n == "neighborhood") {
-    if (value.Length() != 1 || !value.IsNumber(0) || (value.L(0) != 4 && value.L(0) != 8))
-      throw HException(kSet, "Wrong value for 'neighborhood': 4 or 8 expected",
-                       kErrWrongParamValue);
-    s.neighborhood = int(value.L(0));
+    const Hlong k = ParamInt(value, kSet, "'neighborhood'");
+    if (k != 4 && k != 8) ThrowParamValue(kSet, "'neighborhood'", "4 or 8 expected");
+    s.neighborhood = int(k);
   } else if (n == "clip_region") {
     s.clip_region = ParseBool(value, n);
   } else if (n == "flush_graphic") {
@@ -72,18 +61,14 @@ void set_system(const HTuple& name, const HTuple& value) {
   } else if (n == "height") {
     s.height = ParseSize(value, n);
   } else if (n == "operating_system") {
-    if (value.Length() != 1 || !value.IsString(0))
-      throw HException(kSet, "Wrong value for 'operating_system'", kErrWrongParamType);
-    s.operating_system = value.S(0);
+    s.operating_system = ParamString(value, kSet, "'operating_system'");
   } else {
     throw HException(kSet, "Unknown system parameter '" + n + "'", kErrWrongParamValue);
   }
 }
 
 void get_system(const HTuple& name, HTuple* value) {
-  if (name.Length() != 1 || !name.IsString(0))
-    throw HException(kGet, "Wrong type of parameter name", kErrWrongParamType);
-  const std::string& n = name.S(0);
+  const std::string& n = ParamString(name, kGet, "SystemParameter");
   std::lock_guard<std::mutex> lock(Mutex());
   const SystemState& s = State();
   auto b = [](bool v) { return HTuple(v ? "true" : "false"); };

@@ -1,6 +1,6 @@
 #pragma once
-// Helpers shared by the image operators of this area: parameter reading with
-// the operator's own error texts, and plane conversions.
+// Helpers shared by the image operators of this area: plane conversions.
+// Control parameters are read with vision/core/param.h.
 #include <algorithm>
 #include <cmath>
 #include <string>
@@ -11,58 +11,10 @@
 #include "vision/core/exception.h"
 #include "vision/core/image.h"
 #include "vision/core/object.h"
+#include "vision/core/param.h"
 #include "vision/core/tuple.h"
 
 namespace vision::filter_detail {
-
-inline void RequireCount(const HTuple& t, Hlong min_len, Hlong max_len, const char* op,
-                         const char* name) {
-  if (t.Length() < min_len || t.Length() > max_len)
-    throw HException(op, std::string("Wrong number of values of control parameter ") + name,
-                     kErrWrongParamCount);
-}
-
-inline double Num(const HTuple& t, Hlong i, const char* op, const char* name) {
-  if (t.Length() <= i)
-    throw HException(op, std::string("Wrong number of values of control parameter ") + name,
-                     kErrWrongParamCount);
-  if (!t.IsNumber(i))
-    throw HException(op, std::string("Wrong type of control parameter ") + name + ": number expected",
-                     kErrWrongParamType);
-  const double v = t.D(i);
-  if (!std::isfinite(v))
-    throw HException(op, std::string("Wrong value of control parameter ") + name, kErrWrongParamValue);
-  return v;
-}
-
-inline Hlong Int(const HTuple& t, Hlong i, const char* op, const char* name) {
-  if (t.Length() <= i)
-    throw HException(op, std::string("Wrong number of values of control parameter ") + name,
-                     kErrWrongParamCount);
-  if (!t.IsInt(i))
-    throw HException(op, std::string("Wrong type of control parameter ") + name + ": integer expected",
-                     kErrWrongParamType);
-  return t.L(i);
-}
-
-inline const std::string& Str(const HTuple& t, Hlong i, const char* op, const char* name) {
-  if (t.Length() <= i)
-    throw HException(op, std::string("Wrong number of values of control parameter ") + name,
-                     kErrWrongParamCount);
-  if (!t.IsString(i))
-    throw HException(op, std::string("Wrong type of control parameter ") + name + ": string expected",
-                     kErrWrongParamType);
-  return t.S(i);
-}
-
-// The value of element i of a per-object parameter: one value for all objects
-// or one per object.
-inline double NumPer(const HTuple& t, Hlong i, Hlong n, const char* op, const char* name) {
-  if (t.Length() != 1 && t.Length() != n)
-    throw HException(op, std::string("Wrong number of values of control parameter ") + name,
-                     kErrWrongParamCount);
-  return Num(t, t.Length() == 1 ? 0 : i, op, name);
-}
 
 // Every element of `obj` must be an image; returns them in order.
 std::vector<const Image*> Images(const HObject& obj, const char* op);

@@ -77,7 +77,7 @@ cv::Mat MeanPlane(const cv::Mat& p, PixelType t, int mw, int mh) {
 }
 
 void MaskSize(const HTuple& mask_width, const HTuple& mask_height, const char* op, int* mw, int* mh) {
-  const double w = Num(mask_width, 0, op, "MaskWidth"), h = Num(mask_height, 0, op, "MaskHeight");
+  const Hlong w = ParamInt(mask_width, op, "MaskWidth"), h = ParamInt(mask_height, op, "MaskHeight");
   if (w < 1 || h < 1 || w > 4001 || h > 4001)
     throw HException(op, "Wrong value of control parameter MaskWidth or MaskHeight", kErrWrongParamValue);
   *mw = int(w);
@@ -251,7 +251,7 @@ void rgb1_to_gray(const HObject& rgb_image, HObject* gray_image) {
 
 void scale_image(const HObject& image, HObject* image_scaled, const HTuple& mult, const HTuple& add) {
   const char* op = "scale_image";
-  const double m = Num(mult, 0, op, "Mult"), a = Num(add, 0, op, "Add");
+  const double m = ParamReal(mult, op, "Mult"), a = ParamReal(add, op, "Add");
   *image_scaled = PerPlane(image, op, nullptr, [&](const Image& img, const cv::Mat& p) {
     if (img.type == PixelType::Real) {
       cv::Mat r;
@@ -289,7 +289,7 @@ void emphasize(const HObject& image, HObject* image_emphasize, const HTuple& mas
   const char* op = "emphasize";
   int mw, mh;
   MaskSize(mask_width, mask_height, op, &mw, &mh);
-  const double f = Num(factor, 0, op, "Factor");
+  const double f = ParamReal(factor, op, "Factor");
   if (f < 0) throw HException(op, "Wrong value of control parameter Factor", kErrWrongParamValue);
   *image_emphasize = PerPlane(image, op, nullptr, [&](const Image& img, const cv::Mat& p) {
     if (img.type != PixelType::Byte && img.type != PixelType::Int2 && img.type != PixelType::UInt2)
@@ -350,11 +350,11 @@ void emphasize(const HObject& image, HObject* image_emphasize, const HTuple& mas
 void derivate_gauss(const HObject& image, HObject* deriv_gauss, const HTuple& sigma,
                     const HTuple& component) {
   const char* op = "derivate_gauss";
-  RequireCount(sigma, 1, 2, op, "Sigma");
-  const double sc = Num(sigma, 0, op, "Sigma"), sr = sigma.Length() > 1 ? Num(sigma, 1, op, "Sigma") : sc;
+  ParamCount(sigma, op, "Sigma", 1, 2);
+  const double sc = ParamReal(sigma, op, "Sigma", 0), sr = sigma.Length() > 1 ? ParamReal(sigma, op, "Sigma", 1) : sc;
   if (sc <= 0 || sr <= 0 || sc > 1000 || sr > 1000)
     throw HException(op, "Wrong value of control parameter Sigma", kErrWrongParamValue);
-  const std::string& comp = Str(component, 0, op, "Component");
+  const std::string& comp = ParamString(component, op, "Component");
   if (comp != "x" && comp != "y" && comp != "gradient" && comp != "none")
     throw HException(op, "Wrong value of control parameter Component: '" + comp + "'",
                      kErrNotImplemented);
@@ -385,9 +385,9 @@ void derivate_gauss(const HObject& image, HObject* deriv_gauss, const HTuple& si
 void rotate_image(const HObject& image, HObject* image_rotate, const HTuple& phi,
                   const HTuple& interpolation) {
   const char* op = "rotate_image";
-  double angle = std::fmod(Num(phi, 0, op, "Phi"), 360.0);
+  double angle = std::fmod(ParamReal(phi, op, "Phi"), 360.0);
   if (angle < 0) angle += 360.0;
-  const std::string& interp = Str(interpolation, 0, op, "Interpolation");
+  const std::string& interp = ParamString(interpolation, op, "Interpolation");
   int flag;
   if (interp == "constant" || interp == "nearest_neighbor") flag = cv::INTER_NEAREST;
   else if (interp == "bilinear" || interp == "weighted") flag = cv::INTER_LINEAR;
@@ -456,10 +456,10 @@ void rotate_image(const HObject& image, HObject* image_rotate, const HTuple& phi
 void zoom_image_factor(const HObject& image, HObject* image_zoomed, const HTuple& scale_width,
                        const HTuple& scale_height, const HTuple& interpolation) {
   const char* op = "zoom_image_factor";
-  const double sw = Num(scale_width, 0, op, "ScaleWidth"), sh = Num(scale_height, 0, op, "ScaleHeight");
+  const double sw = ParamReal(scale_width, op, "ScaleWidth"), sh = ParamReal(scale_height, op, "ScaleHeight");
   if (sw <= 0 || sh <= 0 || sw > 100 || sh > 100)
     throw HException(op, "Wrong value of control parameter ScaleWidth or ScaleHeight", kErrWrongParamValue);
-  const std::string& interp = Str(interpolation, 0, op, "Interpolation");
+  const std::string& interp = ParamString(interpolation, op, "Interpolation");
   if (interp != "nearest_neighbor" && interp != "bilinear" && interp != "constant" &&
       interp != "weighted" && interp != "bicubic")
     throw HException(op, "Wrong value of control parameter Interpolation: '" + interp + "'", kErrWrongParamValue);
@@ -543,7 +543,7 @@ Region InnerBorder(const Region& reg) {
 void paint_region(const HObject& region, const HObject& image, HObject* image_result,
                   const HTuple& grayval, const HTuple& type) {
   const char* op = "paint_region";
-  const std::string& mode = Str(type, 0, op, "Type");
+  const std::string& mode = ParamString(type, op, "Type");
   if (mode != "fill" && mode != "margin")
     throw HException(op, "Wrong value of control parameter Type: '" + mode + "'", kErrWrongParamValue);
   // One region (the common case) is painted as it stands, without a copy.
@@ -567,7 +567,7 @@ void paint_region(const HObject& region, const HObject& image, HObject* image_re
     Image res = *img;
     for (Hlong k = 0; k < nc; ++k)
       res.planes[size_t(k)] = PaintedPlane(img->planes[size_t(k)], reg->Runs(),
-                                           Num(grayval, grayval.Length() == 1 ? 0 : k, op, "Grayval"));
+                                           ParamReal(grayval, op, "Grayval", k));
     out.Push(std::move(res));
   }
   *image_result = out;
@@ -576,7 +576,7 @@ void paint_region(const HObject& region, const HObject& image, HObject* image_re
 void real_to_vector_field(const HObject& row, const HObject& col, HObject* vector_field,
                           const HTuple& type) {
   const char* op = "real_to_vector_field";
-  const std::string& vt = Str(type, 0, op, "Type");
+  const std::string& vt = ParamString(type, op, "Type");
   if (vt != "vector_field_relative" && vt != "vector_field_absolute")
     throw HException(op, "Wrong value of control parameter Type: '" + vt + "'", kErrWrongParamValue);
   const auto rows = Images(row, op), cols = Images(col, op);
@@ -708,7 +708,7 @@ void reconstruct_height_field_from_gradient(const HObject& gradient, HObject* he
                                             const HTuple& gen_param_name,
                                             const HTuple& gen_param_value) {
   const char* op = "reconstruct_height_field_from_gradient";
-  const std::string& method = Str(reconstruction_method, 0, op, "ReconstructionMethod");
+  const std::string& method = ParamString(reconstruction_method, op, "ReconstructionMethod");
   if (method == "fft_cyclic" || method == "rft_cyclic")
     throw HException(op, "Reconstruction method '" + method + "' is not available", kErrNotImplemented);
   if (method != "poisson")
@@ -718,7 +718,7 @@ void reconstruct_height_field_from_gradient(const HObject& gradient, HObject* he
     throw HException(op, "GenParamName and GenParamValue differ in length", kErrWrongParamCount);
   for (Hlong i = 0; i < gen_param_name.Length(); ++i) {
     // Speed tuning has nothing to tune here; any other name is an error.
-    if (Str(gen_param_name, i, op, "GenParamName") != "optimize_speed")
+    if (ParamString(gen_param_name, op, "GenParamName", i) != "optimize_speed")
       throw HException(op, "Wrong value of control parameter GenParamName", kErrWrongParamValue);
   }
   HObject out;

@@ -93,14 +93,14 @@ void Put(HTuple& t, const HTuple& v) { t.Append(v); }
 size_t PixelBytes(PixelType t) { return CV_ELEM_SIZE(PixelTypeCvDepth(t)); }
 
 PixelType PlainType(const HTuple& type, const char* op) {
-  PixelType t = PixelTypeFromName(Str(type, 0, op, "Type"), op);
+  PixelType t = PixelTypeFromName(ParamString(type, op, "Type"), op);
   if (t == PixelType::VectorField)
     throw HException(op, "Wrong pixel type 'vector_field'", kErrWrongParamValue);
   return t;
 }
 
 void Size(const HTuple& width, const HTuple& height, const char* op, int* w, int* h) {
-  const Hlong W = Int(width, 0, op, "Width"), H = Int(height, 0, op, "Height");
+  const Hlong W = ParamInt(width, op, "Width"), H = ParamInt(height, op, "Height");
   if (W < 1 || H < 1 || W > 32768 || H > 32768)
     throw HException(op, "Wrong value of control parameter Width or Height", kErrWrongParamValue);
   *w = int(W);
@@ -109,7 +109,7 @@ void Size(const HTuple& width, const HTuple& height, const char* op, int* w, int
 
 cv::Mat PlaneFromPointer(const HTuple& ptr, PixelType t, int w, int h, const char* op,
                          const char* name) {
-  const Hlong p = Int(ptr, 0, op, name);
+  const Hlong p = ParamInt(ptr, op, name);
   if (p == 0) throw HException(op, std::string("Null pointer in ") + name, kErrWrongParamValue);
   cv::Mat plane(h, w, PixelTypeCvDepth(t));
   std::memcpy(plane.data, reinterpret_cast<const void*>(p), size_t(w) * size_t(h) * PixelBytes(t));
@@ -221,7 +221,7 @@ void count_channels(const HObject& multi_channel_image, HTuple* channels) {
 
 void access_channel(const HObject& multi_channel_image, HObject* image, const HTuple& channel) {
   const char* op = "access_channel";
-  const Hlong k = Int(channel, 0, op, "Channel");
+  const Hlong k = ParamInt(channel, op, "Channel");
   HObject out;
   for (const Image* img : Images(multi_channel_image, op)) {
     RequireNotVectorField(*img, op);
@@ -333,7 +333,7 @@ void get_grayval(const HObject& image, const HTuple& row, const HTuple& column, 
   RequireNotVectorField(img, op);
   HTuple g;
   for (Hlong i = 0; i < row.Length(); ++i) {
-    const Hlong r = Int(row, i, op, "Row"), c = Int(column, i, op, "Column");
+    const Hlong r = ParamInt(row, op, "Row", i), c = ParamInt(column, op, "Column", i);
     if (r < 0 || c < 0 || r >= img.height || c >= img.width)
       throw HException(op, "Coordinates outside of the image", kErrWrongParamValue);
     for (const cv::Mat& p : img.planes) {

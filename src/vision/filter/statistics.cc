@@ -336,7 +336,7 @@ void ByteMinMax(const Region& r, const Image& img, double percent, double* mn, d
 void min_max_gray(const HObject& regions, const HObject& image, const HTuple& percent,
                   HTuple* min, HTuple* max, HTuple* range) {
   const char* op = "min_max_gray";
-  const double pc = Num(percent, 0, op, "Percent");
+  const double pc = ParamReal(percent, op, "Percent");
   if (pc < 0 || pc > 50) throw HException(op, "Wrong value of control parameter Percent", kErrWrongParamValue);
   const Image& img = SingleImage(image, op);
   HTuple mn, mx, rg;

@@ -4,12 +4,16 @@
 #include <cmath>
 #include <regex>
 
+#include "vision/core/param.h"
+
 namespace vision {
 
 namespace {
 
+// Tuple arithmetic takes every number as it is (infinities included), so
+// only the type is checked here.
 double Number(const HTuple& t, Hlong i, const char* op) {
-  if (!t.IsNumber(i)) throw HException(op, "Wrong type of tuple element: number expected", kErrWrongParamType);
+  if (!t.IsNumber(i)) ThrowParamType(op, "T", "number");
   return t.D(i);
 }
 
@@ -35,14 +39,6 @@ HTuple MapInt(const HTuple& t, const char* op, Fn fn) {
     else v.emplace_back(ToInt(fn(Number(t, i, op)), op));
   }
   return HTuple(std::move(v));
-}
-
-// Indices are integers; reals without a fraction (from tuple_floor) count too.
-Hlong Index(const HTuple& t, Hlong i, const char* op) {
-  if (t.Length() > i && t.IsInt(i)) return t.L(i);
-  if (t.Length() > i && t.IsReal(i) && std::trunc(t.D(i)) == t.D(i) && std::fabs(t.D(i)) < 9e15)
-    return Hlong(t.D(i));
-  throw HException(op, "Wrong type of index: integer expected", kErrWrongParamType);
 }
 
 // Library ordering of values: numbers by value, before strings.
@@ -150,7 +146,7 @@ void tuple_length(const HTuple& t, HTuple* length) { *length = HTuple(t.Length()
 
 void tuple_select_range(const HTuple& t, const HTuple& left, const HTuple& right, HTuple* selected) {
   const char* op = "tuple_select_range";
-  const Hlong l = Index(left, 0, op), r = Index(right, 0, op);
+  const Hlong l = ParamInt(left, op, "Leftindex"), r = ParamInt(right, op, "Rightindex");
   if (r == l - 1 && l >= 0 && l <= t.Length()) {
     *selected = HTuple();
     return;
@@ -164,7 +160,7 @@ void tuple_select(const HTuple& t, const HTuple& index, HTuple* selected) {
   const char* op = "tuple_select";
   std::vector<HValue> v;
   for (Hlong i = 0; i < index.Length(); ++i) {
-    const Hlong k = Index(index, i, op);
+    const Hlong k = ParamInt(index, op, "Index", i);
     if (k < 0 || k >= t.Length()) throw HException(op, "Index out of range", kErrWrongParamValue);
     v.push_back(t[k]);
   }
@@ -179,9 +175,8 @@ void tuple_concat(const HTuple& t1, const HTuple& t2, HTuple* concat) {
 
 void tuple_gen_const(const HTuple& length, const HTuple& value, HTuple* out) {
   const char* op = "tuple_gen_const";
-  const Hlong n = Index(length, 0, op);
-  if (n < 0 || n > (Hlong(1) << 31)) throw HException(op, "Wrong value of control parameter Length", kErrWrongParamValue);
-  if (value.Length() != 1) throw HException(op, "Const must hold exactly one value", kErrWrongParamCount);
+  const Hlong n = ParamIntIn(length, op, "Length", 0, Hlong(1) << 31);
+  ParamCount(value, op, "Const", 1);
   *out = HTuple(std::vector<HValue>(size_t(n), value[0]));
 }
 
@@ -201,22 +196,18 @@ void tuple_find(const HTuple& t, const HTuple& to_find, HTuple* index) {
 void tuple_strlen(const HTuple& t, HTuple* length) {
   std::vector<HValue> v;
   for (Hlong i = 0; i < t.Length(); ++i) {
-    if (!t.IsString(i)) throw HException("tuple_strlen", "Wrong type of tuple element: string expected", kErrWrongParamType);
-    v.emplace_back(Hlong(t.S(i).size()));
+    v.emplace_back(Hlong(ParamString(t, "tuple_strlen", "T", i).size()));
   }
   *length = HTuple(std::move(v));
 }
 
 void tuple_split(const HTuple& strings, const HTuple& separator, HTuple* substrings) {
   const char* op = "tuple_split";
-  if (separator.Length() != 1 && separator.Length() != strings.Length())
-    throw HException(op, "Wrong number of separators", kErrWrongParamCount);
+  ParamCountPer(separator, op, "Separator", strings.Length());
   HTuple out;
   for (Hlong i = 0; i < strings.Length(); ++i) {
-    if (!strings.IsString(i) || !separator.IsString(separator.Length() == 1 ? 0 : i))
-      throw HException(op, "Wrong type of tuple element: string expected", kErrWrongParamType);
-    const std::string& s = strings.S(i);
-    const std::string& sep = separator.S(separator.Length() == 1 ? 0 : i);
+    const std::string& s = ParamString(strings, op, "String", i);
+    const std::string& sep = ParamString(separator, op, "Separator", i);
     std::string piece;
     for (char ch : s) {
       if (sep.find(ch) != std::string::npos) {
@@ -233,8 +224,8 @@ void tuple_split(const HTuple& strings, const HTuple& separator, HTuple* substri
 
 void tuple_regexp_select(const HTuple& data, const HTuple& expression, HTuple* selection) {
   const char* op = "tuple_regexp_select";
-  if (expression.Empty() || !expression.IsString(0))
-    throw HException(op, "Wrong type of control parameter Expression: string expected", kErrWrongParamType);
+  ParamCount(expression, op, "Expression", 1, -1);
+  ParamString(expression, op, "Expression", 0);
   auto flags = std::regex::ECMAScript;
   bool invert = false;
   for (Hlong i = 1; i < expression.Length(); ++i) {
@@ -252,8 +243,8 @@ void tuple_regexp_select(const HTuple& data, const HTuple& expression, HTuple* s
   }
   HTuple out;
   for (Hlong i = 0; i < data.Length(); ++i) {
-    if (!data.IsString(i)) throw HException(op, "Wrong type of tuple element: string expected", kErrWrongParamType);
-    if (std::regex_search(data.S(i), re) != invert) out.Append(HTuple(data.S(i)));
+    const std::string& d = ParamString(data, op, "Data", i);
+    if (std::regex_search(d, re) != invert) out.Append(HTuple(d));
   }
   *selection = out;
 }

@@ -9,6 +9,7 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include "vision/core/param.h"
 #include "vision/ocr/mlp.h"
 
 #ifndef VELMORA_VISION_INSTALL_DIR
@@ -326,13 +327,8 @@ std::string ResolveOcrPath(const std::string& name) {
   return OcrFontFolder() + "/" + name;
 }
 
-void CheckOneValue(const HTuple& t, const char* op, const char* what) {
-  if (t.Length() != 1)
-    throw HException(op, std::string("Wrong number of values of ") + what, kErrWrongParamCount);
-}
-
 OcrMlp* Classifier(const HTuple& h, const char* op) {
-  CheckOneValue(h, op, "OCRHandle");
+  ParamCount(h, op, "OCRHandle", 1);
   return HandleCast<OcrMlp>(h, op);
 }
 
@@ -392,16 +388,16 @@ void AddTrainf(const HObject& character, const HObject& image, const HTuple& kla
   std::vector<OcrSample> samples;
   for (long i = 0; i < character.Count(); ++i) {
     samples.push_back(OcrCutSample(character.RegionAt(i, op), img, op));
-    samples.back().klass = klass.S(i);
+    samples.back().klass = ParamString(klass, op, "Class", i);
   }
-  CheckOneValue(train_file, op, "TrainingFile");
+  ParamCount(train_file, op, "TrainingFile", 1);
   if (train_file.IsHandle(0)) {
     auto* set = HandleCast<OcrTrainSamples>(train_file, op);
     if (replace) set->samples.clear();
     for (auto& s : samples) set->samples.push_back(std::move(s));
     return;
   }
-  const std::string path = train_file.S(0);
+  const std::string path = ParamString(train_file, op, "TrainingFile");
   bool fresh = replace;
   if (!fresh) {
     std::ifstream probe(path, std::ios::binary);
@@ -538,31 +534,23 @@ void create_ocr_class_mlp(const HTuple& width_character, const HTuple& height_ch
                           const HTuple& preprocessing, const HTuple& num_components,
                           const HTuple& rand_seed, HTuple* ocr_handle) {
   const char* op = "create_ocr_class_mlp";
-  CheckOneValue(width_character, op, "WidthCharacter");
-  CheckOneValue(height_character, op, "HeightCharacter");
-  CheckOneValue(num_hidden, op, "NumHidden");
   auto c = std::make_shared<OcrMlp>();
-  c->grid_w = width_character.I();
-  c->grid_h = height_character.I();
-  if (c->grid_w < 4 || c->grid_h < 4 || c->grid_w > 40 || c->grid_h > 40)
-    throw HException(op, "Character size must lie in 4..40", kErrWrongParamValue);
-  c->interpolation = interpolation.S();
+  c->grid_w = int(ParamIntIn(width_character, op, "WidthCharacter", 4, 40));
+  c->grid_h = int(ParamIntIn(height_character, op, "HeightCharacter", 4, 40));
+  c->interpolation = ParamString(interpolation, op, "Interpolation");
   CvInterpolation(c->interpolation, op);
-  c->feature_names = features.ToSVec();
+  for (Hlong i = 0; i < features.Length(); ++i) c->feature_names.push_back(ParamString(features, op, "Features", i));
   c->features = ExpandFeatures(c->feature_names, op);
-  c->classes = characters.ToSVec();
+  for (Hlong i = 0; i < characters.Length(); ++i) c->classes.push_back(ParamString(characters, op, "Characters", i));
   if (c->classes.size() < 2) throw HException(op, "At least two classes needed", kErrWrongParamValue);
   for (size_t i = 0; i < c->classes.size(); ++i)
     for (size_t j = i + 1; j < c->classes.size(); ++j)
       if (c->classes[i] == c->classes[j])
         throw HException(op, "Duplicate class: " + c->classes[i], kErrWrongParamValue);
-  const int hidden = num_hidden.I();
-  if (hidden < 1 || hidden > 4096) throw HException(op, "NumHidden out of range", kErrWrongParamValue);
-  c->preprocessing = preprocessing.S();
-  if (c->preprocessing != "none" && c->preprocessing != "normalization")
-    throw HException(op, "Preprocessing must be 'none' or 'normalization'", kErrWrongParamValue);
-  c->num_components = num_components.Empty() ? 10 : num_components.I();
-  c->seed = rand_seed.Empty() ? 42u : uint32_t(rand_seed.L());
+  const int hidden = int(ParamIntIn(num_hidden, op, "NumHidden", 1, 4096));
+  c->preprocessing = ParamStringIn(preprocessing, op, "Preprocessing", {"none", "normalization"});
+  c->num_components = num_components.Empty() ? 10 : int(ParamInt(num_components, op, "NumComponents"));
+  c->seed = rand_seed.Empty() ? 42u : uint32_t(ParamInt(rand_seed, op, "RandSeed"));
   c->net.Init(c->NumInputs(), hidden, int(c->classes.size()), c->seed);
   *ocr_handle = HTuple(HHandle(c));
 }
@@ -580,7 +568,7 @@ void write_ocr_trainf(const HObject& character, const HObject& image, const HTup
 void read_ocr_trainf_samples(const HTuple& train_file, HTuple* samples_handle) {
   const char* op = "read_ocr_trainf";
   auto set = std::make_shared<OcrTrainSamples>();
-  for (const auto& f : train_file.ToSVec()) ReadTrainFile(f, &set->samples, op);
+  for (Hlong i = 0; i < train_file.Length(); ++i) ReadTrainFile(ParamString(train_file, op, "TrainingFile", i), &set->samples, op);
   *samples_handle = HTuple(HHandle(set));
 }
 
@@ -601,7 +589,7 @@ void trainf_ocr_class_mlp(const HTuple& ocr_handle, const HTuple& train_file,
   if (train_file.Length() == 1 && train_file.IsHandle(0))
     samples = &HandleCast<OcrTrainSamples>(train_file, op)->samples;
   else
-    for (const auto& f : train_file.ToSVec()) ReadTrainFile(f, &from_files, op);
+    for (Hlong i = 0; i < train_file.Length(); ++i) ReadTrainFile(ParamString(train_file, op, "TrainingFile", i), &from_files, op);
 
   std::vector<int> labels;
   std::vector<const OcrSample*> used;
@@ -617,10 +605,10 @@ void trainf_ocr_class_mlp(const HTuple& ocr_handle, const HTuple& train_file,
   for (size_t i = 0; i < used.size(); ++i) ComputeFeatures(*c, *used[i], x.row(long(i)).data());
 
   ocr_detail::TrainParams p;
-  p.epochs = std::max(1, max_iterations.I());
+  p.epochs = int(std::max<Hlong>(1, ParamInt(max_iterations, op, "MaxIterations")));
   p.seed = c->seed;
   p.normalise = c->preprocessing == "normalization";
-  p.error_tolerance = error_tolerance.Empty() ? 0.f : float(error_tolerance.D());
+  p.error_tolerance = error_tolerance.Empty() ? 0.f : float(ParamReal(error_tolerance, op, "ErrorTolerance"));
   (void)weight_tolerance;  // Adam with a fixed schedule has no weight-change criterion
   c->net.Init(n_in, c->net.n_hidden, int(c->classes.size()), c->seed);
   const std::vector<double> log = ocr_detail::Train(&c->net, x, labels, p);
@@ -635,9 +623,7 @@ void do_ocr_single_class_mlp(const HObject& character, const HObject& image,
   const OcrMlp* c = Classifier(ocr_handle, op);
   if (character.Count() != 1) throw HException(op, "Exactly one character region expected", kErrWrongObject);
   if (image.Count() != 1) throw HException(op, "Exactly one image expected", kErrWrongObject);
-  CheckOneValue(num, op, "Num");
-  const long n = num.L();
-  if (n < 1) throw HException(op, "Num must be at least 1", kErrWrongParamValue);
+  const long n = long(ParamIntIn(num, op, "Num", 1, 1 << 20));
   const OcrSample s = OcrCutSample(character.RegionAt(0, op), image.ImageAt(0, op), op);
   const auto r = Ranked(*c, s);
   klass->Clear();
@@ -691,7 +677,7 @@ void get_params_ocr_class_mlp(const HTuple& ocr_handle, HTuple* width_character,
 void write_ocr_class_mlp(const HTuple& ocr_handle, const HTuple& file_name) {
   const char* op = "write_ocr_class_mlp";
   const OcrMlp* c = Classifier(ocr_handle, op);
-  CheckOneValue(file_name, op, "FileName");
+  const std::string path = ParamString(file_name, op, "FileName");
   Writer w;
   w.Raw(kOmcMagic, 4);
   w.U32(kOmcVersion);
@@ -716,7 +702,6 @@ void write_ocr_class_mlp(const HTuple& ocr_handle, const HTuple& file_name) {
   w.Floats(n.w2.data(), size_t(n.w2.size()));
   w.Floats(n.b2.data(), size_t(n.n_out));
   w.U32(LaneHash(w.Buf().data(), w.Buf().size()));
-  const std::string path = file_name.S();
   std::ofstream f(path, std::ios::binary | std::ios::trunc);
   f.write(w.Buf().data(), std::streamsize(w.Buf().size()));
   if (!f) throw HException(op, "Cannot write file: " + path, kErrFile);
@@ -724,9 +709,7 @@ void write_ocr_class_mlp(const HTuple& ocr_handle, const HTuple& file_name) {
 
 void read_ocr_class_mlp(const HTuple& file_name, HTuple* ocr_handle) {
   const char* op = "read_ocr_class_mlp";
-  CheckOneValue(file_name, op, "FileName");
-  if (!file_name.IsString(0)) throw HException(op, "File name must be a string", kErrWrongParamType);
-  const std::string path = ResolveOcrPath(file_name.S());
+  const std::string path = ResolveOcrPath(ParamString(file_name, op, "FileName"));
   const std::string d = ReadWholeFile(path, op);
   if (d.size() < 12 || std::memcmp(d.data(), kOmcMagic, 4) != 0)
     throw HException(op, "Not an OCR classifier file: " + path, kErrFileFormat);

@@ -311,7 +311,7 @@ std::vector<std::string> FeatureNames(const HTuple& features, const char* op) {
   if (features.Empty()) throw HException(op, "Missing feature names", kErrWrongParamCount);
   std::vector<std::string> names;
   for (Hlong i = 0; i < features.Length(); ++i)
-    names.push_back(detail::ParamString(features, op, "Features", i));
+    names.push_back(ParamString(features, op, "Features", i));
   return names;
 }
 }  // namespace
@@ -336,15 +336,15 @@ void select_shape(const HObject& regions, HObject* selected_regions, const HTupl
   constexpr const char* op = "select_shape";
   auto names = FeatureNames(features, op);
   const Hlong n = Hlong(names.size());
-  detail::CheckBroadcast(min, n, op, "Min");
-  detail::CheckBroadcast(max, n, op, "Max");
-  std::string oper = detail::ParamString(operation, op, "Operation");
+  ParamCountPer(min, op, "Min", n);
+  ParamCountPer(max, op, "Max", n);
+  std::string oper = ParamString(operation, op, "Operation");
   if (oper != "and" && oper != "or")
     throw HException(op, "Wrong value of Operation: 'and' or 'or' expected", kErrWrongParamValue);
   std::vector<double> lo(static_cast<size_t>(n)), hi(static_cast<size_t>(n));
   for (Hlong i = 0; i < n; ++i) {
-    lo[size_t(i)] = detail::ParamDouble(min, op, "Min", i);
-    hi[size_t(i)] = detail::ParamDouble(max, op, "Max", i);
+    lo[size_t(i)] = ParamReal(min, op, "Min", i);
+    hi[size_t(i)] = ParamReal(max, op, "Max", i);
   }
   HObject out;
   for (long k = 0; k < regions.Count(); ++k) {
@@ -364,9 +364,9 @@ void select_shape(const HObject& regions, HObject* selected_regions, const HTupl
 void sort_region(const HObject& regions, HObject* sorted_regions, const HTuple& sort_mode,
                  const HTuple& order, const HTuple& row_or_col) {
   constexpr const char* op = "sort_region";
-  std::string mode = detail::ParamString(sort_mode, op, "SortMode");
-  std::string ord = detail::ParamString(order, op, "Order");
-  std::string dir = detail::ParamString(row_or_col, op, "RowOrCol");
+  std::string mode = ParamString(sort_mode, op, "SortMode");
+  std::string ord = ParamString(order, op, "Order");
+  std::string dir = ParamString(row_or_col, op, "RowOrCol");
   if (ord != "true" && ord != "false")
     throw HException(op, "Wrong value of Order: 'true' or 'false' expected", kErrWrongParamValue);
   if (dir != "row" && dir != "column")

@@ -14,8 +14,6 @@
 namespace vision {
 
 using detail::GrowRuns;
-using detail::ParamDouble;
-using detail::ParamInt;
 using detail::RegionRefs;
 using detail::RegionsOf;
 using detail::ShiftRows;
@@ -145,7 +143,7 @@ struct ElementRow { int dr, lo, hi; };
 // gives an even diameter whose centre lies half a pixel right of and below the
 // reference point, the translation the reference warns about for such radii.
 std::vector<ElementRow> DiscRows(const HTuple& radius, const char* op) {
-  double r = ParamDouble(radius, op, "Radius");
+  double r = ParamReal(radius, op, "Radius");
   if (r < 0.5 || r > 4096)
     throw HException(op, "Wrong value of Radius: 0.5 or more expected", kErrWrongParamValue);
   const bool even = std::fabs(r - std::round(r)) < 1e-9;
@@ -607,8 +605,8 @@ void skeleton(const HObject& region, HObject* skeleton_out) {
 void distance_transform(const HObject& region, HObject* distance_image, const HTuple& metric,
                         const HTuple& foreground, const HTuple& width, const HTuple& height) {
   constexpr const char* op = "distance_transform";
-  std::string met = detail::ParamString(metric, op, "Metric");
-  std::string fg = detail::ParamString(foreground, op, "Foreground");
+  std::string met = ParamString(metric, op, "Metric");
+  std::string fg = ParamString(foreground, op, "Foreground");
   if (met != "city-block" && met != "chessboard" && met != "octagonal" && met != "euclidean")
     throw HException(op, "Wrong value of Metric '" + met + "'", kErrWrongParamValue);
   if (fg != "true" && fg != "false")

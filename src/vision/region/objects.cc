@@ -8,8 +8,6 @@
 
 namespace vision {
 
-using detail::ParamDouble;
-using detail::ParamInt;
 
 void gen_rectangle1(HObject* rectangle, const HTuple& row1, const HTuple& column1,
                     const HTuple& row2, const HTuple& column2) {
@@ -17,12 +15,12 @@ void gen_rectangle1(HObject* rectangle, const HTuple& row1, const HTuple& column
   Hlong n = std::max({row1.Length(), column1.Length(), row2.Length(), column2.Length()});
   if (n == 0) throw HException(op, "Missing rectangle coordinates", kErrWrongParamCount);
   for (const HTuple* t : {&row1, &column1, &row2, &column2})
-    detail::CheckBroadcast(*t, n, op, "Row1/Column1/Row2/Column2");
+    ParamCountPer(*t, op, "Row1/Column1/Row2/Column2", n);
   HObject out;
   for (Hlong i = 0; i < n; ++i) {
     // Reals are rounded to the nearest pixel as the reference does.
-    double r1 = ParamDouble(row1, op, "Row1", i), c1 = ParamDouble(column1, op, "Column1", i);
-    double r2 = ParamDouble(row2, op, "Row2", i), c2 = ParamDouble(column2, op, "Column2", i);
+    double r1 = ParamReal(row1, op, "Row1", i), c1 = ParamReal(column1, op, "Column1", i);
+    double r2 = ParamReal(row2, op, "Row2", i), c2 = ParamReal(column2, op, "Column2", i);
     for (double v : {r1, c1, r2, c2})
       if (std::fabs(v) > 1e8) throw HException(op, "Rectangle coordinate out of range", kErrWrongParamValue);
     int ir1 = int(std::lround(r1)), ic1 = int(std::lround(c1));
@@ -46,11 +44,10 @@ void concat_obj(const HObject& objects1, const HObject& objects2, HObject* objec
 
 void select_obj(const HObject& objects, HObject* object_selected, const HTuple& index) {
   constexpr const char* op = "select_obj";
-  if (index.Empty()) throw HException(op, "Missing index", kErrWrongParamCount);
+  ParamCount(index, op, "Index", 1, -1);
   HObject out;
   for (Hlong i = 0; i < index.Length(); ++i) {
-    if (!index.IsNumber(i)) throw HException(op, "Wrong type of index", kErrWrongParamType);
-    Hlong k = index.L(i);
+    Hlong k = ParamInt(index, op, "Index", i);
     if (k < 1 || k > objects.Count())
       throw HException(op, "Index " + std::to_string(k) + " out of range (" +
                                std::to_string(objects.Count()) + " objects)", kErrWrongParamValue);
@@ -98,7 +95,7 @@ void reduce_domain(const HObject& image, const HObject& region, HObject* image_r
 void select_region_point(const HObject& regions, HObject* dest_regions, const HTuple& row,
                          const HTuple& column) {
   constexpr const char* op = "select_region_point";
-  double r = ParamDouble(row, op, "Row"), c = ParamDouble(column, op, "Column");
+  double r = ParamReal(row, op, "Row"), c = ParamReal(column, op, "Column");
   int ir = int(std::lround(std::clamp(r, -1e9, 1e9))), ic = int(std::lround(std::clamp(c, -1e9, 1e9)));
   HObject out;
   for (long i = 0; i < regions.Count(); ++i)

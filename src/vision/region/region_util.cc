@@ -8,50 +8,6 @@
 
 namespace vision::detail {
 
-namespace {
-const HTuple& Need(const HTuple& t, const char* op, const char* name, Hlong i) {
-  if (t.Empty())
-    throw HException(op, std::string("Missing value of parameter ") + name, kErrWrongParamCount);
-  (void)i;
-  return t;
-}
-Hlong Index(const HTuple& t, Hlong i) { return t.Length() == 1 ? 0 : i; }
-}  // namespace
-
-double ParamDouble(const HTuple& t, const char* op, const char* name, Hlong i) {
-  Need(t, op, name, i);
-  Hlong k = Index(t, i);
-  if (k >= t.Length() || !t.IsNumber(k))
-    throw HException(op, std::string("Wrong type of parameter ") + name + ": number expected",
-                     kErrWrongParamType);
-  double v = t.D(k);
-  if (!std::isfinite(v))
-    throw HException(op, std::string("Wrong value of parameter ") + name, kErrWrongParamValue);
-  return v;
-}
-
-Hlong ParamInt(const HTuple& t, const char* op, const char* name, Hlong i) {
-  double v = ParamDouble(t, op, name, i);
-  if (std::fabs(v) > 1e15)
-    throw HException(op, std::string("Wrong value of parameter ") + name, kErrWrongParamValue);
-  return t.IsInt(Index(t, i)) ? t.L(Index(t, i)) : Hlong(std::llround(v));
-}
-
-std::string ParamString(const HTuple& t, const char* op, const char* name, Hlong i) {
-  Need(t, op, name, i);
-  Hlong k = Index(t, i);
-  if (k >= t.Length() || !t.IsString(k))
-    throw HException(op, std::string("Wrong type of parameter ") + name + ": string expected",
-                     kErrWrongParamType);
-  return t.S(k);
-}
-
-void CheckBroadcast(const HTuple& t, Hlong n, const char* op, const char* name) {
-  if (t.Length() != 1 && t.Length() != n)
-    throw HException(op, std::string("Wrong number of values of parameter ") + name,
-                     kErrWrongParamCount);
-}
-
 void CheckRasterSize(int64_t rows, int64_t cols, const char* op) {
   // Sparse regions may span huge boxes; refuse rather than exhaust memory.
   if (rows * cols > (int64_t(1) << 28))

@@ -13,18 +13,11 @@
 #endif
 
 #include "vision/core/object.h"
+#include "vision/core/param.h"
 #include "vision/core/region.h"
 #include "vision/core/tuple.h"
 
 namespace vision::detail {
-
-// Control parameter readers: element i (or the single element, broadcast) of a
-// tuple, raising the operator's exception with the parameter name.
-double ParamDouble(const HTuple& t, const char* op, const char* name, Hlong i = 0);
-Hlong ParamInt(const HTuple& t, const char* op, const char* name, Hlong i = 0);
-std::string ParamString(const HTuple& t, const char* op, const char* name, Hlong i = 0);
-// Length of a parameter that may be given once for all or once per element.
-void CheckBroadcast(const HTuple& t, Hlong n, const char* op, const char* name);
 
 // Every region of an object list (images contribute their domains).
 std::vector<Region> RegionsOf(const HObject& obj, const char* op);

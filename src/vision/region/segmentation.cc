@@ -20,8 +20,6 @@
 
 namespace vision {
 
-using detail::ParamDouble;
-using detail::ParamString;
 using detail::RegionRefs;
 using detail::RegionsOf;
 
@@ -234,8 +232,8 @@ void threshold(const HObject& image, HObject* region, const HTuple& min_gray,
   constexpr const char* op = "threshold";
   Hlong n = std::max(min_gray.Length(), max_gray.Length());
   if (n == 0) throw HException(op, "Missing gray value limits", kErrWrongParamCount);
-  detail::CheckBroadcast(min_gray, n, op, "MinGray");
-  detail::CheckBroadcast(max_gray, n, op, "MaxGray");
+  ParamCountPer(min_gray, op, "MinGray", n);
+  ParamCountPer(max_gray, op, "MaxGray", n);
   HObject out;
   for (long i = 0; i < image.Count(); ++i) {
     Image lengths;
@@ -253,7 +251,7 @@ void threshold(const HObject& image, HObject* region, const HTuple& min_gray,
       throw HException(op, "Wrong image: no gray values", kErrWrongParamValue);
     Region dom = ValidDomain(img);
     for (Hlong k = 0; k < n; ++k) {
-      double lo = ParamDouble(min_gray, op, "MinGray", k), hi = ParamDouble(max_gray, op, "MaxGray", k);
+      double lo = ParamReal(min_gray, op, "MinGray", k), hi = ParamReal(max_gray, op, "MaxGray", k);
       switch (img.planes[0].depth()) {
         case CV_8U: out.Push(ThresholdImage<uint8_t>(img, dom, lo, hi)); break;
         case CV_16U: out.Push(ThresholdImage<uint16_t>(img, dom, lo, hi)); break;
@@ -670,7 +668,7 @@ void fill_up_shape(const HObject& region, HObject* region_fill_up, const HTuple&
   else if (f == "inner_circle") name = "inner_radius";
   else if (f == "outer_circle") name = "outer_radius";
   else throw HException(op, "Wrong value of Feature '" + f + "'", kErrWrongParamValue);
-  double lo = ParamDouble(min, op, "Min"), hi = ParamDouble(max, op, "Max");
+  double lo = ParamReal(min, op, "Min"), hi = ParamReal(max, op, "Max");
   const int nb = SystemNeighborhood();
   HObject out;
   for (long i = 0; i < region.Count(); ++i) {
@@ -697,7 +695,7 @@ void fill_up_shape(const HObject& region, HObject* region_fill_up, const HTuple&
 void partition_dynamic(const HObject& region, HObject* partitioned, const HTuple& distance,
                        const HTuple& percent) {
   constexpr const char* op = "partition_dynamic";
-  double dist = ParamDouble(distance, op, "Distance"), pct = ParamDouble(percent, op, "Percent");
+  double dist = ParamReal(distance, op, "Distance"), pct = ParamReal(percent, op, "Percent");
   if (dist <= 0) throw HException(op, "Wrong value of Distance: must be positive", kErrWrongParamValue);
   if (pct < 0 || pct > 100) throw HException(op, "Wrong value of Percent: 0..100 expected", kErrWrongParamValue);
   HObject out;

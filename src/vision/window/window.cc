@@ -10,6 +10,7 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include "vision/core/param.h"
 #include "vision/window/color.h"
 #include "vision/window/font.h"
 #include "vision/window/system_query.h"
@@ -165,21 +166,6 @@ class Access {
   int exceptions_;
 };
 
-double NumberArg(const HTuple& t, Hlong i, const char* op, const char* what) {
-  if (t.Length() <= i || !t.IsNumber(i))
-    throw HException(op, std::string("Wrong type of control parameter ") + what, kErrWrongParamType);
-  double v = t.D(i);
-  if (!std::isfinite(v))
-    throw HException(op, std::string("Wrong value of control parameter ") + what, kErrWrongParamValue);
-  return v;
-}
-
-const std::string& StringArg(const HTuple& t, const char* op, const char* what) {
-  if (t.Length() != 1 || !t.IsString(0))
-    throw HException(op, std::string("Wrong type of control parameter ") + what, kErrWrongParamType);
-  return t.S(0);
-}
-
 // Text of one tuple element, as the text operators print values.
 std::string ElementText(const HTuple& t, Hlong i) {
   if (t.IsString(i)) return t.S(i);
@@ -312,16 +298,16 @@ void open_window(const HTuple& row, const HTuple& column, const HTuple& width,
                  const HTuple& machine, HTuple* window_handle) {
   const char* op = "open_window";
   (void)machine;
-  int r = int(NumberArg(row, 0, op, "Row"));
-  int c = int(NumberArg(column, 0, op, "Column"));
-  int w = int(NumberArg(width, 0, op, "Width"));
-  int h = int(NumberArg(height, 0, op, "Height"));
+  int r = int(ParamIntIn(row, op, "Row", -kMaxWindowSide, 1 << 20));
+  int c = int(ParamIntIn(column, op, "Column", -kMaxWindowSide, 1 << 20));
+  int w = int(ParamIntIn(width, op, "Width", -1, kMaxWindowSide));
+  int h = int(ParamIntIn(height, op, "Height", -1, kMaxWindowSide));
   // -1 asks for the default size, as in the reference.
   if (w == -1) w = 512;
   if (h == -1) h = 512;
   if (w < 1 || h < 1 || w > kMaxWindowSide || h > kMaxWindowSide)
     throw HException(op, "Wrong value of control parameter Width/Height", kErrWrongParamValue);
-  const std::string& m = StringArg(mode, op, "Mode");
+  const std::string& m = ParamString(mode, op, "Mode");
   if (m != "visible" && m != "invisible" && m != "buffer" && m != "transparent")
     throw HException(op, "Wrong value of control parameter Mode: " + m, kErrWrongParamValue);
   bool visible = m == "visible" || m == "transparent";
@@ -394,8 +380,8 @@ void clear_window(const HTuple& window_handle) {
 void set_part(const HTuple& window_handle, const HTuple& row1, const HTuple& column1,
               const HTuple& row2, const HTuple& column2) {
   const char* op = "set_part";
-  double r1 = NumberArg(row1, 0, op, "Row1"), c1 = NumberArg(column1, 0, op, "Column1");
-  double r2 = NumberArg(row2, 0, op, "Row2"), c2 = NumberArg(column2, 0, op, "Column2");
+  double r1 = ParamReal(row1, op, "Row1"), c1 = ParamReal(column1, op, "Column1");
+  double r2 = ParamReal(row2, op, "Row2"), c2 = ParamReal(column2, op, "Column2");
   if (r2 < r1 || c2 < c1)
     throw HException(op, "Wrong value of control parameter: the part is empty", kErrWrongParamValue);
   Access w(window_handle, op);
@@ -427,12 +413,11 @@ void get_window_extents(const HTuple& window_handle, HTuple* row, HTuple* column
 
 void set_color(const HTuple& window_handle, const HTuple& color) {
   const char* op = "set_color";
-  if (color.Empty()) throw HException(op, "Wrong number of values of control parameter Color", kErrWrongParamCount);
+  ParamCount(color, op, "Color", 1, -1);
   std::vector<Rgba> colors;
   for (Hlong i = 0; i < color.Length(); ++i) {
-    if (!color.IsString(i)) throw HException(op, "Wrong type of control parameter Color", kErrWrongParamType);
-    auto c = ParseColor(color.S(i));
-    if (!c) throw HException(op, "Wrong value of control parameter Color: '" + color.S(i) + "'", kErrWrongParamValue);
+    auto c = ParseColor(ParamString(color, op, "Color", i));
+    if (!c) ThrowParamValue(op, "Color", "'" + color.S(i) + "'");
     colors.push_back(*c);
   }
   Access w(window_handle, op);
@@ -447,10 +432,8 @@ void set_rgb(const HTuple& window_handle, const HTuple& red, const HTuple& green
     throw HException(op, "Wrong number of values of control parameters Red/Green/Blue", kErrWrongParamCount);
   std::vector<Rgba> colors;
   for (Hlong i = 0; i < n; ++i) {
-    double v[3] = {NumberArg(red, i, op, "Red"), NumberArg(green, i, op, "Green"),
-                   NumberArg(blue, i, op, "Blue")};
-    for (double x : v)
-      if (x < 0 || x > 255) throw HException(op, "Wrong value of control parameter: colour component out of 0..255", kErrWrongParamValue);
+    const Hlong v[3] = {ParamIntIn(red, op, "Red", 0, 255, i), ParamIntIn(green, op, "Green", 0, 255, i),
+                        ParamIntIn(blue, op, "Blue", 0, 255, i)};
     colors.push_back(Rgba{uint8_t(v[0]), uint8_t(v[1]), uint8_t(v[2]), 255});
   }
   Access w(window_handle, op);
@@ -472,7 +455,7 @@ void get_rgb(const HTuple& window_handle, HTuple* red, HTuple* green, HTuple* bl
 
 void set_draw(const HTuple& window_handle, const HTuple& mode) {
   const char* op = "set_draw";
-  const std::string& m = StringArg(mode, op, "Mode");
+  const std::string& m = ParamString(mode, op, "Mode");
   if (m != "fill" && m != "margin")
     throw HException(op, "Wrong value of control parameter Mode: " + m, kErrWrongParamValue);
   Access w(window_handle, op);
@@ -486,7 +469,7 @@ void get_draw(const HTuple& window_handle, HTuple* mode) {
 
 void set_line_width(const HTuple& window_handle, const HTuple& width) {
   const char* op = "set_line_width";
-  double v = NumberArg(width, 0, op, "Width");
+  double v = ParamReal(width, op, "Width");
   if (v < 1 || v > 2000) throw HException(op, "Wrong value of control parameter Width", kErrWrongParamValue);
   Access w(window_handle, op);
   w->line_width = v;
@@ -538,8 +521,8 @@ void disp_rectangle1(const HTuple& window_handle, const HTuple& row1, const HTup
     throw HException(op, "Wrong number of values of the corner parameters", kErrWrongParamCount);
   Access w(window_handle, op, true);
   for (Hlong i = 0; i < n; ++i) {
-    double r1 = NumberArg(row1, i, op, "Row1"), c1 = NumberArg(column1, i, op, "Column1");
-    double r2 = NumberArg(row2, i, op, "Row2"), c2 = NumberArg(column2, i, op, "Column2");
+    double r1 = ParamReal(row1, op, "Row1", i), c1 = ParamReal(column1, op, "Column1", i);
+    double r2 = ParamReal(row2, op, "Row2", i), c2 = ParamReal(column2, op, "Column2", i);
     const Rgba& c = w->colors[size_t(i) % w->colors.size()];
     if (w->fill) {
       // The window pixels whose centres fall on the rectangle's pixels, as
@@ -570,8 +553,8 @@ void disp_line(const HTuple& window_handle, const HTuple& row1, const HTuple& co
     throw HException(op, "Wrong number of values of the end point parameters", kErrWrongParamCount);
   Access w(window_handle, op, true);
   for (Hlong i = 0; i < n; ++i) {
-    cv::Point2d a = w->CentreOf(NumberArg(row1, i, op, "Row1"), NumberArg(column1, i, op, "Column1"));
-    cv::Point2d b = w->CentreOf(NumberArg(row2, i, op, "Row2"), NumberArg(column2, i, op, "Column2"));
+    cv::Point2d a = w->CentreOf(ParamReal(row1, op, "Row1", i), ParamReal(column1, op, "Column1", i));
+    cv::Point2d b = w->CentreOf(ParamReal(row2, op, "Row2", i), ParamReal(column2, op, "Column2", i));
     // Clip in 64 bits first: OpenCV's fixed-point line drawing overflows on
     // far-away end points.
     const int m = Thickness(*w) + 1;
@@ -591,7 +574,7 @@ void dump_window_image(HObject* image, const HTuple& window_handle) {
 
 void set_font(const HTuple& window_handle, const HTuple& font) {
   const char* op = "set_font";
-  const std::string& name = StringArg(font, op, "Font");
+  const std::string& name = ParamString(font, op, "Font");
   Font loaded = Font::Load(name, op);  // outside the window lock: may read files
   Access w(window_handle, op);
   w->font = std::move(loaded);
@@ -639,7 +622,7 @@ void get_string_extents(const HTuple& window_handle, const HTuple& values, HTupl
 
 void set_tposition(const HTuple& window_handle, const HTuple& row, const HTuple& column) {
   const char* op = "set_tposition";
-  double r = NumberArg(row, 0, op, "Row"), c = NumberArg(column, 0, op, "Column");
+  double r = ParamReal(row, op, "Row"), c = ParamReal(column, op, "Column");
   Access w(window_handle, op);
   w->trow = r;
   w->tcol = c;
