@@ -1,9 +1,12 @@
 // The add-in under an integrator's worst cases, against the real process:
 //  1. eight connections that each announce a 512 MiB request and send 1 MB:
 //     the add-in's peak memory, and the latency of status requests meanwhile;
-//  2. one OCR request of an 8000 x 8000 image: service time and the add-in's
+//  2. an OCR request of an 8000 x 8000 image (whole image, and with the text
+//     window): service time and the add-in's
 //     peak memory, against the size of the decoded image.
 #include <algorithm>
+#include <atomic>
+#include <thread>
 #include <chrono>
 #include <cstdio>
 #include <opencv2/imgproc.hpp>
@@ -49,7 +52,7 @@ void HostileHeaders() {
   for (int fd : fds) ::close(fd);
 }
 
-void LargeOcr(int side) {
+void LargeOcr(int side, bool text_window) {
   AddinProcess addin;
   // A marking in the middle of a light canvas of side x side pixels.
   ocrgen::MarkingRenderer renderer;
@@ -68,11 +71,21 @@ void LargeOcr(int side) {
   bm.data.assign(canvas.data, canvas.data + canvas.total() * 4);
   auto attr = archive::MakeDictionary();
   attr->Set("fontName", archive::MakeString("Industrial"));
+  if (text_window) attr->Set("text_window", archive::MakeBool(true));
   const auto image = archive::MakeImage(bm);
   bm.data = {};
   canvas.release();
   const long base = testing::ProcStatusKb(addin.pid(), "VmHWM");
+  // The add-in's resident memory over the request, sampled every 50 ms.
+  std::atomic<bool> done{false};
+  std::vector<std::pair<double, long>> samples;
   const auto t0 = Clock::now();
+  std::thread sampler([&] {
+    while (!done) {
+      samples.push_back({Ms(Clock::now() - t0), testing::ProcStatusKb(addin.pid(), "VmRSS")});
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+  });
   auto request = archive::MakeDictionary();
   request->Set("messageId", archive::MakeInt64(RequestOcrImage));
   request->Set("image", image);
@@ -80,6 +93,8 @@ void LargeOcr(int side) {
   PortReply raw;
   const int32_t status = addin.Send(MessageIdData, Envelope(archive::Archive(request)), &raw, 600);
   const double ms = Ms(Clock::now() - t0);
+  done = true;
+  sampler.join();
   std::optional<archive::ObjectPtr> reply;
   if (status != kPortSuccess) std::printf("OCR request failed: status %d\n", status);
   else if (raw.present) reply = archive::Unarchive(*AddinProcess::CheckedEnvelopeBody(raw.data));
@@ -90,10 +105,17 @@ void LargeOcr(int side) {
     if (records && !records->items.empty()) text = archive::ReadString(records->items[0], "ocr_text").value_or("");
   }
   const double decoded_mb = double(side) * side * 4 / 1e6;
-  std::printf("OCR request of a %d x %d RGBA image (decoded %.0f MB, request %.0f MB): %.0f ms, read \"%s\"\n", side,
-              side, decoded_mb, image->bytes().size() / 1e6, ms, text.c_str());
+  std::printf("OCR request of a %d x %d RGBA image%s (decoded %.0f MB, request %.0f MB): %.0f ms, read \"%s\"\n",
+              side, side, text_window ? ", text window" : ", whole image", decoded_mb, image->bytes().size() / 1e6, ms,
+              text.c_str());
   std::printf("  add-in peak memory: %.0f MB (%.0f MB before), %.2fx the decoded image\n", peak / 1024.0,
               base / 1024.0, (peak - base) / 1024.0 / (decoded_mb / 1.048576));
+  // Where in the request the memory is held: resident memory at tenths of the time.
+  std::printf("  resident memory over the request (MB):");
+  for (int k = 0; k <= 10 && !samples.empty(); ++k) {
+    const auto& sample = samples[std::min(samples.size() - 1, samples.size() * size_t(k) / 10)];
+    std::printf(" %.0f ms: %.0f%s", sample.first, sample.second / 1024.0, k < 10 ? "," : "\n");
+  }
 }
 
 }  // namespace
@@ -102,6 +124,7 @@ int main(int argc, char** argv) {
   setvbuf(stdout, nullptr, _IOLBF, 0);
   const int side = argc > 1 ? std::atoi(argv[1]) : 8000;
   HostileHeaders();
-  LargeOcr(side);
+  LargeOcr(side, false);
+  LargeOcr(side, true);
   return 0;
 }

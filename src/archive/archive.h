@@ -187,11 +187,26 @@ class Image : public Object {
   // JPEG). Throws ArchiveError when the bytes do not decode. Not thread-safe on
   // first call.
   const RawBitmap& Bitmap() const;
+  // Forgets the decoded bitmap (the next Bitmap() decodes again).
+  void ReleaseBitmap() const { bitmap_.reset(); }
+  // Forgets the decoded bitmap and, when the nominal size is known, lets go of
+  // the encoded bytes too (other objects sharing them keep theirs): a large
+  // image's pixels need not stay while a service works on its own copy.
+  // Afterwards size() still answers; Bitmap() throws when the bytes went.
+  void ReleasePixels() const {
+    bitmap_.reset();
+    if (size_) encoded_ = std::make_shared<Data>();
+  }
+  // Marks an image that is converted once and then only asked for its size
+  // (a request's image), so that the conversion may call ReleasePixels().
+  void SetConvertedOnce() const { converted_once_ = true; }
+  bool converted_once() const { return converted_once_; }
 
  private:
-  std::shared_ptr<Data> encoded_;
+  mutable std::shared_ptr<Data> encoded_;
   std::optional<ImageSize> size_;
   mutable std::shared_ptr<const RawBitmap> bitmap_;
+  mutable bool converted_once_ = false;
 };
 
 // An object of a class this codec does not model, kept as read.

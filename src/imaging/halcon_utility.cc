@@ -94,6 +94,11 @@ void NSImage2HImage(const archive::ObjectPtr& image, vision::HObject* out) {
     return;  // undecodable bytes leave the out image as it was
   }
   RawBitmap2HImage(*bitmap, out);
+  // The vision image holds its own planes now; the decoded bitmap (and, for
+  // a request's image, the encoded bytes) would only add to the memory of a
+  // large request for the rest of the service.
+  if (img->converted_once()) img->ReleasePixels();
+  else img->ReleaseBitmap();
 }
 
 void HImageWithData(vision::HObject* out, const uint8_t* data, size_t size, int32_t width,

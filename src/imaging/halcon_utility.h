@@ -25,7 +25,9 @@ uint32_t BitmapFormatFlags(const archive::RawBitmap& bitmap);
 // flags exactly 1 are read as alpha-red-green-blue; other 4-sample bitmaps as
 // red-green-blue-alpha, everything else as packed red-green-blue, reading the
 // pixel bytes as one continuous run (row padding is not skipped). `out` is
-// left untouched when the image does not decode.
+// left untouched when the image does not decode. The decoded bitmap is not
+// kept; an image marked SetConvertedOnce() (a request's image) also lets go
+// of its encoded bytes, so that converting it again gives nothing.
 void NSImage2HImage(const archive::ObjectPtr& image, vision::HObject* out);
 // The same conversion for a bitmap already at hand.
 void RawBitmap2HImage(const archive::RawBitmap& bitmap, vision::HObject* out);

@@ -160,6 +160,23 @@ TEST(Conversion, PlatformImagesRoundTripThroughTiff) {
   std::filesystem::remove_all(dir);
 }
 
+// A request's image (marked converted-once) gives its pixel data up after the
+// conversion and still answers its size; any other image converts again.
+TEST(Conversion, RequestImagesLetTheirPixelsGo) {
+  const archive::RawBitmap bm = Bitmap(6, 2, 3, 18, false, false);
+  for (const bool once : {false, true}) {
+    auto image = archive::MakeImage(bm);
+    if (once) image->SetConvertedOnce();
+    HObject first, second;
+    NSImage2HImage(image, &first);
+    ASSERT_FALSE(first.Empty());
+    EXPECT_EQ(image->bytes().empty(), once);
+    EXPECT_EQ(image->size().width, 6);
+    NSImage2HImage(image, &second);
+    EXPECT_EQ(second.Empty(), once);
+  }
+}
+
 TEST(Conversion, DataFolderFollowsXdgDataHome) {
   const char* old_data = std::getenv("XDG_DATA_HOME");
   const char* old_home = std::getenv("HOME");

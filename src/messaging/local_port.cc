@@ -164,6 +164,12 @@ void LocalPort::acceptPending() {
   }
 }
 
+void LocalPort::releaseCurrentRequestData() {
+  if (!current_) return;
+  *current_->pending_total -= current_->data.capacity();
+  std::vector<uint8_t>().swap(current_->data);
+}
+
 void LocalPort::refuse(const Connection& c, const char* why) {
   if (!why || !RequestLogEnabled()) return;
   if (c.header_done)
@@ -272,12 +278,15 @@ void LocalPort::finish(std::unique_ptr<Connection> c) {
   std::optional<std::vector<uint8_t>> reply;
   if (callback_) {
     current_pid_ = c->pid;
+    current_ = c.get();
     const std::weak_ptr<int> alive = alive_;
     struct ClearPid {
       LocalPort* port;
       const std::weak_ptr<int>& alive;
       ~ClearPid() {
-        if (!alive.expired()) port->current_pid_ = 0;
+        if (alive.expired()) return;
+        port->current_pid_ = 0;
+        port->current_ = nullptr;
       }
     } clear_pid{this, alive};
     try {

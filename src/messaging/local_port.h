@@ -56,6 +56,11 @@ class LocalPort {
   // The process id of the client whose request the callback is serving (0
   // outside the callback or when unknown).
   int currentPeerPid() const { return current_pid_; }
+  // Frees the data block of the request the callback is serving: a callback
+  // that has decoded it calls this so that a large request's bytes are not
+  // held for the whole service. The block the callback was given reads as
+  // empty afterwards.
+  void releaseCurrentRequestData();
 
  private:
   struct Connection;
@@ -78,6 +83,7 @@ class LocalPort {
   std::shared_ptr<size_t> pending_bytes_ = std::make_shared<size_t>(0);
   std::function<bool()> may_serve_;
   int current_pid_ = 0;
+  Connection* current_ = nullptr;  // the connection being served
   UniqueFd lock_fd_;
   UniqueFd listen_fd_;
   uint64_t next_id_ = 1;

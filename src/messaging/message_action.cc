@@ -12,6 +12,7 @@
 #include "app/app_delegate.h"
 #include "archive/archive.h"
 #include "messaging/log.h"
+#include "messaging/message_port.h"
 #include "stereo/reconstruction_job.h"
 #include "messaging/log.h"
 #include "messaging/request_log.h"
@@ -71,7 +72,11 @@ const char* RequestName(uint64_t number) {
 // then answers as it does without an image.
 archive::ObjectPtr AdmittedImage(archive::ObjectPtr image) {
   std::string refusal = ImageRefusal(image);
-  if (refusal.empty()) return image;
+  if (refusal.empty()) {
+    // The service converts it once; its pixels may go as soon as it has.
+    if (const auto img = archive::AsImage(image)) img->SetConvertedOnce();
+    return image;
+  }
   Log("request refused: %s", refusal.c_str());
   CurrentRequestNote().refusal = std::move(refusal);
   return nullptr;
@@ -87,6 +92,8 @@ std::optional<std::vector<uint8_t>> DataRequest(AppDelegate* delegate, const std
 
   const archive::ObjectPtr request =
       archive::Unarchive(data.data() + EnvelopeHeaderSize, data.size() - EnvelopeHeaderSize);
+  // Decoded: the request's bytes are not read again (`data` is empty from here).
+  messagePortReleaseRequestData();
   if (request && request->kind() != archive::Kind::Dictionary)
     throw std::invalid_argument("request body is not a dictionary");
   const uint64_t number = static_cast<uint64_t>(archive::ReadInt(request, "messageId"));

@@ -47,10 +47,15 @@ void closeMessagePort() { messagePort_localPort.reset(); }
 
 bool messagePortIsOpen() { return messagePort_localPort != nullptr; }
 
+void messagePortReleaseRequestData() {
+  if (messagePort_localPort) messagePort_localPort->releaseCurrentRequestData();
+}
+
 std::optional<std::vector<uint8_t>> myMessagePortListenerProc(LocalPort* local, int32_t msgid,
                                                               const std::vector<uint8_t>& data,
                                                               void*) {
   const bool logged = RequestLogEnabled();
+  const size_t size = data.size();  // the dispatcher may release the block
   const auto start = std::chrono::steady_clock::now();
   CurrentRequestNote() = RequestNote{FourCharText(msgid), {}};
   std::optional<std::vector<uint8_t>> reply;
@@ -71,7 +76,7 @@ std::optional<std::vector<uint8_t>> myMessagePortListenerProc(LocalPort* local, 
     const std::string outcome =
         failure.empty() ? DescribeOutcome(msgid, note, reply) : "failed: " + failure;
     Log("request log: pid %d %s, %zu bytes, %.1f ms: %s", local ? local->currentPeerPid() : 0,
-        note.request.c_str(), data.size(), ms, outcome.c_str());
+        note.request.c_str(), size, ms, outcome.c_str());
   }
   return reply;
 }

@@ -19,6 +19,9 @@ void initMessagePort(const char* name);
 void closeMessagePort();
 // True while this process serves a request port.
 bool messagePortIsOpen();
+// Frees the data block of the request being served (see
+// LocalPort::releaseCurrentRequestData); does nothing outside a request.
+void messagePortReleaseRequestData();
 
 // The port's callback: what MessageAction returns for the message. An
 // exception from a service is logged here and leaves the request without reply.
