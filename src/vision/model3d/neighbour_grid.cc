@@ -89,12 +89,10 @@ void NeighbourGrid::Build(double cell) {
   std::sort(keyed.begin(), keyed.end());
   sorted_.resize(n);
   sorted_ids_.resize(n);
-  sorted_key_.resize(n);
   size_t cells = 0;
   for (size_t k = 0; k < n; ++k) {
     sorted_[k] = pts_[size_t(keyed[k].second)];
     sorted_ids_[k] = keyed[k].second;
-    sorted_key_[k] = keyed[k].first;
     if (k == 0 || keyed[k].first != keyed[k - 1].first) ++cells;
   }
   size_t size = 16;
@@ -116,24 +114,34 @@ bool NeighbourGrid::Row(int64_t x0, int64_t x1, int64_t y, int64_t z, uint32_t* 
   if (y < 0 || z < 0 || y >= dims_.y() || z >= dims_.z()) return false;
   x0 = std::max<int64_t>(x0, 0);
   x1 = std::min<int64_t>(x1, dims_.x() - 1);
-  // The first occupied cell of the row opens the run; the run ends with the
-  // last point whose key is still within the row's cells.
-  for (int64_t x = x0; x <= x1; ++x) {
-    const uint64_t key = Key(x, y, z);
-    for (uint64_t h = Hash(key) & mask_;; h = (h + 1) & mask_) {
-      const Slot& slot = table_[h];
-      if (slot.key == key) {
-        const uint64_t last = Key(x1, y, z);
-        uint32_t e = slot.end;
-        while (e < sorted_key_.size() && sorted_key_[e] <= last) ++e;
-        *begin = slot.begin;
-        *end = e;
-        return true;
-      }
-      if (slot.key == kEmpty) break;
+  // The first occupied cell of the row opens the run, the last one closes
+  // it: two lookups rather than a walk over the keys of the cells between.
+  int64_t first = x0;
+  for (; first <= x1; ++first) {
+    const Slot* slot = Find(Key(first, y, z));
+    if (slot) {
+      *begin = slot->begin;
+      *end = slot->end;
+      break;
     }
   }
-  return false;
+  if (first > x1) return false;
+  for (int64_t x = x1; x > first; --x) {
+    const Slot* slot = Find(Key(x, y, z));
+    if (slot) {
+      *end = slot->end;
+      break;
+    }
+  }
+  return true;
+}
+
+const NeighbourGrid::Slot* NeighbourGrid::Find(uint64_t key) const {
+  for (uint64_t h = Hash(key) & mask_;; h = (h + 1) & mask_) {
+    const Slot& slot = table_[h];
+    if (slot.key == key) return &slot;
+    if (slot.key == kEmpty) return nullptr;
+  }
 }
 
 void NeighbourGrid::Knn(const Eigen::Vector3f& q, int k, std::vector<int32_t>* idx,

@@ -40,6 +40,8 @@ class NeighbourGrid {
   // Cells of a row are adjacent in key order, so one run holds them all.
   bool Row(int64_t x0, int64_t x1, int64_t y, int64_t z, uint32_t* begin, uint32_t* end) const;
   Eigen::Vector3i CellOf(const Eigen::Vector3f& p) const;
+  struct Slot;
+  const Slot* Find(uint64_t key) const;  // the cell's slot, or null when empty
 
   const std::vector<Eigen::Vector3f>& pts_;
   std::vector<int32_t> ids_;
@@ -49,7 +51,6 @@ class NeighbourGrid {
   // Points sorted by cell; a hash from cell key to its run in `sorted_`.
   std::vector<Eigen::Vector3f> sorted_;
   std::vector<int32_t> sorted_ids_;
-  std::vector<uint64_t> sorted_key_;
   struct Slot {
     uint64_t key;
     uint32_t begin, end;

@@ -10,6 +10,7 @@
 #include <set>
 #include <numeric>
 #include <thread>
+#include <tuple>
 
 #include <Eigen/Eigenvalues>
 #include <pcl/point_cloud.h>
@@ -50,6 +51,114 @@ class UnionFind {
  private:
   std::vector<int32_t> parent_;
 };
+
+// Joins the points closer than `dist` on a grid of cells whose diagonal is
+// just below `dist`: the points of one cell are joined without a look, and
+// two cells near each other are compared only while they are still apart,
+// stopping at the first close pair. On a connected surface almost every
+// comparison ends at once. False when the grid would be too fine.
+bool JoinByCells(const std::vector<Eigen::Vector3f>& pts, double dist, UnionFind* uf) {
+  constexpr int64_t kMaxCells = int64_t(1) << 20;
+  const double cell = dist / std::sqrt(3.0) * (1 - 1e-6);
+  Eigen::Vector3d lo = Eigen::Vector3d::Constant(std::numeric_limits<double>::infinity()), hi = -lo;
+  size_t finite = 0;
+  for (const auto& p : pts) {
+    if (!p.allFinite()) continue;
+    ++finite;
+    lo = lo.cwiseMin(p.cast<double>());
+    hi = hi.cwiseMax(p.cast<double>());
+  }
+  if (finite == 0) return true;
+  if (!((hi - lo).maxCoeff() / cell < double(kMaxCells - 4))) return false;
+  // Cell coordinates start at 2, so that neighbours 2 cells down stay positive.
+  auto key_of = [](int64_t x, int64_t y, int64_t z) {
+    return (uint64_t(z) << 42) | (uint64_t(y) << 21) | uint64_t(x);
+  };
+  std::vector<std::pair<uint64_t, int32_t>> keyed;
+  keyed.reserve(finite);
+  for (size_t i = 0; i < pts.size(); ++i) {
+    if (!pts[i].allFinite()) continue;
+    const Eigen::Vector3d c = ((pts[i].cast<double>() - lo) / cell).array().floor() + 2;
+    keyed.emplace_back(key_of(int64_t(c.x()), int64_t(c.y()), int64_t(c.z())), int32_t(i));
+  }
+  std::sort(keyed.begin(), keyed.end());
+  struct Cell {
+    uint64_t key;
+    uint32_t begin, end;
+  };
+  std::vector<Cell> cells;
+  for (uint32_t k = 0; k < keyed.size();) {
+    uint32_t e = k + 1;
+    while (e < keyed.size() && keyed[e].first == keyed[k].first) ++e;
+    cells.push_back({keyed[k].first, k, e});
+    for (uint32_t j = k + 1; j < e; ++j) uf->Join(keyed[k].second, keyed[j].second);
+    k = e;
+  }
+  size_t size = 16;
+  while (size < 2 * cells.size()) size *= 2;
+  const uint64_t mask = size - 1;
+  constexpr uint32_t kNone = std::numeric_limits<uint32_t>::max();
+  std::vector<std::pair<uint64_t, uint32_t>> table(size, {0, kNone});
+  auto hash = [](uint64_t k) {
+    k ^= k >> 30;
+    k *= 0xBF58476D1CE4E5B9ull;
+    k ^= k >> 27;
+    k *= 0x94D049BB133111EBull;
+    return k ^ (k >> 31);
+  };
+  for (uint32_t c = 0; c < cells.size(); ++c) {
+    uint64_t h = hash(cells[c].key) & mask;
+    while (table[h].second != kNone) h = (h + 1) & mask;
+    table[h] = {cells[c].key, c};
+  }
+  // The later half of the cells within two cells' reach that can hold a
+  // point closer than `dist`.
+  std::vector<Eigen::Vector3i> offsets;
+  for (int dz = -2; dz <= 2; ++dz)
+    for (int dy = -2; dy <= 2; ++dy)
+      for (int dx = -2; dx <= 2; ++dx) {
+        if (std::make_tuple(dz, dy, dx) <= std::make_tuple(0, 0, 0)) continue;
+        auto gap = [&](int d) { return std::max(std::abs(d) - 1, 0) * cell; };
+        if (gap(dx) * gap(dx) + gap(dy) * gap(dy) + gap(dz) * gap(dz) < dist * dist)
+          offsets.emplace_back(dx, dy, dz);
+      }
+  const float r2 = float(dist * dist);
+  for (const Cell& a : cells) {
+    const int64_t x = int64_t(a.key & 0x1FFFFF), y = int64_t((a.key >> 21) & 0x1FFFFF),
+                  z = int64_t(a.key >> 42);
+    const int32_t ra = keyed[a.begin].second;
+    for (const Eigen::Vector3i& o : offsets) {
+      const uint64_t key = key_of(x + o.x(), y + o.y(), z + o.z());
+      uint32_t bc = kNone;
+      for (uint64_t h = hash(key) & mask; table[h].second != kNone; h = (h + 1) & mask)
+        if (table[h].first == key) {
+          bc = table[h].second;
+          break;
+        }
+      if (bc == kNone) continue;
+      const Cell& b = cells[bc];
+      if (uf->Find(ra) == uf->Find(keyed[b.begin].second)) continue;
+      // Only points of `a` within reach of cell b's box can find a partner.
+      const Eigen::Vector3f blo =
+          (lo + (Eigen::Vector3d(double(x + o.x()), double(y + o.y()), double(z + o.z())) -
+                 Eigen::Vector3d::Constant(2)) * cell).cast<float>();
+      const Eigen::Vector3f bhi = blo + Eigen::Vector3f::Constant(float(cell));
+      bool joined = false;
+      for (uint32_t i = a.begin; i < a.end && !joined; ++i) {
+        const Eigen::Vector3f& p = pts[size_t(keyed[i].second)];
+        const Eigen::Vector3f out = (blo - p).cwiseMax(p - bhi).cwiseMax(0.f);
+        if (out.squaredNorm() >= r2 * 1.0001f) continue;
+        for (uint32_t j = b.begin; j < b.end; ++j)
+          if ((pts[size_t(keyed[i].second)] - pts[size_t(keyed[j].second)]).squaredNorm() < r2) {
+            uf->Join(ra, keyed[b.begin].second);
+            joined = true;
+            break;
+          }
+      }
+    }
+  }
+  return true;
+}
 
 // One model per component label (0..count-1), points in their order.
 void SplitByLabel(const ObjectModel3DData& m, const std::vector<int32_t>& label, size_t count,
@@ -104,7 +213,9 @@ void connection_object_model_3d(const HTuple& ObjectModel3D, const HTuple& Featu
       uf.Join(t[0], t[1]);
       uf.Join(t[0], t[2]);
     }
-    if (by_distance && dist > 0) {
+    if (by_distance && dist > 0 && JoinByCells(m->points, dist, &uf)) {
+      // done on cells
+    } else if (by_distance && dist > 0) {
       const NeighbourGrid grid(m->points, dist);
       // Edges to later points are gathered in parallel, joined afterwards.
       std::vector<std::vector<std::pair<int32_t, int32_t>>> edges;
