@@ -12,9 +12,11 @@ namespace {
 
 std::vector<double> Numbers(const HTuple& t, const char* op) {
   std::vector<double> v(size_t(t.Length()));
-  for (Hlong i = 0; i < t.Length(); ++i) {
-    if (!t.IsNumber(i)) throw HException(op, "Wrong type of control parameter: number expected", kErrWrongParamType);
-    v[size_t(i)] = t.D(i);
+  const std::vector<HValue>& values = t.Values();
+  for (size_t i = 0; i < values.size(); ++i) {
+    if (const double* d = std::get_if<double>(&values[i])) v[i] = *d;
+    else if (const Hlong* l = std::get_if<Hlong>(&values[i])) v[i] = double(*l);
+    else throw HException(op, "Wrong type of control parameter: number expected", kErrWrongParamType);
   }
   return v;
 }

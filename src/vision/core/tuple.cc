@@ -7,16 +7,19 @@ namespace vision {
 
 HTuple HTuple::Ints(const std::vector<Hlong>& v) {
   HTuple t;
+  t.v_.reserve(v.size());
   for (Hlong x : v) t.v_.emplace_back(x);
   return t;
 }
 HTuple HTuple::Reals(const std::vector<double>& v) {
   HTuple t;
+  t.v_.reserve(v.size());
   for (double x : v) t.v_.emplace_back(x);
   return t;
 }
 HTuple HTuple::Strings(const std::vector<std::string>& v) {
   HTuple t;
+  t.v_.reserve(v.size());
   for (const auto& x : v) t.v_.emplace_back(x);
   return t;
 }
@@ -60,16 +63,19 @@ HHandle HTuple::H(Hlong i) const {
 
 std::vector<Hlong> HTuple::ToLVec() const {
   std::vector<Hlong> r;
+  r.reserve(size_t(Length()));
   for (Hlong i = 0; i < Length(); ++i) r.push_back(L(i));
   return r;
 }
 std::vector<double> HTuple::ToDVec() const {
   std::vector<double> r;
+  r.reserve(size_t(Length()));
   for (Hlong i = 0; i < Length(); ++i) r.push_back(D(i));
   return r;
 }
 std::vector<std::string> HTuple::ToSVec() const {
   std::vector<std::string> r;
+  r.reserve(size_t(Length()));
   for (Hlong i = 0; i < Length(); ++i) r.push_back(S(i));
   return r;
 }
