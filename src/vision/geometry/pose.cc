@@ -53,6 +53,12 @@ void AppendMat(HTuple* out, const Eigen::Matrix4d& m) {
     for (int c = 0; c < 4; ++c) out->Append(HValue(m(r, c)));
 }
 
+HTuple MatTuple(const Eigen::Matrix4d& m) {
+  HTuple out;
+  AppendMat(&out, m);
+  return out;
+}
+
 Eigen::Affine3d SingleMat(const HTuple& t, const char* op) {
   if (t.Length() != 12) throw HException(op, "Wrong number of values in homogeneous 3D matrix", kErrWrongParamCount);
   return ReadMat(Numbers(t, op), 0);
@@ -219,9 +225,7 @@ void pose_compose(const HTuple& pose_left, const HTuple& pose_right, HTuple* pos
 }
 
 void hom_mat3d_identity(HTuple* hom_mat3d_identity) {
-  HTuple out;
-  AppendMat(&out, Eigen::Matrix4d::Identity());
-  *hom_mat3d_identity = std::move(out);
+  *hom_mat3d_identity = MatTuple(Eigen::Matrix4d::Identity());
 }
 
 void hom_mat3d_translate(const HTuple& hom_mat3d, const HTuple& tx, const HTuple& ty,
@@ -229,9 +233,7 @@ void hom_mat3d_translate(const HTuple& hom_mat3d, const HTuple& tx, const HTuple
   constexpr const char* op = "hom_mat3d_translate";
   Eigen::Affine3d m = SingleMat(hom_mat3d, op);
   m.pretranslate(Eigen::Vector3d(SingleNumber(tx, op), SingleNumber(ty, op), SingleNumber(tz, op)));
-  HTuple out;
-  AppendMat(&out, m.matrix());
-  *hom_mat3d_translate = std::move(out);
+  *hom_mat3d_translate = MatTuple(m.matrix());
 }
 
 void hom_mat3d_translate_local(const HTuple& hom_mat3d, const HTuple& tx, const HTuple& ty,
@@ -239,9 +241,7 @@ void hom_mat3d_translate_local(const HTuple& hom_mat3d, const HTuple& tx, const 
   constexpr const char* op = "hom_mat3d_translate_local";
   Eigen::Affine3d m = SingleMat(hom_mat3d, op);
   m.translate(Eigen::Vector3d(SingleNumber(tx, op), SingleNumber(ty, op), SingleNumber(tz, op)));
-  HTuple out;
-  AppendMat(&out, m.matrix());
-  *hom_mat3d_translate = std::move(out);
+  *hom_mat3d_translate = MatTuple(m.matrix());
 }
 
 void hom_mat3d_rotate(const HTuple& hom_mat3d, const HTuple& phi, const HTuple& axis,
@@ -252,9 +252,7 @@ void hom_mat3d_rotate(const HTuple& hom_mat3d, const HTuple& phi, const HTuple& 
   const Eigen::Vector3d p(SingleNumber(px, op), SingleNumber(py, op), SingleNumber(pz, op));
   const Eigen::AngleAxisd r(SingleNumber(phi, op), Axis(axis, op));
   m.pretranslate(-p).prerotate(r).pretranslate(p);
-  HTuple out;
-  AppendMat(&out, m.matrix());
-  *hom_mat3d_rotate = std::move(out);
+  *hom_mat3d_rotate = MatTuple(m.matrix());
 }
 
 void hom_mat3d_rotate_local(const HTuple& hom_mat3d, const HTuple& phi, const HTuple& axis,
@@ -262,9 +260,7 @@ void hom_mat3d_rotate_local(const HTuple& hom_mat3d, const HTuple& phi, const HT
   constexpr const char* op = "hom_mat3d_rotate_local";
   Eigen::Affine3d m = SingleMat(hom_mat3d, op);
   m.rotate(Eigen::AngleAxisd(SingleNumber(phi, op), Axis(axis, op)));
-  HTuple out;
-  AppendMat(&out, m.matrix());
-  *hom_mat3d_rotate = std::move(out);
+  *hom_mat3d_rotate = MatTuple(m.matrix());
 }
 
 void hom_mat3d_compose(const HTuple& hom_mat3d_left, const HTuple& hom_mat3d_right,
