@@ -329,16 +329,24 @@ void axis_angle_to_quat(const HTuple& axis_x, const HTuple& axis_y, const HTuple
   *quaternion = std::move(out);
 }
 
+namespace {
+// The rotation of the quaternion at v[at..at+3], normalised; a quaternion of
+// length zero stands for no rotation and is refused.
+Eigen::Matrix3d QuatRotation(const std::vector<double>& v, size_t at, const char* op) {
+  const Eigen::Quaterniond q = ReadQuat(v, at);
+  if (!(q.norm() > 0)) throw HException(op, "Quaternion of length zero", kErrWrongParamValue);
+  return q.normalized().toRotationMatrix();
+}
+}  // namespace
+
 void quat_to_hom_mat3d(const HTuple& quaternion, HTuple* rot_matrix) {
   constexpr const char* op = "quat_to_hom_mat3d";
   const size_t n = Items(op, {{quaternion.Length(), 4}});
   const std::vector<double> v = Numbers(quaternion, op);
   HTuple out;
   for (size_t i = 0; i < n; ++i) {
-    Eigen::Quaterniond q = ReadQuat(v, i * 4);
-    if (!(q.norm() > 0)) throw HException(op, "Quaternion of length zero", kErrWrongParamValue);
     Eigen::Matrix4d m = Eigen::Matrix4d::Identity();
-    m.topLeftCorner<3, 3>() = q.normalized().toRotationMatrix();
+    m.topLeftCorner<3, 3>() = QuatRotation(v, i * 4, op);
     AppendMat(&out, m);
   }
   *rot_matrix = std::move(out);
@@ -373,10 +381,8 @@ void quat_to_pose(const HTuple& quaternion, HTuple* pose) {
   const std::vector<double> v = Numbers(quaternion, op);
   HTuple out;
   for (size_t i = 0; i < n; ++i) {
-    Eigen::Quaterniond q = ReadQuat(v, i * 4);
-    if (!(q.norm() > 0)) throw HException(op, "Quaternion of length zero", kErrWrongParamValue);
     Eigen::Isometry3d t = Eigen::Isometry3d::Identity();
-    t.linear() = q.normalized().toRotationMatrix();
+    t.linear() = QuatRotation(v, i * 4, op);
     out.Append(IsometryToPose(t));
   }
   *pose = std::move(out);
