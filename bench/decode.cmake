@@ -1,6 +1,6 @@
 # The code reader's evaluation set (generated camera-like symbol images, also
 # used by its tests) and the benchmark that reports read rates and timing.
-add_library(decode_symbol_gen STATIC ${CMAKE_CURRENT_SOURCE_DIR}/decode/symbol_gen.cc)
+add_library(decode_symbol_gen STATIC ${CMAKE_CURRENT_SOURCE_DIR}/decode/symbol_gen.cc ${CMAKE_CURRENT_SOURCE_DIR}/decode/zint_gen.cc)
 target_include_directories(decode_symbol_gen PUBLIC ${CMAKE_CURRENT_SOURCE_DIR})
 target_link_libraries(decode_symbol_gen PUBLIC opencv_core opencv_imgproc PRIVATE PkgConfig::ZXING)
 target_compile_definitions(decode_symbol_gen PRIVATE ZX_USE_UTF8)

@@ -5,6 +5,7 @@
 
 #include "decode/symbol_gen.h"
 #include "vision/code/bar_code.h"
+#include "vision/code/code_reader.h"
 #include "vision/code/data_code_2d.h"
 
 namespace vision {
@@ -259,6 +260,104 @@ TEST(BarCode, QuietZoneAndParameters) {
   EXPECT_EQ(strings.Length(), 0);
   clear_bar_code_model(h);
   EXPECT_THROW(clear_bar_code_model(h), HException);
+}
+
+
+// Light bars on dark ground read as well as dark on light; training records
+// the polarity that read and the reading pass starts with it.
+TEST(BarCode, ReadsBothPolaritiesAndTrainsThePolarity) {
+  struct Case { Kind kind; std::string encode, expect; bool invert; };
+  const Case cases[] = {{Kind::Code39, "LASER-39", "LASER-39", true},  {Kind::Code128, "Dark 128", "Dark 128", true},
+                        {Kind::ITF, "12345678", "12345678", true},     {Kind::Code93, "METAL93", "METAL93", true},
+                        {Kind::Code128, "Print 128", "Print 128", false}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.expect);
+    RenderParams p{.module_px = 2.5, .quiet_modules = 10, .angle_deg = 2, .background = 40, .noise_sigma = 3,
+                   .invert = c.invert};
+    if (!c.invert) p.background = 180;
+    HObject img = Gray(Symbol(c.kind, c.encode, p));
+    HTuple h, strings, pol, prep;
+    HObject regions;
+    create_bar_code_model("train", "all", &h);
+    set_bar_code_param(h, "quiet_zone", 1);
+    find_bar_code(img, &regions, h, "auto", &strings);
+    get_bar_code_param(h, HTuple{"trained_polarity", "trained_preprocessing"}, &pol);
+    EXPECT_EQ(pol.S(0), c.invert ? "light_on_dark" : "dark_on_light");
+    EXPECT_EQ(pol.S(1).find("inverted") != std::string::npos, c.invert) << pol.S(1);
+    set_bar_code_param(h, "train", "~all");
+    find_bar_code(img, &regions, h, "auto", &strings);
+    ASSERT_EQ(strings.Length(), 1);
+    EXPECT_EQ(strings.S(0), c.expect);
+    // Restricted to the other polarity, nothing is read.
+    set_bar_code_param(h, "polarity", c.invert ? "dark_on_light" : "light_on_dark");
+    find_bar_code(img, &regions, h, "auto", &strings);
+    EXPECT_EQ(strings.Length(), 0);
+    clear_bar_code_model(h);
+  }
+}
+
+// A symbol is answered whole or not at all: a quiet zone cut by the image
+// border, a symbol half covered by a light label and one whose bars are too
+// short for a second, independent scan line give no text.
+TEST(BarCode, RefusesPartialSymbols) {
+  auto read = [](const cv::Mat& g) {
+    HTuple h, strings;
+    HObject regions;
+    create_bar_code_model(HTuple(), HTuple(), &h);
+    set_bar_code_param(h, "quiet_zone", 1);
+    find_bar_code(Gray(g), &regions, h, "auto", &strings);
+    clear_bar_code_model(h);
+    return strings;
+  };
+  const RenderParams p{.module_px = 3, .quiet_modules = 10, .background = 220, .noise_sigma = 2};
+  struct Case { const char* what; Kind kind; std::string text; };
+  const Case kinds[] = {{"ITF", Kind::ITF, "1234567890"}, {"Code 39", Kind::Code39, "AB-12"}};
+  for (const auto& k : kinds) {
+    SCOPED_TRACE(k.what);
+    const cv::Mat modules = velmora::symgen::SymbolModules(k.kind, k.text);
+    // The whole symbol reads.
+    ASSERT_EQ(read(velmora::symgen::Render(modules, true, p)), HTuple(k.text));
+    // Its right quiet zone cut by the border: one module left.
+    RenderParams cut = p;
+    const double half = (modules.cols + 20) * p.module_px / 2 / p.canvas_w;
+    cut.center_x = 1.0 - half + 9 * p.module_px / p.canvas_w;
+    EXPECT_EQ(read(velmora::symgen::Render(modules, true, cut)).Length(), 0) << "cut quiet zone";
+    // The right half covered by a light label.
+    cv::Mat covered = velmora::symgen::Render(modules, true, p);
+    cv::rectangle(covered, cv::Rect(covered.cols / 2, 0, covered.cols / 2, covered.rows), cv::Scalar(p.light), cv::FILLED);
+    EXPECT_EQ(read(covered).Length(), 0) << "half covered";
+    // Bars four pixels high leave no room for a second, independent line.
+    RenderParams flat = p;
+    flat.bar_height_px = 4;
+    EXPECT_EQ(read(velmora::symgen::Render(modules, true, flat)).Length(), 0) << "flat bars";
+  }
+}
+
+// The search ends early only where nothing looks like bars: every linear
+// sample of the evaluation set has a bar-like region, scenes without a code
+// have none.
+TEST(BarCode, EmptyImagesEndTheSearchEarly) {
+  using velmora::symgen::Grade;
+  for (Kind k : {Kind::Code39, Kind::Code128, Kind::ITF, Kind::Codabar, Kind::EAN13})
+    for (Grade g : {Grade::Clean, Grade::Moderate, Grade::Hard})
+      for (int i = 0; i < 8; ++i) {
+        velmora::symgen::Sample s = velmora::symgen::MakeSample(k, g, i);
+        EXPECT_TRUE(code::HasBarCandidate(s.gray)) << velmora::symgen::KindName(k) << " " << int(g) << " #" << i;
+      }
+  cv::Mat flat(480, 640, CV_8U, cv::Scalar(128)), noisy = flat.clone(), edges = flat.clone();
+  cv::randn(noisy, 128, 8);
+  cv::rectangle(edges, cv::Rect(100, 100, 300, 200), cv::Scalar(220), cv::FILLED);
+  cv::circle(edges, cv::Point(500, 300), 50, cv::Scalar(30), cv::FILLED);
+  cv::GaussianBlur(edges, edges, cv::Size(0, 0), 1.0);
+  for (const cv::Mat& g : {flat, noisy, edges}) {
+    EXPECT_FALSE(code::HasBarCandidate(g));
+    HTuple h, strings;
+    HObject regions;
+    create_bar_code_model(HTuple(), HTuple(), &h);
+    find_bar_code(Gray(g), &regions, h, "auto", &strings);
+    EXPECT_EQ(strings.Length(), 0);
+    clear_bar_code_model(h);
+  }
 }
 
 }  // namespace

@@ -26,10 +26,25 @@ class BarCodeModel : public HandleBase {
   double timeout = -1;
   double element_size_min = 1.5, element_size_max = 32;
   std::string check_char = "absent";
+  std::string polarity = "any";
   // Set by a training pass that read a symbol.
   bool trained = false;
   int trained_variant = -1;
+  std::string trained_polarity;  // "dark_on_light" or "light_on_dark"
   double orientation = 0, contrast = 0;
+  // The image of the last training pass when it held nothing bar-like: the
+  // reading pass on the same image (what the reading service does) answers
+  // at once. Shares the image's planes, which are immutable.
+  std::vector<cv::Mat> empty_planes;
+
+  bool IsEmptyImage(const Image& img) const {
+    if (empty_planes.empty() || empty_planes.size() != img.planes.size()) return false;
+    for (size_t k = 0; k < img.planes.size(); ++k)
+      if (empty_planes[k].data != img.planes[k].data || empty_planes[k].size() != img.planes[k].size() ||
+          empty_planes[k].step != img.planes[k].step)
+        return false;
+    return true;
+  }
 };
 
 struct CodeTypeName {
@@ -68,45 +83,76 @@ double ElementSize(const code::Found& f) {
   return len / Modules(BarcodeFormat(f.format), f.text.size());
 }
 
-// The quiet zone check: `modules` element widths beyond each end of the
-// symbol's scan line must be free of bars (outside the image counts as free).
-bool QuietZoneFree(const cv::Mat& gray, const code::Found& f, double modules) {
-  if (modules <= 0) return true;
-  cv::Point2d a = f.corners[0], b = f.corners[1];
-  if (cv::norm(b - a) < 1) return true;
-  cv::Point2d dir = (b - a) / cv::norm(b - a);
-  double elem = std::max(1.0, ElementSize(f));
-  // Dark and light levels of the symbol along its scan line (10th and 90th
-  // percentile, so that noise does not set them).
-  std::vector<int> levels;
-  for (int i = 0; i <= 128; ++i) {
-    cv::Point2d p = a + (b - a) * (i / 128.0);
-    int x = int(std::lround(p.x)), y = int(std::lround(p.y));
-    if (x >= 0 && y >= 0 && x < gray.cols && y < gray.rows) levels.push_back(gray.at<uint8_t>(y, x));
-  }
-  if (levels.size() < 10) return true;
-  std::sort(levels.begin(), levels.end());
-  const double lo = levels[levels.size() / 10], hi = levels[levels.size() * 9 / 10];
-  const double thresh = lo + 0.4 * (hi - lo);
-  // Start beyond the blurred edge of the outermost bar; a bar is dark on
-  // three neighbouring pixels across the scan line.
-  const cv::Point2d across(-dir.y, dir.x);
-  for (double t = 1.5 * elem + 1.5; t <= (modules + 1) * elem + 1.5; t += 0.5) {
+// Codes whose text no check character protects: a misread there is a valid
+// read of another text, so they must pass a second scan line as well.
+bool WithoutCheckCharacter(BarcodeFormat f) {
+  return f == BarcodeFormat::Code39 || f == BarcodeFormat::Codabar || f == BarcodeFormat::ITF;
+}
+
+// Both quiet zones seen: `modules` element widths beyond each end of each of
+// the symbol's scan lines lie inside the image and hold no bar of the
+// symbol's polarity. A zone cut by the image border is not seen, so a symbol
+// that may go on beyond the border is no symbol.
+bool QuietZonesSeen(const cv::Mat& gray, const code::Found& f, double modules) {
+  const double elem = std::max(1.0, ElementSize(f));
+  for (int line = 0; line < 2; ++line) {
+    const cv::Point2d a = line == 0 ? f.corners[0] : f.corners[3], b = line == 0 ? f.corners[1] : f.corners[2];
+    if (line == 1 && cv::norm(a - f.corners[0]) < 1 && cv::norm(b - f.corners[1]) < 1) break;
+    if (cv::norm(b - a) < 1) return false;
+    const cv::Point2d dir = (b - a) / cv::norm(b - a), across(-dir.y, dir.x);
+    // Dark and light levels of the symbol along its scan line (10th and
+    // 90th percentile, so that noise does not set them).
+    std::vector<int> levels;
+    for (int i = 0; i <= 128; ++i) {
+      const cv::Point2d p = a + (b - a) * (i / 128.0);
+      const int x = int(std::lround(p.x)), y = int(std::lround(p.y));
+      if (x >= 0 && y >= 0 && x < gray.cols && y < gray.rows) levels.push_back(gray.at<uint8_t>(y, x));
+    }
+    if (levels.size() < 10) return false;
+    std::sort(levels.begin(), levels.end());
+    const double lo = levels[levels.size() / 10], hi = levels[levels.size() * 9 / 10];
+    // A bar is a pixel on the bars' side of the mid-level, on three
+    // neighbouring pixels across the scan line; the search starts beyond the
+    // blurred edge of the outermost bar.
+    auto is_bar = [&](int v) { return f.inverted ? v > hi - 0.4 * (hi - lo) : v < lo + 0.4 * (hi - lo); };
+    const double reach = std::max(modules, 1.0) * elem + 1.5;
     for (int side = 0; side < 2; ++side) {
-      cv::Point2d c = side == 0 ? a - dir * t : b + dir * t;
-      int dark = 0, seen = 0;
-      for (int k = -1; k <= 1; ++k) {
-        cv::Point2d p = c + across * double(2 * k);
-        int x = int(std::lround(p.x)), y = int(std::lround(p.y));
-        if (x < 0 || y < 0 || x >= gray.cols || y >= gray.rows) continue;
-        ++seen;
-        dark += gray.at<uint8_t>(y, x) < thresh;
+      const cv::Point2d end = side == 0 ? a - dir * reach : b + dir * reach;
+      if (end.x < 0 || end.y < 0 || end.x > gray.cols - 1 || end.y > gray.rows - 1) return false;
+    }
+    for (double t = 1.5 * elem + 1.5; t <= reach; t += 0.5) {
+      for (int side = 0; side < 2; ++side) {
+        const cv::Point2d c = side == 0 ? a - dir * t : b + dir * t;
+        int bar = 0, seen = 0;
+        for (int k = -1; k <= 1; ++k) {
+          const cv::Point2d p = c + across * double(2 * k);
+          const int x = int(std::lround(p.x)), y = int(std::lround(p.y));
+          if (x < 0 || y < 0 || x >= gray.cols || y >= gray.rows) continue;
+          ++seen;
+          bar += is_bar(gray.at<uint8_t>(y, x));
+        }
+        if (seen > 0 && bar == seen) return false;
       }
-      if (seen > 0 && dark == seen) return false;
     }
   }
   return true;
 }
+
+// A second, independent scan line reads the same text in full: a line
+// parallel to the one that was read, along the symbol's own direction,
+// sharing none of its pixels (the decoder's lines lie within the corners'
+// band; ours averages one pixel either side of its centre).
+bool SecondLineAgrees(const cv::Mat& gray, const code::Found& f, double margin) {
+  const double band = 0.5 * std::max(cv::norm(f.corners[3] - f.corners[0]), cv::norm(f.corners[2] - f.corners[1]));
+  for (double gap : {4.0, 8.0, 13.0})
+    for (double side : {1.0, -1.0})
+      if (code::ReadAlongLine(gray, f, side * (band + gap), margin) == f.text) return true;
+  return false;
+}
+
+// The quiet zone every symbol needs, in modules, whatever the model asks:
+// enough to see that no bar of the same symbol follows the stop pattern.
+double MinimumQuietZone(BarcodeFormat f) { return WithoutCheckCharacter(f) ? 4 : 3; }
 
 using Table = ParamTable<BarCodeModel>;
 constexpr unsigned kTrained = Table::kGroup1;  // set by a training pass
@@ -133,6 +179,10 @@ const Table kParams({
      [](const BarCodeModel& m) { return HTuple(m.element_size_max); }, kTrained},
     {"check_char", [](BarCodeModel& m, const ParamValue& v) { m.check_char = v.StringIn({"absent", "present"}); },
      [](const BarCodeModel& m) { return HTuple(m.check_char); }},
+    {"polarity",
+     [](BarCodeModel& m, const ParamValue& v) { m.polarity = v.StringIn({"any", "dark_on_light", "light_on_dark"}); },
+     [](const BarCodeModel& m) { return HTuple(m.polarity); }},
+    {"trained_polarity", nullptr, [](const BarCodeModel& m) { return HTuple(m.trained_polarity); }, kTrained},
     {"orientation", nullptr, [](const BarCodeModel& m) { return HTuple(m.orientation); }, kTrained},
     {"meas_thresh_abs", nullptr, [](const BarCodeModel& m) { return HTuple(m.contrast); }, kTrained},
     {"trained_preprocessing", nullptr,
@@ -204,21 +254,43 @@ void find_bar_code(const HObject& image, HObject* symbol_regions, const HTuple& 
   req.max_results = int(m->stop_after_result_num);
   req.timeout_ms = m->timeout > 0 ? m->timeout : 2000;
   req.strict_quiet_zone = false;
-  if (!m->training) req.first_variant = m->trained_variant;
+  req.polarity = m->polarity == "dark_on_light"   ? code::Polarity::DarkOnLight
+                 : m->polarity == "light_on_dark" ? code::Polarity::LightOnDark
+                                                  : code::Polarity::Any;
+  if (!m->training) {
+    req.first_variant = m->trained_variant;
+    req.prefer = m->trained_polarity == "light_on_dark"   ? code::Polarity::LightOnDark
+                 : m->trained_polarity == "dark_on_light" ? code::Polarity::DarkOnLight
+                                                          : code::Polarity::Any;
+  }
+  // Only whole symbols count: the element size the model allows, both quiet
+  // zones seen, and for codes without a check character a second scan line
+  // that reads the same text. A refused read does not end the search.
+  req.accept = [&](const code::Found& f) {
+    const double e = ElementSize(f);
+    if (e < m->element_size_min * 0.5 || e > m->element_size_max * 1.5) return false;
+    const BarcodeFormat format = BarcodeFormat(f.format);
+    const double quiet = std::max(double(m->quiet_zone), MinimumQuietZone(format));
+    return QuietZonesSeen(gray, f, quiet) &&
+           (!WithoutCheckCharacter(format) || SecondLineAgrees(gray, f, (quiet + 1) * std::max(1.0, e)));
+  };
+  // An image without anything bar-like answers after the quick looks; the
+  // reading pass on the image training found empty does not look again.
+  bool no_candidates = false;
+  req.stop_without_candidates = true;
+  req.no_candidates = &no_candidates;
+  req.assume_no_candidates = !m->training && m->IsEmptyImage(img);
   std::vector<code::Found> found = code::ReadCodes(gray, req);
-
-  found.erase(std::remove_if(found.begin(), found.end(),
-                             [&](const code::Found& f) {
-                               double e = ElementSize(f);
-                               return e < m->element_size_min * 0.5 || e > m->element_size_max * 1.5 ||
-                                      !QuietZoneFree(gray, f, double(m->quiet_zone));
-                             }),
-              found.end());
+  if (m->training) {
+    m->empty_planes.clear();
+    if (no_candidates) m->empty_planes = img.planes;
+  }
   if (m->training && !found.empty()) {
     const code::Found& f = found.front();
     double e = ElementSize(f);
     m->trained = true;
     m->trained_variant = f.variant;
+    m->trained_polarity = f.inverted ? "light_on_dark" : "dark_on_light";
     m->element_size_min = std::max(0.5, std::floor(e * 0.7 * 10) / 10);
     m->element_size_max = std::max(m->element_size_min, std::ceil(e * 1.5 * 10) / 10);
     m->orientation = std::atan2(-(f.corners[1].y - f.corners[0].y), f.corners[1].x - f.corners[0].x) * 180 / CV_PI;

@@ -207,7 +207,8 @@ Found FromResult(const ZXing::Result& r, const Work& w, const Variant& v) {
   return f;
 }
 
-std::vector<Found> Zxing(const Work& w, const Variant& v, Symbology s, BarcodeFormats formats, int max_results) {
+std::vector<Found> Zxing(const Work& w, const Variant& v, Symbology s, BarcodeFormats formats, int max_results,
+                         const std::function<bool(const Found&)>& accept = nullptr) {
   std::vector<Found> out;
   if (w.img.empty() || w.img.cols < 3 || w.img.rows < 3) return out;
   ZXing::DecodeHints hints;
@@ -245,7 +246,8 @@ std::vector<Found> Zxing(const Work& w, const Variant& v, Symbology s, BarcodeFo
       ZXing::Result again = ZXing::ReadBarcode(view, strict);
       if (!again.isValid() || again.text() != r.text()) break;
     }
-    out.push_back(FromResult(r, w, v));
+    Found f = FromResult(r, w, v);
+    if (!accept || accept(f)) out.push_back(std::move(f));
     if (n + 1 == limit) break;
     if (img.data == w.img.data) img = w.img.clone();
     const auto& pos = r.position();
@@ -340,26 +342,28 @@ std::vector<Variant> BuildVariants(Symbology s) {
   };
   Variant quick;
   quick.quick = true;
-  v.push_back(quick);
   if (s == Symbology::Linear) {
-    v.push_back({P::Plain});
-    v.push_back({P::Stretch});
-    v.push_back({P::Smooth});
-    v.push_back({P::Smooth, 2});
-    v.push_back({P::Threshold});
+    // Light bars on dark ground (laser marking on metal, dark plastic) are
+    // as common as printed labels: every preparation comes in both
+    // polarities, the inverted one right after its twin.
+    both(quick);
+    both({P::Plain});
+    both({P::Stretch});
+    both({P::Smooth});
+    both({P::Smooth, 2});
+    both({P::Threshold});
     Variant fixed;
     fixed.fixed_binarizer = true;
-    v.push_back(fixed);
+    both(fixed);
     fixed.global_binarizer = true;
     fixed.fixed_binarizer = false;
-    v.push_back(fixed);
-    v.push_back({P::Stretch, 1, true});
-    v.push_back({P::Smooth, 2, true});
+    both(fixed);
     v.push_back({P::Ground});
     v.push_back({P::Ground, 2});
     v.push_back({P::Candidates});
     return v;
   }
+  v.push_back(quick);
   v.push_back({P::Plain});
   both({P::Stretch});
   both({P::Stretch, 2});
@@ -377,6 +381,83 @@ std::vector<Variant> BuildVariants(Symbology s) {
 }
 
 }  // namespace
+
+bool HasBarCandidate(const cv::Mat& gray) {
+  if (gray.cols < 16 || gray.rows < 16) return false;
+  // Larger images are looked at reduced, but never so far that 1.5-pixel
+  // bars would merge.
+  cv::Mat g = gray;
+  const double f = std::min(1.0, 1024.0 / std::max(gray.cols, gray.rows));
+  if (f < 1) cv::resize(gray, g, cv::Size(), f, f, cv::INTER_AREA);
+  cv::Mat sm, gx, gy;
+  cv::GaussianBlur(g, sm, cv::Size(3, 3), 0.8);
+  cv::Sobel(sm, gx, CV_32F, 1, 0, 3);
+  cv::Sobel(sm, gy, CV_32F, 0, 1, 3);
+  // Per window: the structure tensor (one dominant edge direction?), the
+  // mean gradient vector against the mean gradient length (do the edges
+  // alternate in sign, as a bar's two edges do, or is it one edge?), and
+  // the mean gradient length itself (against noise).
+  cv::Mat gxx = gx.mul(gx), gyy = gy.mul(gy), gxy = gx.mul(gy), mag;
+  cv::magnitude(gx, gy, mag);
+  const cv::Size win(15, 15);
+  for (cv::Mat* m : {&gx, &gy, &gxx, &gyy, &gxy, &mag}) cv::boxFilter(*m, *m, -1, win);
+  constexpr int kStep = 4;
+  cv::Mat hit((g.rows + kStep - 1) / kStep, (g.cols + kStep - 1) / kStep, CV_8U, cv::Scalar(0));
+  for (int y = kStep / 2, yi = 0; y < g.rows; y += kStep, ++yi) {
+    const float *px = gx.ptr<float>(y), *py = gy.ptr<float>(y), *pxx = gxx.ptr<float>(y), *pyy = gyy.ptr<float>(y),
+                *pxy = gxy.ptr<float>(y), *pm = mag.ptr<float>(y);
+    uint8_t* out = hit.ptr<uint8_t>(yi);
+    for (int x = kStep / 2, xi = 0; x < g.cols; x += kStep, ++xi) {
+      // A contrast of about 12 grey levels over bars of a few pixels.
+      if (pm[x] < 12.0f) continue;
+      const float e = pxx[x] + pyy[x];
+      const float d = std::sqrt((pxx[x] - pyy[x]) * (pxx[x] - pyy[x]) + 4 * pxy[x] * pxy[x]);
+      const float coherence = d / std::max(e, 1e-3f);
+      const float cancel = std::sqrt(px[x] * px[x] + py[x] * py[x]) / pm[x];
+      out[xi] = coherence > 0.5f && cancel < 0.4f ? 255 : 0;
+    }
+  }
+  // A symbol covers a patch of windows, not a stray one.
+  cv::Mat labels, stats, centroids;
+  const int n = cv::connectedComponentsWithStats(hit, labels, stats, centroids, 8);
+  for (int i = 1; i < n; ++i)
+    if (stats.at<int>(i, cv::CC_STAT_AREA) >= 12) return true;
+  return false;
+}
+
+std::string ReadAlongLine(const cv::Mat& gray, const Found& f, double offset, double margin) {
+  const cv::Point2d a = (f.corners[0] + f.corners[3]) * 0.5, b = (f.corners[1] + f.corners[2]) * 0.5;
+  const double len = cv::norm(b - a);
+  if (len < 8) return {};
+  const cv::Point2d dir = (b - a) / len, across(-dir.y, dir.x);
+  // Three lines one pixel apart, centred on the shifted line, in the
+  // symbol's own upright frame: x along the scan line from `margin` before
+  // its start. Averaged into one profile, they are one scan line with less
+  // noise; outside the image counts as light ground.
+  const int w = int(std::ceil(len + 2 * margin));
+  const cv::Point2d origin = a - dir * margin + across * (offset - 1);
+  const cv::Matx23d m(dir.x, across.x, origin.x, dir.y, across.y, origin.y);  // strip -> image
+  cv::Mat lines, profile;
+  cv::warpAffine(gray, lines, cv::Mat(m), cv::Size(w, 3), cv::INTER_LINEAR | cv::WARP_INVERSE_MAP,
+                 cv::BORDER_CONSTANT, cv::Scalar(f.inverted ? 0 : 255));
+  cv::reduce(lines, profile, 0, cv::REDUCE_AVG);
+  if (f.inverted) cv::bitwise_not(profile, profile);
+  // The decoder wants a few rows and a light margin beyond the ends; after
+  // the stretch the fixed mid-grey threshold suits a single profile best, the
+  // adaptive binarizers see too little of the image to settle.
+  cv::Mat strip;
+  cv::repeat(Stretch(profile), 8, 1, strip);
+  cv::copyMakeBorder(strip, strip, 0, 0, 16, 16, cv::BORDER_CONSTANT, cv::Scalar(255));
+  ZXing::DecodeHints hints;
+  hints.setFormats(BarcodeFormat(f.format)).setTryHarder(true).setTryRotate(false).setTryDownscale(false);
+  for (auto bin : {ZXing::Binarizer::FixedThreshold, ZXing::Binarizer::LocalAverage}) {
+    hints.setBinarizer(bin);
+    ZXing::ImageView view(strip.data, strip.cols, strip.rows, ZXing::ImageFormat::Lum, int(strip.step));
+    ZXing::Result r = ZXing::ReadBarcode(view, hints);
+    if (r.isValid()) return r.text();
+  }
+  return {};
+}
 
 std::string Variant::Name() const {
   static const char* kPrep[] = {"plain", "stretch", "smooth", "threshold", "candidates", "dmtx", "ground"};
@@ -414,9 +495,18 @@ std::vector<Found> ReadCodes(const cv::Mat& gray, const ReadRequest& req) {
   const bool linear = req.symbology == Symbology::Linear;
 
   std::vector<int> order;
-  if (req.first_variant >= 0 && req.first_variant < int(variants.size())) order.push_back(req.first_variant);
+  const bool trained_first = req.first_variant >= 0 && req.first_variant < int(variants.size()) &&
+                             Allowed(variants[req.first_variant], req);
+  if (trained_first) order.push_back(req.first_variant);
   for (int i = 0; i < int(variants.size()); ++i)
     if (i != req.first_variant && Allowed(variants[i], req)) order.push_back(i);
+  if (linear && req.prefer != Polarity::Any) {
+    // The trained polarity's preparations before the other polarity's.
+    const bool inv = req.prefer == Polarity::LightOnDark;
+    std::stable_partition(order.begin() + (trained_first ? 1 : 0), order.end(),
+                          [&](int i) { return variants[i].invert == inv || variants[i].prep == Variant::Prep::Candidates; });
+  }
+  bool candidates_checked = false;
 
   auto add = [&](std::vector<Found> fs, int idx) {
     for (auto& f : fs) {
@@ -445,6 +535,16 @@ std::vector<Found> ReadCodes(const cv::Mat& gray, const ReadRequest& req) {
     if (k > 0 && req.timeout_ms > 0 && elapsed_ms() > req.timeout_ms) break;
     const int idx = order[k];
     const Variant& v = variants[idx];
+    if (linear && req.stop_without_candidates && !candidates_checked && !v.quick &&
+        !(k == 0 && trained_first)) {
+      // The quick looks read nothing: without a bar-like region the slow
+      // preparations would only spend time.
+      candidates_checked = true;
+      if (req.assume_no_candidates || !HasBarCandidate(gray)) {
+        if (req.no_candidates) *req.no_candidates = true;
+        return found;
+      }
+    }
     if (v.prep == Variant::Prep::Candidates) {
       std::vector<std::pair<cv::RotatedRect, bool>> crops;
       for (const auto& c : Candidates(gray, linear)) {
@@ -467,6 +567,9 @@ std::vector<Found> ReadCodes(const cv::Mat& gray, const ReadRequest& req) {
         if (extra && req.timeout_ms > 0 && elapsed_ms() > req.timeout_ms) break;
         // Both inversions: the polarity of what is read is measured, not assumed.
         for (int inv = 0; inv < 2; ++inv) {
+          // A linear symbol's polarity is that of the crop it was read on.
+          if (linear && ((inv && req.polarity == Polarity::DarkOnLight) || (!inv && req.polarity == Polarity::LightOnDark)))
+            continue;
           for (int mir = 0; mir < (req.symbology == Symbology::DataMatrix && req.mirror != Mirror::No ? 2 : 1); ++mir) {
             Variant cv_ = v;
             cv_.invert = inv;
@@ -478,7 +581,7 @@ std::vector<Found> ReadCodes(const cv::Mat& gray, const ReadRequest& req) {
               cv::flip(w.img, w.img, 1);
               w.to_input = w.to_input * cv::Matx33d(-1, 0, w.img.cols - 1, 0, 1, 0, 0, 0, 1);
             }
-            add(Zxing(w, cv_, req.symbology, formats, req.max_results), idx);
+            add(Zxing(w, cv_, req.symbology, formats, req.max_results, req.accept), idx);
             if (enough()) return found;
           }
         }
@@ -516,7 +619,7 @@ std::vector<Found> ReadCodes(const cv::Mat& gray, const ReadRequest& req) {
     } else {
       Work w;
       if (!Prepare(gray, v, req.symbology, req.strict_quiet_zone, &w)) continue;
-      add(Zxing(w, v, req.symbology, formats, req.max_results), idx);
+      add(Zxing(w, v, req.symbology, formats, req.max_results, req.accept), idx);
     }
     if (enough()) break;
     // One preparation that read something ends the search even when fewer

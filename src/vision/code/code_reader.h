@@ -7,6 +7,7 @@
 // model names the preparation to try first.
 #include <array>
 #include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -51,6 +52,16 @@ struct ReadRequest {
   double timeout_ms = 2000;     // no new preparation starts after this; <= 0 means none
   bool strict_quiet_zone = false;  // linear codes: no artificial quiet border
   bool allow_upscale = true;       // false when modules are known to be large
+  // Linear codes: preparations of this polarity first (what training read).
+  Polarity prefer = Polarity::Any;
+  // Linear codes: a symbol is only counted when this accepts it (whole
+  // symbol checks); a refused one does not end the search.
+  std::function<bool(const Found&)> accept;
+  // Linear codes: when the quick looks read nothing and no bar-like region
+  // exists in the image, stop there.
+  bool stop_without_candidates = false;
+  bool assume_no_candidates = false;  // known from an earlier look at the same image
+  bool* no_candidates = nullptr;  // set when the search stopped for that reason
 };
 
 // The preparations for a symbology, in the order they are tried.
@@ -59,6 +70,17 @@ const std::vector<Variant>& Variants(Symbology s);
 // Reads the symbols of an 8-bit grey image. Never returns a symbol whose
 // checksum or error correction failed.
 std::vector<Found> ReadCodes(const cv::Mat& gray, const ReadRequest& req);
+
+// Whether the image holds a region that looks like bars: many parallel edges
+// of alternating sign. Cheap; meant to end the search on images without
+// any bar code.
+bool HasBarCandidate(const cv::Mat& gray);
+
+// The text zxing-cpp reads on a thin strip of the image along the scan line
+// of a linear symbol `f`, shifted by `offset` pixels across its bars and
+// extended by `margin` pixels beyond both ends; empty when nothing of the
+// same format reads there.
+std::string ReadAlongLine(const cv::Mat& gray, const Found& f, double offset, double margin);
 
 // Second Data Matrix engine (libdmtx). Empty when the library is absent or
 // nothing was decoded within the budget.
