@@ -26,6 +26,54 @@ double DistanceToSurface(const synth::Surface& s, const Eigen::Vector3d& p) {
   return best;
 }
 
+std::vector<TopSample> TopSurface(const synth::Surface& s) {
+  std::vector<TopSample> tops;
+  for (int r = 1; r + 1 < s.rows; ++r)
+    for (int c = 1; c + 1 < s.cols; ++c) {
+      const double z = s.At(r, c);
+      if (z > -0.4e-3) continue;
+      const double gx = (s.At(r, c + 1) - s.At(r, c - 1)) / (2 * s.step);
+      const double gy = (s.At(r + 1, c) - s.At(r - 1, c)) / (2 * s.step);
+      if (std::hypot(gx, gy) >= 1.0) continue;
+      // Samples whose neighbourhood reaches a wall are not top surface.
+      bool wall = false;
+      for (int i = -1; i <= 1 && !wall; ++i)
+        for (int j = -1; j <= 1; ++j)
+          if (std::abs(s.At(r + i, c + j) - z) > 1.5 * s.step) { wall = true; break; }
+      if (wall) continue;
+      tops.push_back({r, c, Eigen::Vector3d(s.x0 + c * s.step, s.y0 + r * s.step, z)});
+    }
+  return tops;
+}
+
+std::vector<bool> CoveredTops(const std::vector<TopSample>& tops, const std::vector<Eigen::Vector3d>& pts,
+                              double radius) {
+  // Points hashed into cells of edge `radius`; a sample looks in the 27 cells around it.
+  const double cell = radius;
+  auto key = [&](double x, double y, double z) {
+    const int64_t a = int64_t(std::floor(x / cell)), b = int64_t(std::floor(y / cell)),
+                  c = int64_t(std::floor(z / cell));
+    return (a * 73856093) ^ (b * 19349663) ^ (c * 83492791);
+  };
+  std::unordered_multimap<int64_t, size_t> grid;
+  grid.reserve(pts.size());
+  for (size_t i = 0; i < pts.size(); ++i) grid.emplace(key(pts[i].x(), pts[i].y(), pts[i].z()), i);
+  std::vector<bool> out(tops.size(), false);
+  for (size_t k = 0; k < tops.size(); ++k) {
+    const Eigen::Vector3d& t = tops[k].p;
+    bool hit = false;
+    for (int a = -1; a <= 1 && !hit; ++a)
+      for (int b = -1; b <= 1 && !hit; ++b)
+        for (int e = -1; e <= 1 && !hit; ++e) {
+          auto range = grid.equal_range(key(t.x() + a * cell, t.y() + b * cell, t.z() + e * cell));
+          for (auto it = range.first; it != range.second; ++it)
+            if ((pts[it->second] - t).norm() <= radius) { hit = true; break; }
+        }
+    out[k] = hit;
+  }
+  return out;
+}
+
 SurfaceFigures Evaluate(const synth::Surface& s, const std::vector<Eigen::Vector3d>& pts) {
   SurfaceFigures f;
   f.points = pts.size();
@@ -44,44 +92,10 @@ SurfaceFigures Evaluate(const synth::Surface& s, const std::vector<Eigen::Vector
   f.p95_um = sorted[sorted.size() * 95 / 100] * 1e6;
   f.far_pct = 100.0 * far / d.size();
 
-  // Coverage of the top surfaces: samples at least 0.4 mm above the board
-  // with a slope under 45 degrees, each looked up in a 60 um voxel hash.
-  const double cell = 60e-6;
-  auto key = [&](double x, double y, double z) {
-    const int64_t a = int64_t(std::floor(x / cell)), b = int64_t(std::floor(y / cell)),
-                  c = int64_t(std::floor(z / cell));
-    return (a * 73856093) ^ (b * 19349663) ^ (c * 83492791);
-  };
-  std::unordered_multimap<int64_t, size_t> grid;
-  grid.reserve(pts.size());
-  for (size_t i = 0; i < pts.size(); ++i) grid.emplace(key(pts[i].x(), pts[i].y(), pts[i].z()), i);
-  size_t tops = 0, covered = 0;
-  for (int r = 1; r + 1 < s.rows; ++r)
-    for (int c = 1; c + 1 < s.cols; ++c) {
-      const double z = s.At(r, c);
-      if (z > -0.4e-3) continue;
-      const double gx = (s.At(r, c + 1) - s.At(r, c - 1)) / (2 * s.step);
-      const double gy = (s.At(r + 1, c) - s.At(r - 1, c)) / (2 * s.step);
-      if (std::hypot(gx, gy) >= 1.0) continue;
-      // Samples whose neighbourhood reaches a wall are not top surface.
-      bool wall = false;
-      for (int i = -1; i <= 1 && !wall; ++i)
-        for (int j = -1; j <= 1; ++j)
-          if (std::abs(s.At(r + i, c + j) - z) > 1.5 * s.step) { wall = true; break; }
-      if (wall) continue;
-      ++tops;
-      const Eigen::Vector3d t(s.x0 + c * s.step, s.y0 + r * s.step, z);
-      bool hit = false;
-      for (int a = -1; a <= 1 && !hit; ++a)
-        for (int b = -1; b <= 1 && !hit; ++b)
-          for (int e = -1; e <= 1 && !hit; ++e) {
-            auto range = grid.equal_range(key(t.x() + a * cell, t.y() + b * cell, t.z() + e * cell));
-            for (auto it = range.first; it != range.second; ++it)
-              if ((pts[it->second] - t).norm() <= 60e-6) { hit = true; break; }
-          }
-      covered += hit;
-    }
-  f.top_coverage_pct = tops ? 100.0 * covered / tops : 0;
+  const std::vector<TopSample> tops = TopSurface(s);
+  const std::vector<bool> covered = CoveredTops(tops, pts);
+  const size_t n_covered = size_t(std::count(covered.begin(), covered.end(), true));
+  f.top_coverage_pct = tops.empty() ? 0 : 100.0 * n_covered / tops.size();
   return f;
 }
 

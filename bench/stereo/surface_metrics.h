@@ -20,6 +20,18 @@ struct SurfaceFigures {
 // resampled surface near steep walls, whichever is smaller.
 double DistanceToSurface(const synth::Surface& s, const Eigen::Vector3d& p);
 
+// One sample of the top surfaces: at least 0.4 mm above the board, slope
+// under 45 degrees, no wall within its 3 x 3 neighbourhood.
+struct TopSample {
+  int r = 0, c = 0;
+  Eigen::Vector3d p;
+};
+std::vector<TopSample> TopSurface(const synth::Surface& s);
+
+// Per top sample: whether a point lies within `radius` of it.
+std::vector<bool> CoveredTops(const std::vector<TopSample>& tops, const std::vector<Eigen::Vector3d>& pts,
+                              double radius = 60e-6);
+
 SurfaceFigures Evaluate(const synth::Surface& s, const std::vector<Eigen::Vector3d>& pts);
 
 std::string Format(const SurfaceFigures& f);

@@ -309,6 +309,12 @@ void RefineSubPixel(const std::vector<cv::Mat>& c1, const std::vector<cv::Mat>& 
   for (int it = 0; it < 4; ++it) {
     set_map();
     cv::Mat num(disp->size(), CV_32F, cv::Scalar(0)), den(disp->size(), CV_32F, cv::Scalar(0));
+    // The smooth field carries the slope of the surface; each window adds
+    // one constant correction to it. (Averaging the field itself with the
+    // gradient weights would move each estimate towards the window's
+    // strongest texture, an error of the slope times that offset.)
+    const cv::Mat mean_d = Blur(*disp, sigma);
+    const cv::Mat detail = *disp - mean_d;
     for (size_t k = 0; k < c1.size(); ++k) {
       cv::Mat w2, gw;
       cv::remap(c2[k], w2, mapx, mapy, cv::INTER_CUBIC, cv::BORDER_REPLICATE);
@@ -319,19 +325,18 @@ void RefineSubPixel(const std::vector<cv::Mat>& c1, const std::vector<cv::Mat>& 
       // under it, weighted by the gradients, plus the shift that aligns it;
       // a noisy field would otherwise keep its pixel-to-pixel noise.
       const cv::Mat gg = g.mul(g);
-      num += g.mul(e) + gg.mul(*disp);
+      num += g.mul(e) + gg.mul(detail);
       den += gg;
     }
     num = Blur(num, sigma);
     den = Blur(den, sigma);
-    const cv::Mat mean_d = Blur(*disp, sigma);
     for (int y = 0; y < disp->rows; ++y) {
       float* d = disp->ptr<float>(y);
       const float* n = num.ptr<float>(y);
       const float* q = den.ptr<float>(y);
       const float* md = mean_d.ptr<float>(y);
       for (int x = 0; x < disp->cols; ++x) {
-        const float target = q[x] > 1e-3f ? n[x] / q[x] : md[x];
+        const float target = q[x] > 1e-3f ? md[x] + n[x] / q[x] : md[x];
         d[x] = std::clamp(target, d[x] - 1.0f, d[x] + 1.0f);
       }
     }
