@@ -41,9 +41,15 @@ bool ZintAvailable() {
 cv::Mat ZintModules(Kind kind, const std::string& text) {
   const int type = ZintType(kind);
   if (type == 0 || !ZintAvailable()) return {};
-  for (char c : text)
-    if (!std::isalnum(static_cast<unsigned char>(c)) && c != '-' && c != '.' && c != ' ') return {};
-  const std::string dump = Run("zint -b " + std::to_string(type) + " --dump -d '" + text + "' 2>/dev/null");
+  // The text goes to the shell single-quoted; printable ASCII only.
+  std::string quoted = "'";
+  for (char c : text) {
+    if (c < 0x20 || c > 0x7e) return {};
+    if (c == '\'') quoted += "'\\''";
+    else quoted += c;
+  }
+  quoted += "'";
+  const std::string dump = Run("zint -b " + std::to_string(type) + " --dump -d " + quoted + " 2>/dev/null");
   // One line of hex digits (bytes separated by spaces), most significant bit
   // first; a linear symbol is one row.
   std::string bits;

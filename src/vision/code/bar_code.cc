@@ -274,7 +274,7 @@ void find_bar_code(const HObject& image, HObject* symbol_regions, const HTuple& 
     return QuietZonesSeen(gray, f, quiet) &&
            (!WithoutCheckCharacter(format) || SecondLineAgrees(gray, f, (quiet + 1) * std::max(1.0, e)));
   };
-  // An image without anything bar-like answers after the quick looks; the
+  // An image without anything bar-like answers before any decoder runs; the
   // reading pass on the image training found empty does not look again.
   bool no_candidates = false;
   req.stop_without_candidates = true;

@@ -57,8 +57,8 @@ struct ReadRequest {
   // Linear codes: a symbol is only counted when this accepts it (whole
   // symbol checks); a refused one does not end the search.
   std::function<bool(const Found&)> accept;
-  // Linear codes: when the quick looks read nothing and no bar-like region
-  // exists in the image, stop there.
+  // Linear codes: when no bar-like region exists in the image, stop before
+  // any decoder runs.
   bool stop_without_candidates = false;
   bool assume_no_candidates = false;  // known from an earlier look at the same image
   bool* no_candidates = nullptr;  // set when the search stopped for that reason
