@@ -88,10 +88,10 @@ std::string FormatTimes(const ReconstructionTimes& t) {
   char buf[512];
   std::snprintf(buf, sizeof buf,
                 "views %.3f s, rectification maps %.3f s, map_image %.3f s, disparity %.3f s, "
-                "points %.3f s, pairwise phase %.3f s (%.3f s CPU), merge and crop %.3f s, components %.3f s, "
-                "sampling %.3f s, smoothing %.3f s, triangulation %.3f s, total %.3f s",
-                t.views, t.rectification, t.mapping, t.disparity, t.points, t.pairwise, t.pairwise_cpu, t.merge,
-                t.components, t.sampling, t.smoothing, t.triangulation, t.total);
+                "points %.3f s, pair components %.3f s, pairwise phase %.3f s (%.3f s CPU), merge and crop %.3f s, "
+                "components %.3f s, sampling %.3f s, smoothing %.3f s, triangulation %.3f s, total %.3f s",
+                t.views, t.rectification, t.mapping, t.disparity, t.points, t.pair_components, t.pairwise,
+                t.pairwise_cpu, t.merge, t.components, t.sampling, t.smoothing, t.triangulation, t.total);
   return buf;
 }
 
@@ -229,6 +229,9 @@ HTuple ReconstructSurface(const HTuple& hv_WindowHandle, const HTuple& hv_Serial
       vision::set_object_model_3d_attrib_mod(hv_OM, "&coord_r", "points", hv_Rvals);
       vision::set_object_model_3d_attrib_mod(hv_OM, "&coord_g", "points", hv_Gvals);
       vision::set_object_model_3d_attrib_mod(hv_OM, "&coord_b", "points", hv_Bvals);
+      pt.points += Since(t_stage);
+
+      t_stage = Clock::now();
 
       HTuple hv_Parts, hv_Big, hv_U;
       vision::connection_object_model_3d(hv_OM, "distance_3d", 0.0001, &hv_Parts);
@@ -243,7 +246,7 @@ HTuple ReconstructSurface(const HTuple& hv_WindowHandle, const HTuple& hv_Serial
       if (!hv_Parts.Empty()) vision::clear_object_model_3d(hv_Parts);
       if (!hv_Big.Empty()) vision::clear_object_model_3d(hv_Big);
       vision::clear_object_model_3d(hv_U);
-      pt.points += Since(t_stage);
+      pt.pair_components += Since(t_stage);
     } catch (...) {
       res.error = std::current_exception();
     }
@@ -276,6 +279,7 @@ HTuple ReconstructSurface(const HTuple& hv_WindowHandle, const HTuple& hv_Serial
     tm.mapping += r.times.mapping;
     tm.disparity += r.times.disparity;
     tm.points += r.times.points;
+    tm.pair_components += r.times.pair_components;
   }
   if (first_error) {
     if (!hv_Models.Empty()) vision::clear_object_model_3d(hv_Models);

@@ -33,7 +33,8 @@ struct ReconstructionTimes {
   double rectification = 0;   // rectification maps
   double mapping = 0;         // map_image
   double disparity = 0;       // binocular_disparity_ms
-  double points = 0;          // points, colours, per-pair components, transform
+  double points = 0;          // points, score threshold, colours, the pair's model
+  double pair_components = 0; // the pair's connected parts, their union, transform
   double pairwise = 0;        // the whole pairwise phase (logged)
   double pairwise_cpu = 0;    // processor seconds of the pairwise phase, all threads
   double merge = 0;           // union and height crop

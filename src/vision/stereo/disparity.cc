@@ -1,4 +1,5 @@
 #include "vision/stereo/disparity.h"
+#include "vision/stereo/disparity_internal.h"
 
 #include <algorithm>
 #include <bit>
@@ -7,6 +8,7 @@
 #include <limits>
 #include <vector>
 
+#include <opencv2/core/hal/intrin.hpp>
 #include <opencv2/imgproc.hpp>
 
 namespace vision {
@@ -84,10 +86,12 @@ struct Level {
 };
 
 // One scale of the search: every pixel tests K disparities base(p) .. base(p)+K-1.
+// Costs and sums keep `stride` entries a pixel: K, or eight lanes for the
+// vector path when K is at most eight (the lanes past K unused).
 struct Search {
-  int w = 0, h = 0, k = 0;
+  int w = 0, h = 0, k = 0, stride = 0;
   std::vector<int> base;       // per pixel
-  std::vector<uint8_t> cost;   // (y*w + x)*k + i
+  std::vector<uint8_t> cost;   // (y*w + x)*stride + i
   std::vector<uint16_t> sum;   // aggregated over the scanlines
 };
 
@@ -97,9 +101,9 @@ constexpr uint8_t kOutsideCost = 40;
 // popcount instruction use it (the generic build calls a library routine).
 #if defined(__x86_64__)
 __attribute__((target("popcnt"))) void CostRowHw(const uint64_t* a, const uint64_t* b, const uint8_t* m2, int w,
-                                                  int w2, int k, const int* base, uint8_t* cost) {
+                                                  int w2, int k, int stride, const int* base, uint8_t* cost) {
   for (int x = 0; x < w; ++x) {
-    uint8_t* c = cost + size_t(x) * k;
+    uint8_t* c = cost + size_t(x) * stride;
     const int b0 = base[x];
     for (int i = 0; i < k; ++i) {
       const int x2 = x + b0 + i;
@@ -109,10 +113,10 @@ __attribute__((target("popcnt"))) void CostRowHw(const uint64_t* a, const uint64
   }
 }
 #endif
-void CostRow(const uint64_t* a, const uint64_t* b, const uint8_t* m2, int w, int w2, int k, const int* base,
-             uint8_t* cost) {
+void CostRow(const uint64_t* a, const uint64_t* b, const uint8_t* m2, int w, int w2, int k, int stride,
+             const int* base, uint8_t* cost) {
   for (int x = 0; x < w; ++x) {
-    uint8_t* c = cost + size_t(x) * k;
+    uint8_t* c = cost + size_t(x) * stride;
     const int b0 = base[x];
     for (int i = 0; i < k; ++i) {
       const int x2 = x + b0 + i;
@@ -125,7 +129,7 @@ void CostRow(const uint64_t* a, const uint64_t* b, const uint8_t* m2, int w, int
 void ComputeCost(const Level& lv, Search* s) {
   const cv::Mat c1 = Census(lv.g1), c2 = Census(lv.g2);
   const int w2 = lv.g2.cols;
-  s->cost.assign(size_t(s->w) * s->h * s->k, kOutsideCost);
+  s->cost.assign(size_t(s->w) * s->h * s->stride, kOutsideCost);
 #if defined(__x86_64__)
   const bool hw = __builtin_cpu_supports("popcnt");
 #endif
@@ -135,14 +139,14 @@ void ComputeCost(const Level& lv, Search* s) {
       const uint64_t* b = reinterpret_cast<const uint64_t*>(c2.ptr(y));
       const uint8_t* m2 = lv.m2.ptr<uint8_t>(y);
       const int* base = &s->base[size_t(y) * s->w];
-      uint8_t* cost = &s->cost[size_t(y) * s->w * s->k];
+      uint8_t* cost = &s->cost[size_t(y) * s->w * s->stride];
 #if defined(__x86_64__)
       if (hw) {
-        CostRowHw(a, b, m2, s->w, w2, s->k, base, cost);
+        CostRowHw(a, b, m2, s->w, w2, s->k, s->stride, base, cost);
         continue;
       }
 #endif
-      CostRow(a, b, m2, s->w, w2, s->k, base, cost);
+      CostRow(a, b, m2, s->w, w2, s->k, s->stride, base, cost);
     }
   });
 }
@@ -177,12 +181,12 @@ struct PathStep {
   }
 };
 
-void Aggregate(Search* s, int p1, int p2) {
-  const int w = s->w, h = s->h, k = s->k;
-  s->sum.assign(size_t(w) * h * k, 0);
+void AggregateScalar(Search* s, int p1, int p2) {
+  const int w = s->w, h = s->h, k = s->k, st = s->stride;
+  s->sum.assign(size_t(w) * h * st, 0);
   const PathStep step{k, p1, p2};
   auto add = [&](size_t pix, const int* l) {
-    uint16_t* o = &s->sum[pix * k];
+    uint16_t* o = &s->sum[pix * st];
     for (int i = 0; i < k; ++i) o[i] = uint16_t(o[i] + l[i]);
   };
   auto minof = [k](const int* l) { return *std::min_element(l, l + k); };
@@ -196,7 +200,7 @@ void Aggregate(Search* s, int p1, int p2) {
         for (int n = 0; n < w; ++n) {
           const int x = dir == 0 ? n : w - 1 - n;
           const size_t pix = size_t(y) * w + x;
-          const uint8_t* c = &s->cost[pix * k];
+          const uint8_t* c = &s->cost[pix * st];
           if (n == 0) {
             for (int i = 0; i < k; ++i) cur[i] = c[i];
           } else {
@@ -223,7 +227,7 @@ void Aggregate(Search* s, int p1, int p2) {
           const int yq = dir == 0 ? y - 1 : y + 1;
           for (int x = x0; x < x1; ++x) {
             const size_t pix = size_t(y) * w + x;
-            const uint8_t* c = &s->cost[pix * k];
+            const uint8_t* c = &s->cost[pix * st];
             int* l = cur + size_t(x - x0) * k;
             if (n == 0) {
               for (int i = 0; i < k; ++i) l[i] = c[i];
@@ -241,6 +245,133 @@ void Aggregate(Search* s, int p1, int p2) {
   });
 }
 
+#if CV_SIMD128
+// The same recursion with a pixel's (at most eight) disparities in the
+// lanes of one vector of 16-bit path costs. Lanes past K hold kInf16, which
+// no step can pick; sums saturate.
+constexpr int16_t kInf16 = 16000;
+// Penalties up to this keep every path cost far below kInf16.
+constexpr int kMaxVecPenalty = 2000;
+
+class VecStep {
+ public:
+  VecStep(int k, int p1, int p2) : p1_(cv::v_setall_s16(int16_t(p1))), p2_(int16_t(p2)) {
+    int16_t pad[8];
+    for (int i = 0; i < 8; ++i) pad[i] = i < k ? 0 : kInf16;
+    pad_ = cv::v_load(pad);
+    std::fill(std::begin(buf_), std::end(buf_), kInf16);
+  }
+  static cv::v_int16x8 Cost(const uint8_t* c) { return cv::v_reinterpret_as_s16(cv::v_load_expand(c)); }
+  // The first pixel of a path: its own costs.
+  cv::v_int16x8 First(const uint8_t* c) const { return cv::v_max(Cost(c), pad_); }
+  // Path costs at a pixel whose disparities start `delta` above the
+  // previous pixel's, from the previous path costs and their minimum.
+  cv::v_int16x8 operator()(const uint8_t* c, const cv::v_int16x8& prev, int16_t minq, int delta) {
+    const cv::v_int16x8 inf = cv::v_setall_s16(kInf16);
+    cv::v_int16x8 q, qm, qp;  // previous costs at d, d - 1 and d + 1
+    if (delta == 0) {
+      q = prev;
+      qm = cv::v_rotate_left<1>(prev, inf);
+      qp = cv::v_rotate_right<1>(prev, inf);
+    } else if (delta > -9 && delta < 9) {
+      cv::v_store(buf_ + 12, prev);
+      q = cv::v_load(buf_ + 12 + delta);
+      qm = cv::v_load(buf_ + 11 + delta);
+      qp = cv::v_load(buf_ + 13 + delta);
+    } else {
+      q = qm = qp = inf;
+    }
+    const cv::v_int16x8 best =
+        cv::v_min(cv::v_min(q, cv::v_setall_s16(int16_t(minq + p2_))), cv::v_min(qm, qp) + p1_);
+    return cv::v_max(Cost(c) + best - cv::v_setall_s16(minq), pad_);
+  }
+
+ private:
+  cv::v_int16x8 p1_, pad_;
+  int16_t p2_;
+  int16_t buf_[32];  // previous costs at 12..19, kInf16 around
+};
+
+inline void AddTo(uint16_t* o, const cv::v_int16x8& l) {
+  cv::v_store(o, cv::v_load(o) + cv::v_reinterpret_as_u16(l));
+}
+
+void AggregateVec(Search* s, int p1, int p2) {
+  const int w = s->w, h = s->h, k = s->k;
+  s->sum.assign(size_t(w) * h * 8, 0);
+  const uint8_t* cost = s->cost.data();
+  uint16_t* sum = s->sum.data();
+  const int* base = s->base.data();
+  // Rows, both ways, one row per task.
+  cv::parallel_for_(cv::Range(0, h), [&](const cv::Range& rg) {
+    VecStep step(k, p1, p2);
+    for (int y = rg.start; y < rg.end; ++y) {
+      const size_t row = size_t(y) * w;
+      cv::v_int16x8 l = step.First(cost + row * 8);
+      AddTo(sum + row * 8, l);
+      for (int x = 1; x < w; ++x) {
+        const size_t pix = row + x;
+        l = step(cost + pix * 8, l, cv::v_reduce_min(l), base[pix] - base[pix - 1]);
+        AddTo(sum + pix * 8, l);
+      }
+      l = step.First(cost + (row + w - 1) * 8);
+      AddTo(sum + (row + w - 1) * 8, l);
+      for (int x = w - 2; x >= 0; --x) {
+        const size_t pix = row + x;
+        l = step(cost + pix * 8, l, cv::v_reduce_min(l), base[pix] - base[pix + 1]);
+        AddTo(sum + pix * 8, l);
+      }
+    }
+  });
+  // Columns, both ways, in blocks of columns.
+  const int block = 32;
+  cv::parallel_for_(cv::Range(0, (w + block - 1) / block), [&](const cv::Range& rg) {
+    VecStep step(k, p1, p2);
+    std::vector<int16_t> prev(size_t(block) * 8);
+    for (int bi = rg.start; bi < rg.end; ++bi) {
+      const int x0 = bi * block, x1 = std::min(w, x0 + block);
+      for (int dir = 0; dir < 2; ++dir) {
+        for (int n = 0; n < h; ++n) {
+          const int y = dir == 0 ? n : h - 1 - n;
+          const int yq = dir == 0 ? y - 1 : y + 1;
+          for (int x = x0; x < x1; ++x) {
+            const size_t pix = size_t(y) * w + x;
+            int16_t* pl = &prev[size_t(x - x0) * 8];
+            cv::v_int16x8 l;
+            if (n == 0) {
+              l = step.First(cost + pix * 8);
+            } else {
+              const cv::v_int16x8 q = cv::v_load(pl);
+              l = step(cost + pix * 8, q, cv::v_reduce_min(q), base[pix] - base[size_t(yq) * w + x]);
+            }
+            cv::v_store(pl, l);
+            AddTo(sum + pix * 8, l);
+          }
+        }
+      }
+    }
+  });
+}
+#endif
+
+// Whether the vector path takes a search of K disparities.
+bool VecAggregation(int k, int p2) {
+#if CV_SIMD128
+  return k <= 8 && p2 <= kMaxVecPenalty;
+#else
+  (void)k;
+  (void)p2;
+  return false;
+#endif
+}
+
+void Aggregate(Search* s, int p1, int p2) {
+#if CV_SIMD128
+  if (s->stride == 8 && VecAggregation(s->k, p2)) return AggregateVec(s, p1, p2);
+#endif
+  AggregateScalar(s, p1, p2);
+}
+
 // Winner of the aggregated costs with a parabola through its neighbours;
 // `best` receives the winning sum.
 void Winner(const Search& s, cv::Mat* disp, cv::Mat* best) {
@@ -251,7 +382,7 @@ void Winner(const Search& s, cv::Mat* disp, cv::Mat* best) {
     int* bb = best->ptr<int>(y);
     for (int x = 0; x < s.w; ++x) {
       const size_t pix = size_t(y) * s.w + x;
-      const uint16_t* v = &s.sum[pix * s.k];
+      const uint16_t* v = &s.sum[pix * s.stride];
       int i = int(std::min_element(v, v + s.k) - v);
       float sub = 0;
       if (i > 0 && i < s.k - 1) {
@@ -282,6 +413,43 @@ cv::Mat Blur(const cv::Mat& m, double sigma) {
   return o;
 }
 
+// Passes of the sub-pixel refinement; each moves a disparity by at most a
+// pixel.
+constexpr int kRefinePasses = 4;
+
+// Horizontal resampling at x + d(x) (the shift of the disparity field):
+// cubic (the convolution kernel with a = -0.75, as cv::remap) and linear
+// weights of one pixel, with the source columns clamped to the row as
+// BORDER_REPLICATE does.
+struct Tap {
+  int i[4];
+  float c[4];  // cubic
+  int l0, l1;
+  float lt;    // linear: (1 - lt) * l0 + lt * l1
+};
+inline Tap MakeTap(float xs, int w) {
+  // Clamped first, so that truncation after an offset floors (and NaN
+  // lands at the left end).
+  xs = std::min(std::max(xs, -2.f), float(w + 1));
+  const int x0 = int(xs + 4.f) - 4;
+  const float t = xs - float(x0);
+  constexpr float A = -0.75f;
+  Tap p;
+  p.c[0] = ((A * (t + 1) - 5 * A) * (t + 1) + 8 * A) * (t + 1) - 4 * A;
+  p.c[1] = ((A + 2) * t - (A + 3)) * t * t + 1;
+  p.c[2] = ((A + 2) * (1 - t) - (A + 3)) * (1 - t) * (1 - t) + 1;
+  p.c[3] = 1.f - p.c[0] - p.c[1] - p.c[2];
+  for (int j = 0; j < 4; ++j) p.i[j] = std::clamp(x0 - 1 + j, 0, w - 1);
+  p.l0 = p.i[1];
+  p.l1 = p.i[2];
+  p.lt = t;
+  return p;
+}
+inline float Cubic(const float* row, const Tap& p) {
+  return p.c[0] * row[p.i[0]] + p.c[1] * row[p.i[1]] + p.c[2] * row[p.i[2]] + p.c[3] * row[p.i[3]];
+}
+inline float Linear(const float* row, const Tap& p) { return row[p.l0] + p.lt * (row[p.l1] - row[p.l0]); }
+
 // Refines the disparity field to sub-pixel precision: image 2 is resampled
 // under the current field and each pixel's disparity moves by the shift that
 // best aligns the two windows after removing their local means. Also returns
@@ -289,87 +457,199 @@ cv::Mat Blur(const cv::Mat& m, double sigma) {
 // standard deviation (`sigma_d`).
 void RefineSubPixel(const std::vector<cv::Mat>& c1, const std::vector<cv::Mat>& c2, const cv::Mat& g1,
                     const cv::Mat& g2, cv::Mat* disp, cv::Mat* ncc, cv::Mat* sigma_d) {
+  using cv::v_float32x4;
   const double sigma = 2.0;  // window: Gaussian, about 9 x 9 pixels
-  cv::Mat mapx(disp->size(), CV_32F), mapy(disp->size(), CV_32F);
-  for (int y = 0; y < disp->rows; ++y)
-    for (int x = 0; x < disp->cols; ++x) mapy.at<float>(y, x) = float(y);
-  auto set_map = [&]() {
-    for (int y = 0; y < disp->rows; ++y) {
-      const float* d = disp->ptr<float>(y);
-      float* mx = mapx.ptr<float>(y);
-      for (int x = 0; x < disp->cols; ++x) mx[x] = float(x) + d[x];
-    }
-  };
-  // Every colour channel adds its own evidence to the same shift.
-  std::vector<cv::Mat> gx2(c2.size()), m1(c1.size());
-  for (size_t k = 0; k < c2.size(); ++k) {
-    cv::Sobel(c2[k], gx2[k], CV_32F, 1, 0, 3, 1.0 / 8.0, 0, cv::BORDER_REPLICATE);
-    m1[k] = Blur(c1[k], sigma);
+  const int h = disp->rows, w = disp->cols, w2 = g2.cols;
+  const int nc = int(std::min(c1.size(), c2.size()));
+  // Every colour channel adds its own evidence to the same shift; the
+  // channels go four to a vector (groups of four lanes, unused lanes 0).
+  const int ng = (nc + 3) / 4;
+  // Image 1 less its local mean, per pixel one vector a group.
+  cv::Mat e1(h, w * 4 * ng, CV_32F);
+  // Image 2 per column and group: its values, their local mean, its
+  // gradient and the gradient's local mean, one vector each.
+  cv::Mat src2(h, w2 * 16 * ng, CV_32F);
+  if (nc % 4) {
+    e1 = cv::Scalar(0);
+    src2 = cv::Scalar(0);
   }
-  for (int it = 0; it < 4; ++it) {
-    set_map();
-    cv::Mat num(disp->size(), CV_32F, cv::Scalar(0)), den(disp->size(), CV_32F, cv::Scalar(0));
+  cv::parallel_for_(cv::Range(0, nc), [&](const cv::Range& rg) {
+    for (int k = rg.start; k < rg.end; ++k) {
+      const cv::Mat b1 = Blur(c1[k], sigma);
+      cv::Mat gx;
+      cv::Sobel(c2[k], gx, CV_32F, 1, 0, 3, 1.0 / 8.0, 0, cv::BORDER_REPLICATE);
+      cv::Mat both;
+      cv::merge(std::vector<cv::Mat>{c2[k], gx}, both);
+      const cv::Mat mean = Blur(both, sigma);
+      const int gk = k / 4, lane = k % 4;
+      for (int y = 0; y < h; ++y) {
+        const float *a = c1[k].ptr<float>(y), *ab = b1.ptr<float>(y);
+        float* o = e1.ptr<float>(y) + gk * 4 + lane;
+        for (int x = 0; x < w; ++x) o[size_t(x) * 4 * ng] = a[x] - ab[x];
+        const float *v = c2[k].ptr<float>(y), *g = gx.ptr<float>(y), *m = mean.ptr<float>(y);
+        float* q = src2.ptr<float>(y) + gk * 16 + lane;
+        for (int x = 0; x < w2; ++x, q += 16 * ng) {
+          q[0] = v[x];
+          q[4] = m[2 * x];
+          q[8] = g[x];
+          q[12] = m[2 * x + 1];
+        }
+      }
+    }
+  });
+  cv::Mat nd(h, w, CV_32FC2);  // numerator and denominator, interleaved
+  cv::Mat wg(h, w, CV_32FC(8 * ng));  // last pass: image 2 and its gradient resampled
+  for (int it = 0; it < kRefinePasses; ++it) {
+    // The local means of image 2 and of its gradient: in the first passes
+    // taken before resampling (the field changes little over a window, and
+    // shifting commutes with the blur), in the last one of the resampled
+    // images themselves, which holds at the surfaces' edges too.
+    const bool last = it == kRefinePasses - 1;
     // The smooth field carries the slope of the surface; each window adds
     // one constant correction to it. (Averaging the field itself with the
     // gradient weights would move each estimate towards the window's
     // strongest texture, an error of the slope times that offset.)
     const cv::Mat mean_d = Blur(*disp, sigma);
-    const cv::Mat detail = *disp - mean_d;
-    for (size_t k = 0; k < c1.size(); ++k) {
-      cv::Mat w2, gw;
-      cv::remap(c2[k], w2, mapx, mapy, cv::INTER_CUBIC, cv::BORDER_REPLICATE);
-      cv::remap(gx2[k], gw, mapx, mapy, cv::INTER_LINEAR, cv::BORDER_REPLICATE);
-      const cv::Mat e = (c1[k] - m1[k]) - (w2 - Blur(w2, sigma));
-      const cv::Mat g = gw - Blur(gw, sigma);
-      // Each window holds one disparity estimate: the mean of the field
-      // under it, weighted by the gradients, plus the shift that aligns it;
-      // a noisy field would otherwise keep its pixel-to-pixel noise.
-      const cv::Mat gg = g.mul(g);
-      num += g.mul(e) + gg.mul(detail);
-      den += gg;
+    cv::Mat bwg;
+    if (last) {
+      cv::parallel_for_(cv::Range(0, h), [&](const cv::Range& rg) {
+        for (int y = rg.start; y < rg.end; ++y) {
+          const float* d = disp->ptr<float>(y);
+          const float* row = src2.ptr<float>(y);
+          float* o = wg.ptr<float>(y);
+          for (int x = 0; x < w; ++x) {
+            const Tap p = MakeTap(float(x) + d[x], w2);
+            const v_float32x4 c0 = cv::v_setall_f32(p.c[0]), c1v = cv::v_setall_f32(p.c[1]),
+                              c2v = cv::v_setall_f32(p.c[2]), c3 = cv::v_setall_f32(p.c[3]),
+                              t = cv::v_setall_f32(p.lt);
+            for (int gk = 0; gk < ng; ++gk, o += 8) {
+              const float* a0 = row + (size_t(p.i[0]) * ng + gk) * 16;
+              const float* a1 = row + (size_t(p.i[1]) * ng + gk) * 16;
+              const float* a2 = row + (size_t(p.i[2]) * ng + gk) * 16;
+              const float* a3 = row + (size_t(p.i[3]) * ng + gk) * 16;
+              const v_float32x4 v = c0 * cv::v_load(a0) + c1v * cv::v_load(a1) + c2v * cv::v_load(a2) +
+                                    c3 * cv::v_load(a3);
+              const v_float32x4 g1v = cv::v_load(a1 + 8);
+              cv::v_store(o, v);
+              cv::v_store(o + 4, g1v + t * (cv::v_load(a2 + 8) - g1v));
+            }
+          }
+        }
+      });
+      bwg = Blur(wg, sigma);
     }
-    num = Blur(num, sigma);
-    den = Blur(den, sigma);
-    for (int y = 0; y < disp->rows; ++y) {
+    cv::parallel_for_(cv::Range(0, h), [&](const cv::Range& rg) {
+      for (int y = rg.start; y < rg.end; ++y) {
+        const float* d = disp->ptr<float>(y);
+        const float* md = mean_d.ptr<float>(y);
+        const float* row = src2.ptr<float>(y);
+        const float* pe = e1.ptr<float>(y);
+        const float* pw = last ? wg.ptr<float>(y) : nullptr;
+        const float* pb = last ? bwg.ptr<float>(y) : nullptr;
+        float* o = nd.ptr<float>(y);
+        for (int x = 0; x < w; ++x) {
+          v_float32x4 num = cv::v_setzero_f32(), den = cv::v_setzero_f32();
+          const v_float32x4 dv = cv::v_setall_f32(d[x] - md[x]);  // the field's detail
+          const float* e = pe + size_t(x) * 4 * ng;
+          if (last) {
+            const float* a = pw + size_t(x) * 8 * ng;
+            const float* b = pb + size_t(x) * 8 * ng;
+            for (int gk = 0; gk < ng; ++gk) {
+              const v_float32x4 ev = cv::v_load(e + 4 * gk) - (cv::v_load(a + 8 * gk) - cv::v_load(b + 8 * gk));
+              const v_float32x4 g = cv::v_load(a + 8 * gk + 4) - cv::v_load(b + 8 * gk + 4);
+              // Each window holds one correction of the smooth field: the
+              // detail under it, weighted by the gradients, plus the shift
+              // that aligns it; a noisy field would otherwise keep its
+              // pixel-to-pixel noise.
+              num += g * ev + g * g * dv;
+              den += g * g;
+            }
+          } else {
+            const Tap p = MakeTap(float(x) + d[x], w2);
+            const v_float32x4 c0 = cv::v_setall_f32(p.c[0]), c1v = cv::v_setall_f32(p.c[1]),
+                              c2v = cv::v_setall_f32(p.c[2]), c3 = cv::v_setall_f32(p.c[3]),
+                              t = cv::v_setall_f32(p.lt);
+            for (int gk = 0; gk < ng; ++gk) {
+              const float* a0 = row + (size_t(p.i[0]) * ng + gk) * 16;
+              const float* a1 = row + (size_t(p.i[1]) * ng + gk) * 16;
+              const float* a2 = row + (size_t(p.i[2]) * ng + gk) * 16;
+              const float* a3 = row + (size_t(p.i[3]) * ng + gk) * 16;
+              const v_float32x4 v = c0 * cv::v_load(a0) + c1v * cv::v_load(a1) + c2v * cv::v_load(a2) +
+                                    c3 * cv::v_load(a3);
+              // Linear: the mean, the gradient and its mean.
+              const v_float32x4 m1 = cv::v_load(a1 + 4), g1v = cv::v_load(a1 + 8), n1 = cv::v_load(a1 + 12);
+              const v_float32x4 m = m1 + t * (cv::v_load(a2 + 4) - m1);
+              const v_float32x4 gx = g1v + t * (cv::v_load(a2 + 8) - g1v);
+              const v_float32x4 gm = n1 + t * (cv::v_load(a2 + 12) - n1);
+              const v_float32x4 ev = cv::v_load(e + 4 * gk) - (v - m);
+              const v_float32x4 g = gx - gm;
+              num += g * ev + g * g * dv;
+              den += g * g;
+            }
+          }
+          o[2 * x] = cv::v_reduce_sum(num);
+          o[2 * x + 1] = cv::v_reduce_sum(den);
+        }
+      }
+    });
+    const cv::Mat bnd = Blur(nd, sigma);
+    // Windows without gradient take the mean of the field around them.
+    for (int y = 0; y < h; ++y) {
       float* d = disp->ptr<float>(y);
-      const float* n = num.ptr<float>(y);
-      const float* q = den.ptr<float>(y);
+      const float* q = bnd.ptr<float>(y);
       const float* md = mean_d.ptr<float>(y);
-      for (int x = 0; x < disp->cols; ++x) {
-        const float target = q[x] > 1e-3f ? md[x] + n[x] / q[x] : md[x];
+      for (int x = 0; x < w; ++x) {
+        const float target = q[2 * x + 1] > 1e-3f ? md[x] + q[2 * x] / q[2 * x + 1] : md[x];
         d[x] = std::clamp(target, d[x] - 1.0f, d[x] + 1.0f);
       }
     }
   }
-  set_map();
-  cv::Mat w2;
-  cv::remap(g2, w2, mapx, mapy, cv::INTER_CUBIC, cv::BORDER_REPLICATE);
-  const cv::Mat mg1 = Blur(g1, sigma);
-  const cv::Mat mw = Blur(w2, sigma);
-  const cv::Mat& m1g = mg1;
-  const cv::Mat v1 = Blur(g1.mul(g1), sigma) - m1g.mul(m1g);
-  const cv::Mat v2 = Blur(w2.mul(w2), sigma) - mw.mul(mw);
-  const cv::Mat cv12 = Blur(g1.mul(w2), sigma) - m1g.mul(mw);
-  *ncc = cv::Mat(disp->size(), CV_32F);
-  for (int y = 0; y < disp->rows; ++y)
-    for (int x = 0; x < disp->cols; ++x) {
-      const float a = v1.at<float>(y, x), b = v2.at<float>(y, x);
-      ncc->at<float>(y, x) = a > 1e-3f && b > 1e-3f ? cv12.at<float>(y, x) / std::sqrt(a * b) : 0.f;
-    }
+  // Window statistics: (g1, g1^2, gx1^2) and (w2, w2^2, g1 w2) with w2
+  // image 2 resampled under the field, blurred three channels at a time.
   cv::Mat gx1;
   cv::Sobel(g1, gx1, CV_32F, 1, 0, 3, 1.0 / 8.0, 0, cv::BORDER_REPLICATE);
-  // Summed squared gradient over the window's equivalent area.
-  const double area = 2 * M_PI * sigma * sigma;
-  const cv::Mat info = Blur(gx1.mul(gx1), sigma) * area;
-  // Expected standard deviation of the disparity: the image noise, as the
-  // part of the window's variance the correlation does not explain, in both
-  // images, over the window's gradient energy.
-  *sigma_d = cv::Mat(disp->size(), CV_32F);
-  for (int y = 0; y < disp->rows; ++y)
-    for (int x = 0; x < disp->cols; ++x) {
-      const float noise = std::max(0.f, 1.f - std::max(0.f, ncc->at<float>(y, x))) * std::max(0.f, v1.at<float>(y, x));
-      sigma_d->at<float>(y, x) = std::sqrt(2.f * std::max(noise, kMinNoise) / std::max(info.at<float>(y, x), 1e-6f));
+  cv::Mat s1(h, w, CV_32FC3), s2(h, w, CV_32FC3);
+  cv::parallel_for_(cv::Range(0, h), [&](const cv::Range& rg) {
+    for (int y = rg.start; y < rg.end; ++y) {
+      const float* d = disp->ptr<float>(y);
+      const float* a = g1.ptr<float>(y);
+      const float* b = g2.ptr<float>(y);
+      const float* gx = gx1.ptr<float>(y);
+      float* o1 = s1.ptr<float>(y);
+      float* o2 = s2.ptr<float>(y);
+      for (int x = 0; x < w; ++x) {
+        const float v = Cubic(b, MakeTap(float(x) + d[x], w2));
+        o1[3 * x] = a[x];
+        o1[3 * x + 1] = a[x] * a[x];
+        o1[3 * x + 2] = gx[x] * gx[x];
+        o2[3 * x] = v;
+        o2[3 * x + 1] = v * v;
+        o2[3 * x + 2] = a[x] * v;
+      }
     }
+  });
+  const cv::Mat b1 = Blur(s1, sigma), b2 = Blur(s2, sigma);
+  // Summed squared gradient over the window's equivalent area.
+  const float area = float(2 * M_PI * sigma * sigma);
+  *ncc = cv::Mat(h, w, CV_32F);
+  *sigma_d = cv::Mat(h, w, CV_32F);
+  for (int y = 0; y < h; ++y) {
+    const float* p = b1.ptr<float>(y);
+    const float* q = b2.ptr<float>(y);
+    float* n = ncc->ptr<float>(y);
+    float* sd = sigma_d->ptr<float>(y);
+    for (int x = 0; x < w; ++x) {
+      const float m1 = p[3 * x], m2 = q[3 * x];
+      const float v1 = p[3 * x + 1] - m1 * m1, v2 = q[3 * x + 1] - m2 * m2, cv12 = q[3 * x + 2] - m1 * m2;
+      n[x] = v1 > 1e-3f && v2 > 1e-3f ? cv12 / std::sqrt(v1 * v2) : 0.f;
+      const float info = p[3 * x + 2] * area;
+      // Expected standard deviation of the disparity: the image noise, as
+      // the part of the window's variance the correlation does not explain,
+      // in both images, over the window's gradient energy.
+      const float noise = std::max(0.f, 1.f - std::max(0.f, n[x])) * std::max(0.f, v1);
+      sd[x] = std::sqrt(2.f * std::max(noise, kMinNoise) / std::max(info, 1e-6f));
+    }
+  }
 }
 
 bool Flag(const HTuple& names, const HTuple& values, const char* name, bool dflt) {
@@ -389,6 +669,30 @@ int IntParam(const HTuple& t, const char* name) {
 }
 
 }  // namespace
+
+namespace disparity_internal {
+
+bool VectorAggregation(int k, int p2) { return VecAggregation(k, p2); }
+
+std::vector<uint16_t> AggregateCosts(const std::vector<uint8_t>& cost, const std::vector<int>& base, int w,
+                                     int h, int k, int p1, int p2, bool vector) {
+  Search s;
+  s.w = w;
+  s.h = h;
+  s.k = k;
+  s.stride = vector && VecAggregation(k, p2) ? 8 : k;
+  s.base = base;
+  s.cost.assign(size_t(w) * h * s.stride, kOutsideCost);
+  for (size_t p = 0; p < size_t(w) * h; ++p)
+    std::copy(&cost[p * k], &cost[p * k] + k, &s.cost[p * s.stride]);
+  Aggregate(&s, p1, p2);
+  std::vector<uint16_t> out(size_t(w) * h * k);
+  for (size_t p = 0; p < size_t(w) * h; ++p)
+    std::copy(&s.sum[p * s.stride], &s.sum[p * s.stride] + k, &out[p * k]);
+  return out;
+}
+
+}  // namespace disparity_internal
 
 void binocular_disparity_ms(const HObject& image_rect1, const HObject& image_rect2,
                             HObject* disparity, HObject* score, const HTuple& min_disparity,
@@ -463,6 +767,7 @@ void binocular_disparity_ms(const HObject& image_rect1, const HObject& image_rec
           s.base[size_t(y) * s.w + x] = std::clamp(c - kRefineRadius, lo, hi - s.k + 1);
         }
     }
+    s.stride = VecAggregation(s.k, p2) ? 8 : s.k;
     ComputeCost(lv, &s);
     Aggregate(&s, p1, p2);
     Winner(s, &disp, &best);

@@ -8,6 +8,7 @@
 #include "vision/calib/camera_setup.h"
 #include "vision/geometry/pose_types.h"
 #include "vision/stereo/disparity.h"
+#include "vision/stereo/disparity_internal.h"
 #include "vision/stereo/rectification.h"
 #include "vision/stereo/stereo_model.h"
 
@@ -266,6 +267,43 @@ TEST(BinocularDisparityMs, FollowsSteepDisparityGradients) {
     // Drifting towards the texture gave 0.09 to 0.12 pixels here.
     EXPECT_LT(std::sqrt(sum2 / n), 0.08);
   }
+}
+
+// The vector path of the scanline aggregation against the scalar one on
+// random costs, with disparity ranges that move between neighbours by less
+// and by more than the eight lanes hold.
+TEST(BinocularDisparityMs, VectorAggregationEqualsScalar) {
+  struct Case {
+    int w, h, k, p1, p2, max_jump;
+  };
+  const Case cases[] = {
+      {37, 23, 7, 8, 33, 0}, {37, 23, 7, 8, 33, 3}, {40, 17, 8, 1, 2, 12},
+      {19, 31, 5, 20, 2000, 9}, {16, 16, 1, 8, 33, 2}, {45, 9, 7, 3, 40, 1},
+  };
+  std::mt19937 rng(7);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << "k " << c.k << " p1 " << c.p1 << " p2 " << c.p2 << " jump " << c.max_jump);
+    ASSERT_TRUE(disparity_internal::VectorAggregation(c.k, c.p2));
+    const size_t n = size_t(c.w) * c.h;
+    std::vector<uint8_t> cost(n * c.k);
+    for (uint8_t& v : cost) v = uint8_t(rng() % 49);
+    // Bases drift by up to max_jump from the pixel on the left and above.
+    std::vector<int> base(n);
+    std::uniform_int_distribution<int> jump(-c.max_jump, c.max_jump);
+    for (int y = 0; y < c.h; ++y)
+      for (int x = 0; x < c.w; ++x) {
+        const int from = x > 0 ? base[size_t(y) * c.w + x - 1] : y > 0 ? base[size_t(y - 1) * c.w] : 0;
+        base[size_t(y) * c.w + x] = from + jump(rng);
+      }
+    const auto scalar = disparity_internal::AggregateCosts(cost, base, c.w, c.h, c.k, c.p1, c.p2, false);
+    const auto vector = disparity_internal::AggregateCosts(cost, base, c.w, c.h, c.k, c.p1, c.p2, true);
+    ASSERT_EQ(scalar.size(), vector.size());
+    size_t differ = 0;
+    for (size_t i = 0; i < scalar.size(); ++i) differ += scalar[i] != vector[i];
+    EXPECT_EQ(differ, 0u);
+  }
+  EXPECT_FALSE(disparity_internal::VectorAggregation(9, 33));
+  EXPECT_FALSE(disparity_internal::VectorAggregation(7, 5000));
 }
 
 TEST(StereoModel, ParametersRoundTripAndBadValuesAreRefused) {

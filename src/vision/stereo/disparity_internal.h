@@ -1,0 +1,20 @@
+#pragma once
+// Parts of binocular_disparity_ms open to its tests.
+#include <cstdint>
+#include <vector>
+
+namespace vision::disparity_internal {
+
+// Whether the vector path of the scanline aggregation takes K disparities a
+// pixel with a jump penalty of P2 (else the scalar path runs).
+bool VectorAggregation(int k, int p2);
+
+// The scanline aggregation on its own: `cost` holds K costs for each pixel
+// of a w x h image (row by row), `base` each pixel's first disparity. The
+// result holds the K path costs of every pixel summed over the four
+// scanlines, through the vector path if `vector` and VectorAggregation
+// allow it, else through the scalar path.
+std::vector<uint16_t> AggregateCosts(const std::vector<uint8_t>& cost, const std::vector<int>& base, int w,
+                                     int h, int k, int p1, int p2, bool vector);
+
+}  // namespace vision::disparity_internal
