@@ -79,7 +79,7 @@ void TrainFamily(const Family& fam, const Options& o, uint32_t seed) {
   renderer.SetWeightSpread(fam.train_faces.front().IsDotMatrix() ? 0.0 : 0.05);
   // Hosts send windows with more ground around the marking than a tight crop;
   // the ground changes the flattened image the characters are cut from.
-  renderer.SetMarginRange(0.3, 1.0);
+  renderer.SetMarginRange(0.3, 1.5);
   HTuple samples;
   vision::create_ocr_train_samples(&samples);
   int used = 0, dropped = 0;

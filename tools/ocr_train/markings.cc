@@ -99,9 +99,26 @@ std::vector<Family> MakeFamilies() {
     f.dot_hi = hi;
     return f;
   };
+  // Printers also make their dots from small screen faces, one dot a pixel,
+  // with strokes of one or two dots and no blank column of their own.
+  auto bitmap_dots = [](std::string file) {
+    Face f;
+    f.file = std::move(file);
+    f.bitmap = true;
+    f.dot_lo = 0.9;
+    f.dot_hi = 1.3;
+    return f;
+  };
   f.push_back({"DotPrint", digits, upper, kSpecials,
                {dots("5x7a", false, 1.05, 1.35), dots("5x7b", false, 1.05, 1.35),
-                dots("7x9", false, 1.05, 1.35)},
+                dots("7x9", false, 1.05, 1.35), bitmap_dots(P(kGo, "Go-Mono.ttf")),
+                bitmap_dots(P(kGo, "Go-Mono-Bold.ttf")),
+                bitmap_dots(P(kTT, "mononoki/mononoki-Regular.ttf")),
+                bitmap_dots(P(kTT, "anonymous-pro/Anonymous Pro.ttf")),
+                bitmap_dots(P(kUrw, "NimbusMonoPS-Regular.otf")),
+                bitmap_dots(P(kUrw, "NimbusMonoPS-Bold.otf")),
+                bitmap_dots(P(kTT, "mononoki/mononoki-Bold.ttf")),
+                bitmap_dots(P(kTT, "anonymous-pro/Anonymous Pro B.ttf"))},
                {dots("5x7b", true, 1.05, 1.25), dots("7x9", true, 1.05, 1.25),
                 dots("5x7a", true, 1.05, 1.25)}});
   f.push_back({"OCRA", digits, upper, kSpecials,
@@ -151,6 +168,7 @@ const char* GradeName(Grade g) {
 }
 
 std::string Face::Name() const {
+  if (bitmap) return "dots bitmap " + file.substr(file.find_last_of('/') + 1);
   if (IsDotMatrix()) {
     char n[64];
     std::snprintf(n, sizeof n, "dots %s %s %.2f-%.2f", table.c_str(),
@@ -172,15 +190,14 @@ const Family& FamilyByName(const std::string& name) {
 }
 
 std::string RandomText(const std::string& alphabet, const std::string& specials, int len,
-                       std::mt19937& rng) {
+                       std::mt19937& rng, double special_rate) {
   std::string plain;
   for (char c : alphabet)
     if (specials.find(c) == std::string::npos) plain += c;
   std::string s;
   for (int i = 0; i < len; ++i) {
     const bool edge = i == 0 || i == len - 1;
-    // Specials appear at about the rate they do in lot and date codes.
-    const bool special = !edge && !specials.empty() && U(rng, 0, 1) < 0.08;
+    const bool special = !edge && !specials.empty() && U(rng, 0, 1) < special_rate;
     const std::string& from = special ? specials : plain;
     s += from[std::uniform_int_distribution<size_t>(0, from.size() - 1)(rng)];
   }
@@ -188,7 +205,10 @@ std::string RandomText(const std::string& alphabet, const std::string& specials,
 }
 
 std::string MarkingText(const Family& fam, int len, std::mt19937& rng) {
-  if (U(rng, 0, 1) >= 0.35) return RandomText(fam.AllClasses(), fam.specials, len, rng);
+  // Specials three times as often as in printed codes, so that each of them
+  // is seen about as often as a letter: at 8 % a dot table's '.', a single
+  // dot, was so rare among the bitmap faces' pieces that a square dot read '#'.
+  if (U(rng, 0, 1) >= 0.35) return RandomText(fam.AllClasses(), fam.specials, len, rng, 0.24);
   auto pick = [&](const std::string& from) {
     return from[std::uniform_int_distribution<size_t>(0, from.size() - 1)(rng)];
   };
@@ -277,6 +297,25 @@ struct MarkingRenderer::Impl {
     return true;
   }
 
+  // The glyph's monochrome bitmap at the face's current size, 1 where a
+  // pixel is set; left/top/advance in pixels as GlyphBitmap.
+  bool MonoBitmap(FT_Face f, char c, cv::Mat* pat, int* left, int* top, int* advance) {
+    if (FT_Load_Char(f, FT_ULong(uint8_t(c)), FT_LOAD_RENDER | FT_LOAD_TARGET_MONO)) return false;
+    const FT_Bitmap& b = f->glyph->bitmap;
+    *pat = cv::Mat::zeros(int(b.rows), int(b.width), CV_8U);
+    for (unsigned r = 0; r < b.rows; ++r)
+      for (unsigned x = 0; x < b.width; ++x) {
+        const uint8_t byte = b.buffer[int(r) * b.pitch + int(x / 8)];
+        const bool on = b.pixel_mode == FT_PIXEL_MODE_MONO ? (byte & (0x80 >> (x % 8))) != 0
+                                                           : b.buffer[int(r) * b.pitch + int(x)] > 127;
+        pat->at<uint8_t>(int(r), int(x)) = on;
+      }
+    *left = f->glyph->bitmap_left;
+    *top = f->glyph->bitmap_top;
+    *advance = int(f->glyph->advance.x >> 6);
+    return true;
+  }
+
   // Pattern rows x cols, 1 where the table prints a dot.
   static cv::Mat DotPattern(const DotTable& t, char c) {
     cv::Mat pattern = cv::Mat::zeros(t.rows, t.cols, CV_8U);
@@ -301,19 +340,67 @@ Marking MarkingRenderer::Render(const std::string& text, const Face& face, int c
   // character height (the host sends crops around the marking); the frame
   // grows with the tilt so that turned text stays inside.
   const double tilt = gp.tilt_deg > 0 ? U(rng, -gp.tilt_deg, gp.tilt_deg) : 0.0;
-  const double tracking = U(rng, 0.12, 0.22) * h2;
+  // Extra space between characters, from none (the face's own spacing, where
+  // serif pairs touch and the cut merges them) to a fifth of the cap height.
+  const double tracking = U(rng, 0.0, 0.22) * h2;
   std::vector<cv::Rect> boxes;
   std::vector<std::pair<cv::Mat, cv::Point>> blits;
   int pen = 0;
   const int baseline = 2 * h2;
-  if (face.IsDotMatrix()) {
+  auto draw_dots = [&](const cv::Mat& pat, double pitch, double dot_d) {
+    const int cw = int(std::ceil((pat.cols - 1) * pitch + dot_d)) + 2;
+    const int ch = int(std::ceil((pat.rows - 1) * pitch + dot_d)) + 2;
+    cv::Mat glyph = cv::Mat::zeros(ch, cw, CV_8U);
+    for (int r = 0; r < pat.rows; ++r)
+      for (int x = 0; x < pat.cols; ++x)
+        if (pat.at<uint8_t>(r, x)) {
+          const cv::Point centre(int((x * pitch + dot_d / 2 + 1) * 16),
+                                 int((r * pitch + dot_d / 2 + 1) * 16));
+          const int rad = int(dot_d / 2 * 16);
+          if (face.square_dots)
+            cv::rectangle(glyph, centre - cv::Point(rad, rad), centre + cv::Point(rad, rad),
+                          cv::Scalar(255), cv::FILLED, cv::LINE_AA, 4);
+          else
+            cv::circle(glyph, centre, rad, cv::Scalar(255), cv::FILLED, cv::LINE_AA, 4);
+        }
+    return glyph;
+  };
+  // Inkjet nozzles miss dots now and then.
+  const double drop = grade == Grade::Clean ? 0.0 : grade == Grade::Moderate ? 0.02 : 0.05;
+  auto drop_dots = [&](cv::Mat& pat) {
+    if (drop > 0 && cv::countNonZero(pat) > 2)
+      for (int r = 0; r < pat.rows; ++r)
+        for (int x = 0; x < pat.cols; ++x)
+          if (pat.at<uint8_t>(r, x) && U(rng, 0, 1) < drop) pat.at<uint8_t>(r, x) = 0;
+  };
+  if (face.bitmap) {
+    // One dot per pixel of the face's small bitmap, the cap height spanning
+    // char_height; the face's own advance spaces the cells.
+    FT_Face f = impl_->Get(face.file);
+    FT_Set_Pixel_Sizes(f, 0, FT_UInt(std::uniform_int_distribution<int>(10, 13)(rng)));
+    cv::Mat pat;
+    int l, t, a;
+    impl_->MonoBitmap(f, 'H', &pat, &l, &t, &a);
+    const int cap = std::max(3, t);
+    const double pitch = double(h2) / (cap - 1);
+    const double dot_d = pitch * U(rng, face.dot_lo, face.dot_hi);
+    for (char c : text) {
+      if (!impl_->MonoBitmap(f, c, &pat, &l, &t, &a)) continue;
+      drop_dots(pat);
+      const cv::Mat glyph = draw_dots(pat, pitch, dot_d);
+      const cv::Point at(pen + int(l * pitch), baseline + int((1 - t) * pitch - dot_d / 2) - 1);
+      if (cv::countNonZero(glyph)) {
+        boxes.push_back(cv::boundingRect(glyph) + at);
+        blits.push_back({glyph, at});
+      }
+      pen += int(std::lround(a * pitch));
+    }
+  } else if (face.IsDotMatrix()) {
     const DotTable& table = DotTableByName(face.table);
     const double pitch = double(h2) / (table.rows - 1);
     const double dot_d = pitch * U(rng, face.dot_lo, face.dot_hi);
     // Character generators leave at least one blank dot column between cells.
     const double gap = pitch * U(rng, 1.0, 1.5);
-    // Inkjet nozzles miss dots now and then.
-    const double drop = grade == Grade::Clean ? 0.0 : grade == Grade::Moderate ? 0.02 : 0.05;
     for (char c : text) {
       cv::Mat pat = Impl::DotPattern(table, c);
       if (drop > 0 && cv::countNonZero(pat) > 2)
@@ -451,7 +538,7 @@ Marking MarkingRenderer::Render(const std::string& text, const Face& face, int c
 
 std::string MarkingRenderer::MissingGlyphs(const Face& face, const std::string& chars) {
   std::string missing;
-  if (face.IsDotMatrix()) {
+  if (face.IsDotMatrix() && !face.bitmap) {
     const DotTable& table = DotTableByName(face.table);
     for (char c : chars)
       if (table.Glyph(c).empty()) missing += c;

@@ -16,14 +16,18 @@ enum class Grade { Clean, Moderate, Hard };
 const char* GradeName(Grade g);
 
 // One face of a family: an outline font file, or a dot-matrix face printed
-// from a designed dot table (dot_tables.h) with round or square dots whose
-// diameter is dot_lo..dot_hi times the dot pitch.
+// from a designed dot table (dot_tables.h) or from an outline face's small
+// monochrome bitmap, with round or square dots whose diameter is
+// dot_lo..dot_hi times the dot pitch.
 struct Face {
   std::string file;
   std::string table;  // dot table name; empty: outline rendering
   bool square_dots = false;
   double dot_lo = 1.0, dot_hi = 1.2;
-  bool IsDotMatrix() const { return !table.empty(); }
+  // Dots from the outline file's own monochrome bitmap at 10 to 13 pixels
+  // (a printer's character generator made from a screen face), not a table.
+  bool bitmap = false;
+  bool IsDotMatrix() const { return !table.empty() || bitmap; }
   std::string Name() const;
 };
 
@@ -82,9 +86,11 @@ class MarkingRenderer {
 };
 
 // A random string of `len` characters from `alphabet`, never starting or
-// ending with a special character (as printed codes rarely do).
+// ending with a special character (as printed codes rarely do); inside, a
+// character is a special with probability `special_rate` (0.08: about the
+// rate of lot and date codes).
 std::string RandomText(const std::string& alphabet, const std::string& specials, int len,
-                       std::mt19937& rng);
+                       std::mt19937& rng, double special_rate = 0.08);
 
 // The text of one generated marking of the family: a random string of `len`
 // characters (as RandomText) or, about a third of the time, a code as

@@ -32,20 +32,53 @@ bool CutMarkingCharacters(const Marking& m, CutMarking* out) {
     kept.Append(c);
     rects.push_back(r);
   }
-  if (rects.size() != m.boxes.size()) return false;
-  for (size_t j = 0; j < rects.size(); ++j) {
-    const Rect& r = rects[j];
-    // The cut's centre must lie in the rendered character's box (one pixel of
-    // slack for blur), and the box's centre in the cut.
-    const cv::Rect& b = m.boxes[j];
+  // Each piece is matched to the rendered character it stands on: the
+  // piece's centre in the character's box (one pixel of slack for blur) and
+  // the box's centre in the piece. Only pieces that match exactly one
+  // character, which no other piece matches, are kept: a marking with a
+  // merged pair, a broken stroke or a speck of noise still teaches its other
+  // characters, as the segmentation cuts them from that noisy image.
+  auto matches = [&](const Rect& r, const cv::Rect& b) {
     const int cx = (r.left + r.right) / 2, cy = (r.top + r.bottom) / 2;
     const int bx = b.x + b.width / 2, by = b.y + b.height / 2;
-    if (cx < b.x - 1 || cx > b.br().x || cy < b.y - 1 || cy > b.br().y) return false;
-    if (bx < r.left - 1 || bx > r.right + 1 || by < r.top - 1 || by > r.bottom + 1) return false;
+    return cx >= b.x - 1 && cx <= b.br().x && cy >= b.y - 1 && cy <= b.br().y &&
+           bx >= r.left - 1 && bx <= r.right + 1 && by >= r.top - 1 && by <= r.bottom + 1;
+  };
+  // A piece that holds the centre of a second character is a merged pair,
+  // even where its own centre stands on one of them.
+  auto holds = [](const Rect& r, const cv::Rect& b) {
+    const int bx = b.x + b.width / 2, by = b.y + b.height / 2;
+    return bx >= r.left && bx <= r.right && by >= r.top && by <= r.bottom;
+  };
+  std::vector<int> piece_box(rects.size(), -1), box_pieces(m.boxes.size(), 0);
+  for (size_t j = 0; j < rects.size(); ++j) {
+    int found = -1, count = 0, held = 0;
+    for (size_t k = 0; k < m.boxes.size(); ++k) {
+      if (matches(rects[j], m.boxes[k])) {
+        found = int(k);
+        ++count;
+      }
+      if (holds(rects[j], m.boxes[k])) ++held;
+    }
+    if (count == 1 && held <= 1) {
+      piece_box[j] = found;
+      ++box_pieces[size_t(found)];
+    }
   }
+  vision::HObject chosen;
+  std::string classes;
+  for (size_t j = 0; j < rects.size(); ++j) {
+    if (piece_box[j] < 0 || box_pieces[size_t(piece_box[j])] != 1) continue;
+    vision::HObject c;
+    vision::select_obj(kept, &c, vision::HTuple(long(j + 1)));
+    chosen.Append(c);
+    classes += m.text[size_t(piece_box[j])];
+  }
+  if (classes.empty()) return false;
+  kept = std::move(chosen);
   out->characters = std::move(kept);
   out->smoothed = seg.smoothed;
-  out->classes = m.text;
+  out->classes = classes;
   return true;
 }
 

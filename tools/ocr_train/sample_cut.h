@@ -1,8 +1,8 @@
 #pragma once
 // Turns a rendered marking into training characters: the service's own
 // segmentation cuts it, and each cut character is matched to the rendered
-// character at its position. Markings whose segmentation disagrees with the
-// rendered text (a merged or split character, a lost stroke) give nothing.
+// character at its position. Pieces that are not one rendered character (a
+// merged pair, a split character, a speck) are left out.
 #include <string>
 #include <vector>
 
@@ -21,7 +21,7 @@ struct CutMarking {
   std::string classes;         // one class per region
 };
 
-// False when the marking's segmentation does not match its text.
+// False when no cut piece matches one rendered character.
 bool CutMarkingCharacters(const Marking& m, CutMarking* out);
 
 // What a classifier that names every cut piece right would read: each piece
