@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <opencv2/imgproc.hpp>
+#include <ZXing/BarcodeFormat.h>
 
 #include "decode/symbol_gen.h"
 #include "vision/code/bar_code.h"
@@ -377,6 +378,33 @@ TEST(BarCode, EmptyImagesEndTheSearchEarly) {
     EXPECT_EQ(strings.Length(), 0);
     clear_bar_code_model(h);
   }
+}
+
+// A symbol of a kind not asked for explains its own bar-like region and no
+// other: the search for the asked kind stops early only when every region
+// holds some symbol, so a second symbol beside the first is still found.
+TEST(BarCode, OtherKindsEndTheSearchOnlyWhereTheyLie) {
+  const RenderParams half{.canvas_w = 640, .canvas_h = 240, .module_px = 2.5, .quiet_modules = 10, .noise_sigma = 2};
+  cv::Mat both;
+  cv::vconcat(Symbol(Kind::Code128, "Other 128", half), Symbol(Kind::Code39, "ASKED-39", half), both);
+  const std::vector<code::BarRegion> regions = code::BarCandidateRegions(both);
+  ASSERT_EQ(regions.size(), 2u);
+  code::ReadRequest req;
+  req.symbology = code::Symbology::Linear;
+  req.formats = int(ZXing::BarcodeFormat::Code128);
+  const std::vector<code::Found> other = code::ReadCodes(both, req);
+  ASSERT_EQ(other.size(), 1u);
+  EXPECT_NE(code::Explains(other[0], regions[0]), code::Explains(other[0], regions[1]));
+  HTuple h, strings;
+  HObject symbols;
+  create_bar_code_model(HTuple(), HTuple(), &h);
+  set_bar_code_param(h, "quiet_zone", 1);
+  find_bar_code(Gray(both), &symbols, h, "Code 39", &strings);
+  EXPECT_EQ(strings, HTuple("ASKED-39"));
+  // The Code 128 alone, asked for Code 39: nothing.
+  find_bar_code(Gray(Symbol(Kind::Code128, "Other 128", half)), &symbols, h, "Code 39", &strings);
+  EXPECT_EQ(strings.Length(), 0);
+  clear_bar_code_model(h);
 }
 
 }  // namespace

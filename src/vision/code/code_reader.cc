@@ -207,12 +207,16 @@ Found FromResult(const ZXing::Result& r, const Work& w, const Variant& v) {
   return f;
 }
 
+// `also`: linear formats read besides the requested ones, so that a symbol
+// of another kind is recognised as such (reported in `others`, accepted like
+// the rest) and painted over instead of ending the look.
 std::vector<Found> Zxing(const Work& w, const Variant& v, Symbology s, BarcodeFormats formats, int max_results,
-                         const std::function<bool(const Found&)>& accept = nullptr) {
+                         const std::function<bool(const Found&)>& accept = nullptr, BarcodeFormats also = {},
+                         std::vector<Found>* others = nullptr) {
   std::vector<Found> out;
   if (w.img.empty() || w.img.cols < 3 || w.img.rows < 3) return out;
   ZXing::DecodeHints hints;
-  hints.setFormats(formats).setTryHarder(!v.quick).setTryRotate(true).setTryDownscale(true);
+  hints.setFormats(formats | also).setTryHarder(!v.quick).setTryRotate(true).setTryDownscale(true);
   hints.setBinarizer(v.prep == Variant::Prep::Threshold || v.fixed_binarizer ? ZXing::Binarizer::FixedThreshold
                      : v.global_binarizer               ? ZXing::Binarizer::GlobalHistogram
                                                         : ZXing::Binarizer::LocalAverage);
@@ -234,7 +238,7 @@ std::vector<Found> Zxing(const Work& w, const Variant& v, Symbology s, BarcodeFo
   for (int n = 0; n < limit; ++n) {
     ZXing::ImageView view(img.data, img.cols, img.rows, ZXing::ImageFormat::Lum, int(img.step));
     ZXing::Result r = ZXing::ReadBarcode(view, hints);
-    if (!r.isValid() || !formats.testFlag(r.format())) break;
+    if (!r.isValid() || !(formats | also).testFlag(r.format())) break;
     // Codes without a mandatory check character must agree on three scan
     // lines, not two, before they count.
     const bool weak = r.format() == BarcodeFormat::Code39 || r.format() == BarcodeFormat::Codabar ||
@@ -247,7 +251,10 @@ std::vector<Found> Zxing(const Work& w, const Variant& v, Symbology s, BarcodeFo
       if (!again.isValid() || again.text() != r.text()) break;
     }
     Found f = FromResult(r, w, v);
-    if (!accept || accept(f)) out.push_back(std::move(f));
+    if (!accept || accept(f)) {
+      if (formats.testFlag(r.format())) out.push_back(std::move(f));
+      else if (others) others->push_back(std::move(f));
+    }
     if (n + 1 == limit) break;
     if (img.data == w.img.data) img = w.img.clone();
     const auto& pos = r.position();
@@ -382,8 +389,9 @@ std::vector<Variant> BuildVariants(Symbology s) {
 
 }  // namespace
 
-bool HasBarCandidate(const cv::Mat& gray) {
-  if (gray.cols < 16 || gray.rows < 16) return false;
+std::vector<BarRegion> BarCandidateRegions(const cv::Mat& gray) {
+  std::vector<BarRegion> out;
+  if (gray.cols < 16 || gray.rows < 16) return out;
   // Larger images are looked at reduced, but never so far that 1.5-pixel
   // bars would merge.
   cv::Mat reduced, g;
@@ -442,7 +450,7 @@ bool HasBarCandidate(const cv::Mat& gray) {
   // a slightly wrong normal on a long line does not inflate.
   cv::Mat labels;
   const int n = cv::connectedComponents(hit, labels, 8, CV_32S);
-  if (n <= 1) return false;
+  if (n <= 1) return out;
   struct Patch { double jxx = 0, jyy = 0, jxy = 0, sx = 0, sy = 0, sxx = 0, syy = 0, sxy = 0; int area = 0; };
   std::vector<Patch> patches(static_cast<size_t>(n));
   for (int y = 0; y < cells.height; ++y)
@@ -477,9 +485,32 @@ bool HasBarCandidate(const cv::Mat& gray) {
     } else {
       continue;
     }
-    if (spread >= 2.0 * 2.0) return true;
+    if (spread < 2.0 * 2.0) continue;
+    // In input pixels: the window of cell (x, y) is centred on pixel
+    // (kCell * x, kCell * y) of the reduced image.
+    const double across = std::max(0.0, cxx + cyy - spread);  // variance along the bars
+    BarRegion r;
+    r.center = cv::Point2d(kCell * mx / f, kCell * my / f);
+    r.normal = cv::Point2d(std::cos(t), std::sin(t));
+    r.half_length = (std::sqrt(3 * spread) * kCell + 8) / f;
+    r.half_height = (std::sqrt(3 * across) * kCell + 8) / f;
+    out.push_back(r);
   }
-  return false;
+  return out;
+}
+
+bool HasBarCandidate(const cv::Mat& gray) { return !BarCandidateRegions(gray).empty(); }
+
+bool Explains(const Found& f, const BarRegion& r) {
+  const cv::Point2d a = (f.corners[0] + f.corners[3]) * 0.5, b = (f.corners[1] + f.corners[2]) * 0.5;
+  const double len = cv::norm(b - a);
+  if (len < 1) return false;
+  const cv::Point2d dir = (b - a) / len, rel = r.center - a;
+  const double along = rel.dot(dir), off = std::abs(rel.x * dir.y - rel.y * dir.x);
+  // The symbol runs across the region's bars, through its middle, and is
+  // about as long as the region is.
+  return std::abs(dir.dot(r.normal)) > 0.8 && along > -0.25 * len && along < 1.25 * len &&
+         off <= r.half_height + 8 && len >= 0.5 * r.half_length;
 }
 
 std::string ReadAlongLine(const cv::Mat& gray, const Found& f, double offset, double margin) {
@@ -565,10 +596,27 @@ std::vector<Found> ReadCodes(const cv::Mat& gray, const ReadRequest& req) {
   }
   // Nothing bar-like in the image: no preparation would find a symbol, and
   // answering at once is what a camera frame without a code deserves.
-  if (linear && req.stop_without_candidates && (req.assume_no_candidates || !HasBarCandidate(gray))) {
-    if (req.no_candidates) *req.no_candidates = true;
-    return found;
+  std::vector<BarRegion> regions;
+  if (linear && req.stop_without_candidates) {
+    if (!req.assume_no_candidates) regions = BarCandidateRegions(gray);
+    if (regions.empty()) {
+      if (req.no_candidates) *req.no_candidates = true;
+      return found;
+    }
   }
+  // Symbols of linear kinds not asked for: once every bar-like region holds
+  // one of them (or one asked for), there is nothing left to find.
+  BarcodeFormats also;
+  if (!regions.empty())
+    for (BarcodeFormat f : BarcodeFormats(BarcodeFormat::LinearCodes))
+      if (!formats.testFlag(f)) also |= f;
+  std::vector<Found> others;
+  auto all_explained = [&] {
+    return std::all_of(regions.begin(), regions.end(), [&](const BarRegion& r) {
+      return std::any_of(others.begin(), others.end(), [&](const Found& f) { return Explains(f, r); }) ||
+             std::any_of(found.begin(), found.end(), [&](const Found& f) { return Explains(f, r); });
+    });
+  };
 
   auto add = [&](std::vector<Found> fs, int idx) {
     for (auto& f : fs) {
@@ -633,8 +681,8 @@ std::vector<Found> ReadCodes(const cv::Mat& gray, const ReadRequest& req) {
               cv::flip(w.img, w.img, 1);
               w.to_input = w.to_input * cv::Matx33d(-1, 0, w.img.cols - 1, 0, 1, 0, 0, 0, 1);
             }
-            add(Zxing(w, cv_, req.symbology, formats, req.max_results, req.accept), idx);
-            if (enough()) return found;
+            add(Zxing(w, cv_, req.symbology, formats, req.max_results, req.accept, also, &others), idx);
+            if (enough() || (found.empty() && !others.empty() && all_explained())) return found;
           }
         }
         if (req.timeout_ms > 0 && elapsed_ms() > req.timeout_ms) break;
@@ -671,9 +719,10 @@ std::vector<Found> ReadCodes(const cv::Mat& gray, const ReadRequest& req) {
     } else {
       Work w;
       if (!Prepare(gray, v, req.symbology, req.strict_quiet_zone, &w)) continue;
-      add(Zxing(w, v, req.symbology, formats, req.max_results, req.accept), idx);
+      add(Zxing(w, v, req.symbology, formats, req.max_results, req.accept, also, &others), idx);
     }
     if (enough()) break;
+    if (found.empty() && !others.empty() && all_explained()) break;
     // One preparation that read something ends the search even when fewer
     // than max_results were found: the others would only find the same ones.
     if (!found.empty()) break;
