@@ -13,3 +13,7 @@ target_compile_definitions(bench_ocr_request PRIVATE
 add_dependencies(bench_ocr_request VelmoraAddin)
 add_executable(bench_ocr_independent ocr/ocr_independent.cc)
 target_link_libraries(bench_ocr_independent PRIVATE ocr_markings opencv_imgcodecs opencv_imgproc)
+# Everything the recognition produces on a fixed set, to compare before and
+# after a change that must not alter results.
+add_executable(bench_ocr_digest ocr/ocr_digest.cc)
+target_link_libraries(bench_ocr_digest PRIVATE ocr_markings opencv_imgproc)

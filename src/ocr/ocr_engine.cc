@@ -31,17 +31,23 @@ void flat_gradient_region(const HObject& ho_Derivative, HObject* ho_Flat, const 
 }
 
 // Steps shared by both smoothing procedures: gray image, Gaussian
-// derivatives, flat regions, zeroed gradients, Poisson integration.
-void gen_height_field(const HObject& ho_Image, HObject* ho_HeightField, HObject* ho_Domain,
+// derivatives, flat regions, zeroed gradients, Poisson integration. Each
+// full-frame intermediate is let go once the last step that reads it is
+// done, and the painting and the integration work in their inputs' planes:
+// on a large image the derivatives, the field and the solve share two
+// planes instead of holding seven.
+void gen_height_field(HObject ho_Image, HObject* ho_HeightField, HObject* ho_Domain,
                       const HTuple& hv_Sigma, const HTuple& hv_GradientLimit) {
   HObject ho_GrayImage, ho_ImageX, ho_ImageY, ho_RegionX, ho_RegionY, ho_RegionOpeningX;
   HObject ho_RegionOpeningY, ho_FlatRegion, ho_ImageXPainted, ho_ImageYPainted, ho_VectorField;
   HTuple hv_Row, hv_Column, hv_Phi, hv_Length1, hv_Length2;
 
   rgb1_to_gray(ho_Image, &ho_GrayImage);
+  ho_Image.Clear();
   get_domain(ho_GrayImage, ho_Domain);
   derivate_gauss(ho_GrayImage, &ho_ImageX, hv_Sigma, "x");
   derivate_gauss(ho_GrayImage, &ho_ImageY, hv_Sigma, "y");
+  ho_GrayImage.Clear();
   smallest_rectangle2(*ho_Domain, &hv_Row, &hv_Column, &hv_Phi, &hv_Length1, &hv_Length2);
 
   flat_gradient_region(ho_ImageX, &ho_RegionX, hv_Length1, hv_Length2, hv_GradientLimit);
@@ -51,26 +57,29 @@ void gen_height_field(const HObject& ho_Image, HObject* ho_HeightField, HObject*
   opening_circle(ho_RegionY, &ho_RegionOpeningY, 2.5);
   intersection(ho_RegionOpeningX, ho_RegionOpeningY, &ho_FlatRegion);
 
-  paint_region(ho_FlatRegion, ho_ImageX, &ho_ImageXPainted, 0, "fill");
-  paint_region(ho_FlatRegion, ho_ImageY, &ho_ImageYPainted, 0, "fill");
+  paint_region(ho_FlatRegion, std::move(ho_ImageX), &ho_ImageXPainted, 0, "fill");
+  paint_region(ho_FlatRegion, std::move(ho_ImageY), &ho_ImageYPainted, 0, "fill");
   real_to_vector_field(ho_ImageYPainted, ho_ImageXPainted, &ho_VectorField, "vector_field_relative");
-  reconstruct_height_field_from_gradient(ho_VectorField, ho_HeightField, "poisson", HTuple(), HTuple());
+  ho_ImageXPainted.Clear();
+  ho_ImageYPainted.Clear();
+  reconstruct_height_field_from_gradient(std::move(ho_VectorField), ho_HeightField, "poisson", HTuple(),
+                                         HTuple());
 }
 
 }  // namespace
 
-void gen_image_smoothed(const HObject& ho_Image, HObject* ho_ImageSmoothed, const HTuple& hv_Sigma,
+void gen_image_smoothed(HObject ho_Image, HObject* ho_ImageSmoothed, const HTuple& hv_Sigma,
                         const HTuple& hv_GradientLimit) {
   HObject ho_HeightField, ho_Domain, ho_ImageScaled;
   HTuple hv_Min, hv_Max, hv_Range;
 
-  gen_height_field(ho_Image, &ho_HeightField, &ho_Domain, hv_Sigma, hv_GradientLimit);
+  gen_height_field(std::move(ho_Image), &ho_HeightField, &ho_Domain, hv_Sigma, hv_GradientLimit);
   min_max_gray(ho_HeightField, ho_HeightField, 10, &hv_Min, &hv_Max, &hv_Range);
-  scale_image_range(ho_HeightField, &ho_ImageScaled, HTuple{hv_Min, 0}, HTuple{hv_Max, 255});
+  scale_image_range(std::move(ho_HeightField), &ho_ImageScaled, HTuple{hv_Min, 0}, HTuple{hv_Max, 255});
   convert_image_type(ho_ImageScaled, ho_ImageSmoothed, "byte");
 }
 
-void scale_image_range(const HObject& ho_Image, HObject* ho_ImageScaled, const HTuple& hv_Min,
+void scale_image_range(HObject ho_Image, HObject* ho_ImageScaled, const HTuple& hv_Min,
                        const HTuple& hv_Max) {
   HObject ho_ImageWork, ho_SelectedChannel, ho_LowerRegion, ho_UpperRegion, ho_Result;
   HTuple hv_MinGray = hv_Min, hv_MaxGray = hv_Max;
@@ -92,21 +101,25 @@ void scale_image_range(const HObject& ho_Image, HObject* ho_ImageScaled, const H
   tuple_real(hv_UpperLimit - hv_LowerLimit, &hv_Span);
   hv_Mult = hv_Span / (hv_MaxGray - hv_MinGray);  // raises for an empty gray range
   hv_Add = -hv_Mult * hv_MinGray + hv_LowerLimit;
-  // The input is scaled "in place": a working copy stands in for it.
-  scale_image(ho_Image, &ho_ImageWork, hv_Mult, hv_Add);
+  // The input is scaled "in place": a working copy stands in for it (the
+  // input's own planes when the caller handed it over).
+  scale_image(std::move(ho_Image), &ho_ImageWork, hv_Mult, hv_Add);
 
   count_channels(ho_ImageWork, &hv_Channels);
   for (Hlong k = 1; k <= hv_Channels.L(0); ++k) {
     access_channel(ho_ImageWork, &ho_SelectedChannel, k);
+    // After the last channel is taken the working image is not needed, and
+    // the channel's plane is painted where it is.
+    if (k == hv_Channels.L(0)) ho_ImageWork.Clear();
     min_max_gray(ho_SelectedChannel, ho_SelectedChannel, 0, &hv_MinValue, &hv_MaxValue, &hv_RangeValue);
     tuple_concat(hv_MinValue, hv_LowerLimit, &hv_Bounds);
     tuple_min(hv_Bounds, &hv_LowerBound);
     threshold(ho_SelectedChannel, &ho_LowerRegion, hv_LowerBound, hv_LowerLimit);
-    paint_region(ho_LowerRegion, ho_SelectedChannel, &ho_SelectedChannel, hv_LowerLimit, "fill");
+    paint_region(ho_LowerRegion, std::move(ho_SelectedChannel), &ho_SelectedChannel, hv_LowerLimit, "fill");
     tuple_concat(hv_UpperLimit, hv_MaxValue, &hv_Bounds);
     tuple_max(hv_Bounds, &hv_UpperBound);
     threshold(ho_SelectedChannel, &ho_UpperRegion, hv_UpperLimit, hv_UpperBound);
-    paint_region(ho_UpperRegion, ho_SelectedChannel, &ho_SelectedChannel, hv_UpperLimit, "fill");
+    paint_region(ho_UpperRegion, std::move(ho_SelectedChannel), &ho_SelectedChannel, hv_UpperLimit, "fill");
     if (k == 1) {
       copy_obj(ho_SelectedChannel, &ho_Result, 1, 1);
     } else {
@@ -116,7 +129,7 @@ void scale_image_range(const HObject& ho_Image, HObject* ho_ImageScaled, const H
   *ho_ImageScaled = ho_Result;
 }
 
-void gen_image_smoothed_preview(const HObject& ho_Image, HObject* ho_ImageSmoothed,
+void gen_image_smoothed_preview(HObject ho_Image, HObject* ho_ImageSmoothed,
                                 const HTuple& hv_Sigma, const HTuple& hv_GradientLimit) {
   HObject ho_HeightField, ho_Domain, ho_ImageScaled;
   HTuple hv_Min0, hv_Max0, hv_Range0, hv_Step, hv_Min10, hv_Max10, hv_Range10;
@@ -145,7 +158,8 @@ void gen_image_smoothed_preview(const HObject& ho_Image, HObject* ho_ImageSmooth
   // A relative histogram never sums to 10; the test is kept as it stands, and
   // the other branch leaves the output untouched.
   if (hv_Sum.D() < 10) {
-    scale_image_range(ho_HeightField, &ho_ImageScaled, HTuple{hv_Min10, 0}, HTuple{hv_Max10, 255});
+    scale_image_range(std::move(ho_HeightField), &ho_ImageScaled, HTuple{hv_Min10, 0},
+                      HTuple{hv_Max10, 255});
     convert_image_type(ho_ImageScaled, ho_ImageSmoothed, "byte");
   }
 }

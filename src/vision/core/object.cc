@@ -37,4 +37,9 @@ HObject HObject::Select(long i) const {
   return o;
 }
 
+Image* HObject::ExclusiveImage(long i) {
+  if (i < 0 || i >= Count() || elems_[size_t(i)].use_count() != 1) return nullptr;
+  return std::get_if<Image>(elems_[size_t(i)].get());
+}
+
 }  // namespace vision

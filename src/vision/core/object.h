@@ -32,14 +32,24 @@ class HObject {
   // The region of element i: the region itself, or an image's domain.
   const Region& RegionOrDomainAt(long i, const char* op = "") const;
 
-  void Push(Image img) { elems_.push_back(std::make_shared<const Element>(std::move(img))); }
-  void Push(Region reg) { elems_.push_back(std::make_shared<const Element>(std::move(reg))); }
+  void Push(Image img) { elems_.push_back(std::make_shared<Element>(std::move(img))); }
+  void Push(Region reg) { elems_.push_back(std::make_shared<Element>(std::move(reg))); }
   void Append(const HObject& o) { elems_.insert(elems_.end(), o.elems_.begin(), o.elems_.end()); }
   HObject Select(long i) const;  // zero-based, shares the element
   void Clear() { elems_.clear(); }
 
+  // Image element i for writing when this object is its only holder, else
+  // nullptr. An operator handed its input to keep (an rvalue) reuses the
+  // planes through it instead of copying a large image; a plane is only
+  // written when no other cv::Mat refers to it either (see PlaneExclusive).
+  Image* ExclusiveImage(long i);
+
  private:
-  std::vector<std::shared_ptr<const Element>> elems_;
+  std::vector<std::shared_ptr<Element>> elems_;
 };
+
+// True when `m` is the only reference to its pixels, so that writing them in
+// place cannot change any other image.
+inline bool PlaneExclusive(const cv::Mat& m) { return m.u != nullptr && m.u->refcount == 1; }
 
 }  // namespace vision

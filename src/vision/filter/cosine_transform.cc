@@ -68,7 +68,8 @@ double RowCosineTransform::Cost(int length, int rows) {
   return rows * std::min(DirectCost(length), ChirpCost(ChirpLength(length)));
 }
 
-RowCosineTransform::RowCosineTransform(int length, bool allow_direct) : n_(length) {
+RowCosineTransform::RowCosineTransform(int length, bool allow_direct, size_t block_bytes)
+    : n_(length), block_bytes_(block_bytes) {
   CV_Assert(length >= 1);
   direct_ = allow_direct && n_ > 1 && DirectCost(n_) <= ChirpCost(ChirpLength(n_));
   if (direct_ || n_ == 1) return;
@@ -115,8 +116,37 @@ void RowCosineTransform::Convolve(cv::Mat& a) const {
 // is linear and the spectra of real rows are Hermitian, which separates them.
 void RowCosineTransform::Forward(const cv::Mat& src, cv::Mat& dst) const {
   CV_Assert(src.type() == CV_32F && src.cols == n_);
-  if (direct_) return cv::dct(src, dst, cv::DCT_ROWS);
   if (n_ == 1) return src.copyTo(dst);
+  dst.create(src.rows, n_, CV_32F);  // keeps src's own plane when dst is src
+  for (int r0 = 0; r0 < src.rows; r0 += BlockRows()) {
+    const int r1 = std::min(src.rows, r0 + BlockRows());
+    cv::Mat block;
+    ForwardBlock(src.rowRange(r0, r1), block);
+    block.copyTo(dst.rowRange(r0, r1));
+  }
+}
+
+void RowCosineTransform::Inverse(const cv::Mat& src, cv::Mat& dst) const {
+  CV_Assert(src.type() == CV_32F && src.cols == n_);
+  if (n_ == 1) return src.copyTo(dst);
+  dst.create(src.rows, n_, CV_32F);
+  for (int r0 = 0; r0 < src.rows; r0 += BlockRows()) {
+    const int r1 = std::min(src.rows, r0 + BlockRows());
+    cv::Mat block;
+    InverseBlock(src.rowRange(r0, r1), block);
+    block.copyTo(dst.rowRange(r0, r1));
+  }
+}
+
+int RowCosineTransform::BlockRows() const {
+  // The chirp path's complex rows are longer than twice the row; an even
+  // count keeps the pairs of rows as they are.
+  const size_t row_bytes = direct_ ? size_t(n_) * 4 : size_t(m_) * 8 / 2;
+  return int(std::min<size_t>(size_t(1) << 30, std::max<size_t>(2, (block_bytes_ / row_bytes) & ~size_t(1))));
+}
+
+void RowCosineTransform::ForwardBlock(const cv::Mat& src, cv::Mat& dst) const {
+  if (direct_) return cv::dct(src, dst, cv::DCT_ROWS);
   // Makhoul: with v the row in Makhoul's order, the cosine coefficients are
   // Re(exp(-i pi k / 2n) DFT(v)[k]).
   const int rows = src.rows, pairs = (rows + 1) / 2;
@@ -149,10 +179,8 @@ void RowCosineTransform::Forward(const cv::Mat& src, cv::Mat& dst) const {
   }
 }
 
-void RowCosineTransform::Inverse(const cv::Mat& src, cv::Mat& dst) const {
-  CV_Assert(src.type() == CV_32F && src.cols == n_);
+void RowCosineTransform::InverseBlock(const cv::Mat& src, cv::Mat& dst) const {
   if (direct_) return cv::idct(src, dst, cv::DCT_ROWS);
-  if (n_ == 1) return src.copyTo(dst);
   // conj(DFT(v)[k]) = exp(-i pi k / 2n) (y[k] + i y[n-k]) with y[n] = 0, and
   // DFT(conj(V)) = n v for a real v.
   const int rows = src.rows, pairs = (rows + 1) / 2;

@@ -12,10 +12,13 @@ namespace vision::filter_detail {
 class RowCosineTransform {
  public:
   // `allow_direct` false keeps the chirp path for every length (tests and
-  // timing).
-  explicit RowCosineTransform(int length, bool allow_direct = true);
+  // timing); `block_bytes` bounds the workspace of one block of rows.
+  explicit RowCosineTransform(int length, bool allow_direct = true, size_t block_bytes = size_t(8) << 20);
 
-  // src: CV_32F with `length` columns; dst gets its size.
+  // src: CV_32F with `length` columns; dst gets its size. Rows go through in
+  // blocks of a few megabytes, so that dst may be src itself (a transform in
+  // place) and the workspace stays small; every row's result is the same as
+  // when all rows go at once.
   void Forward(const cv::Mat& src, cv::Mat& dst) const;
   void Inverse(const cv::Mat& src, cv::Mat& dst) const;
 
@@ -28,8 +31,12 @@ class RowCosineTransform {
 
  private:
   void Convolve(cv::Mat& a) const;
+  int BlockRows() const;
+  void ForwardBlock(const cv::Mat& src, cv::Mat& dst) const;
+  void InverseBlock(const cv::Mat& src, cv::Mat& dst) const;
 
   int n_;
+  size_t block_bytes_;
   int m_ = 0;  // the FFT length, at least 2n-1
   bool direct_;
   std::vector<cv::Vec2f> chirp_;   // w[k] = exp(-i pi k^2 / n)

@@ -116,8 +116,11 @@ void AntisymmetricRowAny(const float* const* a, const float* const* b, const flo
 // Correlation with an antisymmetric kernel as sums of k(i) * (f(x+i) - f(x-i)),
 // so that a constant neighbourhood gives exactly 0 (flat areas must stay flat
 // for the gradient integration). Mirrored borders. Each pixel sums its terms
-// from 0 in the order i = 1..r.
-cv::Mat AntisymmetricFilter(const cv::Mat& f, const cv::Mat& kernel, bool along_columns) {
+// from 0 in the order i = 1..r. The result overwrites f (a plane no one else
+// holds; a shared one is copied first): along the columns from a mirrored
+// copy of each row, along the rows with the last r rows' input kept aside.
+cv::Mat AntisymmetricFilter(cv::Mat f, const cv::Mat& kernel, bool along_columns) {
+  if (!PlaneExclusive(f)) f = f.clone();
   const int r = kernel.rows / 2, H = f.rows, W = f.cols;
   std::vector<float> k(static_cast<size_t>(r));
   for (int i = 1; i <= r; ++i) k[size_t(i - 1)] = kernel.at<float>(r + i);
@@ -125,7 +128,6 @@ cv::Mat AntisymmetricFilter(const cv::Mat& f, const cv::Mat& kernel, bool along_
   std::vector<int> idx(static_cast<size_t>(n + 2 * r));
   for (int i = -r; i < n + r; ++i) idx[size_t(i + r)] = cv::borderInterpolate(i, n, kMirror);
   std::vector<const float*> a(static_cast<size_t>(r)), b(static_cast<size_t>(r));
-  cv::Mat out(H, W, CV_32F);
   if (along_columns) {
     // One mirrored copy of the row, then shifted views of it.
     std::vector<float> buf(static_cast<size_t>(W + 2 * r));
@@ -135,24 +137,37 @@ cv::Mat AntisymmetricFilter(const cv::Mat& f, const cv::Mat& kernel, bool along_
       b[size_t(i - 1)] = m - i;
     }
     for (int y = 0; y < H; ++y) {
-      const float* s = f.ptr<float>(y);
+      float* s = f.ptr<float>(y);
       for (int i = 0; i < r; ++i) {
         buf[size_t(i)] = s[idx[size_t(i)]];
         buf[size_t(W + r + i)] = s[idx[size_t(W + r + i)]];
       }
       std::memcpy(buf.data() + r, s, sizeof(float) * size_t(W));
-      AntisymmetricRowAny(a.data(), b.data(), k.data(), r, out.ptr<float>(y), W);
+      AntisymmetricRowAny(a.data(), b.data(), k.data(), r, s, W);
     }
-    return out;
+    return f;
   }
+  // Row y reads input rows y - r .. y + r (mirrored ones included: a
+  // mirrored row above the last is never more than r rows back). Rows below
+  // y are still input in f; rows above it are output, their input is kept in
+  // a ring of r + 1 rows.
+  const int R = r + 1;
+  cv::Mat ring(R, W, CV_32F);
+  std::vector<float> out(static_cast<size_t>(W));
+  auto input_row = [&](int j, int y) -> const float* {
+    return j < y ? ring.ptr<float>(j % R) : f.ptr<float>(j);
+  };
   for (int y = 0; y < H; ++y) {
     for (int i = 1; i <= r; ++i) {
-      a[size_t(i - 1)] = f.ptr<float>(idx[size_t(y + r + i)]);
-      b[size_t(i - 1)] = f.ptr<float>(idx[size_t(y + r - i)]);
+      a[size_t(i - 1)] = input_row(idx[size_t(y + r + i)], y);
+      b[size_t(i - 1)] = input_row(idx[size_t(y + r - i)], y);
     }
-    AntisymmetricRowAny(a.data(), b.data(), k.data(), r, out.ptr<float>(y), W);
+    AntisymmetricRowAny(a.data(), b.data(), k.data(), r, out.data(), W);
+    float* row = f.ptr<float>(y);
+    std::memcpy(ring.ptr<float>(y % R), row, sizeof(float) * size_t(W));
+    std::memcpy(row, out.data(), sizeof(float) * size_t(W));
   }
-  return out;
+  return f;
 }
 
 // Reverses n elements of s into d.
@@ -249,17 +264,53 @@ void rgb1_to_gray(const HObject& rgb_image, HObject* gray_image) {
   *gray_image = out;
 }
 
+namespace {
+
+cv::Mat ScaledPlane(const Image& img, const cv::Mat& p, double m, double a) {
+  if (img.type == PixelType::Real) {
+    cv::Mat r;
+    p.convertTo(r, CV_32F, m, a);
+    return r;
+  }
+  return FromDouble(cv::Mat(ToDouble(p) * m + a), img.type);
+}
+
+}  // namespace
+
 void scale_image(const HObject& image, HObject* image_scaled, const HTuple& mult, const HTuple& add) {
   const char* op = "scale_image";
   const double m = ParamReal(mult, op, "Mult"), a = ParamReal(add, op, "Add");
   *image_scaled = PerPlane(image, op, nullptr, [&](const Image& img, const cv::Mat& p) {
-    if (img.type == PixelType::Real) {
-      cv::Mat r;
-      p.convertTo(r, CV_32F, m, a);
-      return r;
-    }
-    return FromDouble(cv::Mat(ToDouble(p) * m + a), img.type);
+    return ScaledPlane(img, p, m, a);
   });
+}
+
+void scale_image(HObject&& image, HObject* image_scaled, const HTuple& mult, const HTuple& add) {
+  const char* op = "scale_image";
+  const double m = ParamReal(mult, op, "Mult"), a = ParamReal(add, op, "Add");
+  HObject in = std::move(image), out;
+  for (long i = 0; i < in.Count(); ++i) {
+    const Image& img = in.ImageAt(i, op);
+    RequireNotVectorField(img, op);
+    Image* own = in.ExclusiveImage(i);
+    if (!own || img.type != PixelType::Real) {
+      out.Push(Derived(img, img.type, [&] {
+        std::vector<cv::Mat> planes;
+        for (const cv::Mat& p : img.planes) planes.push_back(ScaledPlane(img, p, m, a));
+        return planes;
+      }()));
+      continue;
+    }
+    // Real planes scale in place (convertTo computes each pixel alone, so
+    // the values are those of a copy).
+    Image res = std::move(*own);
+    for (cv::Mat& p : res.planes) {
+      if (PlaneExclusive(p) && p.isContinuous()) p.convertTo(p, CV_32F, m, a);
+      else p = ScaledPlane(res, p, m, a);
+    }
+    out.Push(std::move(res));
+  }
+  *image_scaled = out;
 }
 
 void invert_image(const HObject& image, HObject* image_invert) {
@@ -540,8 +591,33 @@ Region InnerBorder(const Region& reg) {
 
 }  // namespace
 
-void paint_region(const HObject& region, const HObject& image, HObject* image_result,
-                  const HTuple& grayval, const HTuple& type) {
+namespace {
+
+// Sets the runs (clipped to the plane) to value in place.
+template <class T>
+void PaintRunsInPlace(cv::Mat& p, const std::vector<Run>& runs, double value) {
+  const T v = cv::saturate_cast<T>(value);
+  for (const Run& run : runs) {
+    if (run.row < 0 || run.row >= p.rows) continue;
+    const int a = std::max(run.cb, 0), b = std::min(run.ce, p.cols - 1);
+    if (a <= b) std::fill(p.ptr<T>(run.row) + a, p.ptr<T>(run.row) + b + 1, v);
+  }
+}
+
+void PaintPlaneInPlace(cv::Mat& p, const std::vector<Run>& runs, double value) {
+  switch (p.depth()) {
+    case CV_8U: return PaintRunsInPlace<uint8_t>(p, runs, value);
+    case CV_16U: return PaintRunsInPlace<uint16_t>(p, runs, value);
+    case CV_16S: return PaintRunsInPlace<int16_t>(p, runs, value);
+    case CV_32S: return PaintRunsInPlace<int32_t>(p, runs, value);
+    default: return PaintRunsInPlace<float>(p, runs, value);
+  }
+}
+
+// paint_region of both forms: with `reuse`, planes held by `image` alone are
+// painted where they are instead of copied.
+void PaintRegion(const HObject& region, HObject& image, bool reuse, HObject* image_result,
+                 const HTuple& grayval, const HTuple& type) {
   const char* op = "paint_region";
   const std::string& mode = ParamString(type, op, "Type");
   if (mode != "fill" && mode != "margin")
@@ -559,18 +635,37 @@ void paint_region(const HObject& region, const HObject& image, HObject* image_re
     reg = &merged;
   }
   HObject out;
-  for (const Image* img : Images(image, op)) {
+  for (long i = 0; i < image.Count(); ++i) {
+    const Image* img = &image.ImageAt(i, op);
     RequireNotVectorField(*img, op);
     const Hlong nc = img->Channels();
     if (grayval.Length() != 1 && grayval.Length() != nc)
       throw HException(op, "Wrong number of values of control parameter Grayval", kErrWrongParamCount);
-    Image res = *img;
-    for (Hlong k = 0; k < nc; ++k)
-      res.planes[size_t(k)] = PaintedPlane(img->planes[size_t(k)], reg->Runs(),
-                                           ParamReal(grayval, op, "Grayval", k));
+    Image* own = reuse ? image.ExclusiveImage(i) : nullptr;
+    Image res = own ? std::move(*own) : *img;
+    for (Hlong k = 0; k < nc; ++k) {
+      const double value = ParamReal(grayval, op, "Grayval", k);
+      cv::Mat& p = res.planes[size_t(k)];
+      if (own && PlaneExclusive(p)) PaintPlaneInPlace(p, reg->Runs(), value);
+      else p = PaintedPlane(p, reg->Runs(), value);
+    }
     out.Push(std::move(res));
   }
   *image_result = out;
+}
+
+}  // namespace
+
+void paint_region(const HObject& region, const HObject& image, HObject* image_result,
+                  const HTuple& grayval, const HTuple& type) {
+  HObject in = image;  // shares the elements: nothing is painted in place
+  PaintRegion(region, in, false, image_result, grayval, type);
+}
+
+void paint_region(const HObject& region, HObject&& image, HObject* image_result,
+                  const HTuple& grayval, const HTuple& type) {
+  HObject in = std::move(image);
+  PaintRegion(region, in, true, image_result, grayval, type);
 }
 
 void real_to_vector_field(const HObject& row, const HObject& col, HObject* vector_field,
@@ -612,6 +707,16 @@ void vector_field_to_real(const HObject& vector_field, HObject* row, HObject* co
 
 namespace {
 
+// Pivots of Thomas' algorithm for the column systems (see below): row r
+// from row r - 1 (nullptr for the first row). They depend on the grid alone.
+inline double PivotInverse(const std::vector<double>& lambda, double edge, const float* dp, int k) {
+  return 1.0 / (lambda[size_t(k)] + edge - (dp ? double(dp[k]) : 0.0));
+}
+
+void PivotRow(const std::vector<double>& lambda, double edge, const float* dp, float* di, int W) {
+  for (int k = 1; k < W; ++k) di[k] = float(PivotInverse(lambda, edge, dp, k));
+}
+
 // Solves L u = f in place for the Neumann Laplacian L of f's grid: the
 // Laplacian is diagonal in the cosine basis along the rows, and each cosine
 // frequency leaves a tridiagonal system down the columns, solved for all
@@ -619,33 +724,46 @@ namespace {
 void SolveNeumannPoisson(cv::Mat& f) {
   const int H = f.rows, W = f.cols;
   const RowCosineTransform dct(W);
-  cv::Mat F;
-  dct.Forward(f, F);
+  cv::Mat& F = f;
+  dct.Forward(f, F);  // in place
   // Frequency k along the rows adds lambda_k = 2 cos(pi k / W) - 2 to the
   // column Laplacian (diagonal -1 at the ends, -2 inside, 1 beside). Thomas'
-  // algorithm: the forward sweep leaves its right-hand sides in F and its
-  // pivots' inverses in `pivot` (single precision keeps a large image's
-  // working set at three float planes; each step computes in double).
+  // algorithm: the forward sweep leaves its right-hand sides in F; the
+  // pivots' inverses (single precision; each step computes in double) depend
+  // on the grid alone, so only every S-th row of them is kept and the rows
+  // between are computed again, the same way, for the backward sweep: a
+  // strip of S rows instead of a whole plane.
   std::vector<double> lambda(static_cast<size_t>(W));
   for (int k = 0; k < W; ++k) lambda[size_t(k)] = 2.0 * std::cos(CV_PI * k / W) - 2.0;
-  cv::Mat pivot(H, W, CV_32F);
+  auto edge_of = [H](int r) { return H == 1 ? 0.0 : (r == 0 || r == H - 1) ? -1.0 : -2.0; };
+  const int S = std::max(1, int(std::ceil(std::sqrt(double(H)))));
+  cv::Mat checkpoints((H + S - 1) / S, W, CV_32F), strip(S, W, CV_32F);
+  std::vector<float> prev_row(size_t(W), 0.0f), cur_row(size_t(W), 0.0f);
   for (int r = 0; r < H; ++r) {
-    const double edge = H == 1 ? 0.0 : (r == 0 || r == H - 1) ? -1.0 : -2.0;
+    const double edge = edge_of(r);
     float* g = F.ptr<float>(r);
-    float* di = pivot.ptr<float>(r);
     const float* gp = r ? F.ptr<float>(r - 1) : nullptr;
-    const float* dp = r ? pivot.ptr<float>(r - 1) : nullptr;
+    const float* dp = r ? prev_row.data() : nullptr;
+    float* di = cur_row.data();
     for (int k = 1; k < W; ++k) {
-      const double inv = 1.0 / (lambda[size_t(k)] + edge - (r ? double(dp[k]) : 0.0));
+      const double inv = PivotInverse(lambda, edge, dp, k);
       di[k] = float(inv);
       g[k] = float((double(g[k]) - (r ? double(gp[k]) : 0.0)) * inv);
     }
+    if (r % S == 0) std::copy(cur_row.begin(), cur_row.end(), checkpoints.ptr<float>(r / S));
+    prev_row.swap(cur_row);
   }
-  for (int r = H - 2; r >= 0; --r) {
-    float* u = F.ptr<float>(r);
-    const float* below = F.ptr<float>(r + 1);
-    const float* di = pivot.ptr<float>(r);
-    for (int k = 1; k < W; ++k) u[k] = float(double(u[k]) - double(di[k]) * below[k]);
+  for (int block = (H - 1) / S; block >= 0; --block) {
+    const int r0 = block * S, r1 = std::min(H, r0 + S);
+    std::copy(checkpoints.ptr<float>(block), checkpoints.ptr<float>(block) + W, strip.ptr<float>(0));
+    for (int r = r0 + 1; r < r1; ++r)
+      PivotRow(lambda, edge_of(r), strip.ptr<float>(r - r0 - 1), strip.ptr<float>(r - r0), W);
+    for (int r = std::min(r1 - 1, H - 2); r >= r0; --r) {
+      float* u = F.ptr<float>(r);
+      const float* below = F.ptr<float>(r + 1);
+      const float* di = strip.ptr<float>(r - r0);
+      for (int k = 1; k < W; ++k) u[k] = float(double(u[k]) - double(di[k]) * below[k]);
+    }
   }
   // Frequency 0 is the singular Neumann problem: the edge differences are the
   // running sums of the right-hand side; the free constant gives zero mean.
@@ -660,25 +778,32 @@ void SolveNeumannPoisson(cv::Mat& f) {
     }
     for (int r = 0; r < H; ++r) F.at<float>(r, 0) = float(col[size_t(r)] - sum / H);
   }
-  dct.Inverse(F, f);
+  dct.Inverse(F, f);  // in place
 }
 
 // Least-squares integration of a gradient field with the discrete Poisson
 // equation. The central-difference gradients are averaged onto the edges
 // between pixels; edges leaving the image do not exist, which is the Neumann
-// boundary. Any size is solved exactly.
-cv::Mat PoissonIntegrate(const cv::Mat& gr, const cv::Mat& gc) {
+// boundary. Any size is solved exactly. Components no one else holds are
+// overwritten and let go as soon as they are used: the column component
+// becomes the right-hand side, the row component goes once it is added.
+cv::Mat PoissonIntegrate(cv::Mat gr, cv::Mat gc) {
   const int H = gr.rows, W = gc.cols;
-  cv::Mat f(H, W, CV_32F, cv::Scalar(0));
+  const bool reuse = PlaneExclusive(gc);
+  cv::Mat f = reuse ? gc : cv::Mat(H, W, CV_32F);
+  std::vector<float> row(static_cast<size_t>(reuse ? W : 0));
   for (int r = 0; r < H; ++r) {
     const float* c0 = gc.ptr<float>(r);
+    if (reuse) c0 = std::copy(c0, c0 + W, row.data()) - W;
     float* d = f.ptr<float>(r);
+    std::fill(d, d + W, 0.0f);
     for (int c = 0; c + 1 < W; ++c) {
       const float p = 0.5f * (c0[c] + c0[c + 1]);
       d[c] += p;
       d[c + 1] -= p;
     }
   }
+  gc.release();
   for (int r = 0; r + 1 < H; ++r) {
     const float *a = gr.ptr<float>(r), *b = gr.ptr<float>(r + 1);
     float *d0 = f.ptr<float>(r), *d1 = f.ptr<float>(r + 1);
@@ -688,12 +813,14 @@ cv::Mat PoissonIntegrate(const cv::Mat& gr, const cv::Mat& gc) {
       d1[c] -= p;
     }
   }
+  gr.release();
   // The row transform is the only part whose cost depends on the length's
   // factors: run it along the cheaper axis (the Laplacian is the same both
   // ways round).
   const double transpose = 8.0 * double(H) * W;
   if (RowCosineTransform::Cost(H, W) + transpose < RowCosineTransform::Cost(W, H)) {
     cv::Mat t = f.t();
+    f.release();
     SolveNeumannPoisson(t);
     return cv::Mat(t.t());
   }
@@ -703,10 +830,11 @@ cv::Mat PoissonIntegrate(const cv::Mat& gr, const cv::Mat& gc) {
 
 }  // namespace
 
-void reconstruct_height_field_from_gradient(const HObject& gradient, HObject* height_field,
-                                            const HTuple& reconstruction_method,
-                                            const HTuple& gen_param_name,
-                                            const HTuple& gen_param_value) {
+namespace {
+
+void ReconstructHeightField(HObject& gradient, bool reuse, HObject* height_field,
+                            const HTuple& reconstruction_method, const HTuple& gen_param_name,
+                            const HTuple& gen_param_value) {
   const char* op = "reconstruct_height_field_from_gradient";
   const std::string& method = ParamString(reconstruction_method, op, "ReconstructionMethod");
   if (method == "fft_cyclic" || method == "rft_cyclic")
@@ -721,11 +849,15 @@ void reconstruct_height_field_from_gradient(const HObject& gradient, HObject* he
     if (ParamString(gen_param_name, op, "GenParamName", i) != "optimize_speed")
       throw HException(op, "Wrong value of control parameter GenParamName", kErrWrongParamValue);
   }
-  HObject out;
-  for (const Image* v : Images(gradient, op)) {
+  for (const Image* v : Images(gradient, op))
     if (v->type != PixelType::VectorField || v->planes.size() != 2)
       throw HException(op, "Gradient must be a vector field", kErrWrongObject);
-    cv::Mat gr = v->planes[0], gc = v->planes[1];
+  HObject out;
+  for (long i = 0; i < gradient.Count(); ++i) {
+    const Image* v = &gradient.ImageAt(i, op);
+    Image* own = reuse ? gradient.ExclusiveImage(i) : nullptr;
+    cv::Mat gr = own ? std::move(own->planes[0]) : v->planes[0];
+    cv::Mat gc = own ? std::move(own->planes[1]) : v->planes[1];
     if (v->vector_field_type == "vector_field_absolute") {
       gr = gr.clone();
       gc = gc.clone();
@@ -735,9 +867,28 @@ void reconstruct_height_field_from_gradient(const HObject& gradient, HObject* he
           gc.at<float>(r, c) -= float(c);
         }
     }
-    out.Push(Derived(*v, PixelType::Real, {PoissonIntegrate(gr, gc)}));
+    cv::Mat h = PoissonIntegrate(std::move(gr), std::move(gc));
+    out.Push(Derived(*v, PixelType::Real, {std::move(h)}));
   }
   *height_field = out;
+}
+
+}  // namespace
+
+void reconstruct_height_field_from_gradient(const HObject& gradient, HObject* height_field,
+                                            const HTuple& reconstruction_method,
+                                            const HTuple& gen_param_name,
+                                            const HTuple& gen_param_value) {
+  HObject in = gradient;  // shares the planes: none is overwritten
+  ReconstructHeightField(in, false, height_field, reconstruction_method, gen_param_name, gen_param_value);
+}
+
+void reconstruct_height_field_from_gradient(HObject&& gradient, HObject* height_field,
+                                            const HTuple& reconstruction_method,
+                                            const HTuple& gen_param_name,
+                                            const HTuple& gen_param_value) {
+  HObject in = std::move(gradient);
+  ReconstructHeightField(in, true, height_field, reconstruction_method, gen_param_name, gen_param_value);
 }
 
 }  // namespace vision

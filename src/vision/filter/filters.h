@@ -11,6 +11,9 @@ namespace vision {
 void rgb1_to_gray(const HObject& rgb_image, HObject* gray_image);
 // g' = g * mult + add; integer types round and clip to their range.
 void scale_image(const HObject& image, HObject* image_scaled, const HTuple& mult, const HTuple& add);
+// The same for an image handed over: real planes no one else holds are
+// scaled where they are.
+void scale_image(HObject&& image, HObject* image_scaled, const HTuple& mult, const HTuple& add);
 // byte: 255 - g, uint2: 65535 - g, signed and real types: -g.
 void invert_image(const HObject& image, HObject* image_invert);
 // Box mean of mask_width x mask_height with mirrored borders; integer types
@@ -40,6 +43,10 @@ void zoom_image_factor(const HObject& image, HObject* image_zoomed, const HTuple
 // image with one gray value for all channels or one per channel.
 void paint_region(const HObject& region, const HObject& image, HObject* image_result,
                   const HTuple& grayval, const HTuple& type);
+// The same for an image handed over: planes no one else holds are painted
+// where they are instead of copied.
+void paint_region(const HObject& region, HObject&& image, HObject* image_result,
+                  const HTuple& grayval, const HTuple& type);
 // Row and column component images (same size) into a vector field of type
 // "vector_field_relative" or "vector_field_absolute".
 void real_to_vector_field(const HObject& row, const HObject& col, HObject* vector_field,
@@ -50,6 +57,13 @@ void vector_field_to_real(const HObject& vector_field, HObject* row, HObject* co
 // "poisson": discrete Poisson equation with Neumann boundary, solved with a
 // cosine transform; the result has zero mean.
 void reconstruct_height_field_from_gradient(const HObject& gradient, HObject* height_field,
+                                            const HTuple& reconstruction_method,
+                                            const HTuple& gen_param_name,
+                                            const HTuple& gen_param_value);
+// The same for a field handed over: components no one else holds are
+// overwritten by the solve and let go as soon as they are used, so that the
+// integration needs little more than the field itself.
+void reconstruct_height_field_from_gradient(HObject&& gradient, HObject* height_field,
                                             const HTuple& reconstruction_method,
                                             const HTuple& gen_param_name,
                                             const HTuple& gen_param_value);

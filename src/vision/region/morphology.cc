@@ -377,75 +377,94 @@ namespace {
 // Rounds of both passes repeat until one removes nothing. The raster needs
 // a clear border row and column all round.
 //
-// A row's decisions can only differ from those of the pass before last (the
-// same kind) when it or a neighbouring row lost pixels since: other rows are
-// copied unchanged, which leaves the late rounds little to do.
+// A word's decisions can only differ from those of the pass before last
+// (the same kind) when it or one of the eight words around it lost pixels
+// since; a pass therefore looks only at the words around those that changed
+// in the two passes before it (every word in the first two), and a blob
+// hundreds of pixels thick costs its boundary per round, not its area.
+// Deletions are applied after each pass, which decides on the picture as it
+// was before.
 void Thin(detail::BitRaster* img) {
   const int nw = img->words, rows = img->rows;
-  std::vector<uint64_t> next(img->bits.size(), 0);
-  // Rows that lost pixels in the last pass and in the one before.
-  std::vector<uint8_t> lost1(size_t(rows), 1), lost2(size_t(rows), 1), lost(size_t(rows), 0);
-  auto pass = [&](int which) {
-    bool removed = false;
-    std::fill(lost.begin(), lost.end(), 0);
-    for (int y = 1; y + 1 < rows; ++y) {
-      const uint64_t *u = img->Row(y - 1), *c = img->Row(y), *d = img->Row(y + 1);
-      uint64_t* o = next.data() + size_t(y) * size_t(nw);
-      const size_t a = size_t(y - 1), b = size_t(y), e = size_t(y + 1);
-      if (!(lost1[a] | lost1[b] | lost1[e] | lost2[a] | lost2[b] | lost2[e])) {
-        std::copy(c, c + nw, o);
-        continue;
-      }
-      uint64_t row_del = 0;
-      for (int k = 0; k < nw; ++k) {
-        const uint64_t p1 = c[k];
-        if (!p1) {
-          o[k] = 0;
-          continue;
-        }
-        // Neighbours across the word edges: bit 63 of the word before,
-        // bit 0 of the word after.
-        const uint64_t ul = k ? u[k - 1] : 0, cl = k ? c[k - 1] : 0, dl = k ? d[k - 1] : 0;
-        const uint64_t ur = k + 1 < nw ? u[k + 1] : 0, cr = k + 1 < nw ? c[k + 1] : 0,
-                       dr = k + 1 < nw ? d[k + 1] : 0;
-        const uint64_t p2 = u[k], p3 = (u[k] >> 1) | (ur << 63), p4 = (c[k] >> 1) | (cr << 63),
-                       p5 = (d[k] >> 1) | (dr << 63), p6 = d[k], p7 = (d[k] << 1) | (dl >> 63),
-                       p8 = (c[k] << 1) | (cl >> 63), p9 = (u[k] << 1) | (ul >> 63);
-        // B in binary, one bit plane per weight, by carry-save adders.
-        auto add3 = [](uint64_t a, uint64_t b, uint64_t e, uint64_t* sum, uint64_t* carry) {
-          const uint64_t t = a ^ b;
-          *sum = t ^ e;
-          *carry = (a & b) | (t & e);
-        };
-        uint64_t s0, c0, s1, c1, s2, c2, t0, t1;
-        add3(p2, p3, p4, &s0, &c0);
-        add3(p5, p6, p7, &s1, &c1);
-        add3(s0, s1, p8, &s2, &c2);
-        const uint64_t ones = s2 ^ p9, c3 = s2 & p9;
-        add3(c0, c1, c2, &t0, &t1);
-        const uint64_t twos = t0 ^ c3, c4 = t0 & c3;
-        const uint64_t fours = t1 ^ c4, eights = t1 & c4;
-        const uint64_t b_ok = (twos | fours | eights) & ~(eights | (fours & twos & ones));
-        // A = 1: exactly one of the eight 0-1 steps.
-        uint64_t one = 0, many = 0;
-        for (uint64_t step : {~p2 & p3, ~p3 & p4, ~p4 & p5, ~p5 & p6, ~p6 & p7, ~p7 & p8,
-                              ~p8 & p9, ~p9 & p2}) {
-          many |= one & step;
-          one |= step;
-        }
-        const uint64_t side = which == 0 ? ~(p2 & p4 & p6) & ~(p4 & p6 & p8)
-                                         : ~(p2 & p4 & p8) & ~(p2 & p6 & p8);
-        const uint64_t del = p1 & b_ok & one & ~many & side;
-        o[k] = p1 & ~del;
-        row_del |= del;
-      }
-      lost[b] = row_del != 0;
-      removed |= row_del != 0;
+  if (rows < 3 || nw < 1) return;
+  uint64_t* bits = img->bits.data();
+  // The deletions of word (y, k) in a pass of the given kind.
+  auto decide = [&](int y, int k, int which) -> uint64_t {
+    const uint64_t *u = bits + size_t(y - 1) * size_t(nw), *c = bits + size_t(y) * size_t(nw),
+                   *d = bits + size_t(y + 1) * size_t(nw);
+    const uint64_t p1 = c[k];
+    if (!p1) return 0;
+    // Neighbours across the word edges: bit 63 of the word before, bit 0 of
+    // the word after.
+    const uint64_t ul = k ? u[k - 1] : 0, cl = k ? c[k - 1] : 0, dl = k ? d[k - 1] : 0;
+    const uint64_t ur = k + 1 < nw ? u[k + 1] : 0, cr = k + 1 < nw ? c[k + 1] : 0,
+                   dr = k + 1 < nw ? d[k + 1] : 0;
+    const uint64_t p2 = u[k], p3 = (u[k] >> 1) | (ur << 63), p4 = (c[k] >> 1) | (cr << 63),
+                   p5 = (d[k] >> 1) | (dr << 63), p6 = d[k], p7 = (d[k] << 1) | (dl >> 63),
+                   p8 = (c[k] << 1) | (cl >> 63), p9 = (u[k] << 1) | (ul >> 63);
+    // B in binary, one bit plane per weight, by carry-save adders.
+    auto add3 = [](uint64_t a, uint64_t b, uint64_t e, uint64_t* sum, uint64_t* carry) {
+      const uint64_t t = a ^ b;
+      *sum = t ^ e;
+      *carry = (a & b) | (t & e);
+    };
+    uint64_t s0, c0, s1, c1, s2, c2, t0, t1;
+    add3(p2, p3, p4, &s0, &c0);
+    add3(p5, p6, p7, &s1, &c1);
+    add3(s0, s1, p8, &s2, &c2);
+    const uint64_t ones = s2 ^ p9, c3 = s2 & p9;
+    add3(c0, c1, c2, &t0, &t1);
+    const uint64_t twos = t0 ^ c3, c4 = t0 & c3;
+    const uint64_t fours = t1 ^ c4, eights = t1 & c4;
+    const uint64_t b_ok = (twos | fours | eights) & ~(eights | (fours & twos & ones));
+    // A = 1: exactly one of the eight 0-1 steps.
+    uint64_t one = 0, many = 0;
+    for (uint64_t step : {~p2 & p3, ~p3 & p4, ~p4 & p5, ~p5 & p6, ~p6 & p7, ~p7 & p8, ~p8 & p9,
+                          ~p9 & p2}) {
+      many |= one & step;
+      one |= step;
     }
-    img->bits.swap(next);  // border rows stay clear in both buffers
-    lost2.swap(lost1);
-    lost1.swap(lost);
-    return removed;
+    const uint64_t side = which == 0 ? ~(p2 & p4 & p6) & ~(p4 & p6 & p8) : ~(p2 & p4 & p8) & ~(p2 & p6 & p8);
+    return p1 & b_ok & one & ~many & side;
+  };
+  // Words changed in the last pass and in the one before (indices y * nw + k).
+  std::vector<uint32_t> changed1, changed2, candidates;
+  std::vector<std::pair<uint32_t, uint64_t>> deletions;
+  std::vector<uint32_t> stamp(size_t(rows) * size_t(nw), 0);
+  uint32_t pass_no = 0;
+  auto pass = [&](int which) {
+    ++pass_no;
+    deletions.clear();
+    auto visit = [&](uint32_t j) {
+      const int y = int(j / uint32_t(nw)), k = int(j % uint32_t(nw));
+      if (const uint64_t del = decide(y, k, which)) deletions.push_back({j, del});
+    };
+    if (pass_no <= 2) {
+      for (int y = 1; y + 1 < rows; ++y)
+        for (int k = 0; k < nw; ++k) visit(uint32_t(y) * uint32_t(nw) + uint32_t(k));
+    } else {
+      candidates.clear();
+      for (const auto* list : {&changed1, &changed2})
+        for (uint32_t j : *list) {
+          const int y = int(j / uint32_t(nw)), k = int(j % uint32_t(nw));
+          for (int yy = std::max(1, y - 1); yy <= std::min(rows - 2, y + 1); ++yy)
+            for (int kk = std::max(0, k - 1); kk <= std::min(nw - 1, k + 1); ++kk) {
+              const uint32_t n = uint32_t(yy) * uint32_t(nw) + uint32_t(kk);
+              if (stamp[n] != pass_no) {
+                stamp[n] = pass_no;
+                candidates.push_back(n);
+              }
+            }
+        }
+      for (uint32_t j : candidates) visit(j);
+    }
+    changed2.swap(changed1);
+    changed1.clear();
+    for (const auto& [j, del] : deletions) {
+      bits[j] &= ~del;
+      changed1.push_back(j);
+    }
+    return !deletions.empty();
   };
   for (bool changed = true; changed;) {
     const bool first = pass(0);

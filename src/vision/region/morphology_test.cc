@@ -180,6 +180,15 @@ TEST(Morphology, SkeletonMatchesPlainThinning) {
     if (k % 4 == 1) r = r.Union(test::RandomBlobs(unsigned(k), h, w, 0.5));
     shapes.push_back(r);
   }
+  // Blobs several words wide and dozens of rounds thick, with holes and
+  // edges on the word boundaries: a pass looks only around what changed.
+  for (int k = 0; k < 3; ++k) {
+    cv::Mat m = cv::Mat::zeros(150, 64 * (k + 2) + k, CV_8U);
+    cv::circle(m, {m.cols / 2, 75}, 60 + 5 * k, 255, cv::FILLED);
+    cv::rectangle(m, cv::Rect(63, 10, 66, 40 + k), 255, cv::FILLED);
+    cv::circle(m, {m.cols / 2 + 7, 70}, 9 + k, 0, cv::FILLED);
+    shapes.push_back(Region::FromMask(m, k, 3 * k - 2).Union(test::RandomBlobs(unsigned(40 + k), 150, m.cols, 0.3)));
+  }
   HObject all, sk;
   for (const Region& r : shapes) concat_obj(all, HObject(r), &all);
   skeleton(all, &sk);
