@@ -1,7 +1,9 @@
 #include "stereo/reconstruction.h"
 
 #include <algorithm>
+#include <cmath>
 #include <functional>
+#include <limits>
 #include <mutex>
 
 #include <gtest/gtest.h>
@@ -180,6 +182,59 @@ TEST(Reconstruction, BadInputRaisesTheLibrarysException) {
   } catch (const vision::HException&) {
   }
   EXPECT_THROW(ReconstructSurface(window, in.item, in.views, "medium", nullptr), vision::HException);
+  vision::close_window(window);
+}
+
+// Distance of p to the true height field: the nearest of its samples on a
+// fine grid around p (steep walls make the vertical offset meaningless).
+double DistanceToTruth(const synth::Surface& s, const Eigen::Vector3f& p) {
+  double best = std::numeric_limits<double>::infinity();
+  constexpr double kReach = 60e-6, kStep = 2e-6;
+  for (double dy = -kReach; dy <= kReach; dy += kStep)
+    for (double dx = -kReach; dx <= kReach; dx += kStep) {
+      const double x = p.x() + dx, y = p.y() + dy;
+      best = std::min(best, std::sqrt(dx * dx + dy * dy + std::pow(p.z() - s.ZAt(x, y), 2)));
+    }
+  return best;
+}
+
+TEST(Reconstruction, EveryPresetGivesASurfaceNearTheTruth) {
+  // One pair's points lie about as far apart as the 50 um that joins four
+  // pairs' clouds; every preset must still give a surface. The crop sees
+  // noisy points: the smoothing may lift a few that it kept by their noise
+  // back onto the true surface a little above the crop level, never away
+  // from the truth.
+  const RigInput& in = Demo();
+  struct Row { const char* name; size_t min_points; double min_near; };
+  const Row rows[] = {
+      {"very fast", 15000, 0.93},
+      {"fast", 15000, 0.97},
+      {"Default", 60000, 0.97},
+      {"accurate", 90000, 0.97},
+      {"very accurate", 100000, 0.97},
+  };
+  HTuple window = OpenWindow("invisible");
+  for (const Row& r : rows) {
+    SCOPED_TRACE(r.name);
+    HTuple model = ReconstructSurface(window, in.item, in.views, r.name, nullptr);
+    auto* m = vision::ObjectModel3DCast(model, "test");
+    EXPECT_GE(m->NumPoints(), r.min_points);
+    EXPECT_GT(m->triangles.size(), m->NumPoints());
+    size_t near = 0, above = 0;
+    double sum_above = 0;
+    for (const Eigen::Vector3f& p : m->points) {
+      near += std::abs(p.z() - in.rig.surface.ZAt(p.x(), p.y())) <= 50e-6;
+      if (p.z() > -0.0003f) {
+        ++above;
+        sum_above += DistanceToTruth(in.rig.surface, p);
+      }
+    }
+    EXPECT_GT(double(near) / double(std::max<size_t>(m->NumPoints(), 1)), r.min_near);
+    EXPECT_LT(double(above), 0.001 * double(m->NumPoints()));
+    // The points above the crop level lie as near the truth as the others.
+    if (above) EXPECT_LT(sum_above / double(above), 30e-6);
+    vision::clear_object_model_3d(model);
+  }
   vision::close_window(window);
 }
 

@@ -99,12 +99,15 @@ void NeighbourGrid::Build(double cell) {
   while (size < 2 * cells) size *= 2;
   mask_ = size - 1;
   table_.assign(size, Slot{kEmpty, 0, 0});
+  cells_.clear();
+  cells_.reserve(cells);
   for (size_t k = 0; k < n;) {
     size_t e = k + 1;
     while (e < n && keyed[e].first == keyed[k].first) ++e;
     uint64_t h = Hash(keyed[k].first) & mask_;
     while (table_[h].key != kEmpty) h = (h + 1) & mask_;
     table_[h] = Slot{keyed[k].first, uint32_t(k), uint32_t(e)};
+    cells_.push_back(table_[h]);
     k = e;
   }
 }
@@ -202,6 +205,82 @@ void NeighbourGrid::Knn(const Eigen::Vector3f& q, int k, std::vector<int32_t>* i
   for (size_t i = 0; i < want; ++i) {
     (*idx)[i] = sorted_ids_[size_t(cand[i].second)];
     (*d2)[i] = cand[i].first;
+  }
+}
+
+void NeighbourGrid::KnnOfCells(size_t cb, size_t ce, int k, bool sorted, Scratch* s,
+                               const KnnVisitor& visit) const {
+  const size_t want = std::min<size_t>(size_t(std::max(k, 0)), Size());
+  if (want == 0) return;
+  auto& cand = s->cand;
+  for (size_t ci = cb; ci < ce; ++ci) {
+    const Slot& cell = cells_[ci];
+    const int64_t x = int64_t(cell.key & 0x1FFFFF), y = int64_t((cell.key >> 21) & 0x1FFFFF),
+                  z = int64_t(cell.key >> 42);
+    // The block of 3 x 3 x 3 cells around this one.
+    s->bx.clear();
+    s->by.clear();
+    s->bz.clear();
+    s->bi.clear();
+    for (int64_t dz = -1; dz <= 1; ++dz)
+      for (int64_t dy = -1; dy <= 1; ++dy) {
+        uint32_t b, e;
+        if (!Row(x - 1, x + 1, y + dy, z + dz, &b, &e)) continue;
+        for (uint32_t i = b; i < e; ++i) {
+          s->bx.push_back(sorted_[i].x());
+          s->by.push_back(sorted_[i].y());
+          s->bz.push_back(sorted_[i].z());
+          s->bi.push_back(int32_t(i));
+        }
+      }
+    const size_t nb = s->bi.size();
+    s->bd.resize(nb);
+    const Eigen::Vector3d blo = lo_ + Eigen::Vector3d(double(x - 1), double(y - 1), double(z - 1)) * cell_;
+    const Eigen::Vector3d bhi = blo + Eigen::Vector3d::Constant(3 * cell_);
+    for (uint32_t qi = cell.begin; qi < cell.end; ++qi) {
+      const Eigen::Vector3f& q = sorted_[qi];
+      const Eigen::Vector3d qd = q.cast<double>();
+      // Every point closer than `margin` lies in the block.
+      const double margin = std::min((qd - blo).minCoeff(), (bhi - qd).minCoeff());
+      const float m2 = float(margin * margin * (1 - 1e-6));
+      bool done = false;
+      if (nb >= want) {
+        const float qx = q.x(), qy = q.y(), qz = q.z();
+        const float *bx = s->bx.data(), *by = s->by.data(), *bz = s->bz.data();
+        float* bd = s->bd.data();
+        for (size_t j = 0; j < nb; ++j) {
+          const float dx = bx[j] - qx, dy = by[j] - qy, dz = bz[j] - qz;
+          bd[j] = dx * dx + dy * dy + dz * dz;
+        }
+        // Neighbouring queries have about the same k-th distance: the last
+        // one, a little widened, prefilters the candidates; too few, and all
+        // of them are taken.
+        for (int attempt = 0; attempt < 2 && !done; ++attempt) {
+          const float limit = attempt == 0 && s->guess > 0 ? std::min(s->guess * 1.5f, m2) : m2;
+          cand.clear();
+          for (size_t j = 0; j < nb; ++j)
+            if (bd[j] <= limit) cand.emplace_back(bd[j], s->bi[j]);
+          if (cand.size() < want) continue;
+          std::nth_element(cand.begin(), cand.begin() + ptrdiff_t(want - 1), cand.end());
+          s->guess = cand[want - 1].first;
+          done = true;
+        }
+      }
+      if (!done) {
+        // Too few points in the block, or the k-th lies beyond it.
+        Knn(q, k, &s->idx, &s->d2, s, sorted);
+        visit(sorted_ids_[qi], s->idx.data(), s->d2.data(), s->idx.size());
+        continue;
+      }
+      if (sorted) std::sort(cand.begin(), cand.begin() + ptrdiff_t(want));
+      s->idx.resize(want);
+      s->d2.resize(want);
+      for (size_t i = 0; i < want; ++i) {
+        s->idx[i] = sorted_ids_[size_t(cand[i].second)];
+        s->d2[i] = cand[i].first;
+      }
+      visit(sorted_ids_[qi], s->idx.data(), s->d2.data(), want);
+    }
   }
 }
 

@@ -4,6 +4,7 @@
 // to the neighbourhood answers k-nearest and radius queries several times
 // faster than a kd-tree. Queries are const and may run on several threads.
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 #include <Eigen/Core>
@@ -24,7 +25,20 @@ class NeighbourGrid {
   // Scratch space of one thread.
   struct Scratch {
     std::vector<std::pair<float, int32_t>> cand;
+    // The gathered block of KnnOfCells, coordinates apart so that the
+    // distance loop vectorises.
+    std::vector<float> bx, by, bz, bd;
+    std::vector<int32_t> bi, idx;
+    std::vector<float> d2;
+    float guess = 0;
   };
+  // Occupied cells, in key order; KnnOfCells visits a range of them.
+  size_t NumCells() const { return cells_.size(); }
+  using KnnVisitor = std::function<void(int32_t id, const int32_t* idx, const float* d2, size_t n)>;
+  // The k nearest points of every indexed point in cells [cb, ce), as Knn
+  // gives them: the points around a cell are gathered once and serve each
+  // query in it. For ranges of cells on several threads, one Scratch each.
+  void KnnOfCells(size_t cb, size_t ce, int k, bool sorted, Scratch* s, const KnnVisitor& visit) const;
   // The min(k, Size()) nearest points (the query point itself included when
   // it is indexed), nearest first unless `sorted` is false.
   void Knn(const Eigen::Vector3f& q, int k, std::vector<int32_t>* idx, std::vector<float>* d2,
@@ -56,6 +70,7 @@ class NeighbourGrid {
     uint32_t begin, end;
   };
   std::vector<Slot> table_;  // one cache line per probe
+  std::vector<Slot> cells_;  // the same runs in key order
   uint64_t mask_ = 0;
 };
 

@@ -13,6 +13,7 @@
 #include <tuple>
 
 #include <Eigen/Eigenvalues>
+#include <pcl/console/print.h>
 #include <pcl/point_cloud.h>
 #include <pcl/point_types.h>
 #include <pcl/search/search.h>
@@ -52,14 +53,13 @@ class UnionFind {
   std::vector<int32_t> parent_;
 };
 
-// Joins the points closer than `dist` on a grid of cells whose diagonal is
-// just below `dist`: the points of one cell are joined without a look, and
-// two cells near each other are compared only while they are still apart,
-// stopping at the first close pair. On a connected surface almost every
-// comparison ends at once. False when the grid would be too fine.
+// Joins the points closer than `dist` on a grid of cells of edge `dist`:
+// two such points lie in the same cell or in adjacent ones, so each cell is
+// compared with itself and its 13 later neighbours. False when the grid would
+// be too fine.
 bool JoinByCells(const std::vector<Eigen::Vector3f>& pts, double dist, UnionFind* uf) {
   constexpr int64_t kMaxCells = int64_t(1) << 20;
-  const double cell = dist / std::sqrt(3.0) * (1 - 1e-6);
+  const double cell = dist;
   Eigen::Vector3d lo = Eigen::Vector3d::Constant(std::numeric_limits<double>::infinity()), hi = -lo;
   size_t finite = 0;
   for (const auto& p : pts) {
@@ -70,7 +70,7 @@ bool JoinByCells(const std::vector<Eigen::Vector3f>& pts, double dist, UnionFind
   }
   if (finite == 0) return true;
   if (!((hi - lo).maxCoeff() / cell < double(kMaxCells - 4))) return false;
-  // Cell coordinates start at 2, so that neighbours 2 cells down stay positive.
+  // Cell coordinates start at 1, so that the neighbours one cell down stay positive.
   auto key_of = [](int64_t x, int64_t y, int64_t z) {
     return (uint64_t(z) << 42) | (uint64_t(y) << 21) | uint64_t(x);
   };
@@ -78,10 +78,13 @@ bool JoinByCells(const std::vector<Eigen::Vector3f>& pts, double dist, UnionFind
   keyed.reserve(finite);
   for (size_t i = 0; i < pts.size(); ++i) {
     if (!pts[i].allFinite()) continue;
-    const Eigen::Vector3d c = ((pts[i].cast<double>() - lo) / cell).array().floor() + 2;
+    const Eigen::Vector3d c = ((pts[i].cast<double>() - lo) / cell).array().floor() + 1;
     keyed.emplace_back(key_of(int64_t(c.x()), int64_t(c.y()), int64_t(c.z())), int32_t(i));
   }
   std::sort(keyed.begin(), keyed.end());
+  // Points in cell order, so that a cell's points are read from one place.
+  std::vector<Eigen::Vector3f> sorted(keyed.size());
+  for (size_t k = 0; k < keyed.size(); ++k) sorted[k] = pts[size_t(keyed[k].second)];
   struct Cell {
     uint64_t key;
     uint32_t begin, end;
@@ -91,7 +94,6 @@ bool JoinByCells(const std::vector<Eigen::Vector3f>& pts, double dist, UnionFind
     uint32_t e = k + 1;
     while (e < keyed.size() && keyed[e].first == keyed[k].first) ++e;
     cells.push_back({keyed[k].first, k, e});
-    for (uint32_t j = k + 1; j < e; ++j) uf->Join(keyed[k].second, keyed[j].second);
     k = e;
   }
   size_t size = 16;
@@ -111,50 +113,29 @@ bool JoinByCells(const std::vector<Eigen::Vector3f>& pts, double dist, UnionFind
     while (table[h].second != kNone) h = (h + 1) & mask;
     table[h] = {cells[c].key, c};
   }
-  // The later half of the cells within two cells' reach that can hold a
-  // point closer than `dist`.
-  std::vector<Eigen::Vector3i> offsets;
-  for (int dz = -2; dz <= 2; ++dz)
-    for (int dy = -2; dy <= 2; ++dy)
-      for (int dx = -2; dx <= 2; ++dx) {
-        if (std::make_tuple(dz, dy, dx) <= std::make_tuple(0, 0, 0)) continue;
-        auto gap = [&](int d) { return std::max(std::abs(d) - 1, 0) * cell; };
-        if (gap(dx) * gap(dx) + gap(dy) * gap(dy) + gap(dz) * gap(dz) < dist * dist)
-          offsets.emplace_back(dx, dy, dz);
-      }
+  std::vector<Eigen::Vector3i> offsets;  // the later half of the 26 neighbours
+  for (int dz = -1; dz <= 1; ++dz)
+    for (int dy = -1; dy <= 1; ++dy)
+      for (int dx = -1; dx <= 1; ++dx)
+        if (std::make_tuple(dz, dy, dx) > std::make_tuple(0, 0, 0)) offsets.emplace_back(dx, dy, dz);
   const float r2 = float(dist * dist);
+  auto join_close = [&](uint32_t ab, uint32_t ae, uint32_t bb, uint32_t be, bool same) {
+    for (uint32_t i = ab; i < ae; ++i)
+      for (uint32_t j = same ? i + 1 : bb; j < be; ++j)
+        if ((sorted[i] - sorted[j]).squaredNorm() < r2) uf->Join(keyed[i].second, keyed[j].second);
+  };
   for (const Cell& a : cells) {
+    join_close(a.begin, a.end, a.begin, a.end, true);
     const int64_t x = int64_t(a.key & 0x1FFFFF), y = int64_t((a.key >> 21) & 0x1FFFFF),
                   z = int64_t(a.key >> 42);
-    const int32_t ra = keyed[a.begin].second;
     for (const Eigen::Vector3i& o : offsets) {
       const uint64_t key = key_of(x + o.x(), y + o.y(), z + o.z());
-      uint32_t bc = kNone;
       for (uint64_t h = hash(key) & mask; table[h].second != kNone; h = (h + 1) & mask)
         if (table[h].first == key) {
-          bc = table[h].second;
+          const Cell& b = cells[table[h].second];
+          join_close(a.begin, a.end, b.begin, b.end, false);
           break;
         }
-      if (bc == kNone) continue;
-      const Cell& b = cells[bc];
-      if (uf->Find(ra) == uf->Find(keyed[b.begin].second)) continue;
-      // Only points of `a` within reach of cell b's box can find a partner.
-      const Eigen::Vector3f blo =
-          (lo + (Eigen::Vector3d(double(x + o.x()), double(y + o.y()), double(z + o.z())) -
-                 Eigen::Vector3d::Constant(2)) * cell).cast<float>();
-      const Eigen::Vector3f bhi = blo + Eigen::Vector3f::Constant(float(cell));
-      bool joined = false;
-      for (uint32_t i = a.begin; i < a.end && !joined; ++i) {
-        const Eigen::Vector3f& p = pts[size_t(keyed[i].second)];
-        const Eigen::Vector3f out = (blo - p).cwiseMax(p - bhi).cwiseMax(0.f);
-        if (out.squaredNorm() >= r2 * 1.0001f) continue;
-        for (uint32_t j = b.begin; j < b.end; ++j)
-          if ((pts[size_t(keyed[i].second)] - pts[size_t(keyed[j].second)]).squaredNorm() < r2) {
-            uf->Join(ra, keyed[b.begin].second);
-            joined = true;
-            break;
-          }
-      }
     }
   }
   return true;
@@ -293,6 +274,7 @@ struct MlsParams {
   double abs_sigma = -1, rel_sigma = 1.0;
   Facing facing = Facing::NegativeZ;
   bool move = true;  // false: only estimate normals
+  bool weighted = true;  // false: every neighbour counts alike (plain PCA normals)
 };
 
 // Moves every finite point onto its local MLS surface (when p.move) and
@@ -302,34 +284,44 @@ void Mls(const ObjectModel3DData& m, const MlsParams& p, std::vector<Eigen::Vect
   const NeighbourGrid grid(m.points, 0, p.knn);
   *points = m.points;
   normals->assign(m.NumPoints(), Eigen::Vector3f::Zero());
-  ParallelFor(grid.Size(), [&](size_t b, size_t e) {
-    std::vector<int32_t> idx;
-    std::vector<float> d2;
+  ParallelFor(grid.NumCells(), [&](size_t b, size_t e) {
     NeighbourGrid::Scratch scratch;
     std::vector<Eigen::Vector3d> q;
     std::vector<double> w;
-    for (size_t k = b; k < e; ++k) {
-      const int32_t i = grid.Ids()[k];
+    std::vector<float> half;
+    grid.KnnOfCells(b, e, p.knn, false, &scratch,
+                    [&](int32_t i, const int32_t* idx, const float* d2, size_t n) {
+      if (n < 3) return;
       const Eigen::Vector3d x = m.points[size_t(i)].cast<double>();
-      grid.Knn(m.points[size_t(i)], p.knn, &idx, &d2, &scratch, false);
-      if (idx.size() < 3) continue;
-      const double far2 = *std::max_element(d2.begin(), d2.end());
-      const double h2 = p.abs_sigma > 0 ? p.abs_sigma * p.abs_sigma : p.rel_sigma * p.rel_sigma * far2;
-      q.resize(idx.size());
-      w.resize(idx.size());
-      for (size_t j = 0; j < idx.size(); ++j) {
+      // The Gaussian's width: mls_relative_sigma times the distance of the
+      // k/2-th neighbour, or mls_abs_sigma.
+      double h2;
+      if (!p.weighted) {
+        h2 = 0;
+      } else if (p.abs_sigma > 0) {
+        h2 = p.abs_sigma * p.abs_sigma;
+      } else {
+        half.assign(d2, d2 + n);
+        const size_t mid = std::min(n - 1, size_t(p.knn) / 2);
+        std::nth_element(half.begin(), half.begin() + ptrdiff_t(mid), half.end());
+        h2 = p.rel_sigma * p.rel_sigma * double(half[mid]);
+      }
+      q.resize(n);
+      w.resize(n);
+      const double inv_h2 = h2 > 0 ? 1 / h2 : 0;
+      for (size_t j = 0; j < n; ++j) {
         q[j] = m.points[size_t(idx[j])].cast<double>();
-        w[j] = h2 > 0 ? std::exp(-double(d2[j]) / h2) : 1.0;
+        w[j] = std::exp(-double(d2[j]) * inv_h2);
       }
       const Plane pl = FitPlane(q, w);
       Eigen::Vector3d pos = x, nrm = pl.n;
       const double xu = (x - pl.c).dot(pl.u), xv = (x - pl.c).dot(pl.v);
-      if (p.order >= 2 && idx.size() >= 6) {
+      if (p.order >= 2 && n >= 6) {
         // f(u, v) = a0 + a1 u + a2 v + a3 u^2 + a4 uv + a5 v^2, weighted LSQ.
         // The upper triangle summed by hand: Eigen's rank update of a 6 x 6
         // is not unrolled, and this loop is the heart of the smoothing.
         double sum[21] = {}, rhs_sum[6] = {};
-        for (size_t j = 0; j < q.size(); ++j) {
+        for (size_t j = 0; j < n; ++j) {
           const Eigen::Vector3d d = q[j] - pl.c;
           const double u = d.dot(pl.u), v = d.dot(pl.v), h = d.dot(pl.n);
           const double b[6] = {1, u, v, u * u, u * v, v * v};
@@ -362,8 +354,8 @@ void Mls(const ObjectModel3DData& m, const MlsParams& p, std::vector<Eigen::Vect
       }
       if (p.move) (*points)[size_t(i)] = pos.cast<float>();
       (*normals)[size_t(i)] = Oriented(nrm, pos, p.facing);
-    }
-  });
+    });
+  }, 16);
 }
 
 }  // namespace
@@ -417,8 +409,9 @@ double MedianSpacing(const NeighbourGrid& grid, const std::vector<Eigen::Vector3
   return d[d.size() / 2];
 }
 
-// The greedy triangulation's neighbour search, answered by a NeighbourGrid
-// over the cloud it is given.
+// The greedy triangulation's neighbour search. The triangulation asks for
+// the k nearest neighbours of every point once, by index: they are all found
+// beforehand, cell by cell on a NeighbourGrid, and handed out from a table.
 class GridSearch : public pcl::search::Search<pcl::PointNormal> {
  public:
   explicit GridSearch(int k) : pcl::search::Search<pcl::PointNormal>("NeighbourGrid", true), k_(k) {}
@@ -430,6 +423,17 @@ class GridSearch : public pcl::search::Search<pcl::PointNormal> {
     pts_.resize(cloud->size());
     for (size_t i = 0; i < cloud->size(); ++i) pts_[i] = (*cloud)[i].getVector3fMap();
     grid_ = std::make_unique<NeighbourGrid>(pts_, 0, k_);
+    const size_t n = pts_.size();
+    known_ = std::min<size_t>(size_t(k_), grid_->Size());
+    table_idx_.assign(n * known_, -1);
+    table_d2_.assign(n * known_, 0.f);
+    count_.assign(n, 0);
+    grid_->KnnOfCells(0, grid_->NumCells(), k_, true, &scratch_,
+                      [&](int32_t i, const int32_t* idx, const float* d2, size_t m) {
+      std::copy(idx, idx + m, table_idx_.begin() + ptrdiff_t(size_t(i) * known_));
+      std::copy(d2, d2 + m, table_d2_.begin() + ptrdiff_t(size_t(i) * known_));
+      count_[size_t(i)] = uint32_t(m);
+    });
   }
   int nearestKSearch(const pcl::PointNormal& p, int k, pcl::Indices& idx,
                      std::vector<float>& d2) const override {
@@ -439,7 +443,14 @@ class GridSearch : public pcl::search::Search<pcl::PointNormal> {
   }
   int nearestKSearch(pcl::index_t index, int k, pcl::Indices& idx,
                      std::vector<float>& d2) const override {
-    return nearestKSearch((*input_)[size_t(index)], k, idx, d2);
+    const size_t i = size_t(index);
+    if (i < count_.size() && size_t(k) == known_ && count_[i] == known_) {
+      const size_t at = i * known_;
+      idx.assign(table_idx_.begin() + ptrdiff_t(at), table_idx_.begin() + ptrdiff_t(at + known_));
+      d2.assign(table_d2_.begin() + ptrdiff_t(at), table_d2_.begin() + ptrdiff_t(at + known_));
+      return int(known_);
+    }
+    return nearestKSearch((*input_)[i], k, idx, d2);
   }
   int radiusSearch(const pcl::PointNormal& p, double r, pcl::Indices& idx, std::vector<float>& d2,
                    unsigned int max_nn = 0) const override {
@@ -458,6 +469,10 @@ class GridSearch : public pcl::search::Search<pcl::PointNormal> {
   int k_;
   std::vector<Eigen::Vector3f> pts_;
   std::unique_ptr<NeighbourGrid> grid_;
+  size_t known_ = 0;  // neighbours per point in the table
+  std::vector<int32_t> table_idx_;
+  std::vector<float> table_d2_;
+  std::vector<uint32_t> count_;
   // One triangulation runs on one thread; its search needs no locking.
   mutable std::vector<int32_t> tmp_;
   mutable NeighbourGrid::Scratch scratch_;
@@ -634,6 +649,18 @@ void triangulate_object_model_3d(const HTuple& ObjectModel3D, const HTuple& Meth
   if (!(orient_tol > 0 && orient_tol <= 180))
     throw HException(op, "greedy_neigh_orient_tol must lie in (0, 180]", kErrWrongParamValue);
 
+  // The greedy triangulation reports on the console where a point's fringe
+  // lies beyond its greedy_kNN neighbours (that point becomes a boundary) and
+  // how often it widened a neighbourhood: what it does by design, nothing a
+  // user of the operator can act on. Its failures are found here from its
+  // results. The library's output is switched off once for the process
+  // (only this file uses the library).
+  static const bool quiet = [] {
+    pcl::console::setVerbosityLevel(pcl::console::L_ALWAYS);
+    return true;
+  }();
+  (void)quiet;
+
   HTuple out, info;
   for (const ObjectModel3DData* m : ModelsOf(ObjectModel3D, op)) {
     std::vector<Eigen::Vector3f> normals = m->normals;
@@ -642,6 +669,7 @@ void triangulate_object_model_3d(const HTuple& ObjectModel3D, const HTuple& Meth
       np.knn = knn;
       np.order = 1;
       np.move = false;
+      np.weighted = false;
       std::vector<Eigen::Vector3f> unused;
       Mls(*m, np, &unused, &normals);
     }
