@@ -415,7 +415,7 @@ cv::Mat Blur(const cv::Mat& m, double sigma) {
 
 // Passes of the sub-pixel refinement; each moves a disparity by at most a
 // pixel.
-constexpr int kRefinePasses = 4;
+constexpr int kRefinePasses = 2;
 
 // Horizontal resampling at x + d(x) (the shift of the disparity field):
 // cubic (the convolution kernel with a = -0.75, as cv::remap) and linear
@@ -464,39 +464,45 @@ void RefineSubPixel(const std::vector<cv::Mat>& c1, const std::vector<cv::Mat>& 
   // Every colour channel adds its own evidence to the same shift; the
   // channels go four to a vector (groups of four lanes, unused lanes 0).
   const int ng = (nc + 3) / 4;
-  // Image 1 less its local mean, per pixel one vector a group.
-  cv::Mat e1(h, w * 4 * ng, CV_32F);
-  // Image 2 per column and group: its values, their local mean, its
-  // gradient and the gradient's local mean, one vector each.
-  cv::Mat src2(h, w2 * 16 * ng, CV_32F);
-  if (nc % 4) {
-    e1 = cv::Scalar(0);
-    src2 = cv::Scalar(0);
-  }
+  // Per channel: image 1's local mean, image 2's gradient and the local
+  // means of image 2 and of its gradient (interleaved).
+  std::vector<cv::Mat> m1(nc), gx(nc), m2(nc);
   cv::parallel_for_(cv::Range(0, nc), [&](const cv::Range& rg) {
     for (int k = rg.start; k < rg.end; ++k) {
-      const cv::Mat b1 = Blur(c1[k], sigma);
-      cv::Mat gx;
-      cv::Sobel(c2[k], gx, CV_32F, 1, 0, 3, 1.0 / 8.0, 0, cv::BORDER_REPLICATE);
+      m1[k] = Blur(c1[k], sigma);
+      cv::Sobel(c2[k], gx[k], CV_32F, 1, 0, 3, 1.0 / 8.0, 0, cv::BORDER_REPLICATE);
       cv::Mat both;
-      cv::merge(std::vector<cv::Mat>{c2[k], gx}, both);
-      const cv::Mat mean = Blur(both, sigma);
-      const int gk = k / 4, lane = k % 4;
-      for (int y = 0; y < h; ++y) {
-        const float *a = c1[k].ptr<float>(y), *ab = b1.ptr<float>(y);
-        float* o = e1.ptr<float>(y) + gk * 4 + lane;
-        for (int x = 0; x < w; ++x) o[size_t(x) * 4 * ng] = a[x] - ab[x];
-        const float *v = c2[k].ptr<float>(y), *g = gx.ptr<float>(y), *m = mean.ptr<float>(y);
-        float* q = src2.ptr<float>(y) + gk * 16 + lane;
-        for (int x = 0; x < w2; ++x, q += 16 * ng) {
-          q[0] = v[x];
-          q[4] = m[2 * x];
-          q[8] = g[x];
-          q[12] = m[2 * x + 1];
-        }
-      }
+      cv::merge(std::vector<cv::Mat>{c2[k], gx[k]}, both);
+      m2[k] = Blur(both, sigma);
     }
   });
+  // One row at a time (so that nothing image-sized is written): image 1
+  // less its local mean, per pixel one vector a group; image 2 per column
+  // and group: its values, their local mean, its gradient and the
+  // gradient's local mean, one vector each. Unused lanes hold 0.
+  const std::vector<float> zeros(size_t(2 * std::max(w, w2)), 0.f);
+  auto fill_row = [&](int y, float* e1, float* src2) {
+    std::vector<const float*> a(4 * ng), am(4 * ng), v(4 * ng), vm(4 * ng), g(4 * ng);
+    for (int k = 0; k < 4 * ng; ++k) {
+      const bool in = k < nc;
+      a[k] = in ? c1[k].ptr<float>(y) : zeros.data();
+      am[k] = in ? m1[k].ptr<float>(y) : zeros.data();
+      v[k] = in ? c2[k].ptr<float>(y) : zeros.data();
+      vm[k] = in ? m2[k].ptr<float>(y) : zeros.data();
+      g[k] = in ? gx[k].ptr<float>(y) : zeros.data();
+    }
+    for (int x = 0; x < w; ++x)
+      for (int k = 0; k < 4 * ng; ++k) *e1++ = a[k][x] - am[k][x];
+    for (int x = 0; x < w2; ++x)
+      for (int gk = 0; gk < ng; ++gk, src2 += 16)
+        for (int lane = 0; lane < 4; ++lane) {
+          const int k = gk * 4 + lane;
+          src2[lane] = v[k][x];
+          src2[4 + lane] = vm[k][2 * x];
+          src2[8 + lane] = g[k][x];
+          src2[12 + lane] = vm[k][2 * x + 1];
+        }
+  };
   cv::Mat nd(h, w, CV_32FC2);  // numerator and denominator, interleaved
   cv::Mat wg(h, w, CV_32FC(8 * ng));  // last pass: image 2 and its gradient resampled
   for (int it = 0; it < kRefinePasses; ++it) {
@@ -513,9 +519,11 @@ void RefineSubPixel(const std::vector<cv::Mat>& c1, const std::vector<cv::Mat>& 
     cv::Mat bwg;
     if (last) {
       cv::parallel_for_(cv::Range(0, h), [&](const cv::Range& rg) {
+        std::vector<float> pe(size_t(w) * 4 * ng), ps(size_t(w2) * 16 * ng);
+        const float* row = ps.data();
         for (int y = rg.start; y < rg.end; ++y) {
+          fill_row(y, pe.data(), ps.data());
           const float* d = disp->ptr<float>(y);
-          const float* row = src2.ptr<float>(y);
           float* o = wg.ptr<float>(y);
           for (int x = 0; x < w; ++x) {
             const Tap p = MakeTap(float(x) + d[x], w2);
@@ -539,11 +547,13 @@ void RefineSubPixel(const std::vector<cv::Mat>& c1, const std::vector<cv::Mat>& 
       bwg = Blur(wg, sigma);
     }
     cv::parallel_for_(cv::Range(0, h), [&](const cv::Range& rg) {
+      std::vector<float> pev(size_t(w) * 4 * ng), psv(size_t(w2) * 16 * ng);
+      const float* row = psv.data();
+      const float* pe = pev.data();
       for (int y = rg.start; y < rg.end; ++y) {
+        fill_row(y, pev.data(), psv.data());
         const float* d = disp->ptr<float>(y);
         const float* md = mean_d.ptr<float>(y);
-        const float* row = src2.ptr<float>(y);
-        const float* pe = e1.ptr<float>(y);
         const float* pw = last ? wg.ptr<float>(y) : nullptr;
         const float* pb = last ? bwg.ptr<float>(y) : nullptr;
         float* o = nd.ptr<float>(y);
