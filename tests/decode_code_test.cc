@@ -407,5 +407,20 @@ TEST(BarCode, OtherKindsEndTheSearchOnlyWhereTheyLie) {
   clear_bar_code_model(h);
 }
 
+// An Interleaved 2 of 5 label with the six-module quiet zone the decoder
+// does not accept (it wants ten) on a darker part, its narrow bars blurred
+// to grey: the label cut out with its own ground around it reads, whole.
+TEST(BarCode, NarrowQuietZoneOnDarkerGroundReads) {
+  const RenderParams p{.module_px = 2.11, .bar_height_px = 50, .quiet_modules = 6, .angle_deg = 1, .tilt_x_deg = 5.2,
+                       .tilt_y_deg = -3.5, .dark = 45, .light = 193, .background = 94, .blur_sigma = 0.82,
+                       .noise_sigma = 5.3, .glare = 20, .seed = 44};
+  HTuple h, strings;
+  HObject symbols;
+  create_bar_code_model(HTuple(), HTuple(), &h);
+  find_bar_code(Gray(Symbol(Kind::ITF, "35183518", p)), &symbols, h, "2/5 Interleaved", &strings);
+  EXPECT_EQ(strings, HTuple("35183518"));
+  clear_bar_code_model(h);
+}
+
 }  // namespace
 }  // namespace vision

@@ -329,6 +329,38 @@ Work CropCandidate(const cv::Mat& gray, const cv::RotatedRect& r, double target,
   return wk;
 }
 
+// A bar-like region cut out upright (bars vertical), its own ground beyond
+// its bars: the light level inside it fills everything outside the region,
+// so a symbol whose narrow quiet zone meets a darker part (where the
+// decoder, wanting ten modules, sees none) gets a wide one, while its faint
+// narrow bars keep their grey. The whole-symbol checks on the input image
+// still decide whether what reads here is whole.
+Work RegionCrop(const cv::Mat& gray, const BarRegion& r, bool invert, int scale) {
+  constexpr int kMargin = 24;
+  const int w = int(std::ceil(2 * r.half_length)) + 2 * kMargin, h = int(std::ceil(2 * r.half_height)) + 2 * kMargin;
+  // crop -> input: x along the normal (across the bars), y along the bars.
+  const cv::Point2d n = r.normal, t(-n.y, n.x);
+  const cv::Point2d origin = r.center - n * (w / 2.0) - t * (h / 2.0);
+  const cv::Matx33d to_input(n.x, t.x, origin.x, n.y, t.y, origin.y, 0, 0, 1);
+  Work wk;
+  cv::warpAffine(gray, wk.img, cv::Mat(cv::Matx23d(n.x, t.x, origin.x, n.y, t.y, origin.y)), cv::Size(w, h),
+                 cv::INTER_LINEAR | cv::WARP_INVERSE_MAP, cv::BORDER_REPLICATE);
+  if (invert) cv::bitwise_not(wk.img, wk.img);
+  const cv::Rect inside(kMargin, kMargin, w - 2 * kMargin, h - 2 * kMargin);
+  const cv::Mat roi = wk.img(inside);
+  std::vector<uint8_t> v(roi.begin<uint8_t>(), roi.end<uint8_t>());
+  if (v.empty()) return wk;
+  std::nth_element(v.begin(), v.begin() + long(v.size() * 9 / 10), v.end());
+  const uint8_t light = v[v.size() * 9 / 10];
+  cv::Mat keep(wk.img.size(), CV_8U, cv::Scalar(0));
+  keep(inside).setTo(255);
+  wk.img.setTo(light, ~keep);
+  wk.img = Stretch(wk.img);
+  wk.to_input = to_input;
+  Upscale(wk, scale);
+  return wk;
+}
+
 bool Allowed(const Variant& v, const ReadRequest& req) {
   if (req.polarity == Polarity::DarkOnLight && v.invert) return false;
   if (req.polarity == Polarity::LightOnDark && !v.invert && v.prep != Variant::Prep::Candidates &&
@@ -367,6 +399,7 @@ std::vector<Variant> BuildVariants(Symbology s) {
     both(fixed);
     v.push_back({P::Ground});
     v.push_back({P::Ground, 2});
+    both({P::Region});
     v.push_back({P::Candidates});
     return v;
   }
@@ -548,7 +581,7 @@ std::string ReadAlongLine(const cv::Mat& gray, const Found& f, double offset, do
 }
 
 std::string Variant::Name() const {
-  static const char* kPrep[] = {"plain", "stretch", "smooth", "threshold", "candidates", "dmtx", "ground"};
+  static const char* kPrep[] = {"plain", "stretch", "smooth", "threshold", "candidates", "dmtx", "ground", "region"};
   std::string n = kPrep[int(prep)];
   if (scale > 1) n += "_x" + std::to_string(scale);
   if (global_binarizer) n += "_global";
@@ -686,6 +719,14 @@ std::vector<Found> ReadCodes(const cv::Mat& gray, const ReadRequest& req) {
           }
         }
         if (req.timeout_ms > 0 && elapsed_ms() > req.timeout_ms) break;
+      }
+    } else if (v.prep == Variant::Prep::Region) {
+      if (regions.empty() && !req.assume_no_candidates) regions = BarCandidateRegions(gray);
+      for (const BarRegion& r : regions) {
+        Work w = RegionCrop(gray, r, v.invert, v.scale);
+        if (w.img.empty()) continue;
+        add(Zxing(w, v, req.symbology, formats, req.max_results, req.accept, also, &others), idx);
+        if (enough()) return found;
       }
     } else if (v.prep == Variant::Prep::Dmtx) {
       double budget = req.timeout_ms > 0 ? std::max(50.0, req.timeout_ms - elapsed_ms()) : 1000.0;

@@ -22,7 +22,7 @@ enum class Mirror { Any, Yes, No };
 
 // One way of preparing the image before a decoder sees it.
 struct Variant {
-  enum class Prep { Plain, Stretch, Smooth, Threshold, Candidates, Dmtx, Ground };
+  enum class Prep { Plain, Stretch, Smooth, Threshold, Candidates, Dmtx, Ground, Region };
   Prep prep = Prep::Plain;
   int scale = 1;           // upscaling factor (1, 2, 3)
   bool invert = false;     // light symbol on dark ground
