@@ -1,7 +1,7 @@
 // Accuracy and speed of the stereo reconstruction on the synthetic rigs,
 // beside OpenCV's semi-global matcher on the same four camera pairs.
 //
-//   bench_stereo [--variants 0,1,2] [--pairs-only]
+//   bench_stereo [--variants 0,1,2,3] [--pairs-only]   (default: every rig variant)
 //
 // For each rig: the pairwise clouds of the add-in's operators (rectify, map,
 // disparity, points, Score >= 200, height crop), the whole procedure with
@@ -227,7 +227,8 @@ long PeakRssMb() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::vector<int> variants = {0, 1, 2};
+  std::vector<int> variants;
+  for (int v = 0; v < synth::kVariantCount; ++v) variants.push_back(v);
   bool pairs_only = false;
   for (int i = 1; i < argc; ++i) {
     if (!std::strcmp(argv[i], "--variants") && i + 1 < argc) {

@@ -27,7 +27,7 @@ struct VariantSpec {
   double noise_sigma, ambient;
   Eigen::Vector3d light;
   cv::Vec3f light_color;
-  int texture_kind;  // 0 circuit board, 1 granite speckle, 2 printed ceramic
+  int texture_kind;  // 0 circuit board, 1 granite speckle, 2 printed ceramic, 3 fibrous board
 };
 
 VariantSpec Spec(int variant) {
@@ -41,6 +41,9 @@ VariantSpec Spec(int variant) {
     case 2:
       return {35 * kMm, -900, 6.5e-6, 270 * kMm, 58, 12, 20, 4, 0.45,
               Eigen::Vector3d(-0.10, 0.60, -0.79), {1.0f, 0.97f, 0.9f}, 2};
+    case 3:
+      return {20 * kMm, -2200, 5.5e-6, 190 * kMm, 50, 10, -30, 4.5, 0.3,
+              Eigen::Vector3d(-0.55, -0.45, -0.70), {0.85f, 0.95f, 1.0f}, 3};
     default:
       throw std::invalid_argument("no synthetic rig variant " + std::to_string(variant) +
                                   " (0 to " + std::to_string(kVariantCount - 1) + ")");
@@ -72,6 +75,11 @@ std::vector<Part> PartsOf(int variant) {
               part("cylinder", -5.0, 3.0, 3.0, 3.0, 0, 1.2, 0.2),
               part("cylinder", 2.0, 4.0, 1.8, 1.8, 0, 0.5, 0.12),
               part("cone", 6.5, 2.5, 2.6, 2.6, 0, 1.4, 1.8)};
+    case 3:
+      return {part("wedge", -4.5, -3.5, 3.0, 2.0, 20, 1.2, 0.15),   // a ramp rising along its length
+              part("box", 4.5, -4.0, 2.5, 2.5, -15, 1.0, 1.3),     // a frustum with 38 degree sides
+              part("dome", 3.5, 4.5, 3.5, 2.2, -35, 0.7, 0),       // a flat elliptical dome
+              part("box", -4.5, 4.5, 2.2, 1.4, 60, 0.45, 0.1)};    // a thin chip
     default:
       return {part("box", 0.0, 0.0, 6.5, 4.5, 40, 0.5, 0.25),      // a low base plate
               part("box", 0.5, 0.5, 2.5, 2.0, 40, 1.3, 0.5),       // a block on it
@@ -89,6 +97,13 @@ double PartHeight(const Part& p, double x, double y) {
     const double d = std::min(p.half_x - std::abs(lx), p.half_y - std::abs(ly));
     if (d <= 0) return 0;
     return p.height * std::min(1.0, d / p.bevel);
+  }
+  if (p.kind == "wedge") {
+    // Rises along its length from a quarter of its height to all of it.
+    const double d = std::min(p.half_x - std::abs(lx), p.half_y - std::abs(ly));
+    if (d <= 0) return 0;
+    const double ramp = std::min(1.0, 0.25 + 0.75 * (lx + p.half_x) / (2 * p.half_x - p.bevel));
+    return p.height * ramp * std::min(1.0, d / p.bevel);
   }
   if (p.kind == "dome") {
     // A spherical cap stretched to the part's ellipse.
@@ -161,6 +176,7 @@ cv::Mat BoardTexture(int kind, cv::RNG& rng, int n) {
   switch (kind) {
     case 0: base = {0.22f, 0.42f, 0.16f}; a_fine = 0.05; a_mid = 0.05; a_coarse = 0.04; break;
     case 1: base = {0.50f, 0.45f, 0.40f}; a_fine = 0.10; a_mid = 0.10; a_coarse = 0.06; break;
+    case 3: base = {0.48f, 0.52f, 0.56f}; a_fine = 0.07; a_mid = 0.06; a_coarse = 0.05; break;
     default: base = {0.62f, 0.72f, 0.78f}; a_fine = 0.06; a_mid = 0.04; a_coarse = 0.03; break;
   }
   for (int r = 0; r < n; ++r)
@@ -208,6 +224,15 @@ cv::Mat BoardTexture(int kind, cv::RNG& rng, int n) {
                   cv::Size(std::max(1, px(radius)), std::max(1, px(radius * rng.uniform(0.4, 1.0)))),
                   rng.uniform(0.0, 180.0), 0, 360, cv::Scalar(tone * 0.9, tone * 0.85, tone * 0.8), -1,
                   cv::LINE_AA);
+    }
+  } else if (kind == 3) {
+    // Pressed fibres: short thin strokes, most of them near one direction.
+    for (int i = 0; i < 7000; ++i) {
+      const cv::Point p(rng.uniform(0, n), rng.uniform(0, n));
+      const double a = (30 + rng.gaussian(25)) * M_PI / 180, len = rng.uniform(0.2, 1.2) * unit;
+      const double tone = rng.uniform(0.25, 0.95);
+      cv::line(tex, p, p + cv::Point(static_cast<int>(len * std::cos(a)), static_cast<int>(len * std::sin(a))),
+               cv::Scalar(tone * 0.85, tone * 0.9, tone), std::max(1, px(rng.uniform(0.04, 0.1))), cv::LINE_AA);
     }
   } else {
     // Ceramic with printed dots, strokes and text.
@@ -337,10 +362,11 @@ Rig MakeRig(int variant, uint32_t seed) {
   rig.texture_step = 48 * kMm / n;
   rig.board_texture = BoardTexture(spec.texture_kind, look, n);
   rig.part_texture = PartTexture(spec.texture_kind, look, 1024);
-  static const cv::Vec3f kPalette[3][4] = {
+  static const cv::Vec3f kPalette[4][4] = {
       {{0.30f, 0.28f, 0.30f}, {0.72f, 0.72f, 0.74f}, {0.62f, 0.38f, 0.22f}, {0.35f, 0.55f, 0.75f}},
       {{0.70f, 0.66f, 0.60f}, {0.20f, 0.30f, 0.55f}, {0.55f, 0.62f, 0.55f}, {0.30f, 0.30f, 0.32f}},
-      {{0.40f, 0.52f, 0.40f}, {0.70f, 0.70f, 0.70f}, {0.25f, 0.45f, 0.70f}, {0.65f, 0.45f, 0.50f}}};
+      {{0.40f, 0.52f, 0.40f}, {0.70f, 0.70f, 0.70f}, {0.25f, 0.45f, 0.70f}, {0.65f, 0.45f, 0.50f}},
+      {{0.45f, 0.40f, 0.35f}, {0.25f, 0.35f, 0.30f}, {0.60f, 0.55f, 0.65f}, {0.22f, 0.22f, 0.26f}}};
   for (size_t i = 0; i < rig.parts.size(); ++i) rig.part_colors.push_back(kPalette[spec.texture_kind][i % 4]);
   rig.light = spec.light.normalized();
   rig.light_color = spec.light_color;
