@@ -4,3 +4,6 @@ add_executable(bench_stereo ${CMAKE_CURRENT_LIST_DIR}/stereo/stereo_bench.cc
 target_include_directories(bench_stereo PRIVATE "${CMAKE_SOURCE_DIR}")
 target_link_libraries(bench_stereo PRIVATE reconstruction synthetic_rig vision_stereo vision_region vision_filter vision_calib
                       opencv_calib3d opencv_flann)
+velmora_test(surface_metrics_tests SOURCES ${CMAKE_CURRENT_LIST_DIR}/stereo/surface_metrics_test.cc
+             ${CMAKE_CURRENT_LIST_DIR}/stereo/surface_metrics.cc LIBS synthetic_rig)
+target_include_directories(surface_metrics_tests PRIVATE "${CMAKE_SOURCE_DIR}")

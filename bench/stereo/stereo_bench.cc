@@ -252,7 +252,7 @@ int main(int argc, char** argv) {
       auto p = OursPair(rig, views, kFrom[k], kTo[k], &pt);
       ours.insert(ours.end(), p.begin(), p.end());
     }
-    std::printf("add-in pairwise clouds (Score >= 200, height crop): %s\n", bench::Format(bench::Evaluate(rig.surface, ours)).c_str());
+    std::printf("add-in pairwise clouds (Score >= 200, height crop): %s\n", bench::Format(bench::Evaluate(rig, ours)).c_str());
     std::printf("  times for 4 pairs: rectification maps %.3f s, map_image %.3f s, disparity %.3f s, points %.3f s\n",
                 pt.rectify, pt.map, pt.disparity, pt.xyz);
 
@@ -287,7 +287,7 @@ int main(int argc, char** argv) {
       auto* m = vision::ObjectModel3DCast(model, "bench");
       std::vector<Eigen::Vector3d> pts;
       for (const auto& p : m->points) pts.push_back(p.cast<double>());
-      std::printf("add-in action, \"Default\": %s, %zu triangles\n", bench::Format(bench::Evaluate(rig.surface, pts)).c_str(),
+      std::printf("add-in action, \"Default\": %s, %zu triangles\n", bench::Format(bench::Evaluate(rig, pts)).c_str(),
                   m->triangles.size());
       std::printf("  %s; whole call %.3f s wall, %.3f s CPU (load average %.1f)\n", FormatTimes(rt).c_str(), total, cpu,
                   LoadAverage());
@@ -305,7 +305,7 @@ int main(int argc, char** argv) {
     auto t0 = Clock::now();
     sg = StatisticalOutlierFilter(sg);
     const double tfilter = Since(t0);
-    std::printf("OpenCV StereoSGBM (height crop, statistical outlier filter): %s\n", bench::Format(bench::Evaluate(rig.surface, sg)).c_str());
+    std::printf("OpenCV StereoSGBM (height crop, statistical outlier filter): %s\n", bench::Format(bench::Evaluate(rig, sg)).c_str());
     std::printf("  times for 4 pairs: rectification %.3f s, matching %.3f s (%.3f s CPU), outlier filter %.3f s; %.3f s CPU in all\n",
                 srect, smatch, smatch_cpu, tfilter, CpuSeconds() - scpu0);
   }

@@ -31,7 +31,8 @@ std::vector<TopSample> TopSurface(const synth::Surface& s) {
   for (int r = 1; r + 1 < s.rows; ++r)
     for (int c = 1; c + 1 < s.cols; ++c) {
       const double z = s.At(r, c);
-      if (z > -0.4e-3) continue;
+      // Heights are stored as floats: a part of exactly 0.4 mm counts.
+      if (z > -0.4e-3 + 1e-7) continue;
       const double gx = (s.At(r, c + 1) - s.At(r, c - 1)) / (2 * s.step);
       const double gy = (s.At(r + 1, c) - s.At(r - 1, c)) / (2 * s.step);
       if (std::hypot(gx, gy) >= 1.0) continue;
@@ -44,6 +45,39 @@ std::vector<TopSample> TopSurface(const synth::Surface& s) {
       tops.push_back({r, c, Eigen::Vector3d(s.x0 + c * s.step, s.y0 + r * s.step, z)});
     }
   return tops;
+}
+
+bool SeenBy(const synth::Rig& rig, int cam, const Eigen::Vector3d& p) {
+  const synth::RigCamera& c = rig.cameras.at(size_t(cam));
+  double row, col;
+  if (!c.params.Project(c.camera_to_world.inverse() * p, &row, &col)) return false;
+  if (row < 0 || col < 0 || row > c.params.height - 1 || col > c.params.width - 1) return false;
+  const synth::Surface& s = rig.surface;
+  const double h = s.step;
+  const double gx = (s.ZAt(p.x() + h, p.y()) - s.ZAt(p.x() - h, p.y())) / (2 * h);
+  const double gy = (s.ZAt(p.x(), p.y() + h) - s.ZAt(p.x(), p.y() - h)) / (2 * h);
+  const Eigen::Vector3d to_eye = (c.camera_to_world.translation() - p).normalized();
+  if (Eigen::Vector3d(gx, gy, -1).dot(to_eye) <= 0) return false;
+  // March towards the camera until above every part; the surface must stay below the line.
+  double top = 0;
+  for (const synth::Part& part : rig.parts) top = std::min(top, -part.height - 1e-6);
+  for (double t = 3 * h; t < 1.0; t += 0.5 * h) {
+    const Eigen::Vector3d q = p + t * to_eye;
+    if (q.z() < top) return true;
+    if (q.z() > s.ZAt(q.x(), q.y()) + 3e-6) return false;
+  }
+  return true;
+}
+
+std::vector<TopSample> TopSurface(const synth::Rig& rig) {
+  std::vector<TopSample> seen;
+  for (const TopSample& t : TopSurface(rig.surface))
+    for (int a = 0; a + 1 < int(rig.cameras.size()); a += 2)
+      if (SeenBy(rig, a, t.p) && SeenBy(rig, a + 1, t.p)) {
+        seen.push_back(t);
+        break;
+      }
+  return seen;
 }
 
 std::vector<bool> CoveredTops(const std::vector<TopSample>& tops, const std::vector<Eigen::Vector3d>& pts,
@@ -74,7 +108,8 @@ std::vector<bool> CoveredTops(const std::vector<TopSample>& tops, const std::vec
   return out;
 }
 
-SurfaceFigures Evaluate(const synth::Surface& s, const std::vector<Eigen::Vector3d>& pts) {
+SurfaceFigures Evaluate(const synth::Rig& rig, const std::vector<Eigen::Vector3d>& pts) {
+  const synth::Surface& s = rig.surface;
   SurfaceFigures f;
   f.points = pts.size();
   if (pts.empty()) return f;
@@ -92,7 +127,7 @@ SurfaceFigures Evaluate(const synth::Surface& s, const std::vector<Eigen::Vector
   f.p95_um = sorted[sorted.size() * 95 / 100] * 1e6;
   f.far_pct = 100.0 * far / d.size();
 
-  const std::vector<TopSample> tops = TopSurface(s);
+  const std::vector<TopSample> tops = TopSurface(rig);
   const std::vector<bool> covered = CoveredTops(tops, pts);
   const size_t n_covered = size_t(std::count(covered.begin(), covered.end(), true));
   f.top_coverage_pct = tops.empty() ? 0 : 100.0 * n_covered / tops.size();

@@ -27,12 +27,21 @@ struct TopSample {
   Eigen::Vector3d p;
 };
 std::vector<TopSample> TopSurface(const synth::Surface& s);
+// The same, keeping only samples that both cameras of at least one of the
+// pairs (0,1) (2,3) (4,5) (6,7) see: inside both images, facing both
+// cameras and hidden from neither by the surface. A surface no pair sees
+// cannot be asked of the reconstruction.
+std::vector<TopSample> TopSurface(const synth::Rig& rig);
+// Whether camera `cam` of the rig sees surface point p (inside the image,
+// facing the camera, not hidden by the surface).
+bool SeenBy(const synth::Rig& rig, int cam, const Eigen::Vector3d& p);
 
 // Per top sample: whether a point lies within `radius` of it.
 std::vector<bool> CoveredTops(const std::vector<TopSample>& tops, const std::vector<Eigen::Vector3d>& pts,
                               double radius = 60e-6);
 
-SurfaceFigures Evaluate(const synth::Surface& s, const std::vector<Eigen::Vector3d>& pts);
+// Distances to the rig's surface; coverage of the top surface its pairs see.
+SurfaceFigures Evaluate(const synth::Rig& rig, const std::vector<Eigen::Vector3d>& pts);
 
 std::string Format(const SurfaceFigures& f);
 
