@@ -197,6 +197,11 @@ class Image : public Object {
     bitmap_.reset();
     if (size_) encoded_ = std::make_shared<Data>();
   }
+  // Lets go of the encoded bytes alone, when the nominal size is known: a
+  // conversion still reading the decoded bitmap need not hold both.
+  void ReleaseEncoded() const {
+    if (size_) encoded_ = std::make_shared<Data>();
+  }
   // Marks an image that is converted once and then only asked for its size
   // (a request's image), so that the conversion may call ReleasePixels().
   void SetConvertedOnce() const { converted_once_ = true; }

@@ -22,8 +22,11 @@ namespace {
 enum class Layout { Argb, Rgba, Rgb };
 
 // Splits interleaved pixels into red, green and blue planes and builds the
-// image from them. `data` is read as one continuous run; bytes beyond `size`
-// read as 0 (a bitmap smaller than its layout suggests must not be over-read).
+// byte image of them, as gen_image3 would from three plane pointers, but
+// writing straight into the image's own planes: a large bitmap's pixels are
+// not held a third time in between. `data` is read as one continuous run;
+// bytes beyond `size` read as 0 (a bitmap smaller than its layout suggests
+// must not be over-read). A failed allocation leaves `out` as it was.
 void BuildImage(vision::HObject* out, const uint8_t* data, size_t size, int32_t width,
                 int32_t height, Layout layout) {
   if (width <= 0 || height <= 0) return;
@@ -32,11 +35,18 @@ void BuildImage(vision::HObject* out, const uint8_t* data, size_t size, int32_t 
   const uint64_t plane64 = uint64_t(uint32_t(width)) * uint32_t(height);
   if (plane64 * 3 > std::numeric_limits<uint32_t>::max()) return;
   const uint32_t plane = uint32_t(plane64);
-  std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[size_t(plane) * 3]);
-  if (!buffer) return;
-  uint8_t* red = buffer.get();
-  uint8_t* green = red + plane;
-  uint8_t* blue = green + plane;
+  if (width > 32768 || height > 32768)
+    throw vision::HException("gen_image3", "Wrong value of control parameter Width or Height",
+                             vision::kErrWrongParamValue);
+  cv::Mat planes[3];
+  try {
+    for (cv::Mat& p : planes) p.create(height, width, CV_8U);
+  } catch (const cv::Exception&) {
+    return;
+  }
+  uint8_t* red = planes[0].data;
+  uint8_t* green = planes[1].data;
+  uint8_t* blue = planes[2].data;
   const size_t step = layout == Layout::Rgb ? 3 : 4;
   const size_t skip = layout == Layout::Argb ? 1 : 0;
   const size_t needed = size_t(plane) * step;
@@ -55,8 +65,8 @@ void BuildImage(vision::HObject* out, const uint8_t* data, size_t size, int32_t 
       blue[i] = at(src + 2);
     }
   }
-  auto addr = [](const uint8_t* p) { return vision::HTuple(vision::Hlong(reinterpret_cast<intptr_t>(p))); };
-  vision::gen_image3(out, "byte", width, height, addr(red), addr(green), addr(blue));
+  *out = vision::HObject(
+      vision::Image::FromPlanes(vision::PixelType::Byte, {planes[0], planes[1], planes[2]}));
 }
 
 std::string ExpandTilde(const std::string& path) {
@@ -93,6 +103,9 @@ void NSImage2HImage(const archive::ObjectPtr& image, vision::HObject* out) {
   } catch (const archive::ArchiveError&) {
     return;  // undecodable bytes leave the out image as it was
   }
+  // A request's image is decoded once: its encoded bytes go before the
+  // planes are made, so that bytes, bitmap and planes are never all held.
+  if (img->converted_once()) img->ReleaseEncoded();
   RawBitmap2HImage(*bitmap, out);
   // The vision image holds its own planes now; the decoded bitmap (and, for
   // a request's image, the encoded bytes) would only add to the memory of a

@@ -37,7 +37,7 @@ std::optional<std::vector<uint8_t>> ocrFilteredImage(const archive::ObjectPtr& i
 
     // Unlike the recognition, the preview applies the vertical stretch too.
     HObject ho_S;
-    gen_image_smoothed_preview(PrepareOcrImage(ho_Image, w, h, 0, stretch_w, stretch_h), &ho_S,
+    gen_image_smoothed_preview(PrepareOcrImage(std::move(ho_Image), w, h, 0, stretch_w, stretch_h), &ho_S,
                                1.0, 3.0);
     MakePrintDark(&ho_S);
 

@@ -37,7 +37,7 @@ Rect UnstretchRect(Rect r, double w, double h, float stretch) {
 
 // One pass (segmentation and classification) into `record`; false when the
 // pass produced no text.
-bool RunPass(const HObject& image, double w, double h, int pass, const OcrSettings& s,
+bool RunPass(HObject image, double w, double h, int pass, const OcrSettings& s,
              const HTuple classifiers[3], const OcrClassifyFn& classify, OcrTextRecord* record) {
   OcrPassParams p;
   p.width = w;
@@ -46,7 +46,7 @@ bool RunPass(const HObject& image, double w, double h, int pass, const OcrSettin
   p.stretch = s.stretch;
   p.black_level = s.black_level;
   p.expected_count = s.expected_count;
-  const OcrLineSegmentation seg = SegmentOcrLine(image, p);
+  const OcrLineSegmentation seg = SegmentOcrLine(std::move(image), p);
 
   std::vector<std::string> texts;
   HObject ho_Collected;
@@ -132,7 +132,7 @@ OcrSettings ReadOcrSettings(const archive::ObjectPtr& attribute) {
   return s;
 }
 
-std::vector<OcrTextRecord> RecognizeText(const HObject& image, double width, double height,
+std::vector<OcrTextRecord> RecognizeText(HObject image, double width, double height,
                                          const OcrSettings& settings,
                                          const OcrClassifyFn& classify) {
   const OcrClassifyFn fn = classify ? classify : OcrClassifyFn(vision::do_ocr_single_class_mlp);
@@ -140,18 +140,18 @@ std::vector<OcrTextRecord> RecognizeText(const HObject& image, double width, dou
   HTuple classifiers[3];
   try {
     readOCRFont(settings.font_name, classifiers);
-    HObject read_image = image;
+    HObject read_image = std::move(image);
     cv::Rect window(0, 0, 0, 0);
     if (settings.text_window) {
       HObject ho_Gray;
-      vision::rgb1_to_gray(image, &ho_Gray);
+      vision::rgb1_to_gray(read_image, &ho_Gray);
       const cv::Mat& gray = ho_Gray.ImageAt(0).planes[0];
       if (gray.type() == CV_8U && FindTextWindow(gray, &window) &&
           window.width <= width && window.height <= height) {
         HObject ho_Rect, ho_Reduced;
         vision::gen_rectangle1(&ho_Rect, HTuple(window.y), HTuple(window.x),
                                HTuple(window.br().y - 1), HTuple(window.br().x - 1));
-        vision::reduce_domain(image, ho_Rect, &ho_Reduced);
+        vision::reduce_domain(read_image, ho_Rect, &ho_Reduced);
         vision::crop_domain(ho_Reduced, &read_image);
         width = window.width;
         height = window.height;
@@ -159,9 +159,14 @@ std::vector<OcrTextRecord> RecognizeText(const HObject& image, double width, dou
         window = cv::Rect(0, 0, 0, 0);
       }
     }
-    for (int pass = 0; pass < (settings.reverse ? 2 : 1); ++pass) {
+    const int passes = settings.reverse ? 2 : 1;
+    for (int pass = 0; pass < passes; ++pass) {
       OcrTextRecord r;
-      if (RunPass(read_image, width, height, pass, settings, classifiers, fn, &r)) {
+      // The last pass takes the image: it goes once prepared.
+      HObject pass_image;
+      if (pass + 1 < passes) pass_image = read_image;
+      else pass_image = std::move(read_image);
+      if (RunPass(std::move(pass_image), width, height, pass, settings, classifiers, fn, &r)) {
         // Boxes of a window are given in the whole image's coordinates.
         for (Rect& rc : r.rects) {
           rc.top = int16_t(rc.top + window.y);
@@ -226,7 +231,7 @@ archive::ObjectPtr ocrImage(const archive::ObjectPtr& image, const archive::Obje
     w = img->size().width;
     h = img->size().height;
   }
-  const auto records = RecognizeText(ho_Image, w, h, ReadOcrSettings(attribute));
+  const auto records = RecognizeText(std::move(ho_Image), w, h, ReadOcrSettings(attribute));
   if (records.empty()) return nullptr;
   auto out = archive::MakeArray();
   out->is_mutable = true;

@@ -50,8 +50,9 @@ using OcrClassifyFn = std::function<void(const vision::HObject& character,
 
 // Loads the font's classifiers, runs the passes and releases the classifiers.
 // A vision-library failure is logged with the method's name and ends the run
-// with the records of the passes already completed.
-std::vector<OcrTextRecord> RecognizeText(const vision::HObject& image, double width,
+// with the records of the passes already completed. An image handed over
+// (std::move) is let go once the last pass has prepared it.
+std::vector<OcrTextRecord> RecognizeText(vision::HObject image, double width,
                                          double height, const OcrSettings& settings,
                                          const OcrClassifyFn& classify = {});
 

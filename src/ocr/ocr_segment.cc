@@ -14,20 +14,25 @@ namespace velmora {
 using vision::HObject;
 using vision::HTuple;
 
-HObject PrepareOcrImage(const HObject& ho_Image, double width, double height, double angle,
+HObject PrepareOcrImage(HObject ho_Image, double width, double height, double angle,
                         float stretch_width, float stretch_height) {
   HObject ho_Rect, ho_Reduced, ho_Cropped, ho_Rotated, ho_Zoomed, ho_Emph;
   // Region of interest: the nominal size, which may differ from the bitmap's.
+  // Each step's input is let go once the next is made.
   vision::gen_rectangle1(&ho_Rect, HTuple(0), HTuple(0), HTuple(height - 1), HTuple(width - 1));
   vision::reduce_domain(ho_Image, ho_Rect, &ho_Reduced);
+  ho_Image.Clear();
   vision::crop_domain(ho_Reduced, &ho_Cropped);
+  ho_Reduced.Clear();
   vision::rotate_image(ho_Cropped, &ho_Rotated, HTuple(angle), HTuple("constant"));
+  ho_Cropped.Clear();
   if (stretch_width != 1.0f || stretch_height != 1.0f) {
     vision::zoom_image_factor(ho_Rotated, &ho_Zoomed, HTuple(double(stretch_width)),
                               HTuple(double(stretch_height)), HTuple("weighted"));
   } else {
     ho_Zoomed = ho_Rotated;
   }
+  ho_Rotated.Clear();
   vision::emphasize(ho_Zoomed, &ho_Emph, HTuple(3), HTuple(3), HTuple(1));
   return ho_Emph;
 }
@@ -47,10 +52,10 @@ void MakePrintDark(HObject* ho_S) {
   }
 }
 
-OcrLineSegmentation SegmentOcrLine(const HObject& ho_Image, const OcrPassParams& p) {
+OcrLineSegmentation SegmentOcrLine(HObject ho_Image, const OcrPassParams& p) {
   OcrLineSegmentation out;
   HObject ho_S;
-  gen_image_smoothed(PrepareOcrImage(ho_Image, p.width, p.height, p.angle, p.stretch, 1.0f), &ho_S,
+  gen_image_smoothed(PrepareOcrImage(std::move(ho_Image), p.width, p.height, p.angle, p.stretch, 1.0f), &ho_S,
                      HTuple(1.0), HTuple(3.0));
   MakePrintDark(&ho_S);
   HTuple hv_Width, hv_Height;

@@ -25,15 +25,17 @@ struct OcrLineSegmentation {
 
 // The first steps every recognition pass and the preview share: the region of
 // interest at the nominal size, the rotation by `angle`, the stretch (only
-// when a factor differs from 1), and the emphasis.
-vision::HObject PrepareOcrImage(const vision::HObject& image, double width, double height,
-                                double angle, float stretch_width, float stretch_height);
+// when a factor differs from 1), and the emphasis. An image handed over
+// (std::move) is let go as soon as the emphasis no longer needs it.
+vision::HObject PrepareOcrImage(vision::HObject image, double width, double height, double angle,
+                                float stretch_width, float stretch_height);
 
 // Inverts the smoothed image when the dark part covers more than half of it,
 // so that print is dark on a light ground from then on.
 void MakePrintDark(vision::HObject* smoothed);
 
-// Raises vision::HException when an operator refuses its input.
-OcrLineSegmentation SegmentOcrLine(const vision::HObject& image, const OcrPassParams& p);
+// Raises vision::HException when an operator refuses its input. An image
+// handed over is let go once prepared, not kept for the whole pass.
+OcrLineSegmentation SegmentOcrLine(vision::HObject image, const OcrPassParams& p);
 
 }  // namespace velmora

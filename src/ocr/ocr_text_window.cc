@@ -18,6 +18,11 @@ bool FindTextWindow(const cv::Mat& gray, cv::Rect* window) {
   cv::convertScaleAbs(gx, gx);
   cv::convertScaleAbs(gy, gy);
   cv::add(gx, gy, mag);
+  // Whole-frame intermediates go as soon as they are used: on a large image
+  // each is a plane of the frame's size.
+  smooth.release();
+  gx.release();
+  gy.release();
   std::vector<int> hist(256, 0);
   for (int r = 0; r < mag.rows; ++r)
     for (const uint8_t* p = mag.ptr<uint8_t>(r); p != mag.ptr<uint8_t>(r) + mag.cols; ++p) ++hist[*p];
@@ -26,6 +31,7 @@ bool FindTextWindow(const cv::Mat& gray, cv::Rect* window) {
   for (long acc = 0; median < 255 && (acc += hist[size_t(median)]) < half;) ++median;
   const double level = std::max(24.0, 4.0 * median + 8.0);
   cv::Mat edges = mag > level;
+  mag.release();
   // The print's height: the median height of the edge blobs that are not
   // specks (a character's edges form one blob or a few).
   cv::Mat labels, stats, centroids;

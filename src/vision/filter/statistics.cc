@@ -4,6 +4,8 @@
 #include <array>
 #include <cmath>
 #include <cstdint>
+#include <type_traits>
+#include <vector>
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -366,33 +368,78 @@ void min_max_gray(const HObject& regions, const HObject& image, const HTuple& pe
   *range = rg;
 }
 
+namespace {
+
+// Calls fn(value) for every pixel of the region inside the image, row by
+// row, with the value as gray_histo reads it (int4 as a double, the other
+// types through a float).
+template <class Fn>
+void ForEachHistoValue(const Region& reg, const Image& img, Fn fn) {
+  const cv::Mat& p = img.planes[0];
+  auto each = [&](auto tag) {
+    using T = decltype(tag);
+    ForClippedRuns<T>(reg, p, [&](const T* s, int a, int b) {
+      for (int c = a; c <= b; ++c) {
+        if constexpr (std::is_same_v<T, int32_t>) fn(double(s[c]));
+        else fn(double(float(s[c])));
+      }
+    });
+  };
+  switch (img.type) {
+    case PixelType::Byte: return each(uint8_t());
+    case PixelType::UInt2: return each(uint16_t());
+    case PixelType::Int2: return each(int16_t());
+    case PixelType::Int4: return each(int32_t());
+    default: return each(float());
+  }
+}
+
+}  // namespace
+
+// The values are read twice (range, then bins) instead of being gathered:
+// on a large real image a gathered copy in double precision would be twice
+// the image. Only an image holding NaN, whose range depends on the order of
+// the comparisons, is gathered and ranged as one list.
 void gray_histo(const HObject& regions, const HObject& image, HTuple* absolute_histo,
                 HTuple* relative_histo) {
   const char* op = "gray_histo";
   const Image& img = SingleImage(image, op);
   if (regions.Count() != 1) throw HException(op, "Exactly one region expected", kErrWrongParamCount);
-  std::vector<double> v;
-  if (img.type == PixelType::Int4) {
-    v = Int4Values(regions.RegionOrDomainAt(0, op), img);
-  } else {
-    const std::vector<float> f = Values(regions.RegionOrDomainAt(0, op), img);
-    v.assign(f.begin(), f.end());
-  }
+  const Region& reg = regions.RegionOrDomainAt(0, op);
   std::array<int64_t, 256> h{};
+  size_t count = 0;
   if (img.type == PixelType::Byte) {
-    for (double x : v) ++h[size_t(x)];
-  } else if (!v.empty()) {
-    const auto [lo_it, hi_it] = std::minmax_element(v.begin(), v.end());
-    const double lo = *lo_it, step = (*hi_it - lo) / 256.0;
-    for (double x : v) {
-      const int b = step > 0 ? int((x - lo) / step) : 0;
-      ++h[size_t(std::clamp(b, 0, 255))];
+    ForEachHistoValue(reg, img, [&](double x) { ++h[size_t(x)]; ++count; });
+  } else {
+    // The first smallest and the last largest, as std::minmax_element.
+    double lo = 0, hi = 0;
+    bool nan = false;
+    ForEachHistoValue(reg, img, [&](double x) {
+      if (count++ == 0) lo = hi = x;
+      else if (x < lo) lo = x;
+      else if (!(x < hi)) hi = x;
+      nan |= std::isnan(x);
+    });
+    if (nan) {
+      std::vector<double> v;
+      v.reserve(count);
+      ForEachHistoValue(reg, img, [&](double x) { v.push_back(x); });
+      const auto [lo_it, hi_it] = std::minmax_element(v.begin(), v.end());
+      lo = *lo_it;
+      hi = *hi_it;
+    }
+    if (count > 0) {
+      const double step = (hi - lo) / 256.0;
+      ForEachHistoValue(reg, img, [&](double x) {
+        const int b = step > 0 ? int((x - lo) / step) : 0;
+        ++h[size_t(std::clamp(b, 0, 255))];
+      });
     }
   }
   HTuple abs_h, rel_h;
   for (int64_t c : h) {
     abs_h.Append(HTuple(Hlong(c)));
-    rel_h.Append(HTuple(v.empty() ? 0.0 : double(c) / double(v.size())));
+    rel_h.Append(HTuple(count == 0 ? 0.0 : double(c) / double(count)));
   }
   *absolute_histo = abs_h;
   *relative_histo = rel_h;

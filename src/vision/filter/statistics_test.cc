@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <random>
 #include <utility>
 
 #include "vision/filter/test_util.h"
@@ -120,6 +121,37 @@ TEST(Statistics, GrayHistoAbsoluteAndRelativeBins) {
   want.assign(256, 0);
   for (size_t bin : {0, 128, 254, 255}) want[bin] = 1;  // the maximum falls in the last bin
   EXPECT_EQ(abs_h, HTuple::Ints(want));
+}
+
+// The histogram reads the region twice instead of gathering it: bins against
+// the gathered list's (std::minmax_element's range) for every type, regions
+// reaching outside the image, and many ties (a narrow spread).
+TEST(Statistics, GrayHistoMatchesGatheredValues) {
+  std::mt19937 rng(31);
+  const PixelType types[] = {PixelType::Byte, PixelType::Int2, PixelType::UInt2, PixelType::Int4,
+                             PixelType::Real};
+  for (int trial = 0; trial < 60; ++trial) {
+    const int w = 1 + int(rng() % 19), h = 1 + int(rng() % 13);
+    const PixelType t = types[trial % 5];
+    const Image img = RandomImage(rng, t, w, h, trial % 2 ? 3 : 400);
+    const Region reg = RandomRegion(rng, h, w);
+    std::vector<double> v;
+    for (int r = 0; r < h; ++r)
+      for (int c = 0; c < w; ++c)
+        if (reg.Contains(r, c)) v.push_back(test::At(HObject(img), r, c));
+    std::vector<Hlong> want(256, 0);
+    if (!v.empty()) {
+      const auto [lo, hi] = std::minmax_element(v.begin(), v.end());
+      const double step = (*hi - *lo) / 256.0;
+      for (double x : v)
+        ++want[size_t(t == PixelType::Byte ? int(x) : std::clamp(step > 0 ? int((x - *lo) / step) : 0, 0, 255))];
+    }
+    HTuple abs_h, rel_h;
+    gray_histo(HObject(reg), HObject(img), &abs_h, &rel_h);
+    EXPECT_EQ(abs_h, HTuple::Ints(want)) << PixelTypeName(t) << " " << w << "x" << h;
+    for (Hlong i = 0; i < 256; ++i)
+      ASSERT_EQ(rel_h.D(i), v.empty() ? 0.0 : double(want[size_t(i)]) / double(v.size()));
+  }
 }
 
 }  // namespace
