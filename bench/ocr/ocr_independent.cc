@@ -60,6 +60,53 @@ size_t EditDistance(const std::string& a, const std::string& b) {
   return prev[b.size()];
 }
 
+// Which characters of `got` an alignment with `truth` (least edits) keeps as
+// they are: the others are substituted or inserted.
+std::vector<bool> AlignedRight(const std::string& truth, const std::string& got) {
+  const size_t n = truth.size(), m = got.size();
+  std::vector<std::vector<size_t>> d(n + 1, std::vector<size_t>(m + 1));
+  for (size_t i = 0; i <= n; ++i) d[i][0] = i;
+  for (size_t j = 0; j <= m; ++j) d[0][j] = j;
+  for (size_t i = 1; i <= n; ++i)
+    for (size_t j = 1; j <= m; ++j)
+      d[i][j] = std::min({d[i - 1][j] + 1, d[i][j - 1] + 1,
+                          d[i - 1][j - 1] + (truth[i - 1] != got[j - 1])});
+  std::vector<bool> right(m, false);
+  for (size_t i = n, j = m; j > 0;) {
+    if (i > 0 && d[i][j] == d[i - 1][j - 1] + (truth[i - 1] != got[j - 1])) {
+      right[j - 1] = truth[i - 1] == got[j - 1];
+      --i, --j;
+    } else if (i > 0 && d[i][j] == d[i - 1][j] + 1) {
+      --i;
+    } else {
+      --j;
+    }
+  }
+  return right;
+}
+
+// How well the confidences tell right characters from wrong ones: right
+// characters answered with at least 0.5, wrong ones (substituted or inserted)
+// with less.
+struct Confidence {
+  size_t right = 0, right_high = 0, wrong = 0, wrong_low = 0;
+  void Add(const std::string& truth, const velmora::OcrTextRecord& rec) {
+    const std::vector<bool> ok = AlignedRight(truth, rec.text);
+    for (size_t j = 0; j < ok.size() && j < rec.candidates.size(); ++j) {
+      const double c = rec.candidates[j].empty() ? 0.0 : rec.candidates[j][0].confidence;
+      if (ok[j]) {
+        ++right;
+        right_high += c >= 0.5;
+      } else {
+        ++wrong;
+        wrong_low += c < 0.5;
+      }
+    }
+  }
+  double RightHigh() const { return right ? 100.0 * double(right_high) / double(right) : 0; }
+  double WrongLow() const { return wrong ? 100.0 * double(wrong_low) / double(wrong) : 0; }
+};
+
 std::string NoBlanks(const std::string& s) {
   std::string o;
   for (char c : s)
@@ -265,6 +312,7 @@ struct Score {
 
 struct Row {
   Score window, ceiling, by_number, frame, frame_window;
+  Confidence confidence;
   std::vector<double> ms, frame_ms, frame_window_ms;
   size_t unread = 0;
 };
@@ -325,6 +373,7 @@ int ReadAll(const std::string& dir, bool show_errors) {
     double ms = 0;
     const velmora::OcrTextRecord rec = Read(win, family, 0, &ms);
     row.window.Add(want, rec.text);
+    row.confidence.Add(want, rec);
     row.ms.push_back(ms);
     if (show_errors && rec.text != want)
       std::printf("  %s [%s, %s px]: %s -> %s (%zu pieces)\n", id.c_str(), face.c_str(), px.c_str(),
@@ -356,21 +405,23 @@ int ReadAll(const std::string& dir, bool show_errors) {
     truth << "win_" << id << ".png\t" << family << '\t' << grade << '\t' << want << '\t' << rec.text
           << '\t' << row.ms.back() << '\n';
   }
-  std::printf("%-10s %-9s %5s %6s %7s %7s %8s %8s %7s %7s %7s %7s %7s %7s %7s %7s %9s %9s\n",
-              "family", "grade", "marks", "chars", "char%", "mark%", "cut_ch%", "cut_mk%",
-              "num_ch%", "num_mk%", "frm_ch%", "frm_mk%", "tw_ch%", "tw_mk%", "med_ms", "mean_ms",
-              "frame_ms", "tw_ms");
+  std::printf(
+      "%-10s %-9s %5s %6s %7s %7s %8s %8s %7s %7s %7s %7s %7s %7s %7s %7s %9s %9s %8s %8s\n",
+      "family", "grade", "marks", "chars", "char%", "mark%", "cut_ch%", "cut_mk%", "num_ch%",
+      "num_mk%", "frm_ch%", "frm_mk%", "tw_ch%", "tw_mk%", "med_ms", "mean_ms", "frame_ms",
+      "tw_ms", "right_hi", "wrong_lo");
   for (const auto& key : order) {
     const Row& r = rows[key];
     double mean = 0;
     for (double x : r.ms) mean += x / double(r.ms.size());
     std::printf(
         "%-10s %-9s %5zu %6zu %7.2f %7.1f %8.2f %8.1f %7.2f %7.1f %7.2f %7.1f %7.2f %7.1f %7.2f "
-        "%7.2f %9.2f %9.2f\n",
+        "%7.2f %9.2f %9.2f %8.1f %8.1f\n",
         key.first.c_str(), key.second.c_str(), r.window.markings, r.window.chars, r.window.Char(),
         r.window.Mark(), r.ceiling.Char(), r.ceiling.Mark(), r.by_number.Char(),
         r.by_number.Mark(), r.frame.Char(), r.frame.Mark(), r.frame_window.Char(),
-        r.frame_window.Mark(), Median(r.ms), mean, Median(r.frame_ms), Median(r.frame_window_ms));
+        r.frame_window.Mark(), Median(r.ms), mean, Median(r.frame_ms), Median(r.frame_window_ms),
+        r.confidence.RightHigh(), r.confidence.WrongLow());
     if (r.unread) std::printf("  (%zu markings without a Pango image)\n", r.unread);
   }
   return 0;

@@ -43,6 +43,7 @@ struct FileSpec {
   std::string file;
   std::string classes;
   int hidden;
+  bool reject;  // the file has a rejection class
 };
 
 std::vector<FileSpec> FilesOf(const Family& f) {
@@ -50,9 +51,9 @@ std::vector<FileSpec> FilesOf(const Family& f) {
   const std::string suffix = no_rej ? "_NoRej.omc" : ".omc";
   const std::string base = f.name;
   return {
-      {base + (no_rej ? "_NoRej.omc" : ".omc"), f.AllClasses(), 112},
-      {base + "_0-9" + suffix, f.digits, 48},
-      {base + "_A-Z+" + suffix, f.letters + f.specials, 96},
+      {base + (no_rej ? "_NoRej.omc" : ".omc"), f.AllClasses(), 112, !no_rej},
+      {base + "_0-9" + suffix, f.digits, 48, !no_rej},
+      {base + "_A-Z+" + suffix, f.letters + f.specials, 96, !no_rej},
   };
 }
 
@@ -83,6 +84,7 @@ void TrainFamily(const Family& fam, const Options& o, uint32_t seed) {
   HTuple samples;
   vision::create_ocr_train_samples(&samples);
   int used = 0, dropped = 0;
+  long pieces = 0, rejects = 0;
   const Grade grades[] = {Grade::Clean, Grade::Moderate, Grade::Moderate, Grade::Hard};
   // Families with many faces get more markings (about 120 per face at the
   // default count), so each face is still seen often enough.
@@ -105,7 +107,7 @@ void TrainFamily(const Family& fam, const Options& o, uint32_t seed) {
       if (!o.dump.empty() && i < 40)
         cv::imwrite(o.dump + "/" + fam.name + "_" + std::to_string(i) + ".png", m.rgb);
       CutMarking cut;
-      if (!CutMarkingCharacters(m, &cut)) {
+      if (!CutMarkingCharacters(m, &cut, /*rejects=*/true)) {
         ++dropped;
         continue;
       }
@@ -113,6 +115,8 @@ void TrainFamily(const Family& fam, const Options& o, uint32_t seed) {
       for (char c : cut.classes) classes.Append(HTuple(std::string(1, c)));
       vision::append_ocr_trainf(cut.characters, cut.smoothed, classes, samples);
       ++used;
+      rejects += cut.rejects;
+      pieces += long(cut.classes.size());
     } catch (const vision::HException& e) {
       ++dropped;
       Say("%s: marking skipped: %s\n", fam.name, 0, 0);
@@ -121,11 +125,15 @@ void TrainFamily(const Family& fam, const Options& o, uint32_t seed) {
   }
   const auto t1 = std::chrono::steady_clock::now();
   Say("%s: %.0f markings used, %.0f dropped\n", fam.name, used, dropped);
+  Say("%s: %.0f pieces, %.0f of no character\n", fam.name, double(pieces), double(rejects));
   const HTuple features = HTuple::Strings({"default", "line_band", "band_pixels", "line_pitch"});
   for (const FileSpec& f : FilesOf(fam)) {
     HTuple ocr, err, log;
     HTuple classes;
     for (char c : f.classes) classes.Append(HTuple(std::string(1, c)));
+    // Files with a rejection class name the pieces of no character with it;
+    // the "_NoRej" files learn to give them low confidences instead.
+    if (f.reject) classes.Append(HTuple(vision::kOcrRejectClass));
     vision::create_ocr_class_mlp(HTuple(o.grid_w), HTuple(o.grid_h), HTuple("constant"), features,
                                  classes, HTuple(f.hidden),
                                  HTuple("normalization"), HTuple(10), HTuple(long(seed)), &ocr);

@@ -61,12 +61,19 @@ TEST(SampleCut, MergedAndUnmatchedPiecesShowInTheOracleText) {
   ASSERT_TRUE(CutMarkingCharacters(m, &cut));
   EXPECT_EQ(cut.classes, "A12");
   EXPECT_EQ(NameCutPieces(m, ServicePieces(m)), "AB12");
+  // Kept as a piece of no character where the classifiers learn to reject.
+  ASSERT_TRUE(CutMarkingCharacters(m, &cut, true));
+  EXPECT_EQ(cut.classes, std::string("A") + kRejectByte + "12");
+  EXPECT_EQ(cut.rejects, 1);
 
   // A piece over no rendered character is named as none.
   m = Clean("AB-12");
   m.boxes.erase(m.boxes.begin() + 3);
   m.text = "AB-2";
   EXPECT_EQ(NameCutPieces(m, ServicePieces(m)), std::string("AB-") + kNoCharacter + "2");
+  CutMarking cut2;
+  ASSERT_TRUE(CutMarkingCharacters(m, &cut2, true));
+  EXPECT_EQ(cut2.classes, std::string("AB-") + kRejectByte + "2");
 }
 
 }  // namespace

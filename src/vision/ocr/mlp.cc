@@ -146,6 +146,15 @@ std::vector<double> Train(Mlp* net, const MatF& x, const std::vector<int>& y,
       dz = z;
       for (long i = 0; i < b; ++i) {
         const int lbl = y[order[s + i]];
+        if (lbl < 0) {
+          // No class: the target spreads evenly over all of them.
+          const float share = 1.f / float(net->n_out);
+          for (long k = 0; k < net->n_out; ++k) {
+            loss -= share * std::log(std::max(1e-12f, z(i, k)));
+            dz(i, k) -= share;
+          }
+          continue;
+        }
         loss -= std::log(std::max(1e-12f, z(i, lbl)));
         dz(i, lbl) -= 1.f;
       }

@@ -36,7 +36,8 @@ struct TrainParams {
   bool normalise = true;
 };
 
-// Returns the mean cross-entropy per epoch. `x` rows are samples, `y` labels.
+// Returns the mean cross-entropy per epoch. `x` rows are samples, `y` labels;
+// a negative label is a sample of no class, trained toward equal outputs.
 std::vector<double> Train(Mlp* net, const MatF& x, const std::vector<int>& y,
                           const TrainParams& p);
 

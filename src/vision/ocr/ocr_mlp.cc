@@ -595,8 +595,13 @@ void trainf_ocr_class_mlp(const HTuple& ocr_handle, const HTuple& train_file,
   std::vector<const OcrSample*> used;
   for (const auto& s : *samples) {
     auto it = std::find(c->classes.begin(), c->classes.end(), s.klass);
-    if (it == c->classes.end()) continue;  // classes the classifier does not know
-    labels.push_back(int(it - c->classes.begin()));
+    if (it != c->classes.end()) {
+      labels.push_back(int(it - c->classes.begin()));
+    } else if (s.klass == kOcrRejectClass) {
+      labels.push_back(-1);  // a classifier without the class learns to doubt such pieces
+    } else {
+      continue;  // classes the classifier does not know
+    }
     used.push_back(&s);
   }
   if (used.empty()) throw HException(op, "No training samples of the classifier's classes", kErrEmptyInput);

@@ -27,6 +27,13 @@ struct OcrSample {
   std::string klass;
 };
 
+// The class of pieces that are no character (a merged pair, a broken-off
+// stroke, a speck). Its first byte has the high bit set, so the recognition
+// service never answers it. A classifier that has the class learns to name such
+// pieces with it; training one without it teaches equal confidences for them,
+// so that its best class comes with a low confidence.
+inline const std::string kOcrRejectClass = "\x80";
+
 // In-memory training set; a handle so that append_ocr_trainf and
 // trainf_ocr_class_mlp accept it in place of a training file name.
 class OcrTrainSamples : public HandleBase {
@@ -55,8 +62,9 @@ void write_ocr_trainf(const HObject& character, const HObject& image, const HTup
 // Reads a training file into an in-memory set.
 void read_ocr_trainf_samples(const HTuple& train_file, HTuple* samples_handle);
 
-// Trains with mini-batch Adam on the samples whose class the classifier knows;
-// max_iterations is the number of passes over the data. Error is the final mean
+// Trains with mini-batch Adam on the samples whose class the classifier knows
+// (and, in a classifier without kOcrRejectClass, its samples toward equal
+// outputs); max_iterations is the number of passes over the data. Error is the final mean
 // cross-entropy, error_log one value per pass. Deterministic for a given seed.
 void trainf_ocr_class_mlp(const HTuple& ocr_handle, const HTuple& train_file,
                           const HTuple& max_iterations, const HTuple& weight_tolerance,

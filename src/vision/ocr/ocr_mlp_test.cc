@@ -73,6 +73,33 @@ HTuple Classify(const HTuple& ocr, const Drawn& d, int num, HTuple* conf = nullp
   return klass;
 }
 
+// X shapes given as pieces of no character: a classifier with the rejection
+// class names them with it, one without it spreads its confidence over O and I,
+// and both still read O and I.
+TEST(OcrMlpReject, PiecesOfNoCharacterAreRejectedOrDoubted) {
+  auto add = [](const HTuple& set) {
+    for (int size = 16; size <= 60; size += 4)
+      for (char s : {'O', 'I', 'X'}) {
+        const Drawn d = DrawShape(s, 40 + size / 3, 50 + size, size);
+        append_ocr_trainf(d.region, d.image,
+                          HTuple(s == 'X' ? kOcrRejectClass : std::string(1, s)), set);
+      }
+  };
+  const HTuple with = Train(Create("default", HTuple::Strings({"O", "I", kOcrRejectClass}), 16, 7),
+                            200, add);
+  const HTuple without = Train(Create("default", HTuple::Strings({"O", "I"}), 16, 7), 200, add);
+  const Drawn x = DrawShape('X', 50, 80, 34), o = DrawShape('O', 50, 80, 34),
+              i = DrawShape('I', 50, 80, 34);
+  HTuple conf;
+  EXPECT_EQ(Classify(with, x, 1).S(0), kOcrRejectClass);
+  EXPECT_EQ(Classify(with, o, 1).S(0), "O");
+  Classify(without, x, 2, &conf);
+  EXPECT_LT(conf.D(0), 0.7);
+  EXPECT_EQ(Classify(without, o, 1, &conf).S(0), "O");
+  EXPECT_GT(conf.D(0), 0.9);
+  EXPECT_EQ(Classify(without, i, 1).S(0), "I");
+}
+
 std::string BytesOf(const std::string& path) {
   std::ifstream f(path, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(f), {});
