@@ -427,42 +427,43 @@ void Thin(detail::BitRaster* img) {
     const uint64_t side = which == 0 ? ~(p2 & p4 & p6) & ~(p4 & p6 & p8) : ~(p2 & p4 & p8) & ~(p2 & p6 & p8);
     return p1 & b_ok & one & ~many & side;
   };
-  // Words changed in the last pass and in the one before (indices y * nw + k).
-  std::vector<uint32_t> changed1, changed2, candidates;
-  std::vector<std::pair<uint32_t, uint64_t>> deletions;
+  // Words changed in the last pass and in the one before.
+  struct Word {
+    int y, k;
+  };
+  std::vector<Word> changed1, changed2, candidates;
+  std::vector<std::pair<Word, uint64_t>> deletions;
   std::vector<uint32_t> stamp(size_t(rows) * size_t(nw), 0);
   uint32_t pass_no = 0;
   auto pass = [&](int which) {
     ++pass_no;
     deletions.clear();
-    auto visit = [&](uint32_t j) {
-      const int y = int(j / uint32_t(nw)), k = int(j % uint32_t(nw));
-      if (const uint64_t del = decide(y, k, which)) deletions.push_back({j, del});
+    auto visit = [&](Word w) {
+      if (const uint64_t del = decide(w.y, w.k, which)) deletions.push_back({w, del});
     };
     if (pass_no <= 2) {
       for (int y = 1; y + 1 < rows; ++y)
-        for (int k = 0; k < nw; ++k) visit(uint32_t(y) * uint32_t(nw) + uint32_t(k));
+        for (int k = 0; k < nw; ++k) visit({y, k});
     } else {
       candidates.clear();
       for (const auto* list : {&changed1, &changed2})
-        for (uint32_t j : *list) {
-          const int y = int(j / uint32_t(nw)), k = int(j % uint32_t(nw));
-          for (int yy = std::max(1, y - 1); yy <= std::min(rows - 2, y + 1); ++yy)
-            for (int kk = std::max(0, k - 1); kk <= std::min(nw - 1, k + 1); ++kk) {
-              const uint32_t n = uint32_t(yy) * uint32_t(nw) + uint32_t(kk);
-              if (stamp[n] != pass_no) {
-                stamp[n] = pass_no;
-                candidates.push_back(n);
+        for (const Word& w : *list) {
+          for (int yy = std::max(1, w.y - 1); yy <= std::min(rows - 2, w.y + 1); ++yy) {
+            uint32_t* row_stamp = stamp.data() + size_t(yy) * size_t(nw);
+            for (int kk = std::max(0, w.k - 1); kk <= std::min(nw - 1, w.k + 1); ++kk)
+              if (row_stamp[kk] != pass_no) {
+                row_stamp[kk] = pass_no;
+                candidates.push_back({yy, kk});
               }
-            }
+          }
         }
-      for (uint32_t j : candidates) visit(j);
+      for (const Word& w : candidates) visit(w);
     }
     changed2.swap(changed1);
     changed1.clear();
-    for (const auto& [j, del] : deletions) {
-      bits[j] &= ~del;
-      changed1.push_back(j);
+    for (const auto& [w, del] : deletions) {
+      bits[size_t(w.y) * size_t(nw) + size_t(w.k)] &= ~del;
+      changed1.push_back(w);
     }
     return !deletions.empty();
   };
