@@ -2,6 +2,7 @@
 // moving-least-squares smoothing, greedy triangulation. The only file that
 // includes PCL, so that its templates are compiled once.
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <limits>
 #include <mutex>
@@ -284,12 +285,18 @@ void Mls(const ObjectModel3DData& m, const MlsParams& p, std::vector<Eigen::Vect
   const NeighbourGrid grid(m.points, 0, p.knn);
   *points = m.points;
   normals->assign(m.NumPoints(), Eigen::Vector3f::Zero());
-  ParallelFor(grid.NumCells(), [&](size_t b, size_t e) {
+  // Threads take small runs of cells as they go, so that a thread slowed by
+  // other work on the machine does not hold up the others.
+  constexpr size_t kRun = 64;
+  const size_t runs = (grid.NumCells() + kRun - 1) / kRun;
+  std::atomic<size_t> next{0};
+  ParallelFor(runs, [&](size_t, size_t) {
     NeighbourGrid::Scratch scratch;
     std::vector<Eigen::Vector3d> q;
     std::vector<double> w;
     std::vector<float> half;
-    grid.KnnOfCells(b, e, p.knn, false, &scratch,
+    for (size_t r = next++; r < runs; r = next++)
+    grid.KnnOfCells(r * kRun, std::min(grid.NumCells(), (r + 1) * kRun), p.knn, false, &scratch,
                     [&](int32_t i, const int32_t* idx, const float* d2, size_t n) {
       if (n < 3) return;
       const Eigen::Vector3d x = m.points[size_t(i)].cast<double>();
@@ -355,7 +362,7 @@ void Mls(const ObjectModel3DData& m, const MlsParams& p, std::vector<Eigen::Vect
       if (p.move) (*points)[size_t(i)] = pos.cast<float>();
       (*normals)[size_t(i)] = Oriented(nrm, pos, p.facing);
     });
-  }, 16);
+  }, 1);
 }
 
 }  // namespace
