@@ -125,16 +125,41 @@ bool JoinByCells(const std::vector<Eigen::Vector3f>& pts, double dist, UnionFind
       for (uint32_t j = same ? i + 1 : bb; j < be; ++j)
         if ((sorted[i] - sorted[j]).squaredNorm() < r2) uf->Join(keyed[i].second, keyed[j].second);
   };
-  for (const Cell& a : cells) {
+  // A cell whose points are all joined already (nearly every cell of a
+  // dense surface) needs one close pair with another such cell, and none
+  // once both belong to one part.
+  std::vector<char> whole(cells.size(), 0);
+  for (size_t c = 0; c < cells.size(); ++c) {
+    const Cell& a = cells[c];
     join_close(a.begin, a.end, a.begin, a.end, true);
+    const int32_t r = uf->Find(keyed[a.begin].second);
+    bool all = true;
+    for (uint32_t i = a.begin + 1; i < a.end && all; ++i) all = uf->Find(keyed[i].second) == r;
+    whole[c] = all;
+  }
+  auto join_first = [&](const Cell& a, const Cell& b) {
+    for (uint32_t i = a.begin; i < a.end; ++i)
+      for (uint32_t j = b.begin; j < b.end; ++j)
+        if ((sorted[i] - sorted[j]).squaredNorm() < r2) {
+          uf->Join(keyed[i].second, keyed[j].second);
+          return;
+        }
+  };
+  for (size_t c = 0; c < cells.size(); ++c) {
+    const Cell& a = cells[c];
     const int64_t x = int64_t(a.key & 0x1FFFFF), y = int64_t((a.key >> 21) & 0x1FFFFF),
                   z = int64_t(a.key >> 42);
     for (const Eigen::Vector3i& o : offsets) {
       const uint64_t key = key_of(x + o.x(), y + o.y(), z + o.z());
       for (uint64_t h = hash(key) & mask; table[h].second != kNone; h = (h + 1) & mask)
         if (table[h].first == key) {
-          const Cell& b = cells[table[h].second];
-          join_close(a.begin, a.end, b.begin, b.end, false);
+          const uint32_t bc = table[h].second;
+          const Cell& b = cells[bc];
+          if (!whole[c] || !whole[bc]) {
+            join_close(a.begin, a.end, b.begin, b.end, false);
+          } else if (uf->Find(keyed[a.begin].second) != uf->Find(keyed[b.begin].second)) {
+            join_first(a, b);
+          }
           break;
         }
     }
