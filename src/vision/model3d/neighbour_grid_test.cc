@@ -54,6 +54,34 @@ TEST(NeighbourGrid, MatchesBruteForce) {
           EXPECT_EQ((pts[size_t(idx[j])] - pts[q]).squaredNorm(), d2[j]);
       }
     }
+    // All points' neighbours cell by cell, in two runs of cells as two
+    // threads take them: each point once, the same as brute force, sorted
+    // or just the right set.
+    for (int k : {1, 7, 60})
+      for (bool sorted : {true, false}) {
+        const NeighbourGrid grid(pts, 0, k);
+        std::vector<int> seen(pts.size(), 0);
+        const size_t half = grid.NumCells() / 2;
+        for (auto [b, e] : {std::pair<size_t, size_t>{0, half}, {half, grid.NumCells()}}) {
+          NeighbourGrid::Scratch s;
+          grid.KnnOfCells(b, e, k, sorted, &s, [&](int32_t q, const int32_t* idx, const float* d2, size_t n) {
+            if (seen[size_t(q)]++ || q % 7) return;  // brute force for a sample
+            std::vector<float> all, got(d2, d2 + n);
+            for (const auto& p : pts)
+              if (p.allFinite()) all.push_back((p - pts[size_t(q)]).squaredNorm());
+            std::sort(all.begin(), all.end());
+            all.resize(std::min<size_t>(size_t(k), all.size()));
+            if (!sorted) std::sort(got.begin(), got.end());
+            // Distances summed in another order may differ in the last bit.
+            ASSERT_EQ(got.size(), all.size()) << "query " << q << " k " << k;
+            for (size_t j = 0; j < n; ++j) {
+              EXPECT_NEAR(got[j], all[j], 1e-6f * all[j]) << "query " << q << " k " << k;
+              EXPECT_NEAR((pts[size_t(idx[j])] - pts[size_t(q)]).squaredNorm(), d2[j], 1e-6f * d2[j]);
+            }
+          });
+        }
+        for (size_t i = 0; i < pts.size(); ++i) EXPECT_EQ(seen[i], pts[i].allFinite() ? 1 : 0) << i;
+      }
     // Radius: the same set as brute force, bound included.
     const double r = what == std::string("volume") ? 0.1 : 2e-4;
     const NeighbourGrid grid(pts, r);
