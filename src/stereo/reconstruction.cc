@@ -97,15 +97,6 @@ std::string FormatTimes(const ReconstructionTimes& t) {
   return buf;
 }
 
-double SurfaceJoinDistance(Hlong pairs) {
-  // Four pairs' points lie about 26 um apart on the rig's parts and join at
-  // 50 um. One pair's lie about 49 um apart, its own pixel grid's spacing,
-  // and two pairs add little between them: at 50 um nearly every point would
-  // be a part of its own and fall below the 1000 points kept. Fewer pairs
-  // join at the distance that already cleans each pair's cloud.
-  return pairs >= 4 ? 0.00005 : 0.0001;
-}
-
 HTuple action(const HTuple& hv_WindowHandle, const HTuple& hv_SerializedItemHandle, const SideViews& Images) {
   return ReconstructSurface(hv_WindowHandle, hv_SerializedItemHandle, Images, "Default", nullptr);
 }
@@ -312,7 +303,7 @@ HTuple ReconstructSurface(const HTuple& hv_WindowHandle, const HTuple& hv_Serial
 
   t_stage = Clock::now();
   HTuple hv_Parts2, hv_Big2, hv_U2;
-  vision::connection_object_model_3d(hv_Sel, "distance_3d", SurfaceJoinDistance(n), &hv_Parts2);
+  vision::connection_object_model_3d(hv_Sel, "distance_3d", 0.00005, &hv_Parts2);
   vision::select_object_model_3d(hv_Parts2, "num_points", "and", 1000, HTuple(vision::Hlong(100000000000000LL)),
                                  &hv_Big2);
   vision::union_object_model_3d(hv_Big2, "points_surface", &hv_U2);

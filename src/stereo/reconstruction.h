@@ -26,11 +26,6 @@ void calc_rel_pose(vision::HTuple hv_Pose1, vision::HTuple hv_Pose2, vision::HTu
 // "accurate", "very accurate"); false for another name.
 bool QualityPairs(const std::string& quality, vision::HTuple* from, vision::HTuple* to);
 
-// The distance that joins the merged, cropped cloud into its parts: 50 um
-// for four pairs or more ("Default" and above), the per-pair 100 um for the
-// sparser clouds of one or two pairs ("very fast", "fast").
-double SurfaceJoinDistance(vision::Hlong pairs);
-
 // Seconds spent in each stage of one run.
 struct ReconstructionTimes {
   double views = 0;           // decoding and drawing the eight views
