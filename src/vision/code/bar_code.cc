@@ -84,7 +84,8 @@ double ElementSize(const code::Found& f) {
 }
 
 // Codes whose text no check character protects: a misread there is a valid
-// read of another text, so they must pass a second scan line as well.
+// read of another text, so they need a wider quiet zone to be sure the
+// symbol does not go on.
 bool WithoutCheckCharacter(BarcodeFormat f) {
   return f == BarcodeFormat::Code39 || f == BarcodeFormat::Codabar || f == BarcodeFormat::ITF;
 }
@@ -148,6 +149,37 @@ bool SecondLineAgrees(const cv::Mat& gray, const code::Found& f, double margin) 
     for (double side : {1.0, -1.0})
       if (code::ReadAlongLine(gray, f, side * (band + gap), margin) == f.text) return true;
   return false;
+}
+
+// No bar or space inside the symbol is wider than its symbology allows
+// (three modules for the two-width codes, four for the others, with room
+// for perspective): a bar covered or lost leaves a long space, and the
+// decoder may still find valid characters on either side of it.
+bool ElementsFit(const cv::Mat& gray, const code::Found& f) {
+  const BarcodeFormat format = BarcodeFormat(f.format);
+  const bool two_widths = format == BarcodeFormat::Code39 || format == BarcodeFormat::Codabar || format == BarcodeFormat::ITF;
+  const double limit = (two_widths ? 3.6 : 4.6) * ElementSize(f);
+  const cv::Point2d a = (f.corners[0] + f.corners[3]) * 0.5, b = (f.corners[1] + f.corners[2]) * 0.5;
+  const double len = cv::norm(b - a);
+  if (len < 8) return false;
+  const cv::Point2d dir = (b - a) / len, across(-dir.y, dir.x);
+  auto at = [&](cv::Point2d p) {
+    const int x = std::clamp(int(std::lround(p.x)), 0, gray.cols - 1), y = std::clamp(int(std::lround(p.y)), 0, gray.rows - 1);
+    return double(gray.at<uint8_t>(y, x));
+  };
+  std::vector<double> profile;
+  for (double t = 0; t <= len; t += 0.5)
+    profile.push_back((at(a + dir * t - across) + at(a + dir * t) + at(a + dir * t + across)) / 3);
+  std::vector<double> sorted = profile;
+  std::sort(sorted.begin(), sorted.end());
+  const double mid = 0.5 * (sorted[sorted.size() / 10] + sorted[sorted.size() * 9 / 10]);
+  // Runs between the first and the last change: the elements themselves.
+  std::vector<size_t> changes;
+  for (size_t i = 1; i < profile.size(); ++i)
+    if ((profile[i] < mid) != (profile[i - 1] < mid)) changes.push_back(i);
+  for (size_t k = 1; k < changes.size(); ++k)
+    if (0.5 * double(changes[k] - changes[k - 1]) > limit) return false;
+  return true;
 }
 
 // The quiet zone every symbol needs, in modules, whatever the model asks:
@@ -264,15 +296,18 @@ void find_bar_code(const HObject& image, HObject* symbol_regions, const HTuple& 
                                                           : code::Polarity::Any;
   }
   // Only whole symbols count: the element size the model allows, both quiet
-  // zones seen, and for codes without a check character a second scan line
-  // that reads the same text. A refused read does not end the search.
+  // zones seen (wider for codes without a check character), no element
+  // wider than the code allows, and a second, independent scan line that
+  // reads the same text. A refused read does not end the search.
   req.accept = [&](const code::Found& f) {
     const double e = ElementSize(f);
     if (e < m->element_size_min * 0.5 || e > m->element_size_max * 1.5) return false;
     const BarcodeFormat format = BarcodeFormat(f.format);
     const double quiet = std::max(double(m->quiet_zone), MinimumQuietZone(format));
-    return QuietZonesSeen(gray, f, quiet) &&
-           (!WithoutCheckCharacter(format) || SecondLineAgrees(gray, f, (quiet + 1) * std::max(1.0, e)));
+    // The second line for every code: a check character catches most
+    // misreads, not all (two digits misread can keep the sum).
+    return QuietZonesSeen(gray, f, quiet) && ElementsFit(gray, f) &&
+           SecondLineAgrees(gray, f, (quiet + 1) * std::max(1.0, e));
   };
   // An image without anything bar-like answers before any decoder runs; the
   // reading pass on the image training found empty does not look again.
