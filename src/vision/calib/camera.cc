@@ -2,36 +2,23 @@
 
 #include <algorithm>
 #include <cmath>
-#include <initializer_list>
+#include <span>
 #include <string>
 #include <vector>
+
+#include "vision/core/param.h"
 
 namespace vision {
 
 namespace {
 
-std::vector<double> Numbers(const HTuple& t, const char* op) {
-  std::vector<double> v(size_t(t.Length()));
-  const std::vector<HValue>& values = t.Values();
-  for (size_t i = 0; i < values.size(); ++i) {
-    if (const double* d = std::get_if<double>(&values[i])) v[i] = *d;
-    else if (const Hlong* l = std::get_if<Hlong>(&values[i])) v[i] = double(*l);
-    else throw HException(op, "Wrong type of control parameter: number expected", kErrWrongParamType);
-  }
-  return v;
-}
-
-// Common length of coordinate tuples, one-value tuples broadcast; each one
-// is expanded to that length in place.
-size_t Broadcast(const char* op, std::initializer_list<std::vector<double>*> vs) {
-  size_t n = 0;
-  for (auto* v : vs) n = std::max(n, v->size());
-  for (auto* v : vs) {
-    if (v->size() == n) continue;
-    if (v->size() != 1) throw HException(op, "Control parameters of different lengths", kErrWrongParamCount);
-    v->assign(n, (*v)[0]);
-  }
-  return n;
+// A coordinate input of n points: its own values, or its one value spread
+// over n (into *scratch).
+std::span<const double> Spread(std::span<const double> v, size_t n, std::vector<double>* scratch) {
+  if (v.size() == n) return v;
+  const double x = v[0];
+  scratch->assign(n, x);
+  return *scratch;
 }
 
 }  // namespace
@@ -57,52 +44,64 @@ void ProjectPoints(const CamParams& cam, const double* __restrict x, const doubl
   }
 }
 
+// Coordinates are read in place and the results handed to the tuples
+// without copies, so the operator runs at nearly the speed of the loop.
 void project_3d_point(const HTuple& x, const HTuple& y, const HTuple& z, const HTuple& camera_param,
                       HTuple* row, HTuple* column) {
   constexpr const char* op = "project_3d_point";
   const CamParams cam = CamParams::FromTuple(camera_param, op);
-  std::vector<double> vx = Numbers(x, op), vy = Numbers(y, op), vz = Numbers(z, op);
-  HTuple rows, cols;
-  if (!(vx.empty() && vy.empty() && vz.empty())) {
-    const size_t n = Broadcast(op, {&vx, &vy, &vz});
-    std::vector<double> r(n), c(n);
-    ProjectPoints(cam, vx.data(), vy.data(), vz.data(), n, r.data(), c.data());
-    rows = HTuple::Reals(r);
-    cols = HTuple::Reals(c);
+  std::vector<double> sx, sy, sz;
+  std::span<const double> vx = ParamReals(x, op, "X", &sx), vy = ParamReals(y, op, "Y", &sy),
+                          vz = ParamReals(z, op, "Z", &sz);
+  if (vx.empty() && vy.empty() && vz.empty()) {
+    *row = HTuple();
+    *column = HTuple();
+    return;
   }
-  *row = std::move(rows);
-  *column = std::move(cols);
+  const size_t n = size_t(ParamItems(op, {{x, "X"}, {y, "Y"}, {z, "Z"}}));
+  vx = Spread(vx, n, &sx); vy = Spread(vy, n, &sy); vz = Spread(vz, n, &sz);
+  std::vector<double> r(n), c(n);
+  ProjectPoints(cam, vx.data(), vy.data(), vz.data(), n, r.data(), c.data());
+  *row = HTuple::Reals(std::move(r));
+  *column = HTuple::Reals(std::move(c));
 }
 
 void get_line_of_sight(const HTuple& row, const HTuple& column, const HTuple& camera_param,
                        HTuple* px, HTuple* py, HTuple* pz, HTuple* qx, HTuple* qy, HTuple* qz) {
   constexpr const char* op = "get_line_of_sight";
   const CamParams cam = CamParams::FromTuple(camera_param, op);
-  std::vector<double> r = Numbers(row, op), c = Numbers(column, op);
+  std::vector<double> sr, sc;
+  std::span<const double> r = ParamReals(row, op, "Row", &sr), c = ParamReals(column, op, "Column", &sc);
   size_t n = 0;
-  if (!(r.empty() && c.empty())) n = Broadcast(op, {&r, &c});
-  std::vector<double> ox(n), oy(n), oz(n);
-  for (size_t i = 0; i < n; ++i) {
-    const Eigen::Vector3d q = cam.Unproject(r[i], c[i]);
-    ox[i] = q.x(); oy[i] = q.y(); oz[i] = q.z();
+  if (!(r.empty() && c.empty())) {
+    n = size_t(ParamItems(op, {{row, "Row"}, {column, "Column"}}));
+    r = Spread(r, n, &sr);
+    c = Spread(c, n, &sc);
   }
-  const std::vector<double> zero(n, 0.0);
-  *px = HTuple::Reals(zero); *py = HTuple::Reals(zero); *pz = HTuple::Reals(zero);
-  *qx = HTuple::Reals(ox); *qy = HTuple::Reals(oy); *qz = HTuple::Reals(oz);
+  // CamParams::Unproject, unrolled over the arrays.
+  std::vector<double> ox(n), oy(n), oz(n, cam.focus);
+  for (size_t i = 0; i < n; ++i) {
+    const double ut = (c[i] - cam.cx) * cam.sx, vt = (r[i] - cam.cy) * cam.sy;
+    const double k = 1.0 + cam.kappa * (ut * ut + vt * vt);
+    ox[i] = ut / k;
+    oy[i] = vt / k;
+  }
+  *px = HTuple::Reals(std::vector<double>(n, 0.0));
+  *py = HTuple::Reals(std::vector<double>(n, 0.0));
+  *pz = HTuple::Reals(std::vector<double>(n, 0.0));
+  *qx = HTuple::Reals(std::move(ox)); *qy = HTuple::Reals(std::move(oy)); *qz = HTuple::Reals(std::move(oz));
 }
 
 void change_radial_distortion_cam_par(const HTuple& mode, const HTuple& cam_param_in,
                                       const HTuple& distortion_coeffs, HTuple* cam_param_out) {
   constexpr const char* op = "change_radial_distortion_cam_par";
-  if (mode.Length() != 1 || !mode.IsString(0)) throw HException(op, "Wrong type of control parameter Mode", kErrWrongParamType);
+  const std::string& m = ParamString(mode, op, "Mode");
   CamParams cam = CamParams::FromTuple(cam_param_in, op);
-  if (distortion_coeffs.Length() != 1) throw HException(op, "Wrong number of distortion coefficients", kErrWrongParamCount);
-  if (!distortion_coeffs.IsNumber(0)) throw HException(op, "Wrong type of distortion coefficient", kErrWrongParamType);
-  const std::string& m = mode.S(0);
+  const double kappa = ParamReal(distortion_coeffs, op, "DistortionCoeffs");
   if (m == "fullsize" || m == "adaptive" || m == "preserve_resolution")
     throw HException(op, "Mode " + m + " is not supported", kErrNotImplemented);
-  if (m != "fixed") throw HException(op, "Wrong value of control parameter Mode", kErrWrongParamValue);
-  cam.kappa = distortion_coeffs.D(0);
+  if (m != "fixed") ThrowParamValue(op, "Mode", "'" + m + "'");
+  cam.kappa = kappa;
   *cam_param_out = cam.ToTuple();
 }
 

@@ -6,6 +6,7 @@
 #include <fstream>
 #include <iterator>
 
+#include "vision/core/param.h"
 #include "vision/core/serialized_item.h"
 #include "vision/geometry/pose_types.h"
 
@@ -16,34 +17,25 @@ namespace {
 // Far above any rig, low enough that a forged count cannot exhaust memory.
 constexpr Hlong kMaxCameras = 4096;
 
-Hlong CameraIndex(const HTuple& idx, const char* op) {
-  if (idx.Length() != 1) throw HException(op, "Wrong number of values of control parameter CameraIdx", kErrWrongParamCount);
-  // A real without a fraction (what tuple arithmetic hands on) counts as the integer.
-  if (!idx.IsNumber(0) || idx.D(0) != std::floor(idx.D(0)))
-    throw HException(op, "Wrong type of control parameter CameraIdx", kErrWrongParamType);
-  return idx.L(0);
+Hlong CameraIndex(const HTuple& idx, const char* op, const char* name = "CameraIdx") {
+  return ParamInt(idx, op, name);
 }
 
 SetupCamera& MutableCamera(CameraSetupModelData* m, const HTuple& idx, const char* op) {
   const Hlong i = CameraIndex(idx, op);
   if (i < 0 || i >= Hlong(m->cameras.size()))
-    throw HException(op, "Camera index out of range", kErrWrongParamValue);
+    ThrowParamValue(op, "CameraIdx", "no camera " + std::to_string(i));
   return m->cameras[size_t(i)];
 }
 
-const std::string& OneString(const HTuple& t, const char* op) {
-  if (t.Length() != 1 || !t.IsString(0)) throw HException(op, "Wrong type of control parameter: string expected", kErrWrongParamType);
-  return t.S(0);
-}
+const std::string& OneString(const HTuple& t, const char* op, const char* name) { return ParamString(t, op, name); }
 
 // Poses are kept with reals for the six values and an integer code, whatever
 // mix of numbers they were given as.
 // Non-finite values are refused here, so that every model can be serialized
 // and read back.
 HTuple NormalisedPose(const HTuple& pose, const char* op) {
-  const int code = CheckPose(pose, op);
-  for (int i = 0; i < 6; ++i)
-    if (!std::isfinite(pose.D(i))) throw HException(op, "Pose value not finite", kErrWrongParamValue);
+  const int code = CheckPose(pose, op);  // finite values, a valid code
   return HTuple::Reals({pose.D(0), pose.D(1), pose.D(2), pose.D(3), pose.D(4), pose.D(5)}).Append(HTuple(code));
 }
 
@@ -59,7 +51,7 @@ void CheckCameraType(const HTuple& type, const HTuple& params, const char* op) {
     if (params.Length() != 8) throw HException(op, "Camera type of these camera parameters not supported", kErrNotImplemented);
     return;
   }
-  if (OneString(type, op) != kAreaScanDivision)
+  if (OneString(type, op, "CameraType") != kAreaScanDivision)
     throw HException(op, "Camera type not supported: " + type.S(0), kErrNotImplemented);
 }
 
@@ -243,10 +235,7 @@ CameraSetupModelPtr DeserializeCameraSetup(const uint8_t* data, size_t size, con
 
 void create_camera_setup_model(const HTuple& num_cameras, HTuple* camera_setup_model_id) {
   constexpr const char* op = "create_camera_setup_model";
-  if (num_cameras.Length() != 1) throw HException(op, "Wrong number of values of control parameter NumCameras", kErrWrongParamCount);
-  if (!num_cameras.IsInt(0)) throw HException(op, "Wrong type of control parameter NumCameras", kErrWrongParamType);
-  const Hlong n = num_cameras.L(0);
-  if (n < 1 || n > kMaxCameras) throw HException(op, "Wrong value of control parameter NumCameras", kErrWrongParamValue);
+  const Hlong n = ParamIntIn(num_cameras, op, "NumCameras", 1, kMaxCameras);
   auto m = std::make_shared<CameraSetupModelData>();
   m->cameras.resize(size_t(n));
   *camera_setup_model_id = HTuple(HHandle(m));
@@ -271,7 +260,7 @@ void set_camera_setup_param(const HTuple& camera_setup_model_id, const HTuple& c
                             const HTuple& gen_param_name, const HTuple& gen_param_value) {
   constexpr const char* op = "set_camera_setup_param";
   CameraSetupModelData* m = CameraSetupModelCast(camera_setup_model_id, op);
-  const std::string& name = OneString(gen_param_name, op);
+  const std::string& name = OneString(gen_param_name, op, "GenParamName");
   if (name == "params") {
     SetupCamera& c = MutableCamera(m, camera_idx, op);
     c.params = FiniteCamParams(gen_param_value, op);
@@ -282,18 +271,18 @@ void set_camera_setup_param(const HTuple& camera_setup_model_id, const HTuple& c
     c.has_pose = true;
   } else if (name == "type" || name == "camera_type") {
     MutableCamera(m, camera_idx, op);
-    if (OneString(gen_param_value, op) != kAreaScanDivision)
+    if (OneString(gen_param_value, op, "GenParamValue") != kAreaScanDivision)
       throw HException(op, "Camera type not supported: " + gen_param_value.S(0), kErrNotImplemented);
   } else if (name == "coord_transf_pose") {
     MoveWorld(m, PoseToIsometry(NormalisedPose(gen_param_value, op), op), op);
     m->reference_camera = -1;
   } else if (name == "reference_camera") {
-    const Hlong i = CameraIndex(gen_param_value, op);
+    const Hlong i = CameraIndex(gen_param_value, op, "GenParamValue");
     const SetupCamera& c = m->Camera(i, op);
     MoveWorld(m, PoseToIsometry(c.pose, op), op);
     m->reference_camera = i;
   } else {
-    throw HException(op, "Wrong value of control parameter GenParamName: " + name, kErrWrongParamValue);
+    ThrowParamValue(op, "GenParamName", "'" + name + "'");
   }
 }
 
@@ -301,7 +290,7 @@ void get_camera_setup_param(const HTuple& camera_setup_model_id, const HTuple& c
                             const HTuple& gen_param_name, HTuple* gen_param_value) {
   constexpr const char* op = "get_camera_setup_param";
   const CameraSetupModelData* m = CameraSetupModelCast(camera_setup_model_id, op);
-  const std::string& name = OneString(gen_param_name, op);
+  const std::string& name = OneString(gen_param_name, op, "GenParamName");
   if (name == "num_cameras") {
     *gen_param_value = HTuple(Hlong(m->cameras.size()));
   } else if (name == "reference_camera") {
@@ -310,7 +299,7 @@ void get_camera_setup_param(const HTuple& camera_setup_model_id, const HTuple& c
     *gen_param_value = m->coord_transf_pose;
   } else if (name == "params" || name == "pose" || name == "type" || name == "camera_type") {
     const Hlong i = CameraIndex(camera_idx, op);
-    if (i < 0 || i >= Hlong(m->cameras.size())) throw HException(op, "Camera index out of range", kErrWrongParamValue);
+    if (i < 0 || i >= Hlong(m->cameras.size())) ThrowParamValue(op, "CameraIdx", "no camera " + std::to_string(i));
     const SetupCamera& c = m->cameras[size_t(i)];
     if (name == "params") {
       if (!c.has_params) throw HException(op, "Camera " + std::to_string(i) + " has no parameters", kErrWrongParamValue);
@@ -323,7 +312,7 @@ void get_camera_setup_param(const HTuple& camera_setup_model_id, const HTuple& c
       *gen_param_value = HTuple(c.type);
     }
   } else {
-    throw HException(op, "Wrong value of control parameter GenParamName: " + name, kErrWrongParamValue);
+    ThrowParamValue(op, "GenParamName", "'" + name + "'");
   }
 }
 
@@ -346,7 +335,7 @@ void deserialize_camera_setup_model(const HTuple& serialized_item_handle, HTuple
 void write_camera_setup_model(const HTuple& camera_setup_model_id, const HTuple& file_name) {
   constexpr const char* op = "write_camera_setup_model";
   const CameraSetupModelData* m = CameraSetupModelCast(camera_setup_model_id, op);
-  const std::string& path = OneString(file_name, op);
+  const std::string& path = OneString(file_name, op, "FileName");
   const std::vector<uint8_t> bytes = SerializeCameraSetup(*m);
   std::ofstream f(path, std::ios::binary | std::ios::trunc);
   f.write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
@@ -355,7 +344,7 @@ void write_camera_setup_model(const HTuple& camera_setup_model_id, const HTuple&
 
 void read_camera_setup_model(const HTuple& file_name, HTuple* camera_setup_model_id) {
   constexpr const char* op = "read_camera_setup_model";
-  const std::string& path = OneString(file_name, op);
+  const std::string& path = OneString(file_name, op, "FileName");
   std::ifstream f(path, std::ios::binary);
   if (!f) throw HException(op, "Cannot open file " + path, kErrFile);
   const std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());

@@ -97,4 +97,45 @@ void ParamCountPer(const HTuple& t, const char* op, const char* name, Hlong n) {
   if (t.Length() != 1 && t.Length() != n) ThrowParamCount(op, name);
 }
 
+std::span<const double> ParamReals(const HTuple& t, const char* op, const char* name,
+                                   std::vector<double>* scratch, bool finite) {
+  std::span<const double> out = t.RealSpan();
+  if (out.size() != size_t(t.Length())) {
+    scratch->resize(size_t(t.Length()));
+    if (t.AllInt()) {
+      std::span<const Hlong> l = t.IntSpan();
+      for (size_t i = 0; i < l.size(); ++i) (*scratch)[i] = double(l[i]);
+    } else {
+      for (Hlong i = 0; i < t.Length(); ++i) {
+        if (!t.IsNumber(i)) ThrowParamType(op, name, "number");
+        (*scratch)[size_t(i)] = t.D(i);
+      }
+    }
+    out = *scratch;
+  }
+  if (finite) {
+    bool ok = true;
+    for (double v : out) ok &= std::isfinite(v);
+    if (!ok)
+      for (double v : out)
+        if (!std::isfinite(v)) ThrowParamValue(op, name, Number(v));
+  }
+  return out;
+}
+
+Hlong ParamItems(const char* op, std::initializer_list<ParamItemsOf> inputs) {
+  Hlong n = 1;
+  const char* first = nullptr;
+  for (const ParamItemsOf& in : inputs) {
+    const Hlong len = in.t.Length();
+    if (len == 0 || len % in.stride != 0) ThrowParamCount(op, in.name);
+    const Hlong k = len / in.stride;
+    if (k == 1) continue;
+    if (first && n != k) ThrowParamCount(op, in.name);
+    n = k;
+    first = in.name;
+  }
+  return n;
+}
+
 }  // namespace vision

@@ -21,8 +21,10 @@
 // per-element parameter: element i, and a one-value tuple serves every
 // element.
 #include <initializer_list>
+#include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "vision/core/exception.h"
 #include "vision/core/tuple.h"
@@ -55,6 +57,26 @@ inline void ParamCount(const HTuple& t, const char* op, const char* name, Hlong 
 }
 // One value for all n elements or one per element.
 void ParamCountPer(const HTuple& t, const char* op, const char* name, Hlong n);
+
+// A parameter of many numbers (coordinates, matrices, poses) as reals, read
+// in one pass: a view of the tuple's own storage when it holds only reals,
+// otherwise converted into *scratch. A non-number is a wrong type; with
+// `finite`, a non-finite value is a wrong value, else values are taken as
+// they are (a missing point given as NaN stays NaN). The view lives as long
+// as the tuple and *scratch are unchanged.
+std::span<const double> ParamReals(const HTuple& t, const char* op, const char* name,
+                                   std::vector<double>* scratch, bool finite = false);
+
+// One input of a vectorised call: `stride` values per item.
+struct ParamItemsOf {
+  const HTuple& t;
+  const char* name;
+  Hlong stride = 1;
+};
+// The number of items of a vectorised call: each input holds a whole number
+// of items, either one (serving every item) or as many as the others. An
+// empty input or a broken item is a wrong count.
+Hlong ParamItems(const char* op, std::initializer_list<ParamItemsOf> inputs);
 
 // The errors themselves, for checks the readers above cannot express.
 [[noreturn]] void ThrowParamCount(const char* op, const std::string& name);

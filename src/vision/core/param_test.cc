@@ -1,5 +1,7 @@
 #include <cmath>
 #include <functional>
+#include <span>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -22,7 +24,25 @@ TEST(ParamTest, ReadersAnswerOneRule) {
   const Read str0 = [](const HTuple& t) { return HTuple(ParamString(t, "op", "P")); };
   const Read str_in = [](const HTuple& t) { return HTuple(ParamStringIn(t, "op", "P", {"a", "b"})); };
   const Read boolean = [](const HTuple& t) { return HTuple(Hlong(ParamBool(t, "op", "P"))); };
-  const double nan = std::nan("");
+  const Read reals = [](const HTuple& t) {
+    std::vector<double> scratch;
+    const std::span<const double> v = ParamReals(t, "op", "P", &scratch);
+    // A tuple of reals is read in place, anything else through the scratch.
+    if (!t.Empty()) EXPECT_EQ(v.data() == t.RealSpan().data(), t.AllReal()) << t.ToString();
+    return HTuple::Reals(std::vector<double>(v.begin(), v.end()));
+  };
+  const Read finite_reals = [](const HTuple& t) {
+    std::vector<double> scratch;
+    const std::span<const double> v = ParamReals(t, "op", "P", &scratch, true);
+    return HTuple::Reals(std::vector<double>(v.begin(), v.end()));
+  };
+  const Read pairs = [](const HTuple& t) {
+    return HTuple(ParamItems("op", {{HTuple::Reals({0, 0}), "Q", 2}, {t, "P", 2}}));
+  };
+  const Read beside_three = [](const HTuple& t) {
+    return HTuple(ParamItems("op", {{HTuple::Ints({1, 2, 3}), "Q"}, {t, "P"}}));
+  };
+  const double nan = std::nan(""), inf = HUGE_VAL;
   struct Case {
     const char* what;
     Read read;
@@ -56,6 +76,20 @@ TEST(ParamTest, ReadersAnswerOneRule) {
       {"0", boolean, HTuple(0), HTuple(0), 0},
       {"2 as boolean", boolean, HTuple(2), {}, kErrWrongParamValue},
       {"yes as boolean", boolean, HTuple("yes"), {}, kErrWrongParamValue},
+      {"reals", reals, HTuple::Reals({1, 2}), HTuple::Reals({1, 2}), 0},
+      {"integers as reals", reals, HTuple::Ints({1, 2}), HTuple::Reals({1, 2}), 0},
+      {"mixed numbers as reals", reals, HTuple{1, 2.5}, HTuple::Reals({1, 2.5}), 0},
+      {"no reals", reals, HTuple(), HTuple(), 0},
+      {"infinity taken as it is", reals, HTuple::Reals({1, inf}), HTuple::Reals({1, inf}), 0},
+      {"string among reals", reals, HTuple{1.0, "a"}, {}, kErrWrongParamType},
+      {"infinity where finite", finite_reals, HTuple::Reals({1, inf}), {}, kErrWrongParamValue},
+      {"one pair", pairs, HTuple{1, 2}, HTuple(1), 0},
+      {"three pairs", pairs, HTuple::Reals({1, 2, 3, 4, 5, 6}), HTuple(3), 0},
+      {"broken pair", pairs, HTuple::Reals({1, 2, 3}), {}, kErrWrongParamCount},
+      {"no pair", pairs, HTuple(), {}, kErrWrongParamCount},
+      {"one item beside three", beside_three, HTuple(7), HTuple(3), 0},
+      {"three beside three", beside_three, HTuple{7, 8, 9}, HTuple(3), 0},
+      {"two beside three", beside_three, HTuple{7, 8}, {}, kErrWrongParamCount},
   };
   for (const auto& c : cases) {
     try {
@@ -88,6 +122,7 @@ struct Model {
   Hlong size = 2;
   double gain = 1;
   std::string trained = "";
+  HTuple box;
 };
 
 const ParamTable<Model> kTable({
@@ -101,6 +136,13 @@ const ParamTable<Model> kTable({
      [](const Model& m) { return HTuple(m.size); }},
     {"gain", [](Model& m, const ParamValue& v) { m.gain = v.Real(); }, nullptr},
     {"trained", nullptr, [](const Model& m) { return HTuple(m.trained); }, ParamTable<Model>::kGroup1},
+    {"box",
+     [](Model& m, const ParamValue& v) {
+       const HTuple t = v.Tuple();
+       ParamCount(t, v.Op(), v.Name().c_str(), 2);
+       m.box = HTuple::Reals({ParamReal(t, v.Op(), "box", 0), ParamReal(t, v.Op(), "box", 1)});
+     },
+     [](const Model& m) { return m.box; }},
 });
 
 TEST(ParamTest, TableDrivesSetGetAndQuery) {
@@ -110,8 +152,11 @@ TEST(ParamTest, TableDrivesSetGetAndQuery) {
   EXPECT_EQ(m.preset, "enhanced");
   EXPECT_EQ(m.size, 7);
   EXPECT_EQ(kTable.Get(m, HTuple{"preset", "size", "trained"}, "get_p"), (HTuple{"enhanced", 7, ""}));
-  EXPECT_EQ(kTable.Names(ParamTable<Model>::kSettable), (HTuple{"preset", "size", "gain"}));
-  EXPECT_EQ(kTable.Names(ParamTable<Model>::kGettable), (HTuple{"preset", "size", "trained"}));
+  // The one name of a call takes all the values.
+  kTable.Set(m, HTuple("box"), HTuple{1, 2.5}, "set_p");
+  EXPECT_EQ(kTable.Get(m, HTuple{"box", "size"}, "get_p"), (HTuple{1.0, 2.5, 7}));
+  EXPECT_EQ(kTable.Names(ParamTable<Model>::kSettable), (HTuple{"preset", "size", "gain", "box"}));
+  EXPECT_EQ(kTable.Names(ParamTable<Model>::kGettable), (HTuple{"preset", "size", "trained", "box"}));
   EXPECT_EQ(kTable.Names(ParamTable<Model>::kGroup1), HTuple("trained"));
 
   struct Bad {
@@ -124,6 +169,9 @@ TEST(ParamTest, TableDrivesSetGetAndQuery) {
       {HTuple("nonesuch"), HTuple(1), kErrWrongParamValue},
       {HTuple(1), HTuple(1), kErrWrongParamType},
       {HTuple("trained"), HTuple("x"), kErrWrongParamValue},  // read only
+      {HTuple("size"), HTuple{3, 4}, kErrWrongParamCount},      // one value only
+      {HTuple{"box", "size"}, HTuple{1, 2}, kErrWrongParamCount},  // a pair takes one value
+      {HTuple("box"), HTuple{1, "x"}, kErrWrongParamType},
   };
   for (const auto& b : bad) {
     try {

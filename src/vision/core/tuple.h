@@ -4,7 +4,9 @@
 #include <cstdint>
 #include <initializer_list>
 #include <memory>
+#include <span>
 #include <string>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -32,43 +34,75 @@ using HHandle = std::shared_ptr<HandleBase>;
 
 using HValue = std::variant<Hlong, double, std::string, HHandle>;
 
+// Storage: a tuple whose elements are all reals (or all integers) keeps them
+// in one contiguous array, so vectorised operators read and write plain
+// arrays; the first element of another type turns it into a list of HValues.
+// The representation never shows in the tuple's behaviour: element types,
+// values, errors and copies are the same either way.
 class HTuple {
  public:
   HTuple() = default;
-  HTuple(int v) : v_{Hlong(v)} {}
-  HTuple(long v) : v_{Hlong(v)} {}
-  HTuple(long long v) : v_{Hlong(v)} {}
-  HTuple(unsigned v) : v_{Hlong(v)} {}
-  HTuple(double v) : v_{v} {}
-  HTuple(float v) : v_{double(v)} {}
+  HTuple(int v) : s_(std::vector<Hlong>{Hlong(v)}) {}
+  HTuple(long v) : s_(std::vector<Hlong>{Hlong(v)}) {}
+  HTuple(long long v) : s_(std::vector<Hlong>{Hlong(v)}) {}
+  HTuple(unsigned v) : s_(std::vector<Hlong>{Hlong(v)}) {}
+  HTuple(double v) : s_(std::vector<double>{v}) {}
+  HTuple(float v) : s_(std::vector<double>{double(v)}) {}
   HTuple(bool v) = delete;  // the library has no booleans; say "true" or 1
-  HTuple(const char* s) : v_{std::string(s)} {}
-  HTuple(std::string s) : v_{std::move(s)} {}
-  HTuple(HHandle h) : v_{std::move(h)} {}
-  HTuple(HValue v) : v_{std::move(v)} {}
-  HTuple(std::vector<HValue> v) : v_(std::move(v)) {}
+  HTuple(const char* s) : s_(std::vector<HValue>{HValue(std::string(s))}) {}
+  HTuple(std::string s) : s_(std::vector<HValue>{HValue(std::move(s))}) {}
+  HTuple(HHandle h) : s_(std::vector<HValue>{HValue(std::move(h))}) {}
+  HTuple(HValue v);
+  HTuple(std::vector<HValue> v);
   HTuple(std::initializer_list<HTuple> parts) {
     for (const auto& p : parts) Append(p);
   }
-  static HTuple Ints(const std::vector<Hlong>& v);
-  static HTuple Reals(const std::vector<double>& v);
+  // Packed from the start; an rvalue vector is taken over without copying.
+  static HTuple Ints(std::vector<Hlong> v);
+  static HTuple Reals(std::vector<double> v);
   static HTuple Strings(const std::vector<std::string>& v);
 
-  Hlong Length() const { return Hlong(v_.size()); }
-  bool Empty() const { return v_.empty(); }
-  const HValue& operator[](Hlong i) const;
-  HValue& operator[](Hlong i);
-  const std::vector<HValue>& Values() const { return v_; }
+  Hlong Length() const { return Hlong(std::visit([](const auto& v) { return v.size(); }, s_)); }
+  bool Empty() const { return Length() == 0; }
+
+  // Element i by value (const, so that assigning to it does not compile).
+  const HValue operator[](Hlong i) const;
+  // Writable element i: reads as its HValue, takes an HValue on assignment.
+  class ElementRef {
+   public:
+    operator HValue() const { return std::as_const(t_)[i_]; }
+    ElementRef& operator=(HValue v) { t_.Set(i_, std::move(v)); return *this; }
+    ElementRef& operator=(const ElementRef& o) { return *this = HValue(o); }
+
+   private:
+    friend class HTuple;
+    ElementRef(HTuple& t, Hlong i) : t_(t), i_(i) {}
+    HTuple& t_;
+    Hlong i_;
+  };
+  ElementRef operator[](Hlong i);
+  void Set(Hlong i, HValue v);
+  // Copies of the elements, all or [from, to).
+  std::vector<HValue> ToValues() const;
+  HTuple Slice(Hlong from, Hlong to) const;
 
   HTuple& Append(const HTuple& t);
-  HTuple& Append(HValue v) { v_.push_back(std::move(v)); return *this; }
-  void Clear() { v_.clear(); }
+  HTuple& Append(HValue v);
+  void Clear() { s_ = std::vector<double>(); }
 
-  bool IsInt(Hlong i) const { return std::holds_alternative<Hlong>(at(i)); }
-  bool IsReal(Hlong i) const { return std::holds_alternative<double>(at(i)); }
-  bool IsNumber(Hlong i) const { return IsInt(i) || IsReal(i); }
-  bool IsString(Hlong i) const { return std::holds_alternative<std::string>(at(i)); }
-  bool IsHandle(Hlong i) const { return std::holds_alternative<HHandle>(at(i)); }
+  bool IsInt(Hlong i) const;
+  bool IsReal(Hlong i) const;
+  bool IsNumber(Hlong i) const;
+  bool IsString(Hlong i) const;
+  bool IsHandle(Hlong i) const;
+
+  // Packed views: all elements as one array when every element is a real
+  // (an integer); an empty span otherwise, and for the empty tuple. The span
+  // lives as long as the tuple is not changed.
+  bool AllReal() const { return Length() > 0 && s_.index() == kReal; }
+  bool AllInt() const { return Length() > 0 && s_.index() == kInt; }
+  std::span<const double> RealSpan() const;
+  std::span<const Hlong> IntSpan() const;
 
   // Typed element access; raise an HException when the element is of another
   // type (numbers convert between integer and real, reals truncate).
@@ -96,8 +130,11 @@ class HTuple {
   std::string ToString() const;  // for logs and tests: [1, 2.5, 'a']
 
  private:
-  const HValue& at(Hlong i) const;
-  std::vector<HValue> v_;
+  enum Kind : size_t { kReal = 0, kInt = 1, kMixed = 2 };
+  void Check(Hlong i) const;
+  std::vector<HValue>& Unpack();  // to the mixed representation
+  // An empty tuple counts as real-packed and takes the kind of what comes.
+  std::variant<std::vector<double>, std::vector<Hlong>, std::vector<HValue>> s_;
 };
 
 // Fetch the handle object of type T from a tuple element; raises the

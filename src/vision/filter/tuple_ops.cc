@@ -19,6 +19,11 @@ double Number(const HTuple& t, Hlong i, const char* op) {
 
 template <class Fn>
 HTuple MapReal(const HTuple& t, const char* op, Fn fn) {
+  if (t.AllReal()) {  // straight over the packed values
+    std::vector<double> out(t.RealSpan().size());
+    for (size_t i = 0; i < out.size(); ++i) out[i] = double(fn(t.RealSpan()[i]));
+    return HTuple::Reals(std::move(out));
+  }
   std::vector<HValue> v;
   v.reserve(size_t(t.Length()));
   for (Hlong i = 0; i < t.Length(); ++i) v.emplace_back(double(fn(Number(t, i, op))));
@@ -120,6 +125,12 @@ void tuple_sgn(const HTuple& t, HTuple* out) {
 }
 
 void tuple_sum(const HTuple& t, HTuple* sum) {
+  if (t.AllReal()) {  // the same order of additions as below
+    double ds = 0;
+    for (double x : t.RealSpan()) ds += x;
+    *sum = HTuple(ds);
+    return;
+  }
   bool all_int = true;
   Hlong is = 0;
   double ds = 0;
@@ -152,8 +163,7 @@ void tuple_select_range(const HTuple& t, const HTuple& left, const HTuple& right
     return;
   }
   if (l < 0 || r >= t.Length() || l > r) throw HException(op, "Index out of range", kErrWrongParamValue);
-  std::vector<HValue> v(t.Values().begin() + l, t.Values().begin() + r + 1);
-  *selected = HTuple(std::move(v));
+  *selected = t.Slice(l, r + 1);
 }
 
 void tuple_select(const HTuple& t, const HTuple& index, HTuple* selected) {
@@ -250,7 +260,20 @@ void tuple_regexp_select(const HTuple& data, const HTuple& expression, HTuple* s
 }
 
 void tuple_sort(const HTuple& t, HTuple* sorted) {
-  std::vector<HValue> v = t.Values();
+  // Stable, so that equal values (0.0 and -0.0) keep their order either way.
+  if (t.AllReal()) {
+    std::vector<double> d(t.RealSpan().begin(), t.RealSpan().end());
+    std::stable_sort(d.begin(), d.end());
+    *sorted = HTuple::Reals(std::move(d));
+    return;
+  }
+  if (t.AllInt()) {
+    std::vector<Hlong> l(t.IntSpan().begin(), t.IntSpan().end());
+    std::stable_sort(l.begin(), l.end());
+    *sorted = HTuple::Ints(std::move(l));
+    return;
+  }
+  std::vector<HValue> v = t.ToValues();
   for (const HValue& x : v)
     if (std::holds_alternative<HHandle>(x)) throw HException("tuple_sort", "Cannot sort handles", kErrWrongParamType);
   std::stable_sort(v.begin(), v.end(), Less);

@@ -160,7 +160,7 @@ TEST(PoseTest, InvertAndComposeWorkOnTuplesOfPoses) {
   ASSERT_EQ(comp.Length(), 14);
   for (int i = 0; i < 2; ++i) {
     HTuple r = i == 0 ? b : c, part, mr, mc;
-    part = HTuple(std::vector<HValue>(comp.Values().begin() + 7 * i, comp.Values().begin() + 7 * i + 7));
+    part = comp.Slice(7 * i, 7 * i + 7);
     EXPECT_EQ(part.L(6), 0);
     pose_to_hom_mat3d(a, &ma);
     pose_to_hom_mat3d(r, &mr);

@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <string>
+
+#include "vision/core/param.h"
 
 namespace vision {
 
@@ -63,26 +66,29 @@ double Degrees(double rad) {
 bool IsPoseTypeCode(Hlong code) { return (code >= 0 && code <= 5) || (code >= 8 && code <= 13); }
 
 int CheckPose(const HTuple& pose, const char* op) {
-  if (pose.Length() != 7) throw HException(op, "Wrong number of values in pose", kErrWrongParamCount);
-  for (int i = 0; i < 7; ++i)
-    if (!pose.IsNumber(i)) throw HException(op, "Wrong type of value in pose", kErrWrongParamType);
-  const double code = pose.D(6);
-  if (code != std::floor(code) || !IsPoseTypeCode(Hlong(code)))
-    throw HException(op, "Wrong pose type code", kErrWrongParamValue);
+  ParamCount(pose, op, "Pose", 7);
+  for (int i = 0; i < 6; ++i) ParamReal(pose, op, "Pose", i);
+  const Hlong code = ParamInt(pose, op, "Pose", 6);
+  if (!IsPoseTypeCode(code)) ThrowParamValue(op, "Pose", "pose type code " + std::to_string(code));
   return int(code);
 }
 
 Eigen::Isometry3d PoseToIsometry(const HTuple& pose, const char* op) {
   const int type = CheckPose(pose, op);
+  const double v[6] = {pose.D(0), pose.D(1), pose.D(2), pose.D(3), pose.D(4), pose.D(5)};
+  return PoseToIsometry(std::span<const double>(v, 6), type);
+}
+
+Eigen::Isometry3d PoseToIsometry(std::span<const double> pose, int type) {
   const double sign = (type & kCoordinateSystem) ? -1.0 : 1.0;
-  const Eigen::Vector3d rot(sign * pose.D(3), sign * pose.D(4), sign * pose.D(5));
+  const Eigen::Vector3d rot(sign * pose[3], sign * pose[4], sign * pose[5]);
   Eigen::Matrix3d r;
   switch (type & 6) {
     case 0: r = Rx(rot.x() * kDeg) * Ry(rot.y() * kDeg) * Rz(rot.z() * kDeg); break;
     case kAbg: r = Rz(rot.z() * kDeg) * Ry(rot.y() * kDeg) * Rx(rot.x() * kDeg); break;
     default: r = FromRodriguez(rot); break;
   }
-  const Eigen::Vector3d trans(pose.D(0), pose.D(1), pose.D(2));
+  const Eigen::Vector3d trans(pose[0], pose[1], pose[2]);
   Eigen::Isometry3d t = Eigen::Isometry3d::Identity();
   t.linear() = r;
   t.translation() = (type & kInverseTransform) ? Eigen::Vector3d(-(r * trans)) : trans;
@@ -92,6 +98,13 @@ Eigen::Isometry3d PoseToIsometry(const HTuple& pose, const char* op) {
 HTuple IsometryToPose(const Eigen::Isometry3d& t) { return IsometryToPose(t, 0); }
 
 HTuple IsometryToPose(const Eigen::Isometry3d& t, int type) {
+  std::vector<HValue> v;
+  v.reserve(7);
+  AppendPose(&v, t, type);
+  return HTuple(std::move(v));
+}
+
+void AppendPose(std::vector<HValue>* out, const Eigen::Isometry3d& t, int type) {
   const Eigen::Matrix3d r = t.linear();
   const double sign = (type & kCoordinateSystem) ? -1.0 : 1.0;
   Eigen::Vector3d rot;
@@ -103,7 +116,8 @@ HTuple IsometryToPose(const Eigen::Isometry3d& t, int type) {
   }
   const Eigen::Vector3d trans =
       (type & kInverseTransform) ? Eigen::Vector3d(-(r.transpose() * t.translation())) : t.translation();
-  return HTuple::Reals({trans.x(), trans.y(), trans.z(), rot.x(), rot.y(), rot.z()}).Append(HTuple(type));
+  for (double x : {trans.x(), trans.y(), trans.z(), rot.x(), rot.y(), rot.z()}) out->emplace_back(x);
+  out->emplace_back(Hlong(type));
 }
 
 }  // namespace vision

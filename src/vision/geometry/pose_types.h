@@ -13,6 +13,9 @@
 //                       given for the coordinate system: angles, or the
 //                       Rodriguez vector, with the opposite sign).
 // Angles are in degrees.
+#include <span>
+#include <vector>
+
 #include <Eigen/Geometry>
 
 #include "vision/core/tuple.h"
@@ -25,6 +28,13 @@ namespace vision {
 // or an unknown type code. Defined in vision/geometry/pose_types.cc.
 Eigen::Isometry3d PoseToIsometry(const HTuple& pose, const char* op);
 
+// The same from the seven values of a pose whose type code has been checked
+// (values 0-5 are read; the code is given).
+Eigen::Isometry3d PoseToIsometry(std::span<const double> pose, int type_code);
+
+// Appends the seven values of IsometryToPose(t, type_code) to *out.
+void AppendPose(std::vector<HValue>* out, const Eigen::Isometry3d& t, int type_code);
+
 // The transform as a pose of type 0 ("Rp+T", "gba", "point") with the
 // reference's angle ranges: every angle in [0, 360).
 HTuple IsometryToPose(const Eigen::Isometry3d& t);
@@ -36,8 +46,9 @@ HTuple IsometryToPose(const Eigen::Isometry3d& t, int type_code);
 // True for the twelve type codes 0-5 and 8-13.
 bool IsPoseTypeCode(Hlong code);
 
-// Raises HException(op, ...) unless `pose` is 7 numbers with a valid integral
-// type code; returns that code.
+// Raises HException(op, ...) unless `pose` is 7 finite numbers with a valid
+// integral type code (read as the parameter "Pose" with the shared parameter
+// rules); returns that code.
 int CheckPose(const HTuple& pose, const char* op);
 
 }  // namespace vision
