@@ -22,14 +22,20 @@
 namespace vision {
 
 // One value of a name/value pair, read with the library's parameter rules;
-// errors name the generic parameter.
+// errors name the generic parameter. With index kOneValue the whole value
+// tuple belongs to the one name of the call (the readers then take exactly
+// one value, Tuple() takes them all).
 class ParamValue {
  public:
   ParamValue(const HTuple& values, Hlong index, const char* op, const std::string& name)
       : values_(values), index_(index), op_(op), name_("'" + name + "'") {}
 
-  bool IsString() const { return values_.IsString(index_); }
-  bool IsNumber() const { return values_.IsNumber(index_); }
+  bool IsString() const { return values_.IsString(index_ == kOneValue ? 0 : index_); }
+  bool IsNumber() const { return values_.IsNumber(index_ == kOneValue ? 0 : index_); }
+  // Every value of the parameter: the whole tuple for the one name of a
+  // call, else this pair's value.
+  HTuple Tuple() const { return index_ == kOneValue ? values_ : HTuple(values_[index_]); }
+  const std::string& Name() const { return name_; }
   Hlong Int() const { return ParamInt(values_, op_, name_.c_str(), index_); }
   Hlong IntIn(Hlong lo, Hlong hi) const { return ParamIntIn(values_, op_, name_.c_str(), lo, hi, index_); }
   double Real() const { return ParamReal(values_, op_, name_.c_str(), index_); }
@@ -69,8 +75,16 @@ class ParamTable {
 
   explicit ParamTable(std::vector<Row> rows) : rows_(std::move(rows)) {}
 
-  // One value per name; applied in order (kFirst rows before the rest).
+  // One value per name, applied in order (kFirst rows before the rest); a
+  // single name takes all the values (a row that reads one value refuses
+  // more as a wrong count, one that reads Tuple() takes them).
   void Set(Model& m, const HTuple& names, const HTuple& values, const char* op) const {
+    if (names.Length() == 1 && !values.Empty()) {
+      const Row& r = Find(names, 0, op);
+      if (!r.set) ThrowParamValue(op, "GenParamName", "'" + r.name + "' cannot be set");
+      r.set(m, ParamValue(values, kOneValue, op, r.name));
+      return;
+    }
     if (names.Length() != values.Length()) ThrowParamCount(op, "GenParamValue");
     std::vector<const Row*> rows;
     for (Hlong i = 0; i < names.Length(); ++i) {

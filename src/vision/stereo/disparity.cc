@@ -11,6 +11,8 @@
 #include <opencv2/core/hal/intrin.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include "vision/core/param.h"
+
 namespace vision {
 namespace {
 
@@ -689,20 +691,12 @@ void RefineSubPixel(const std::vector<cv::Mat>& c1, const std::vector<cv::Mat>& 
 }
 
 bool Flag(const HTuple& names, const HTuple& values, const char* name, bool dflt) {
-  for (Hlong i = 0; i < names.Length(); ++i) {
-    if (!names.IsString(i) || names.S(i) != name) continue;
-    if (i >= values.Length() || !values.IsString(i) || (values.S(i) != "true" && values.S(i) != "false"))
-      throw HException(kOp, std::string("Wrong value of generic parameter ") + name, kErrWrongParamValue);
-    return values.S(i) == "true";
-  }
+  for (Hlong i = 0; i < names.Length(); ++i)
+    if (ParamString(names, kOp, "GenParamName", i) == name) return ParamBool(values, kOp, "GenParamValue", i);
   return dflt;
 }
 
-int IntParam(const HTuple& t, const char* name) {
-  if (t.Length() != 1 || !t.IsNumber(0))
-    throw HException(kOp, std::string("Wrong type of control parameter ") + name, kErrWrongParamType);
-  return t.I(0);
-}
+int IntParam(const HTuple& t, const char* name) { return int(ParamIntIn(t, kOp, name, -(1 << 20), 1 << 20)); }
 
 }  // namespace
 
@@ -741,16 +735,12 @@ void binocular_disparity_ms(const HObject& image_rect1, const HObject& image_rec
   const int dmax = IntParam(max_disparity, "MaxDisparity");
   const int smooth_s = IntParam(surface_smoothing, "SurfaceSmoothing");
   const int smooth_e = IntParam(edge_smoothing, "EdgeSmoothing");
-  if (dmin > dmax) throw HException(kOp, "MinDisparity is larger than MaxDisparity", kErrWrongParamValue);
-  if (smooth_s < 0 || smooth_e < 0)
-    throw HException(kOp, "Wrong value of control parameter SurfaceSmoothing or EdgeSmoothing", kErrWrongParamValue);
-  if (gen_param_name.Length() != gen_param_value.Length())
-    throw HException(kOp, "GenParamName and GenParamValue differ in length", kErrWrongParamCount);
-  for (Hlong i = 0; i < gen_param_name.Length(); ++i) {
-    if (!gen_param_name.IsString(i) ||
-        (gen_param_name.S(i) != "sub_disparity" && gen_param_name.S(i) != "consistency_check"))
-      throw HException(kOp, "Wrong generic parameter name", kErrWrongParamValue);
-  }
+  if (dmin > dmax) ThrowParamValue(kOp, "MaxDisparity", "below MinDisparity");
+  if (smooth_s < 0) ThrowParamValue(kOp, "SurfaceSmoothing");
+  if (smooth_e < 0) ThrowParamValue(kOp, "EdgeSmoothing");
+  if (gen_param_name.Length() != gen_param_value.Length()) ThrowParamCount(kOp, "GenParamValue");
+  for (Hlong i = 0; i < gen_param_name.Length(); ++i)
+    ParamStringIn(gen_param_name, kOp, "GenParamName", {"sub_disparity", "consistency_check"}, i);
   const bool sub = Flag(gen_param_name, gen_param_value, "sub_disparity", true);
   const bool check = Flag(gen_param_name, gen_param_value, "consistency_check", true);
   if (i1.height != i2.height) throw HException(kOp, "Images of different heights", kErrImageSize);

@@ -8,16 +8,11 @@
 #include <opencv2/imgproc.hpp>
 
 #include "vision/calib/camera_params.h"
+#include "vision/core/param.h"
 #include "vision/geometry/pose_types.h"
 
 namespace vision {
 namespace {
-
-const std::string& StringParam(const HTuple& t, const char* op, const char* name) {
-  if (t.Length() != 1 || !t.IsString(0))
-    throw HException(op, std::string("Wrong type of control parameter ") + name, kErrWrongParamType);
-  return t.S(0);
-}
 
 // Rectified images larger than this many times the originals are refused:
 // they only arise from pairs that look past each other.
@@ -84,14 +79,10 @@ void gen_binocular_rectification_map(HObject* map1, HObject* map2, const HTuple&
   const CamParams c1 = CamParams::FromTuple(cam_param1, op);
   const CamParams c2 = CamParams::FromTuple(cam_param2, op);
   const Eigen::Isometry3d rel = PoseToIsometry(rel_pose, op);
-  if (sub_sampling.Length() != 1 || !sub_sampling.IsNumber(0))
-    throw HException(op, "Wrong type of control parameter SubSampling", kErrWrongParamType);
-  if (sub_sampling.D(0) != 1.0)
+  if (ParamReal(sub_sampling, op, "SubSampling") != 1.0)
     throw HException(op, "Only SubSampling 1 is offered", kErrNotImplemented);
-  if (StringParam(method, op, "Method") != "geometric")
-    throw HException(op, "Wrong value of control parameter Method", kErrWrongParamValue);
-  if (StringParam(map_type, op, "MapType") != "bilinear")
-    throw HException(op, "Wrong value of control parameter MapType", kErrWrongParamValue);
+  ParamStringIn(method, op, "Method", {"geometric"});
+  ParamStringIn(map_type, op, "MapType", {"bilinear"});
 
   const Eigen::Vector3d t = rel.translation();
   const double baseline = t.norm();
