@@ -4,6 +4,8 @@
 #include <exception>
 #include <thread>
 
+#include "vision/core/param.h"
+
 namespace vision::model3d {
 
 std::vector<ObjectModel3DData*> ModelsOf(const HTuple& handles, const char* op) {
@@ -17,59 +19,41 @@ void AppendModel(HTuple* out, ObjectModel3DPtr m) { out->Append(HValue(HHandle(s
 
 GenParams::GenParams(const HTuple& names, const HTuple& values, const char* op,
                      std::vector<std::string> known)
-    : op_(op) {
-  if (names.Length() != values.Length())
-    throw HException(op, "Number of generic parameter names and values differ",
-                     kErrWrongParamCount);
+    : op_(op), values_(values) {
+  if (names.Length() != values.Length()) ThrowParamCount(op, "GenParamValue");
   for (Hlong i = 0; i < names.Length(); ++i) {
-    if (!names.IsString(i))
-      throw HException(op, "Generic parameter name must be a string", kErrWrongParamType);
-    const std::string& n = names.S(i);
+    const std::string& n = ParamString(names, op, "GenParamName", i);
     if (std::find(known.begin(), known.end(), n) == known.end())
-      throw HException(op, "Unknown generic parameter name: " + n, kErrWrongParamValue);
+      ThrowParamValue(op, "GenParamName", "unknown parameter '" + n + "'");
     names_.push_back(n);
-    values_.push_back(values[i]);
   }
 }
 
-const HValue* GenParams::Find(const std::string& name) const {
+Hlong GenParams::Find(const std::string& name) const {
   // The last occurrence wins, as when a caller appends an override.
   for (size_t i = names_.size(); i-- > 0;)
-    if (names_[i] == name) return &values_[i];
-  return nullptr;
+    if (names_[i] == name) return Hlong(i);
+  return -1;
 }
 
 double GenParams::Real(const std::string& name, double def) const {
-  const HValue* v = Find(name);
-  if (!v) return def;
-  if (auto* l = std::get_if<Hlong>(v)) return double(*l);
-  if (auto* d = std::get_if<double>(v)) return *d;
-  throw HException(op_, "Wrong type of value for " + name, kErrWrongParamType);
+  const Hlong i = Find(name);
+  return i < 0 ? def : ParamReal(values_, op_, ("'" + name + "'").c_str(), i);
 }
 
 Hlong GenParams::Int(const std::string& name, Hlong def) const {
-  const HValue* v = Find(name);
-  if (!v) return def;
-  if (auto* l = std::get_if<Hlong>(v)) return *l;
-  if (auto* d = std::get_if<double>(v)) return Hlong(*d);
-  throw HException(op_, "Wrong type of value for " + name, kErrWrongParamType);
+  const Hlong i = Find(name);
+  return i < 0 ? def : ParamInt(values_, op_, ("'" + name + "'").c_str(), i);
 }
 
 std::string GenParams::Str(const std::string& name, const std::string& def) const {
-  const HValue* v = Find(name);
-  if (!v) return def;
-  if (auto* s = std::get_if<std::string>(v)) return *s;
-  throw HException(op_, "Wrong type of value for " + name, kErrWrongParamType);
+  const Hlong i = Find(name);
+  return i < 0 ? def : ParamString(values_, op_, ("'" + name + "'").c_str(), i);
 }
 
 bool GenParams::Bool(const std::string& name, bool def) const {
-  const HValue* v = Find(name);
-  if (!v) return def;
-  if (auto* s = std::get_if<std::string>(v)) {
-    if (*s == "true") return true;
-    if (*s == "false") return false;
-  }
-  throw HException(op_, "Value of " + name + " must be 'true' or 'false'", kErrWrongParamValue);
+  const Hlong i = Find(name);
+  return i < 0 ? def : ParamBool(values_, op_, ("'" + name + "'").c_str(), i);
 }
 
 ObjectModel3DPtr SubsetOf(const ObjectModel3DData& m, const std::vector<int32_t>& keep) {

@@ -18,6 +18,7 @@ void AppendModel(HTuple* out, ObjectModel3DPtr m);
 
 // The generic parameters of an operator: names and values of equal length,
 // looked up by name; an unknown name is an error, so a typo is never ignored.
+// Values are read with the shared parameter rules (vision/core/param.h).
 class GenParams {
  public:
   GenParams(const HTuple& names, const HTuple& values, const char* op,
@@ -28,10 +29,10 @@ class GenParams {
   bool Bool(const std::string& name, bool def) const;  // "true" / "false"
 
  private:
-  const HValue* Find(const std::string& name) const;
+  Hlong Find(const std::string& name) const;  // -1: not given
   const char* op_;
   std::vector<std::string> names_;
-  std::vector<HValue> values_;
+  HTuple values_;
 };
 
 // A copy of the points `keep` (ascending or not: the output follows their

@@ -3,10 +3,13 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <span>
+#include <vector>
 
 #include <Eigen/Geometry>
 #include <opencv2/core.hpp>
 
+#include "vision/core/param.h"
 #include "vision/geometry/pose_types.h"
 #include "vision/model3d/model3d_util.h"
 
@@ -18,15 +21,14 @@ using model3d::ModelsOf;
 void gen_object_model_3d_from_points(const HTuple& X, const HTuple& Y, const HTuple& Z,
                                      HTuple* ObjectModel3D) {
   const char* op = "gen_object_model_3d_from_points";
-  if (X.Length() != Y.Length() || X.Length() != Z.Length())
-    throw HException(op, "X, Y and Z must hold the same number of values", kErrWrongParamCount);
+  if (Y.Length() != X.Length()) ThrowParamCount(op, "Y");
+  if (Z.Length() != X.Length()) ThrowParamCount(op, "Z");
+  std::vector<double> sx, sy, sz;
+  const std::span<const double> x = ParamReals(X, op, "X", &sx), y = ParamReals(Y, op, "Y", &sy),
+                                z = ParamReals(Z, op, "Z", &sz);
   auto m = NewObjectModel3D();
-  m->points.resize(size_t(X.Length()));
-  for (Hlong i = 0; i < X.Length(); ++i) {
-    if (!X.IsNumber(i) || !Y.IsNumber(i) || !Z.IsNumber(i))
-      throw HException(op, "Coordinates must be numbers", kErrWrongParamType);
-    m->points[size_t(i)] = Eigen::Vector3f(float(X.D(i)), float(Y.D(i)), float(Z.D(i)));
-  }
+  m->points.resize(x.size());
+  for (size_t i = 0; i < x.size(); ++i) m->points[i] = Eigen::Vector3f(float(x[i]), float(y[i]), float(z[i]));
   ObjectModel3D->Clear();
   AppendModel(ObjectModel3D, std::move(m));
 }
@@ -75,21 +77,21 @@ void set_object_model_3d_attrib_mod(const HTuple& ObjectModel3D, const HTuple& A
                                     const HTuple& AttachExtAttribTo,
                                     const HTuple& AttribValues) {
   const char* op = "set_object_model_3d_attrib_mod";
-  const std::vector<std::string> names = AttribName.ToSVec();
-  if (names.empty()) throw HException(op, "No attribute name given", kErrWrongParamCount);
+  ParamCount(AttribName, op, "AttribName", 1, -1);
+  std::vector<std::string> names;
+  for (Hlong i = 0; i < AttribName.Length(); ++i) names.push_back(ParamString(AttribName, op, "AttribName", i));
   for (Hlong i = 0; i < AttachExtAttribTo.Length(); ++i) {
-    const std::string& to = AttachExtAttribTo.S(i);
+    const std::string& to = ParamString(AttachExtAttribTo, op, "AttachExtAttribTo", i);
     if (to != "points" && !to.empty())
       throw HException(op, "Extended attributes can only be attached to points",
                        kErrNotImplemented);
   }
-  const std::vector<double> vals = AttribValues.ToDVec();
+  std::vector<double> scratch;
+  const std::span<const double> vals = ParamReals(AttribValues, op, "AttribValues", &scratch);
   for (ObjectModel3DData* m : ModelsOf(ObjectModel3D, op)) {
     const size_t n = m->NumPoints();
     const bool broadcast = vals.size() == names.size() && n != 1;
-    if (!broadcast && vals.size() != names.size() * n)
-      throw HException(op, "Number of attribute values does not match the number of points",
-                       kErrWrongParamCount);
+    if (!broadcast && vals.size() != names.size() * n) ThrowParamCount(op, "AttribValues");
     for (size_t a = 0; a < names.size(); ++a) {
       const std::string& name = names[a];
       auto value = [&](size_t i) { return broadcast ? vals[a] : vals[a * n + i]; };
@@ -106,7 +108,7 @@ void set_object_model_3d_attrib_mod(const HTuple& ObjectModel3D, const HTuple& A
         dst.resize(n);
         for (size_t i = 0; i < n; ++i) dst[i] = value(i);
       } else {
-        throw HException(op, "Invalid attribute name: " + name, kErrWrongParamValue);
+        ThrowParamValue(op, "AttribName", "'" + name + "'");
       }
     }
   }
@@ -129,9 +131,7 @@ Box BoundingBox(const ObjectModel3DData& m, const char* op) {
   return b;
 }
 
-void AppendReals(HTuple* out, const std::vector<double>& v) {
-  for (double d : v) out->Append(HValue(d));
-}
+void AppendReals(HTuple* out, std::vector<double> v) { out->Append(HTuple::Reals(std::move(v))); }
 
 }  // namespace
 
@@ -139,8 +139,9 @@ void get_object_model_3d_params(const HTuple& ObjectModel3D, const HTuple& GenPa
                                 HTuple* GenParamValue) {
   const char* op = "get_object_model_3d_params";
   HTuple out;
-  const std::vector<std::string> names = GenParamName.ToSVec();
-  if (names.empty()) throw HException(op, "No parameter name given", kErrWrongParamCount);
+  ParamCount(GenParamName, op, "GenParamName", 1, -1);
+  std::vector<std::string> names;
+  for (Hlong i = 0; i < GenParamName.Length(); ++i) names.push_back(ParamString(GenParamName, op, "GenParamName", i));
   for (const ObjectModel3DData* m : ModelsOf(ObjectModel3D, op)) {
     for (const std::string& name : names) {
       if (name == "num_points") {
@@ -183,15 +184,11 @@ void rigid_trans_object_model_3d(const HTuple& ObjectModel3D, const HTuple& Pose
                                  HTuple* ObjectModel3DRigidTrans) {
   const char* op = "rigid_trans_object_model_3d";
   const auto models = ModelsOf(ObjectModel3D, op);
-  if (Pose.Length() % 7 != 0 || Pose.Empty() ||
-      (Pose.Length() != 7 && Pose.Length() != 7 * Hlong(models.size())))
-    throw HException(op, "One pose, or one pose per model, expected", kErrWrongParamCount);
+  if (Pose.Length() != 7 && Pose.Length() != 7 * Hlong(models.size())) ThrowParamCount(op, "Pose");
   HTuple out;
   for (size_t k = 0; k < models.size(); ++k) {
     const Hlong at = Pose.Length() == 7 ? 0 : Hlong(k) * 7;
-    HTuple pose;
-    for (Hlong i = 0; i < 7; ++i) pose.Append(Pose[at + i]);
-    const Eigen::Isometry3d t = PoseToIsometry(pose, op);
+    const Eigen::Isometry3d t = PoseToIsometry(Pose.Slice(at, at + 7), op);
     const Eigen::Matrix3f r = t.linear().cast<float>();
     const Eigen::Vector3d tr = t.translation();
     auto m = std::make_shared<ObjectModel3DData>(*models[k]);
@@ -206,8 +203,7 @@ void rigid_trans_object_model_3d(const HTuple& ObjectModel3D, const HTuple& Pose
 void union_object_model_3d(const HTuple& ObjectModels3D, const HTuple& Method,
                            HTuple* UnionObjectModel3D) {
   const char* op = "union_object_model_3d";
-  if (Method.Length() != 1 || !Method.IsString(0) || Method.S(0) != "points_surface")
-    throw HException(op, "Method must be 'points_surface'", kErrWrongParamValue);
+  ParamStringIn(Method, op, "Method", {"points_surface"});
   const auto models = ModelsOf(ObjectModels3D, op);
   auto u = NewObjectModel3D();
   size_t total = 0;
@@ -253,15 +249,15 @@ void copy_object_model_3d(const HTuple& ObjectModel3D, const HTuple& Attributes,
                           HTuple* CopiedObjectModel3D) {
   const char* op = "copy_object_model_3d";
   bool coord = false, normal = false, tri = false, ext = false;
-  const std::vector<std::string> attrs = Attributes.ToSVec();
-  if (attrs.empty()) throw HException(op, "No attribute given", kErrWrongParamCount);
-  for (const std::string& a : attrs) {
+  ParamCount(Attributes, op, "Attributes", 1, -1);
+  for (Hlong i = 0; i < Attributes.Length(); ++i) {
+    const std::string& a = ParamString(Attributes, op, "Attributes", i);
     if (a == "all") coord = normal = tri = ext = true;
     else if (a == "point_coord") coord = true;
     else if (a == "point_normal") normal = true;
     else if (a == "triangles") tri = true;
     else if (a == "extended_attribute") ext = true;
-    else throw HException(op, "Invalid attribute: " + a, kErrWrongParamValue);
+    else ThrowParamValue(op, "Attributes", "'" + a + "'");
   }
   HTuple out;
   for (const ObjectModel3DData* m : ModelsOf(ObjectModel3D, op)) {

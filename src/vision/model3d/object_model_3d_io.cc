@@ -12,6 +12,7 @@
 #include <memory>
 #include <sstream>
 
+#include "vision/core/param.h"
 #include "vision/model3d/model3d_util.h"
 #include "vision/model3d/object_model_3d.h"
 
@@ -41,13 +42,10 @@ void write_object_model_3d(const HTuple& ObjectModel3D, const HTuple& FileType,
                            const HTuple& GenParamValue) {
   const char* op = "write_object_model_3d";
   static_assert(std::endian::native == std::endian::little);
-  if (ObjectModel3D.Length() != 1)
-    throw HException(op, "Exactly one 3D object model expected", kErrWrongParamCount);
+  ParamCount(ObjectModel3D, op, "ObjectModel3D", 1);
   const ObjectModel3DData& m = *ObjectModel3DCast(ObjectModel3D, op);
-  if (FileType.Length() != 1 || !FileType.IsString(0) || FileType.S(0) != "ply")
-    throw HException(op, "File type must be 'ply'", kErrWrongParamValue);
-  if (FileName.Length() != 1 || !FileName.IsString(0))
-    throw HException(op, "File name must be a string", kErrWrongParamType);
+  ParamStringIn(FileType, op, "FileType", {"ply"});
+  ParamString(FileName, op, "FileName");
   const model3d::GenParams gp(GenParamName, GenParamValue, op, {"binary"});
   const bool binary = gp.Bool("binary", true);
   const bool colour = m.attribs.count(kColour[0]) && m.attribs.count(kColour[1]) &&
@@ -218,18 +216,19 @@ class BodyReader {
 };
 
 double ScaleFactor(const HTuple& scale, const char* op) {
-  if (scale.Length() != 1) throw HException(op, "Scale must be one value", kErrWrongParamCount);
+  ParamCount(scale, op, "Scale", 1);
   if (scale.IsNumber(0)) {
-    const double s = scale.D(0);
-    if (!(s > 0) || !std::isfinite(s)) throw HException(op, "Scale must be positive", kErrWrongParamValue);
+    const double s = ParamReal(scale, op, "Scale");
+    if (!(s > 0)) ThrowParamValue(op, "Scale", "not positive");
     return s;
   }
+  const std::string& unit = ParamString(scale, op, "Scale");
   static const std::pair<const char*, double> kUnits[] = {
       {"m", 1.0}, {"km", 1e3}, {"dm", 0.1}, {"cm", 1e-2}, {"mm", 1e-3},
       {"um", 1e-6}, {"microns", 1e-6}, {"nm", 1e-9}};
   for (const auto& [n, f] : kUnits)
-    if (scale.S(0) == n) return f;
-  throw HException(op, "Unknown scale: " + scale.S(0), kErrWrongParamValue);
+    if (unit == n) return f;
+  ThrowParamValue(op, "Scale", "unknown unit '" + unit + "'");
 }
 
 }  // namespace
@@ -238,12 +237,11 @@ void read_object_model_3d(const HTuple& FileName, const HTuple& Scale,
                           const HTuple& GenParamName, const HTuple& GenParamValue,
                           HTuple* ObjectModel3D, HTuple* Status) {
   const char* op = "read_object_model_3d";
-  if (FileName.Length() != 1 || !FileName.IsString(0))
-    throw HException(op, "File name must be a string", kErrWrongParamType);
+  ParamString(FileName, op, "FileName");
   const double scale = ScaleFactor(Scale, op);
   const model3d::GenParams gp(GenParamName, GenParamValue, op, {"file_type"});
   const std::string file_type = gp.Str("file_type", "ply");
-  if (file_type != "ply") throw HException(op, "Only PLY files can be read", kErrWrongParamValue);
+  if (file_type != "ply") ThrowParamValue(op, "'file_type'", "only PLY files can be read");
 
   const std::string& path = FileName.S(0);
   std::ifstream in(path, std::ios::binary);

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <limits>
 
+#include "vision/core/param.h"
 #include "vision/model3d/model3d_util.h"
 #include "vision/model3d/object_model_3d.h"
 
@@ -19,13 +20,11 @@ namespace {
 // Bounds of feature k: one bound for all features, or one per feature.
 // Integers stay exact (a bound like 10^14 must compare exactly with counts).
 long double Bound(const HTuple& t, size_t k, size_t features, const char* op, const char* what) {
-  if (t.Length() != 1 && t.Length() != Hlong(features))
-    throw HException(op, std::string("One ") + what + " or one per feature expected",
-                     kErrWrongParamCount);
+  ParamCountPer(t, op, what, Hlong(features));
   const Hlong i = t.Length() == 1 ? 0 : Hlong(k);
   if (t.IsInt(i)) return (long double)t.L(i);
   if (t.IsReal(i)) return (long double)t.D(i);
-  throw HException(op, std::string(what) + " must be a number", kErrWrongParamType);
+  ThrowParamType(op, what, "number");
 }
 
 }  // namespace
@@ -34,15 +33,12 @@ void select_object_model_3d(const HTuple& ObjectModel3D, const HTuple& Feature,
                             const HTuple& Operation, const HTuple& MinValue,
                             const HTuple& MaxValue, HTuple* ObjectModel3DSelected) {
   const char* op = "select_object_model_3d";
-  const std::vector<std::string> features = Feature.ToSVec();
-  if (features.empty()) throw HException(op, "No feature given", kErrWrongParamCount);
-  if (Operation.Length() != 1 || !Operation.IsString(0) ||
-      (Operation.S(0) != "and" && Operation.S(0) != "or"))
-    throw HException(op, "Operation must be 'and' or 'or'", kErrWrongParamValue);
-  const bool all = Operation.S(0) == "and";
-  for (const std::string& f : features)
-    if (f != "num_points" && f != "num_triangles" && f != "diameter_axis_aligned_bounding_box")
-      throw HException(op, "Unsupported feature: " + f, kErrWrongParamValue);
+  ParamCount(Feature, op, "Feature", 1, -1);
+  std::vector<std::string> features;
+  for (Hlong i = 0; i < Feature.Length(); ++i)
+    features.push_back(
+        ParamStringIn(Feature, op, "Feature", {"num_points", "num_triangles", "diameter_axis_aligned_bounding_box"}, i));
+  const bool all = ParamStringIn(Operation, op, "Operation", {"and", "or"}) == "and";
   HTuple out;
   for (const ObjectModel3DData* m : ModelsOf(ObjectModel3D, op)) {
     bool keep = all;
@@ -77,8 +73,9 @@ void select_points_object_model_3d(const HTuple& ObjectModel3D, const HTuple& At
                                    const HTuple& MinValue, const HTuple& MaxValue,
                                    HTuple* ObjectModel3DThresholded) {
   const char* op = "select_points_object_model_3d";
-  const std::vector<std::string> attribs = Attrib.ToSVec();
-  if (attribs.empty()) throw HException(op, "No attribute given", kErrWrongParamCount);
+  ParamCount(Attrib, op, "Attrib", 1, -1);
+  std::vector<std::string> attribs;
+  for (Hlong i = 0; i < Attrib.Length(); ++i) attribs.push_back(ParamString(Attrib, op, "Attrib", i));
   std::vector<double> lo, hi;
   for (size_t k = 0; k < attribs.size(); ++k) {
     lo.push_back(double(Bound(MinValue, k, attribs.size(), op, "MinValue")));
@@ -111,16 +108,12 @@ void sample_object_model_3d(const HTuple& ObjectModel3D, const HTuple& Method,
                             const HTuple& SampleDistance, const HTuple& GenParamName,
                             const HTuple& GenParamValue, HTuple* SampledObjectModel3D) {
   const char* op = "sample_object_model_3d";
-  if (Method.Length() != 1 || !Method.IsString(0) || Method.S(0) != "fast")
-    throw HException(op, "Method must be 'fast'", kErrWrongParamValue);
-  if (SampleDistance.Length() != 1 || !SampleDistance.IsNumber(0))
-    throw HException(op, "SampleDistance must be one number", kErrWrongParamType);
-  const double d = SampleDistance.D(0);
-  if (!(d > 0) || !std::isfinite(d))
-    throw HException(op, "SampleDistance must be positive", kErrWrongParamValue);
+  ParamStringIn(Method, op, "Method", {"fast"});
+  const double d = ParamReal(SampleDistance, op, "SampleDistance");
+  if (!(d > 0)) ThrowParamValue(op, "SampleDistance", "not positive");
   const model3d::GenParams gp(GenParamName, GenParamValue, op, {"min_num_points"});
   const Hlong min_points = gp.Int("min_num_points", 1);
-  if (min_points < 1) throw HException(op, "min_num_points must be at least 1", kErrWrongParamValue);
+  if (min_points < 1) ThrowParamValue(op, "'min_num_points'", "below 1");
 
   HTuple out;
   for (const ObjectModel3DData* m : ModelsOf(ObjectModel3D, op)) {

@@ -20,6 +20,7 @@
 #include <pcl/search/search.h>
 #include <pcl/surface/gp3.h>
 
+#include "vision/core/param.h"
 #include "vision/model3d/model3d_util.h"
 #include "vision/model3d/neighbour_grid.h"
 #include "vision/model3d/object_model_3d.h"
@@ -202,15 +203,9 @@ void SplitByLabel(const ObjectModel3DData& m, const std::vector<int32_t>& label,
 void connection_object_model_3d(const HTuple& ObjectModel3D, const HTuple& Feature,
                                 const HTuple& Value, HTuple* ObjectModel3DConnected) {
   const char* op = "connection_object_model_3d";
-  if (Feature.Length() != 1 || !Feature.IsString(0) ||
-      (Feature.S(0) != "distance_3d" && Feature.S(0) != "mesh"))
-    throw HException(op, "Feature must be 'distance_3d' or 'mesh'", kErrWrongParamValue);
-  const bool by_distance = Feature.S(0) == "distance_3d";
-  if (Value.Length() != 1 || !Value.IsNumber(0))
-    throw HException(op, "Value must be one number", kErrWrongParamType);
-  const double dist = Value.D(0);
-  if (by_distance && !(dist >= 0 && std::isfinite(dist)))
-    throw HException(op, "Value must not be negative", kErrWrongParamValue);
+  const bool by_distance = ParamStringIn(Feature, op, "Feature", {"distance_3d", "mesh"}) == "distance_3d";
+  const double dist = ParamReal(Value, op, "Value");
+  if (by_distance && !(dist >= 0)) ThrowParamValue(op, "Value", "negative distance");
 
   HTuple out;
   for (const ObjectModel3DData* m : ModelsOf(ObjectModel3D, op)) {
@@ -396,8 +391,7 @@ void smooth_object_model_3d(const HTuple& ObjectModel3D, const HTuple& Method,
                             const HTuple& GenParamName, const HTuple& GenParamValue,
                             HTuple* SmoothObjectModel3D) {
   const char* op = "smooth_object_model_3d";
-  if (Method.Length() != 1 || !Method.IsString(0) || Method.S(0) != "mls")
-    throw HException(op, "Method must be 'mls'", kErrWrongParamValue);
+  ParamStringIn(Method, op, "Method", {"mls"});
   const model3d::GenParams gp(GenParamName, GenParamValue, op,
                               {"mls_kNN", "mls_order", "mls_abs_sigma", "mls_relative_sigma",
                                "mls_force_inwards"});
@@ -661,8 +655,7 @@ void triangulate_object_model_3d(const HTuple& ObjectModel3D, const HTuple& Meth
                                  const HTuple& GenParamName, const HTuple& GenParamValue,
                                  HTuple* TriangulatedObjectModel3D, HTuple* Information) {
   const char* op = "triangulate_object_model_3d";
-  if (Method.Length() != 1 || !Method.IsString(0) || Method.S(0) != "greedy")
-    throw HException(op, "Method must be 'greedy'", kErrWrongParamValue);
+  ParamStringIn(Method, op, "Method", {"greedy"});
   const model3d::GenParams gp(
       GenParamName, GenParamValue, op,
       {"greedy_kNN", "greedy_radius_type", "greedy_radius_value", "greedy_neigh_orient_tol",
