@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cfloat>
 #include <cstring>
+#include <span>
+#include <vector>
 
 #include "vision/filter/filter_util.h"
 
@@ -331,22 +333,43 @@ void get_grayval(const HObject& image, const HTuple& row, const HTuple& column, 
     throw HException(op, "Row and Column have different lengths", kErrWrongParamCount);
   const Image& img = image.ImageAt(0, op);
   RequireNotVectorField(img, op);
-  HTuple g;
-  for (Hlong i = 0; i < row.Length(); ++i) {
-    const Hlong r = ParamInt(row, op, "Row", i), c = ParamInt(column, op, "Column", i);
-    if (r < 0 || c < 0 || r >= img.height || c >= img.width)
+  // Packed integer coordinates are read in place; anything else element by
+  // element, with the same checks.
+  const std::span<const Hlong> rs = row.IntSpan(), cs = column.IntSpan();
+  const bool packed = !rs.empty() && !cs.empty();
+  const size_t n = size_t(row.Length()), channels = img.planes.size();
+  auto at = [&](size_t i, int* r, int* c) {
+    const Hlong rl = packed ? rs[i] : ParamInt(row, op, "Row", Hlong(i));
+    const Hlong cl = packed ? cs[i] : ParamInt(column, op, "Column", Hlong(i));
+    if (rl < 0 || cl < 0 || rl >= img.height || cl >= img.width)
       throw HException(op, "Coordinates outside of the image", kErrWrongParamValue);
-    for (const cv::Mat& p : img.planes) {
-      switch (img.type) {
-        case PixelType::Byte: Put(g, Hlong(p.at<uint8_t>(int(r), int(c)))); break;
-        case PixelType::UInt2: Put(g, Hlong(p.at<uint16_t>(int(r), int(c)))); break;
-        case PixelType::Int2: Put(g, Hlong(p.at<int16_t>(int(r), int(c)))); break;
-        case PixelType::Int4: Put(g, Hlong(p.at<int32_t>(int(r), int(c)))); break;
-        default: Put(g, double(p.at<float>(int(r), int(c)))); break;
-      }
+    *r = int(rl);
+    *c = int(cl);
+  };
+  // Every value of one image has the pixel type's kind: integers for the
+  // integer types, reals otherwise; built as one array, handed over whole.
+  auto gather = [&](auto read, auto& out) {
+    out.reserve(n * channels);
+    int r, c;
+    for (size_t i = 0; i < n; ++i) {
+      at(i, &r, &c);
+      for (const cv::Mat& p : img.planes) out.push_back(read(p, r, c));
+    }
+  };
+  std::vector<Hlong> iv;
+  switch (img.type) {
+    case PixelType::Byte: gather([](const cv::Mat& p, int r, int c) { return Hlong(p.ptr<uint8_t>(r)[c]); }, iv); break;
+    case PixelType::UInt2: gather([](const cv::Mat& p, int r, int c) { return Hlong(p.ptr<uint16_t>(r)[c]); }, iv); break;
+    case PixelType::Int2: gather([](const cv::Mat& p, int r, int c) { return Hlong(p.ptr<int16_t>(r)[c]); }, iv); break;
+    case PixelType::Int4: gather([](const cv::Mat& p, int r, int c) { return Hlong(p.ptr<int32_t>(r)[c]); }, iv); break;
+    default: {
+      std::vector<double> dv;
+      gather([](const cv::Mat& p, int r, int c) { return double(p.at<float>(r, c)); }, dv);
+      *grayval = HTuple::Reals(std::move(dv));
+      return;
     }
   }
-  *grayval = g;
+  *grayval = HTuple::Ints(std::move(iv));
 }
 
 void crop_domain(const HObject& image, HObject* image_part) {

@@ -150,6 +150,42 @@ TEST(ImageOps, ChannelsComposeDecomposeAccess) {
   EXPECT_THROW(compose3(a, bb, wide, &back), HException);
 }
 
+// The same points given as packed integers, as whole reals and as a mixed
+// tuple read the same values, channel by channel for each point.
+TEST(ImageOps, GetGrayvalCoordinateForms) {
+  const uint8_t r[4] = {1, 2, 3, 4}, g[4] = {10, 20, 30, 40}, b[4] = {100, 110, 120, 130};
+  auto P = [](const uint8_t* p) { return HTuple(Hlong(reinterpret_cast<intptr_t>(p))); };
+  HObject rgb, real;
+  gen_image3(&rgb, "byte", 2, 2, P(r), P(g), P(b));
+  convert_image_type(rgb, &real, "real");
+  HTuple mixed_rows = HTuple::Ints({1, 0});
+  mixed_rows[1] = HValue(0.0);
+  struct Case {
+    const char* what;
+    HTuple rows, cols;
+  } cases[] = {
+      {"packed integers", HTuple::Ints({1, 0}), HTuple::Ints({0, 1})},
+      {"whole reals", HTuple::Reals({1.0, 0.0}), HTuple::Reals({0.0, 1.0})},
+      {"mixed", mixed_rows, HTuple::Ints({0, 1})},
+  };
+  for (const Case& k : cases) {
+    SCOPED_TRACE(k.what);
+    HTuple v;
+    get_grayval(rgb, k.rows, k.cols, &v);
+    EXPECT_EQ(v, HTuple::Ints({3, 30, 120, 2, 20, 110}));
+    EXPECT_TRUE(v.AllInt());
+    get_grayval(real, k.rows, k.cols, &v);
+    EXPECT_EQ(v, HTuple::Reals({3, 30, 120, 2, 20, 110}));
+    EXPECT_TRUE(v.AllReal());
+  }
+  HTuple v;
+  get_grayval(rgb, HTuple::Ints({}), HTuple::Ints({}), &v);
+  EXPECT_TRUE(v.Empty());
+  EXPECT_THROW(get_grayval(rgb, HTuple::Reals({0.5}), HTuple::Ints({0}), &v), HException);
+  EXPECT_THROW(get_grayval(rgb, HTuple::Ints({0, 2}), HTuple::Ints({0, 0}), &v), HException);
+  EXPECT_THROW(get_grayval(rgb, HTuple::Ints({0, 1}), HTuple::Ints({0}), &v), HException);
+}
+
 TEST(ImageOps, BadParametersRaise) {
   HObject img;
   EXPECT_THROW(gen_image_const(&img, "complex", 4, 4), HException);

@@ -106,14 +106,17 @@ void select_region_point(const HObject& regions, HObject* dest_regions, const HT
 void get_region_points(const HObject& region, HTuple* rows, HTuple* columns) {
   constexpr const char* op = "get_region_points";
   if (region.Count() != 1) throw HException(op, "Exactly one region expected", kErrWrongParamCount);
+  const Region& reg = region.RegionAt(0, op);
   std::vector<Hlong> rr, cc;
-  for (const Run& x : region.RegionAt(0, op).Runs())
+  rr.reserve(size_t(reg.Area()));
+  cc.reserve(size_t(reg.Area()));
+  for (const Run& x : reg.Runs())
     for (int c = x.cb; c <= x.ce; ++c) {
       rr.push_back(x.row);
       cc.push_back(c);
     }
-  *rows = HTuple::Ints(rr);
-  *columns = HTuple::Ints(cc);
+  *rows = HTuple::Ints(std::move(rr));
+  *columns = HTuple::Ints(std::move(cc));
 }
 
 }  // namespace vision
