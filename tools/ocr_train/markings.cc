@@ -403,25 +403,8 @@ Marking MarkingRenderer::Render(const std::string& text, const Face& face, int c
     const double gap = pitch * U(rng, 1.0, 1.5);
     for (char c : text) {
       cv::Mat pat = Impl::DotPattern(table, c);
-      if (drop > 0 && cv::countNonZero(pat) > 2)
-        for (int r = 0; r < pat.rows; ++r)
-          for (int x = 0; x < pat.cols; ++x)
-            if (pat.at<uint8_t>(r, x) && U(rng, 0, 1) < drop) pat.at<uint8_t>(r, x) = 0;
-      const int cw = int(std::ceil((table.cols - 1) * pitch + dot_d)) + 2;
-      const int ch = int(std::ceil(h2 + dot_d)) + 2;
-      cv::Mat glyph = cv::Mat::zeros(ch, cw, CV_8U);
-      for (int r = 0; r < pat.rows; ++r)
-        for (int x = 0; x < pat.cols; ++x)
-          if (pat.at<uint8_t>(r, x)) {
-            const cv::Point centre(int((x * pitch + dot_d / 2 + 1) * 16),
-                                   int((r * pitch + dot_d / 2 + 1) * 16));
-            const int rad = int(dot_d / 2 * 16);
-            if (face.square_dots)
-              cv::rectangle(glyph, centre - cv::Point(rad, rad), centre + cv::Point(rad, rad),
-                            cv::Scalar(255), cv::FILLED, cv::LINE_AA, 4);
-            else
-              cv::circle(glyph, centre, rad, cv::Scalar(255), cv::FILLED, cv::LINE_AA, 4);
-          }
+      drop_dots(pat);
+      const cv::Mat glyph = draw_dots(pat, pitch, dot_d);
       const cv::Point at(pen, baseline - h2 - int(dot_d / 2) - 1);
       if (cv::countNonZero(glyph)) {
         cv::Rect bb = cv::boundingRect(glyph);

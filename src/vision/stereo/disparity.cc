@@ -473,6 +473,18 @@ inline Tap MakeTap(float xs, int w) {
 inline float Cubic(const float* row, const Tap& p) {
   return p.c[0] * row[p.i[0]] + p.c[1] * row[p.i[1]] + p.c[2] * row[p.i[2]] + p.c[3] * row[p.i[3]];
 }
+// The cubic resampling of group gk's first four lanes in a row of
+// interleaved groups (16 floats a group, ng groups a column); a1 and a2 are
+// the two middle columns' groups, for the linear lanes after the first four.
+inline cv::v_float32x4 CubicGroup(const float* row, const Tap& p, int ng, int gk, const float** a1,
+                                  const float** a2) {
+  const float* a0 = row + (size_t(p.i[0]) * ng + gk) * 16;
+  *a1 = row + (size_t(p.i[1]) * ng + gk) * 16;
+  *a2 = row + (size_t(p.i[2]) * ng + gk) * 16;
+  const float* a3 = row + (size_t(p.i[3]) * ng + gk) * 16;
+  return cv::v_setall_f32(p.c[0]) * cv::v_load(a0) + cv::v_setall_f32(p.c[1]) * cv::v_load(*a1) +
+         cv::v_setall_f32(p.c[2]) * cv::v_load(*a2) + cv::v_setall_f32(p.c[3]) * cv::v_load(a3);
+}
 inline float Linear(const float* row, const Tap& p) { return row[p.l0] + p.lt * (row[p.l1] - row[p.l0]); }
 
 // Refines the disparity field to sub-pixel precision: image 2 is resampled
@@ -555,16 +567,10 @@ void RefineSubPixel(const std::vector<cv::Mat>& c1, const std::vector<cv::Mat>& 
           float* o = wg.ptr<float>(y);
           for (int x = 0; x < w; ++x) {
             const Tap p = MakeTap(float(x) + d[x], w2);
-            const v_float32x4 c0 = cv::v_setall_f32(p.c[0]), c1v = cv::v_setall_f32(p.c[1]),
-                              c2v = cv::v_setall_f32(p.c[2]), c3 = cv::v_setall_f32(p.c[3]),
-                              t = cv::v_setall_f32(p.lt);
+            const v_float32x4 t = cv::v_setall_f32(p.lt);
             for (int gk = 0; gk < ng; ++gk, o += 8) {
-              const float* a0 = row + (size_t(p.i[0]) * ng + gk) * 16;
-              const float* a1 = row + (size_t(p.i[1]) * ng + gk) * 16;
-              const float* a2 = row + (size_t(p.i[2]) * ng + gk) * 16;
-              const float* a3 = row + (size_t(p.i[3]) * ng + gk) * 16;
-              const v_float32x4 v = c0 * cv::v_load(a0) + c1v * cv::v_load(a1) + c2v * cv::v_load(a2) +
-                                    c3 * cv::v_load(a3);
+              const float *a1, *a2;
+              const v_float32x4 v = CubicGroup(row, p, ng, gk, &a1, &a2);
               const v_float32x4 g1v = cv::v_load(a1 + 8);
               cv::v_store(o, v);
               cv::v_store(o + 4, g1v + t * (cv::v_load(a2 + 8) - g1v));
@@ -604,16 +610,10 @@ void RefineSubPixel(const std::vector<cv::Mat>& c1, const std::vector<cv::Mat>& 
             }
           } else {
             const Tap p = MakeTap(float(x) + d[x], w2);
-            const v_float32x4 c0 = cv::v_setall_f32(p.c[0]), c1v = cv::v_setall_f32(p.c[1]),
-                              c2v = cv::v_setall_f32(p.c[2]), c3 = cv::v_setall_f32(p.c[3]),
-                              t = cv::v_setall_f32(p.lt);
+            const v_float32x4 t = cv::v_setall_f32(p.lt);
             for (int gk = 0; gk < ng; ++gk) {
-              const float* a0 = row + (size_t(p.i[0]) * ng + gk) * 16;
-              const float* a1 = row + (size_t(p.i[1]) * ng + gk) * 16;
-              const float* a2 = row + (size_t(p.i[2]) * ng + gk) * 16;
-              const float* a3 = row + (size_t(p.i[3]) * ng + gk) * 16;
-              const v_float32x4 v = c0 * cv::v_load(a0) + c1v * cv::v_load(a1) + c2v * cv::v_load(a2) +
-                                    c3 * cv::v_load(a3);
+              const float *a1, *a2;
+              const v_float32x4 v = CubicGroup(row, p, ng, gk, &a1, &a2);
               // Linear: the mean, the gradient and its mean.
               const v_float32x4 m1 = cv::v_load(a1 + 4), g1v = cv::v_load(a1 + 8), n1 = cv::v_load(a1 + 12);
               const v_float32x4 m = m1 + t * (cv::v_load(a2 + 4) - m1);
