@@ -156,4 +156,17 @@ struct PrivateFolders {
   std::string root, runtime, data;
 };
 
+// A program run to its end in `folders`: its exit code (-1 when it did not
+// exit by itself within `timeout_s`), standard output and error.
+struct RunResult {
+  int exit_code;
+  std::string out, err;
+};
+inline RunResult RunToEnd(const std::string& program, const std::vector<std::string>& args,
+                          const PrivateFolders& folders, int timeout_s) {
+  ChildProcess p(program, args, folders.Env(), folders.root);
+  const auto status = p.WaitExit(timeout_s);
+  return {status && WIFEXITED(*status) ? WEXITSTATUS(*status) : -1, p.Stdout(), p.Stderr()};
+}
+
 }  // namespace velmora::testing

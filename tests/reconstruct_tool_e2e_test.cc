@@ -18,13 +18,9 @@ namespace velmora {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::ChildProcess;
 using testing::PrivateFolders;
 
-struct Result {
-  int exit_code;
-  std::string out, err;
-};
+using Result = testing::RunResult;
 
 class ReconstructTool : public ::testing::Test {
  protected:
@@ -38,10 +34,7 @@ class ReconstructTool : public ::testing::Test {
   }
 
   Result Run(const std::vector<std::string>& args) {
-    ChildProcess p(VELMORA_3D_PATH, args, folders_.Env(), folders_.root);
-    const auto status = p.WaitExit(300);
-    EXPECT_TRUE(status && WIFEXITED(*status));
-    return {status && WIFEXITED(*status) ? WEXITSTATUS(*status) : -1, p.Stdout(), p.Stderr()};
+    return testing::RunToEnd(VELMORA_3D_PATH, args, folders_, 300);
   }
   // A folder with the given views (index -> image).
   std::string Views(const std::string& name, const std::vector<cv::Mat>& views) {

@@ -18,13 +18,9 @@ namespace velmora {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::ChildProcess;
 using testing::PrivateFolders;
 
-struct Result {
-  int exit_code;
-  std::string out, err;
-};
+using Result = testing::RunResult;
 
 std::string ReadText(const std::string& path) {
   std::ifstream in(path);
@@ -38,10 +34,7 @@ class RigTool : public ::testing::Test {
   void SetUp() override { ::setenv("XDG_DATA_HOME", folders_.data.c_str(), 1); }
 
   Result Run(const std::vector<std::string>& args) {
-    ChildProcess p(VELMORA_3D_PATH, args, folders_.Env(), folders_.root);
-    const auto status = p.WaitExit(120);
-    EXPECT_TRUE(status && WIFEXITED(*status));
-    return {status && WIFEXITED(*status) ? WEXITSTATUS(*status) : -1, p.Stdout(), p.Stderr()};
+    return testing::RunToEnd(VELMORA_3D_PATH, args, folders_, 120);
   }
   std::string Write(const std::string& name, const std::string& text) {
     const std::string path = folders_.root + "/" + name;
