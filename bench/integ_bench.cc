@@ -20,6 +20,7 @@
 
 #include "addin_process.h"
 #include "integ/hostile.h"
+#include "ocr/centred_marking.h"
 #include "markings.h"
 
 using namespace velmora;
@@ -76,26 +77,10 @@ void HostileHeaders() {
 void LargeOcr(int side, bool text_window) {
   AddinProcess addin;
   // A marking in the middle of a light canvas of side x side pixels.
-  ocrgen::MarkingRenderer renderer;
-  std::mt19937 rng(7);
-  const ocrgen::Marking m = renderer.Render("LOT-4711", ocrgen::Families()[0].eval_faces[0], 64, ocrgen::Grade::Clean, rng);
-  cv::Mat canvas(side, side, CV_8UC4, cv::Scalar(235, 235, 235, 255));
-  cv::Mat rgba;
-  cv::cvtColor(m.rgb, rgba, cv::COLOR_RGB2RGBA);
-  rgba.copyTo(canvas(cv::Rect((side - rgba.cols) / 2, (side - rgba.rows) / 2, rgba.cols, rgba.rows)));
-  archive::RawBitmap bm;
-  bm.width = bm.height = side;
-  bm.samples_per_pixel = 4;
-  bm.bits_per_sample = 8;
-  bm.bytes_per_row = size_t(side) * 4;
-  bm.has_alpha = true;
-  bm.data.assign(canvas.data, canvas.data + canvas.total() * 4);
+  const auto image = ocrgen::CentredMarkingImage(side);
   auto attr = archive::MakeDictionary();
   attr->Set("fontName", archive::MakeString("Industrial"));
   if (text_window) attr->Set("text_window", archive::MakeBool(true));
-  const auto image = archive::MakeImage(bm);
-  bm.data = {};
-  canvas.release();
   const long base = testing::ProcStatusKb(addin.pid(), "VmHWM");
   const double cpu0 = CpuMs(addin.pid());
   // The add-in's resident memory over the request, sampled every 50 ms.

@@ -17,6 +17,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "archive/archive.h"
+#include "centred_marking.h"
 #include "markings.h"
 #include "ocr/ocr_filtered_image.h"
 #include "ocr/ocr_image.h"
@@ -84,26 +85,10 @@ void PrintRecords(const std::vector<velmora::OcrTextRecord>& recs) {
 int Probe(int side, bool text_window) {
   mallopt(M_MMAP_THRESHOLD, 32 << 20);
   mallopt(M_TRIM_THRESHOLD, 128 << 20);
-  MarkingRenderer renderer;
-  std::mt19937 rng(7);
-  const Marking m = renderer.Render("LOT-4711", Families()[0].eval_faces[0], 64, Grade::Clean, rng);
-  cv::Mat canvas(side, side, CV_8UC4, cv::Scalar(235, 235, 235, 255));
-  cv::Mat rgba;
-  cv::cvtColor(m.rgb, rgba, cv::COLOR_RGB2RGBA);
-  rgba.copyTo(canvas(cv::Rect((side - rgba.cols) / 2, (side - rgba.rows) / 2, rgba.cols, rgba.rows)));
-  archive::RawBitmap bm;
-  bm.width = bm.height = side;
-  bm.samples_per_pixel = 4;
-  bm.bits_per_sample = 8;
-  bm.bytes_per_row = size_t(side) * 4;
-  bm.has_alpha = true;
-  bm.data.assign(canvas.data, canvas.data + canvas.total() * 4);
-  canvas.release();
+  const auto image = CentredMarkingImage(side);
   auto attr = archive::MakeDictionary();
   attr->Set("fontName", archive::MakeString("Industrial"));
   if (text_window) attr->Set("text_window", archive::MakeBool(true));
-  const auto image = archive::MakeImage(bm);
-  bm.data = {};
   const auto t0 = std::chrono::steady_clock::now();
   const auto reply = velmora::ocrImage(image, attr, true);
   const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
