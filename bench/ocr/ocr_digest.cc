@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <cstdlib>
 #include <cstdio>
 #include <random>
 #include <string>
@@ -136,6 +137,9 @@ int ProbeSegment(int width, int height) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // The build's classifier files, unless another vision folder is given:
+  // without them every recognition would end in a missing-file exception.
+  ::setenv("VELMORA_VISION_DIR", VELMORA_BUILD_VISION_DIR, 0);
   int markings = 6, canvas = 900;
   for (int i = 1; i + 1 < argc; i += 2) {
     const std::string a = argv[i];
