@@ -17,4 +17,5 @@ target_link_libraries(bench_ocr_independent PRIVATE ocr_markings opencv_imgcodec
 # after a change that must not alter results.
 add_executable(bench_ocr_digest ocr/ocr_digest.cc)
 target_link_libraries(bench_ocr_digest PRIVATE ocr_markings opencv_imgproc)
+target_include_directories(bench_ocr_digest PRIVATE "${CMAKE_SOURCE_DIR}/tests")
 target_compile_definitions(bench_ocr_digest PRIVATE VELMORA_BUILD_VISION_DIR="${VELMORA_VISION_BUILD_DIR}")

@@ -20,6 +20,7 @@
 #include "archive/archive.h"
 #include "centred_marking.h"
 #include "markings.h"
+#include "platform_image.h"
 #include "ocr/ocr_filtered_image.h"
 #include "ocr/ocr_image.h"
 #include "ocr/ocr_segment.h"
@@ -57,17 +58,6 @@ uint64_t HashObject(const HObject& o) {
     }
   }
   return f.h;
-}
-
-std::shared_ptr<archive::Image> ToArchive(const cv::Mat& rgb) {
-  archive::RawBitmap bm;
-  bm.width = rgb.cols;
-  bm.height = rgb.rows;
-  bm.samples_per_pixel = 3;
-  bm.bits_per_sample = 8;
-  bm.bytes_per_row = size_t(rgb.cols) * 3;
-  for (int r = 0; r < rgb.rows; ++r) bm.data.insert(bm.data.end(), rgb.ptr(r), rgb.ptr(r) + rgb.cols * 3);
-  return archive::MakeImage(bm);
 }
 
 void PrintRecords(const std::vector<velmora::OcrTextRecord>& recs) {
@@ -214,7 +204,7 @@ int main(int argc, char** argv) {
         attr->Set("black_level", archive::MakeInt64(index % 4));
         if (index % 5 == 1) attr->Set("stretch_width_level", archive::MakeDouble(1.4));
         if (index % 5 == 3) attr->Set("stretch_height_level", archive::MakeDouble(0.7));
-        const auto preview = velmora::ocrFilteredImage(ToArchive(m.rgb), attr, true);
+        const auto preview = velmora::ocrFilteredImage(velmora::testing::PlatformImage(m.rgb), attr, true);
         Fnv f;
         if (preview) f.Add(preview->data(), preview->size());
         std::printf("  preview %s %016llx\n", preview ? "bytes" : "none", (unsigned long long)f.h);
@@ -229,7 +219,7 @@ int main(int argc, char** argv) {
     s.font_name = "Industrial";
     std::printf("flat %dx%d\n", sz.width, sz.height);
     PrintRecords(velmora::RecognizeText(ToVisionImage(flat), sz.width, sz.height, s));
-    const auto preview = velmora::ocrFilteredImage(ToArchive(flat), nullptr, true);
+    const auto preview = velmora::ocrFilteredImage(velmora::testing::PlatformImage(flat), nullptr, true);
     Fnv f;
     if (preview) f.Add(preview->data(), preview->size());
     std::printf("  preview %s %016llx\n", preview ? "bytes" : "none", (unsigned long long)f.h);

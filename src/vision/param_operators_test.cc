@@ -131,28 +131,30 @@ TEST(ParamOperatorsTest, StereoModelSettingsFollowTheReader) {
 }
 
 // What the query operators list, get reads and set takes back unchanged.
+template <class Query, class Get, class Set>
+void ExpectRoundTrip(const HTuple& model, const char* get_group, const char* set_group, Query query, Get get,
+                     Set set) {
+  HTuple names, values, again;
+  query(model, get_group, &names);
+  get(model, names, &values);
+  EXPECT_EQ(values.Length(), names.Length()) << get_group;
+  query(model, set_group, &names);
+  get(model, names, &values);
+  set(model, names, values);
+  get(model, names, &again);
+  EXPECT_EQ(again, values) << set_group;
+}
+
 TEST(ParamOperatorsTest, CodeModelParametersRoundTrip) {
-  HTuple bar, dc, names, values, again;
+  HTuple bar, dc;
   create_bar_code_model(HTuple(), HTuple(), &bar);
-  query_bar_code_params(bar, "get_general", &names);
-  get_bar_code_param(bar, names, &values);
-  EXPECT_EQ(values.Length(), names.Length());
-  query_bar_code_params(bar, "set_general", &names);
-  get_bar_code_param(bar, names, &values);
-  set_bar_code_param(bar, names, values);
-  get_bar_code_param(bar, names, &again);
-  EXPECT_EQ(again, values);
+  ExpectRoundTrip(bar, "get_general", "set_general", query_bar_code_params, get_bar_code_param,
+                  set_bar_code_param);
   clear_bar_code_model(bar);
 
   create_data_code_2d_model("Data Matrix ECC 200", HTuple(), HTuple(), &dc);
-  query_data_code_2d_params(dc, "get_model_params", &names);
-  get_data_code_2d_param(dc, names, &values);
-  EXPECT_EQ(values.Length(), names.Length());
-  query_data_code_2d_params(dc, "set_model_params", &names);
-  get_data_code_2d_param(dc, names, &values);
-  set_data_code_2d_param(dc, names, values);
-  get_data_code_2d_param(dc, names, &again);
-  EXPECT_EQ(again, values);
+  ExpectRoundTrip(dc, "get_model_params", "set_model_params", query_data_code_2d_params,
+                  get_data_code_2d_param, set_data_code_2d_param);
   clear_data_code_2d_model(dc);
 }
 
