@@ -124,9 +124,8 @@ constexpr uint8_t kOutsideCost = 40;
 
 // One row of Hamming distances; compiled twice so that processors with the
 // popcount instruction use it (the generic build calls a library routine).
-#if defined(__x86_64__)
-__attribute__((target("popcnt"))) void CostRowHw(const uint64_t* a, const uint64_t* b, const uint8_t* m2, int w,
-                                                  int w2, int k, int stride, const int* base, uint8_t* cost) {
+[[gnu::always_inline]] inline void CostRowBody(const uint64_t* a, const uint64_t* b, const uint8_t* m2, int w,
+                                               int w2, int k, int stride, const int* base, uint8_t* cost) {
   for (int x = 0; x < w; ++x) {
     uint8_t* c = cost + size_t(x) * stride;
     const int b0 = base[x];
@@ -137,18 +136,15 @@ __attribute__((target("popcnt"))) void CostRowHw(const uint64_t* a, const uint64
     }
   }
 }
+#if defined(__x86_64__)
+__attribute__((target("popcnt"))) void CostRowHw(const uint64_t* a, const uint64_t* b, const uint8_t* m2, int w,
+                                                  int w2, int k, int stride, const int* base, uint8_t* cost) {
+  CostRowBody(a, b, m2, w, w2, k, stride, base, cost);
+}
 #endif
 void CostRow(const uint64_t* a, const uint64_t* b, const uint8_t* m2, int w, int w2, int k, int stride,
              const int* base, uint8_t* cost) {
-  for (int x = 0; x < w; ++x) {
-    uint8_t* c = cost + size_t(x) * stride;
-    const int b0 = base[x];
-    for (int i = 0; i < k; ++i) {
-      const int x2 = x + b0 + i;
-      if (x2 < 0 || x2 >= w2 || !m2[x2]) continue;
-      c[i] = uint8_t(std::popcount(a[x] ^ b[x2]));
-    }
-  }
+  CostRowBody(a, b, m2, w, w2, k, stride, base, cost);
 }
 
 void ComputeCost(const Level& lv, Search* s) {
