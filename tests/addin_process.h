@@ -16,30 +16,22 @@
 //
 // Needs the compile definition VELMORA_ADDIN_PATH (velmora_test() gives it)
 // and the libraries velmora_client and archive.
-#include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <map>
+#include <memory>
 #include <optional>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "archive/archive.h"
+#include "child_process.h"
 #include "messaging/port_client.h"
 #include "messaging/protocol.h"
-
-extern char** environ;
 
 namespace velmora::testing {
 
@@ -70,51 +62,25 @@ class AddinProcess {
     // A runtime folder is private to its user, as Qt and the port folder expect.
     std::filesystem::permissions(runtime_dir_, std::filesystem::perms::owner_all);
     std::filesystem::create_directories(root_ + "/data");
-    stderr_path_ = root_ + "/stderr.log";
     ::setenv("XDG_RUNTIME_DIR", runtime_dir_.c_str(), 1);
-
-    std::map<std::string, std::string> env;
-    for (char** e = environ; *e; ++e) {
-      const std::string kv = *e;
-      const size_t eq = kv.find('=');
-      if (eq != std::string::npos) env[kv.substr(0, eq)] = kv.substr(eq + 1);
-    }
-    env["XDG_RUNTIME_DIR"] = runtime_dir_;
-    env["XDG_DATA_HOME"] = root_ + "/data";
-    env["QT_QPA_PLATFORM"] = "offscreen";
-    if (!env.count("VELMORA_VISION_DIR")) env["VELMORA_VISION_DIR"] = VELMORA_BUILD_VISION_DIR;
-    env.erase("VELMORA_LAUNCH_MODIFIERS");
-    env.erase("VELMORA_TEST_HOOKS");
-    for (const auto& [k, v] : options.env) {
-      if (v.empty()) env.erase(k);
-      else env[k] = v;
-    }
-    std::vector<std::string> strings;
-    for (const auto& [k, v] : env) strings.push_back(k + "=" + v);
-    std::vector<char*> envp;
-    for (auto& s : strings) envp.push_back(s.data());
-    envp.push_back(nullptr);
-
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, stderr_path_.c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    std::string exe = options.executable.empty() ? std::string(VELMORA_ADDIN_PATH) : options.executable;
-    char* argv[] = {exe.data(), nullptr};
-    const int rc = posix_spawn(&pid_, exe.c_str(), &actions, nullptr, argv, envp.data());
-    posix_spawn_file_actions_destroy(&actions);
-    if (rc != 0) throw std::runtime_error("cannot start " + exe);
-    if (options.wait_for_port && !WaitForPort(15)) {
-      const std::string log = Stderr();
-      Kill();
-      throw std::runtime_error("the add-in's request port did not appear; stderr:\n" + log);
-    }
+    // The launch switches start unset, whatever this process's environment says.
+    std::map<std::string, std::string> env = {{"XDG_RUNTIME_DIR", runtime_dir_},
+                                              {"XDG_DATA_HOME", root_ + "/data"},
+                                              {"QT_QPA_PLATFORM", "offscreen"},
+                                              {"VELMORA_LAUNCH_MODIFIERS", ""},
+                                              {"VELMORA_TEST_HOOKS", ""}};
+    if (!std::getenv("VELMORA_VISION_DIR")) env["VELMORA_VISION_DIR"] = VELMORA_BUILD_VISION_DIR;
+    for (const auto& [k, v] : options.env) env[k] = v;
+    const std::string exe = options.executable.empty() ? std::string(VELMORA_ADDIN_PATH) : options.executable;
+    child_ = std::make_unique<ChildProcess>(exe, std::vector<std::string>{}, env, root_);
+    if (options.wait_for_port && !WaitForPort(15))
+      throw std::runtime_error("the add-in's request port did not appear; stderr:\n" + Stderr());
   }
 
   // Stops the process and removes its folders (a borrowed runtime folder stays
   // with its owner).
   ~AddinProcess() {
-    Stop();
+    child_.reset();
     std::error_code ignored;
     std::filesystem::remove_all(root_, ignored);
   }
@@ -122,15 +88,15 @@ class AddinProcess {
   AddinProcess(const AddinProcess&) = delete;
   AddinProcess& operator=(const AddinProcess&) = delete;
 
-  pid_t pid() const { return pid_; }
+  pid_t pid() const { return child_->pid(); }
   const std::string& runtime_dir() const { return runtime_dir_; }
   std::string socket_path() const { return runtime_dir_ + "/velmora/" + kRequestPortName + ".sock"; }
 
   // True once the launch line is logged and the request port answers.
   bool WaitForPort(double seconds) {
-    const auto deadline = Clock::now() + ToDuration(seconds);
-    while (Clock::now() < deadline) {
-      if (Exited()) return false;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    while (std::chrono::steady_clock::now() < deadline) {
+      if (child_->Exited()) return false;
       if (Stderr().find("launch-") != std::string::npos) {
         PortReply reply;
         PortSendOptions o;
@@ -178,73 +144,18 @@ class AddinProcess {
     return body;
   }
 
-  std::string Stderr() const {
-    std::ifstream in(stderr_path_);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-  }
-
-  bool WaitForLog(const std::string& text, double seconds) const {
-    const auto deadline = Clock::now() + ToDuration(seconds);
-    do {
-      if (Stderr().find(text) != std::string::npos) return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    } while (Clock::now() < deadline);
-    return false;
-  }
-
-  void Signal(int sig) const {
-    if (pid_ > 0 && !exit_status_) ::kill(pid_, sig);
-  }
-
+  std::string Stderr() const { return child_->Stderr(); }
+  bool WaitForLog(const std::string& text, double seconds) const { return child_->WaitForLog(text, seconds); }
+  void Signal(int sig) const { child_->Signal(sig); }
   // The exit status (as waitpid reports it) once the process has ended within
   // `seconds`; nullopt while it runs.
-  std::optional<int> WaitExit(double seconds) {
-    const auto deadline = Clock::now() + ToDuration(seconds);
-    do {
-      if (Exited()) return exit_status_;
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    } while (Clock::now() < deadline);
-    return Exited() ? exit_status_ : std::nullopt;
-  }
-
+  std::optional<int> WaitExit(double seconds) { return child_->WaitExit(seconds); }
   // SIGTERM, then SIGKILL if it has not ended within 10 s. Returns the status.
-  std::optional<int> Stop() {
-    if (pid_ <= 0) return exit_status_;
-    Signal(SIGTERM);
-    if (!WaitExit(10)) Kill();
-    return exit_status_;
-  }
+  std::optional<int> Stop() { return child_->Stop(); }
 
  private:
-  using Clock = std::chrono::steady_clock;
-  static Clock::duration ToDuration(double s) {
-    return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(s));
-  }
-
-  bool Exited() {
-    if (exit_status_) return true;
-    if (pid_ <= 0) return false;
-    int status = 0;
-    if (::waitpid(pid_, &status, WNOHANG) == pid_) {
-      exit_status_ = status;
-      return true;
-    }
-    return false;
-  }
-
-  void Kill() {
-    if (pid_ <= 0 || Exited()) return;
-    ::kill(pid_, SIGKILL);
-    int status = 0;
-    ::waitpid(pid_, &status, 0);
-    exit_status_ = status;
-  }
-
-  pid_t pid_ = -1;
-  std::optional<int> exit_status_;
-  std::string root_, runtime_dir_, stderr_path_;
+  std::unique_ptr<ChildProcess> child_;
+  std::string root_, runtime_dir_;
 };
 
 }  // namespace velmora::testing

@@ -1,7 +1,8 @@
 #pragma once
-// Runs one of the project's programs (the side-camera server, velmora-3d) as
-// a child process for end-to-end tests and benchmarks: its own environment
-// changes, standard output and error captured in files, signals, exit status.
+// Runs one of the project's programs (the add-in, the side-camera server,
+// velmora-3d) as a child process for end-to-end tests and benchmarks: its own
+// environment changes, standard output and error captured in files, signals,
+// exit status.
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
@@ -94,6 +95,17 @@ class ChildProcess {
     return Exited() ? status_ : std::nullopt;
   }
 
+  bool Exited() {
+    if (status_) return true;
+    if (pid_ <= 0) return false;
+    int status = 0;
+    if (::waitpid(pid_, &status, WNOHANG) == pid_) {
+      status_ = status;
+      return true;
+    }
+    return false;
+  }
+
   // SIGTERM, then SIGKILL after 10 s.
   std::optional<int> Stop() {
     if (pid_ <= 0) return status_;
@@ -118,17 +130,6 @@ class ChildProcess {
     s << in.rdbuf();
     return s.str();
   }
-  bool Exited() {
-    if (status_) return true;
-    if (pid_ <= 0) return false;
-    int status = 0;
-    if (::waitpid(pid_, &status, WNOHANG) == pid_) {
-      status_ = status;
-      return true;
-    }
-    return false;
-  }
-
   pid_t pid_ = -1;
   std::optional<int> status_;
   std::string stdout_path_, stderr_path_;

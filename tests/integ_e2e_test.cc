@@ -79,6 +79,8 @@ cv::Mat GreyMarking(const std::string& text) {
 }
 
 archive::RawBitmap GreyBitmap(const cv::Mat& grey, int bits) {
+  cv::Mat samples;  // a fresh, continuous copy
+  grey.convertTo(samples, bits == 16 ? CV_16U : CV_8U, bits == 16 ? 257 : 1);
   archive::RawBitmap b;
   b.width = grey.cols;
   b.height = grey.rows;
@@ -86,18 +88,7 @@ archive::RawBitmap GreyBitmap(const cv::Mat& grey, int bits) {
   b.bits_per_sample = bits;
   b.bytes_per_row = size_t(grey.cols) * (bits / 8);
   b.color_space = archive::kCalibratedWhiteColorSpace;
-  b.has_alpha = false;
-  b.data.resize(b.bytes_per_row * size_t(grey.rows));
-  for (int y = 0; y < grey.rows; ++y)
-    for (int x = 0; x < grey.cols; ++x) {
-      const uint8_t v = grey.at<uint8_t>(y, x);
-      if (bits == 8) {
-        b.data[size_t(y) * b.bytes_per_row + size_t(x)] = v;
-      } else {
-        const uint16_t w = uint16_t(v * 257);
-        std::memcpy(&b.data[size_t(y) * b.bytes_per_row + 2 * size_t(x)], &w, 2);
-      }
-    }
+  b.data.assign(samples.data, samples.data + samples.total() * samples.elemSize());
   return b;
 }
 

@@ -22,6 +22,12 @@ using testing::PrivateFolders;
 
 constexpr size_t kViewBytes = 640 * 480 * 4;
 
+// The exit code of a program that ends by itself within `seconds`; -1 otherwise.
+int ExitCode(ChildProcess& p, double seconds) {
+  const auto status = p.WaitExit(seconds);
+  return status && WIFEXITED(*status) ? WEXITSTATUS(*status) : -1;
+}
+
 class SideCamServer : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -55,6 +61,13 @@ class SideCamServer : public ::testing::Test {
     return reply;
   }
 
+  // View `index` of an images reply.
+  static std::shared_ptr<archive::Data> View(const archive::ObjectPtr& reply, int index) {
+    char key[16];
+    std::snprintf(key, sizeof key, "sideImage_%02d", index);
+    return archive::AsData(archive::ReadObject(reply, key));
+  }
+
   static archive::ObjectPtr ImagesRequest() {
     auto d = archive::MakeDictionary();
     d->Set(kSideCalibImageType, archive::MakeInt32(0));
@@ -79,11 +92,8 @@ TEST_F(SideCamServer, FolderModeServesEachRequestFromTheFilesAsTheyAre) {
   ASSERT_EQ(status, 0);
   EXPECT_EQ(archive::ReadInt(reply, kSide3DErrorResult, -1), 0);
   for (int i = 0; i < 8; ++i) {
-    char key[16];
-    std::snprintf(key, sizeof key, "sideImage_%02d", i);
-    const auto data = archive::AsData(archive::ReadObject(reply, key));
-    ASSERT_TRUE(data) << key;
-    ASSERT_EQ(data->bytes.size(), kViewBytes);
+    const auto data = View(reply, i);
+    ASSERT_TRUE(data && data->bytes.size() == kViewBytes) << i;
     // Alpha first, then red, green, blue; every pixel.
     const cv::Mat& bgr = images[i];
     size_t wrong = 0;
@@ -93,8 +103,8 @@ TEST_F(SideCamServer, FolderModeServesEachRequestFromTheFilesAsTheyAre) {
         const cv::Vec3b v = bgr.at<cv::Vec3b>(r, c);
         wrong += p[0] != 255 || p[1] != v[2] || p[2] != v[1] || p[3] != v[0];
       }
-    EXPECT_EQ(wrong, 0u) << key;
-    EXPECT_EQ(data->bytes[1], 30 + i) << key;
+    EXPECT_EQ(wrong, 0u) << i;
+    EXPECT_EQ(data->bytes[1], 30 + i) << i;
   }
 
   // Bad files: a non-zero result and a log line naming the file, never a crash;
@@ -150,22 +160,16 @@ TEST_F(SideCamServer, LogsTheOtherMessagesAndEndsOnSignals) {
 
   // One server per user: a second one ends at once.
   ChildProcess second(VELMORA_SIDECAM_PATH, {"--images", views_}, folders_.Env(), folders_.root);
-  const auto second_status = second.WaitExit(10);
-  ASSERT_TRUE(second_status);
-  EXPECT_EQ(WEXITSTATUS(*second_status), 1);
+  EXPECT_EQ(ExitCode(second, 10), 1);
   EXPECT_NE(second.Stderr().find("another side-camera server"), std::string::npos);
 
   server->Signal(SIGINT);
-  const auto status = server->WaitExit(5);
-  ASSERT_TRUE(status);
-  EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0);
+  EXPECT_EQ(ExitCode(*server, 5), 0);
   EXPECT_FALSE(PortIsRegistered(kSideCamServerPortName));
   // SIGTERM as well, and the name is free for the next one.
   auto again = Start({"--images", views_});
   again->Signal(SIGTERM);
-  const auto again_status = again->WaitExit(5);
-  ASSERT_TRUE(again_status);
-  EXPECT_TRUE(WIFEXITED(*again_status) && WEXITSTATUS(*again_status) == 0);
+  EXPECT_EQ(ExitCode(*again, 5), 0);
 }
 
 TEST_F(SideCamServer, BadCommandLinesAreRefused) {
@@ -174,9 +178,7 @@ TEST_F(SideCamServer, BadCommandLinesAreRefused) {
       {"--synthetic", "--seed", "x"}, {"--images", views_, "--synthetic"}, {"--bogus"}};
   for (const auto& args : cases) {
     ChildProcess p(VELMORA_SIDECAM_PATH, args, folders_.Env(), folders_.root);
-    const auto status = p.WaitExit(10);
-    ASSERT_TRUE(status);
-    EXPECT_EQ(WEXITSTATUS(*status), 2) << (args.empty() ? "(none)" : args.back());
+    EXPECT_EQ(ExitCode(p, 10), 2) << (args.empty() ? "(none)" : args.back());
   }
 }
 
@@ -200,10 +202,8 @@ TEST_F(SideCamServer, SyntheticModeServesTheDemoRigAndWritesItsCalibration) {
   ASSERT_EQ(status, 0);
   EXPECT_EQ(archive::ReadInt(reply, kSide3DErrorResult, -1), 0);
   for (int i = 0; i < 8; ++i) {
-    char key[16];
-    std::snprintf(key, sizeof key, "sideImage_%02d", i);
-    const auto data = archive::AsData(archive::ReadObject(reply, key));
-    ASSERT_TRUE(data && data->bytes.size() == kViewBytes) << key;
+    const auto data = View(reply, i);
+    ASSERT_TRUE(data && data->bytes.size() == kViewBytes) << i;
     EXPECT_EQ(data->bytes[0], 255);
   }
 
