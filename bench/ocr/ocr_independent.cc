@@ -398,6 +398,9 @@ int ReadAll(const std::string& dir, bool show_errors) {
     row.frame_ms.push_back(ms);
     const velmora::OcrTextRecord fw = Read(frame, family, 0, &ms, true);
     row.frame_window.Add(want, fw.text);
+    if (show_errors && fw.text != want)
+      std::printf("  text window %s [%s, %s px]: %s -> %s (%zu pieces)\n", id.c_str(), face.c_str(),
+                  px.c_str(), want.c_str(), fw.text.c_str(), fw.rects.size());
     row.frame_window_ms.push_back(ms);
     cv::Mat bgr;
     cv::cvtColor(win, bgr, cv::COLOR_RGB2BGR);

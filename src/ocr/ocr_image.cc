@@ -1,5 +1,7 @@
 #include "ocr/ocr_image.h"
 
+#include <algorithm>
+#include <cmath>
 #include <cstring>
 
 #include "messaging/log.h"
@@ -32,6 +34,17 @@ Rect UnstretchRect(Rect r, double w, double h, float stretch) {
   const int width = int(float(rw) * f);
   r.left = int16_t(left);
   r.right = int16_t(left + width);
+  return r;
+}
+
+// A box of the enlarged window in the window's own pixels: each side is
+// the original pixel its enlarged pixel samples.
+Rect UnzoomRect(Rect r, double zoom) {
+  auto back = [zoom](int v) { return int16_t(std::floor((v + 0.5) / zoom)); };
+  r.top = back(r.top);
+  r.left = back(r.left);
+  r.bottom = back(r.bottom);
+  r.right = back(r.right);
   return r;
 }
 
@@ -142,11 +155,14 @@ std::vector<OcrTextRecord> RecognizeText(HObject image, double width, double hei
     readOCRFont(settings.font_name, classifiers);
     HObject read_image = std::move(image);
     cv::Rect window(0, 0, 0, 0);
+    double zoom = 1.0;  // enlargement of the window before reading
     if (settings.text_window) {
       HObject ho_Gray;
       vision::rgb1_to_gray(read_image, &ho_Gray);
       const cv::Mat& gray = ho_Gray.ImageAt(0).planes[0];
-      if (gray.type() == CV_8U && FindTextWindow(gray, &window) &&
+      const TextWindowReading how = TextWindowReadingFor(settings.font_name.value_or(""));
+      int line_h = 0;
+      if (gray.type() == CV_8U && FindTextWindow(gray, &window, &line_h, how.margin) &&
           window.width <= width && window.height <= height) {
         HObject ho_Rect, ho_Reduced;
         vision::gen_rectangle1(&ho_Rect, HTuple(window.y), HTuple(window.x),
@@ -155,6 +171,16 @@ std::vector<OcrTextRecord> RecognizeText(HObject image, double width, double hei
         vision::crop_domain(ho_Reduced, &read_image);
         width = window.width;
         height = window.height;
+        if (line_h > 0 && line_h < how.min_line_height) {
+          zoom = std::min(how.max_zoom, double(how.min_line_height) / line_h);
+          HObject ho_Zoomed;
+          vision::zoom_image_factor(read_image, &ho_Zoomed, HTuple(zoom), HTuple(zoom),
+                                    HTuple("weighted"));
+          read_image = std::move(ho_Zoomed);
+          const cv::Mat& plane = read_image.ImageAt(0).planes[0];
+          width = plane.cols;
+          height = plane.rows;
+        }
       } else {
         window = cv::Rect(0, 0, 0, 0);
       }
@@ -169,6 +195,7 @@ std::vector<OcrTextRecord> RecognizeText(HObject image, double width, double hei
       if (RunPass(std::move(pass_image), width, height, pass, settings, classifiers, fn, &r)) {
         // Boxes of a window are given in the whole image's coordinates.
         for (Rect& rc : r.rects) {
+          if (zoom != 1.0) rc = UnzoomRect(rc, zoom);
           rc.top = int16_t(rc.top + window.y);
           rc.bottom = int16_t(rc.bottom + window.y);
           rc.left = int16_t(rc.left + window.x);

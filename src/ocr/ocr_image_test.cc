@@ -1,5 +1,6 @@
 #include "ocr/ocr_image.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -210,6 +211,45 @@ TEST_F(OcrImageTest, TextWindowReadsASmallLineInAWholeFrame) {
   // An empty frame has no line: the whole frame is read, as without the key.
   const cv::Mat empty(480, 640, CV_8U, cv::Scalar(200));
   EXPECT_TRUE(Read(empty, s).empty());
+}
+
+// Small print is enlarged before it is read: the boxes still come back on
+// the printed characters, in the frame's coordinates, for both the outline
+// families' narrow window and dot print's wider one.
+TEST_F(OcrImageTest, TextWindowBoxesOfEnlargedSmallPrintLieOnTheCharacters) {
+  for (const char* family : {"Industrial", "DotPrint"}) {
+    if (std::string(family) == "DotPrint") {
+      dir_.Add("DotPrint.omc", {"F", "0"});
+      dir_.Add("DotPrint_0-9.omc", {"D", "1"});
+      dir_.Add("DotPrint_A-Z+.omc", {"L", "M"});
+    }
+    cv::Mat frame(480, 640, CV_8U, cv::Scalar(200));
+    for (int i = 0; i < 5; ++i)
+      cv::putText(frame, std::string(1, "AB1CD"[i]), {300 + 22 * i, 260}, cv::FONT_HERSHEY_SIMPLEX,
+                  0.8, cv::Scalar(30), 2, cv::LINE_AA);
+    // The characters' own boxes: one dark blob each.
+    cv::Mat labels, stats, centroids;
+    const int n = cv::connectedComponentsWithStats(frame < 120, labels, stats, centroids, 8);
+    std::vector<cv::Rect> ink;
+    for (int i = 1; i < n; ++i)
+      ink.emplace_back(stats.at<int>(i, cv::CC_STAT_LEFT), stats.at<int>(i, cv::CC_STAT_TOP),
+                       stats.at<int>(i, cv::CC_STAT_WIDTH), stats.at<int>(i, cv::CC_STAT_HEIGHT));
+    std::sort(ink.begin(), ink.end(), [](const cv::Rect& a, const cv::Rect& b) { return a.x < b.x; });
+    ASSERT_EQ(ink.size(), 5u);
+    OcrSettings s;
+    s.font_name = family;
+    s.text_window = true;
+    const auto recs = Read(frame, s);
+    ASSERT_EQ(recs.size(), 1u) << family;
+    ASSERT_EQ(recs[0].rects.size(), 5u) << family;
+    for (size_t i = 0; i < 5; ++i) {
+      const Rect& r = recs[0].rects[i];
+      EXPECT_NEAR(r.left, ink[i].x, 2) << family << " " << i;
+      EXPECT_NEAR(r.right, ink[i].br().x - 1, 2) << family << " " << i;
+      EXPECT_NEAR(r.top, ink[i].y, 2) << family << " " << i;
+      EXPECT_NEAR(r.bottom, ink[i].br().y - 1, 2) << family << " " << i;
+    }
+  }
 }
 
 // No classifiers loaded (no font; a wrong or unknown name loads none either,

@@ -7,7 +7,7 @@
 
 namespace velmora {
 
-bool FindTextWindow(const cv::Mat& gray, cv::Rect* window) {
+bool FindTextWindow(const cv::Mat& gray, cv::Rect* window, int* line_height, double margin) {
   if (gray.empty() || gray.type() != CV_8U || gray.cols < 8 || gray.rows < 8) return false;
   // Edges of print: gradient magnitude of the lightly smoothed image against
   // a threshold above the noise (the median magnitude is the ground's).
@@ -88,9 +88,21 @@ bool FindTextWindow(const cv::Mat& gray, cv::Rect* window) {
     }
   }
   const int w = x2 - x, h = y2 - y;
-  const int m = std::max(4, h / 2);
+  if (line_height) *line_height = h;
+  const int m = std::max(4, int(h * margin));
   *window = cv::Rect(x - m, y - m, w + 2 * m, h + 2 * m) & cv::Rect(0, 0, gray.cols, gray.rows);
   return window->width > 0 && window->height > 0;
+}
+
+TextWindowReading TextWindowReadingFor(const std::string& family) {
+  TextWindowReading r;
+  // Measured on markings of the independent benchmark's generator with a
+  // seed of its own (not the published set): a third of a line height lifted
+  // Document from 94.3 to 96.4 % of characters clean and from 61 to 75 % hard,
+  // Industrial hard from 75 to 85 %; dot print lost a tenth of its clean
+  // characters to split cells with it.
+  if (family != "DotPrint") r.margin = 0.3;
+  return r;
 }
 
 }  // namespace velmora
