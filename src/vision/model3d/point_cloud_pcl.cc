@@ -72,59 +72,72 @@ bool JoinByCells(const std::vector<Eigen::Vector3f>& pts, double dist, UnionFind
   }
   if (finite == 0) return true;
   if (!((hi - lo).maxCoeff() / cell < double(kMaxCells - 4))) return false;
-  // Cell coordinates start at 1, so that the neighbours one cell down stay positive.
-  auto key_of = [](int64_t x, int64_t y, int64_t z) {
-    return (uint64_t(z) << 42) | (uint64_t(y) << 21) | uint64_t(x);
-  };
-  std::vector<std::pair<uint64_t, int32_t>> keyed;
-  keyed.reserve(finite);
-  for (size_t i = 0; i < pts.size(); ++i) {
-    if (!pts[i].allFinite()) continue;
-    const Eigen::Vector3d c = ((pts[i].cast<double>() - lo) / cell).array().floor() + 1;
-    keyed.emplace_back(key_of(int64_t(c.x()), int64_t(c.y()), int64_t(c.z())), int32_t(i));
+  // Cells are numbered along x, then y, then z, from 1 with a spare cell at
+  // both ends of each axis, so that a neighbour's number is the cell's plus
+  // a constant and never wraps: cells in number order see their neighbours
+  // of each direction in number order too.
+  const uint64_t nx = uint64_t(std::floor((hi.x() - lo.x()) / cell)) + 3;
+  const uint64_t ny = uint64_t(std::floor((hi.y() - lo.y()) / cell)) + 3;
+  const uint64_t nz = uint64_t(std::floor((hi.z() - lo.z()) / cell)) + 3;
+  const uint64_t num_keys = nx * ny * nz;
+  std::vector<uint64_t> key(finite);
+  std::vector<int32_t> id(finite);
+  {
+    size_t k = 0;
+    for (size_t i = 0; i < pts.size(); ++i) {
+      if (!pts[i].allFinite()) continue;
+      const Eigen::Vector3d c = ((pts[i].cast<double>() - lo) / cell).array().floor() + 1;
+      key[k] = (uint64_t(c.z()) * ny + uint64_t(c.y())) * nx + uint64_t(c.x());
+      id[k++] = int32_t(i);
+    }
   }
-  std::sort(keyed.begin(), keyed.end());
+  // Stable radix sort by cell number, 11 bits a pass: the points of a cell
+  // stay in their order.
+  {
+    int bits = 0;
+    while (bits < 64 && (num_keys >> bits) != 0) ++bits;
+    std::vector<uint64_t> key2(finite);
+    std::vector<int32_t> id2(finite);
+    constexpr int kDigit = 11;
+    std::vector<uint32_t> count(size_t(1) << kDigit);
+    for (int shift = 0; shift < bits; shift += kDigit) {
+      std::fill(count.begin(), count.end(), 0u);
+      const uint64_t m = (uint64_t(1) << kDigit) - 1;
+      for (size_t k = 0; k < finite; ++k) ++count[(key[k] >> shift) & m];
+      uint32_t sum = 0;
+      for (uint32_t& c : count) {
+        const uint32_t n = c;
+        c = sum;
+        sum += n;
+      }
+      for (size_t k = 0; k < finite; ++k) {
+        const uint32_t to = count[(key[k] >> shift) & m]++;
+        key2[to] = key[k];
+        id2[to] = id[k];
+      }
+      key.swap(key2);
+      id.swap(id2);
+    }
+  }
   // Points in cell order, so that a cell's points are read from one place.
-  std::vector<Eigen::Vector3f> sorted(keyed.size());
-  for (size_t k = 0; k < keyed.size(); ++k) sorted[k] = pts[size_t(keyed[k].second)];
+  std::vector<Eigen::Vector3f> sorted(finite);
+  for (size_t k = 0; k < finite; ++k) sorted[k] = pts[size_t(id[k])];
   struct Cell {
     uint64_t key;
     uint32_t begin, end;
   };
   std::vector<Cell> cells;
-  for (uint32_t k = 0; k < keyed.size();) {
+  for (uint32_t k = 0; k < finite;) {
     uint32_t e = k + 1;
-    while (e < keyed.size() && keyed[e].first == keyed[k].first) ++e;
-    cells.push_back({keyed[k].first, k, e});
+    while (e < finite && key[e] == key[k]) ++e;
+    cells.push_back({key[k], k, e});
     k = e;
   }
-  size_t size = 16;
-  while (size < 2 * cells.size()) size *= 2;
-  const uint64_t mask = size - 1;
-  constexpr uint32_t kNone = std::numeric_limits<uint32_t>::max();
-  std::vector<std::pair<uint64_t, uint32_t>> table(size, {0, kNone});
-  auto hash = [](uint64_t k) {
-    k ^= k >> 30;
-    k *= 0xBF58476D1CE4E5B9ull;
-    k ^= k >> 27;
-    k *= 0x94D049BB133111EBull;
-    return k ^ (k >> 31);
-  };
-  for (uint32_t c = 0; c < cells.size(); ++c) {
-    uint64_t h = hash(cells[c].key) & mask;
-    while (table[h].second != kNone) h = (h + 1) & mask;
-    table[h] = {cells[c].key, c};
-  }
-  std::vector<Eigen::Vector3i> offsets;  // the later half of the 26 neighbours
-  for (int dz = -1; dz <= 1; ++dz)
-    for (int dy = -1; dy <= 1; ++dy)
-      for (int dx = -1; dx <= 1; ++dx)
-        if (std::make_tuple(dz, dy, dx) > std::make_tuple(0, 0, 0)) offsets.emplace_back(dx, dy, dz);
   const float r2 = float(dist * dist);
   auto join_close = [&](uint32_t ab, uint32_t ae, uint32_t bb, uint32_t be, bool same) {
     for (uint32_t i = ab; i < ae; ++i)
       for (uint32_t j = same ? i + 1 : bb; j < be; ++j)
-        if ((sorted[i] - sorted[j]).squaredNorm() < r2) uf->Join(keyed[i].second, keyed[j].second);
+        if ((sorted[i] - sorted[j]).squaredNorm() < r2) uf->Join(id[i], id[j]);
   };
   // A cell whose points are all joined already (nearly every cell of a
   // dense surface) needs one close pair with another such cell, and none
@@ -133,36 +146,42 @@ bool JoinByCells(const std::vector<Eigen::Vector3f>& pts, double dist, UnionFind
   for (size_t c = 0; c < cells.size(); ++c) {
     const Cell& a = cells[c];
     join_close(a.begin, a.end, a.begin, a.end, true);
-    const int32_t r = uf->Find(keyed[a.begin].second);
+    const int32_t r = uf->Find(id[a.begin]);
     bool all = true;
-    for (uint32_t i = a.begin + 1; i < a.end && all; ++i) all = uf->Find(keyed[i].second) == r;
+    for (uint32_t i = a.begin + 1; i < a.end && all; ++i) all = uf->Find(id[i]) == r;
     whole[c] = all;
   }
   auto join_first = [&](const Cell& a, const Cell& b) {
     for (uint32_t i = a.begin; i < a.end; ++i)
       for (uint32_t j = b.begin; j < b.end; ++j)
         if ((sorted[i] - sorted[j]).squaredNorm() < r2) {
-          uf->Join(keyed[i].second, keyed[j].second);
+          uf->Join(id[i], id[j]);
           return;
         }
   };
-  for (size_t c = 0; c < cells.size(); ++c) {
+  auto visit = [&](size_t c, size_t bc) {
     const Cell& a = cells[c];
-    const int64_t x = int64_t(a.key & 0x1FFFFF), y = int64_t((a.key >> 21) & 0x1FFFFF),
-                  z = int64_t(a.key >> 42);
-    for (const Eigen::Vector3i& o : offsets) {
-      const uint64_t key = key_of(x + o.x(), y + o.y(), z + o.z());
-      for (uint64_t h = hash(key) & mask; table[h].second != kNone; h = (h + 1) & mask)
-        if (table[h].first == key) {
-          const uint32_t bc = table[h].second;
-          const Cell& b = cells[bc];
-          if (!whole[c] || !whole[bc]) {
-            join_close(a.begin, a.end, b.begin, b.end, false);
-          } else if (uf->Find(keyed[a.begin].second) != uf->Find(keyed[b.begin].second)) {
-            join_first(a, b);
-          }
-          break;
-        }
+    const Cell& b = cells[bc];
+    if (!whole[c] || !whole[bc]) {
+      join_close(a.begin, a.end, b.begin, b.end, false);
+    } else if (uf->Find(id[a.begin]) != uf->Find(id[b.begin])) {
+      join_first(a, b);
+    }
+  };
+  // The later neighbours: the next cell of the row, then three cells each of
+  // the next row and of three rows of the next plane. One cursor per row of
+  // neighbours walks the cells once.
+  const uint64_t rows[4] = {nx, nx * ny - nx, nx * ny, nx * ny + nx};
+  size_t cursor[4] = {0, 0, 0, 0};
+  const size_t nc = cells.size();
+  for (size_t c = 0; c < nc; ++c) {
+    const uint64_t k = cells[c].key;
+    if (c + 1 < nc && cells[c + 1].key == k + 1) visit(c, c + 1);
+    for (int r = 0; r < 4; ++r) {
+      const uint64_t first = k + rows[r] - 1;
+      size_t& j = cursor[r];
+      while (j < nc && cells[j].key < first) ++j;
+      for (size_t t = j; t < nc && cells[t].key <= first + 2; ++t) visit(c, t);
     }
   }
   return true;

@@ -2,6 +2,8 @@
 
 #include <cmath>
 #include <map>
+#include <numeric>
+#include <set>
 #include <random>
 #include <thread>
 
@@ -103,6 +105,57 @@ TEST(PointCloud, ConnectionSplitsByDistance) {
         EXPECT_EQ(d.points[i], c.pts[size_t(id[i])]);
         if (i) EXPECT_GT(id[i], id[i - 1]);
       }
+    }
+  }
+}
+
+TEST(PointCloud, ConnectionMatchesAllPairs) {
+  // Parts against a union of every pair closer than the distance, on clouds
+  // whose neighbours lie in every direction of the grid of cells.
+  std::mt19937 rng(7);
+  std::uniform_real_distribution<float> u(-5e-4f, 5e-4f);
+  Pts box, sheet, lattice;
+  for (int i = 0; i < 1500; ++i) box.emplace_back(u(rng), u(rng), u(rng));
+  for (int i = 0; i < 1500; ++i) sheet.emplace_back(u(rng), u(rng), 0.5f * u(rng) * 1e-2f);
+  // Far points make a long grid along z.
+  sheet.emplace_back(0.f, 0.f, 0.5f);
+  sheet.emplace_back(1e-5f, 0.f, 0.5f);
+  sheet.emplace_back(-3e-4f, 2e-4f, -0.25f);
+  // A lattice just finer than the distance, every other point missing.
+  for (int z = -4; z < 4; ++z)
+    for (int y = -4; y < 4; ++y)
+      for (int x = -4; x < 4; ++x)
+        if (rng() % 2) lattice.emplace_back(x * 0.99e-4f, y * 0.99e-4f, z * 0.99e-4f);
+  Pts with_nan = box;
+  with_nan[3] = Eigen::Vector3f(std::nanf(""), 0.f, 0.f);
+  struct Case {
+    const char* what;
+    Pts pts;
+    double dist;
+  } cases[] = {{"box", box, 6e-5}, {"sheet with far points", sheet, 3e-5},
+               {"lattice", lattice, 1e-4}, {"a point without coordinates", with_nan, 6e-5}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    const size_t n = c.pts.size();
+    std::vector<size_t> root(n);
+    std::iota(root.begin(), root.end(), size_t(0));
+    std::function<size_t(size_t)> find = [&](size_t a) { return root[a] == a ? a : root[a] = find(root[a]); };
+    const float r2 = float(c.dist * c.dist);
+    for (size_t i = 0; i < n; ++i)
+      for (size_t j = i + 1; j < n; ++j)
+        if ((c.pts[i] - c.pts[j]).squaredNorm() < r2) root[find(j)] = find(i);
+    std::map<size_t, size_t> size_of_root;
+    for (size_t i = 0; i < n; ++i) ++size_of_root[find(i)];
+    HTuple parts;
+    connection_object_model_3d(Model(c.pts), "distance_3d", c.dist, &parts);
+    ASSERT_EQ(size_t(parts.Length()), size_of_root.size());
+    std::set<size_t> seen;
+    for (Hlong k = 0; k < parts.Length(); ++k) {
+      const std::vector<double>& id = Data(parts, k).attribs.at("&coord_r");
+      const size_t r = find(size_t(id[0]));
+      EXPECT_TRUE(seen.insert(r).second);
+      EXPECT_EQ(id.size(), size_of_root[r]);
+      for (double i : id) EXPECT_EQ(find(size_t(i)), r);
     }
   }
 }
