@@ -18,6 +18,7 @@
 #include <opencv2/flann.hpp>
 #include <opencv2/imgproc.hpp>
 #include <cstdlib>
+#include <malloc.h>
 #include <sys/resource.h>
 
 #include "bench/stereo/surface_metrics.h"
@@ -227,6 +228,10 @@ long PeakRssMb() {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // The heap as the add-in's process keeps it (src/app/main.cc): large
+  // buffers stay in the heap between calls instead of fresh mappings.
+  mallopt(M_MMAP_THRESHOLD, 32 << 20);
+  mallopt(M_TRIM_THRESHOLD, 128 << 20);
   std::vector<int> variants;
   for (int v = 0; v < synth::kVariantCount; ++v) variants.push_back(v);
   bool pairs_only = false;

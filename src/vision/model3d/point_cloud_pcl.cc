@@ -134,10 +134,13 @@ bool JoinByCells(const std::vector<Eigen::Vector3f>& pts, double dist, UnionFind
     k = e;
   }
   const float r2 = float(dist * dist);
+  // Joined first by position in cell order, where a cell's neighbours lie
+  // close in memory; the parts go to `uf` at the end.
+  UnionFind local(finite);
   auto join_close = [&](uint32_t ab, uint32_t ae, uint32_t bb, uint32_t be, bool same) {
     for (uint32_t i = ab; i < ae; ++i)
       for (uint32_t j = same ? i + 1 : bb; j < be; ++j)
-        if ((sorted[i] - sorted[j]).squaredNorm() < r2) uf->Join(id[i], id[j]);
+        if ((sorted[i] - sorted[j]).squaredNorm() < r2) local.Join(int32_t(i), int32_t(j));
   };
   // A cell whose points are all joined already (nearly every cell of a
   // dense surface) needs one close pair with another such cell, and none
@@ -146,16 +149,16 @@ bool JoinByCells(const std::vector<Eigen::Vector3f>& pts, double dist, UnionFind
   for (size_t c = 0; c < cells.size(); ++c) {
     const Cell& a = cells[c];
     join_close(a.begin, a.end, a.begin, a.end, true);
-    const int32_t r = uf->Find(id[a.begin]);
+    const int32_t r = local.Find(int32_t(a.begin));
     bool all = true;
-    for (uint32_t i = a.begin + 1; i < a.end && all; ++i) all = uf->Find(id[i]) == r;
+    for (uint32_t i = a.begin + 1; i < a.end && all; ++i) all = local.Find(int32_t(i)) == r;
     whole[c] = all;
   }
   auto join_first = [&](const Cell& a, const Cell& b) {
     for (uint32_t i = a.begin; i < a.end; ++i)
       for (uint32_t j = b.begin; j < b.end; ++j)
         if ((sorted[i] - sorted[j]).squaredNorm() < r2) {
-          uf->Join(id[i], id[j]);
+          local.Join(int32_t(i), int32_t(j));
           return;
         }
   };
@@ -164,7 +167,7 @@ bool JoinByCells(const std::vector<Eigen::Vector3f>& pts, double dist, UnionFind
     const Cell& b = cells[bc];
     if (!whole[c] || !whole[bc]) {
       join_close(a.begin, a.end, b.begin, b.end, false);
-    } else if (uf->Find(id[a.begin]) != uf->Find(id[b.begin])) {
+    } else if (local.Find(int32_t(a.begin)) != local.Find(int32_t(b.begin))) {
       join_first(a, b);
     }
   };
@@ -183,6 +186,10 @@ bool JoinByCells(const std::vector<Eigen::Vector3f>& pts, double dist, UnionFind
       while (j < nc && cells[j].key < first) ++j;
       for (size_t t = j; t < nc && cells[t].key <= first + 2; ++t) visit(c, t);
     }
+  }
+  for (uint32_t k = 0; k < finite; ++k) {
+    const int32_t r = local.Find(int32_t(k));
+    if (r != int32_t(k)) uf->Join(id[k], id[size_t(r)]);
   }
   return true;
 }

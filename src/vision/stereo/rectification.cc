@@ -169,6 +169,11 @@ void map_image(const HObject& image, const HObject& map, HObject* image_mapped) 
     throw HException(op, "Wrong map: a two-channel real map is expected", kErrWrongParamValue);
   const cv::Mat& mrow = m.planes[0];
   const cv::Mat& mcol = m.planes[1];
+  // The map in the fixed-point form cv::remap turns float maps into for
+  // bilinear interpolation (1/32 pixel), converted once for every plane
+  // instead of once per plane: the same interpolated values.
+  cv::Mat fixed_xy, fixed_frac;
+  cv::convertMaps(mcol, mrow, fixed_xy, fixed_frac, CV_16SC2, false);
   HObject out;
   for (long i = 0; i < image.Count(); ++i) {
     const Image& src = image.ImageAt(i, op);
@@ -177,7 +182,7 @@ void map_image(const HObject& image, const HObject& map, HObject* image_mapped) 
     std::vector<cv::Mat> planes;
     for (const cv::Mat& p : src.planes) {
       cv::Mat dst;
-      cv::remap(p, dst, mcol, mrow, cv::INTER_LINEAR, cv::BORDER_REPLICATE);
+      cv::remap(p, dst, fixed_xy, fixed_frac, cv::INTER_LINEAR, cv::BORDER_REPLICATE);
       planes.push_back(dst);
     }
     // Pixels whose source lies inside the source and its domain.

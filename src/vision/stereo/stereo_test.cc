@@ -164,6 +164,41 @@ TEST(MapImage, DomainIsWhereTheSourceIs) {
   EXPECT_EQ(img.planes[0].at<uint8_t>(2, 3), uint8_t(std::lround(10 * 1.0 + 1.5)));
 }
 
+TEST(MapImage, InterpolatesAsOpenCvRemapsWithTheFloatMap) {
+  // A map with fractional, outlying and mirrored coordinates over byte,
+  // unsigned 16-bit and real planes.
+  std::mt19937 rng(3);
+  std::uniform_real_distribution<float> u(-3.f, 40.f);
+  cv::Mat rows(23, 31, CV_32F), cols(23, 31, CV_32F);
+  for (int r = 0; r < rows.rows; ++r)
+    for (int c = 0; c < rows.cols; ++c) {
+      rows.at<float>(r, c) = r % 5 ? u(rng) * 0.7f : float(r) * 0.8f;
+      cols.at<float>(r, c) = c % 7 ? u(rng) : 36.f - float(c);
+    }
+  const HObject map(Image::FromPlanes(PixelType::Real, {rows, cols}));
+  cv::Mat b(29, 37, CV_8U), w(29, 37, CV_16U), f(29, 37, CV_32F);
+  cv::randu(b, 0, 256);
+  cv::randu(w, 0, 65536);
+  cv::randu(f, -5, 5);
+  const struct {
+    PixelType type;
+    std::vector<cv::Mat> planes;
+  } cases[] = {{PixelType::Byte, {b, cv::Mat(255 - b), b.clone()}}, {PixelType::UInt2, {w}},
+               {PixelType::Real, {f}}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(int(c.type));
+    HObject out;
+    map_image(HObject(Image::FromPlanes(c.type, c.planes)), map, &out);
+    const Image& img = out.ImageAt(0);
+    ASSERT_EQ(img.planes.size(), c.planes.size());
+    for (size_t k = 0; k < c.planes.size(); ++k) {
+      cv::Mat want;
+      cv::remap(c.planes[k], want, cols, rows, cv::INTER_LINEAR, cv::BORDER_REPLICATE);
+      EXPECT_EQ(cv::norm(img.planes[k], want, cv::NORM_INF), 0.0);
+    }
+  }
+}
+
 // A textured scene with a known disparity field: a slanted plane with a box
 // standing 9 pixels of disparity in front of it, and a flat grey patch.
 struct ShiftScene {
