@@ -1,7 +1,7 @@
 // Accuracy and speed of the stereo reconstruction on the synthetic rigs,
 // beside OpenCV's semi-global matcher on the same four camera pairs.
 //
-//   bench_stereo [--variants 0,1,2,3] [--pairs-only]   (default: every rig variant)
+//   bench_stereo [--variants 0,1,2,3] [--pairs-only] [--no-sgbm]   (default: every rig variant)
 //
 // For each rig: the pairwise clouds of the add-in's operators (rectify, map,
 // disparity, points, Score >= 200, height crop), the whole procedure with
@@ -234,7 +234,7 @@ int main(int argc, char** argv) {
   mallopt(M_TRIM_THRESHOLD, 128 << 20);
   std::vector<int> variants;
   for (int v = 0; v < synth::kVariantCount; ++v) variants.push_back(v);
-  bool pairs_only = false;
+  bool pairs_only = false, sgbm = true;
   for (int i = 1; i < argc; ++i) {
     if (!std::strcmp(argv[i], "--variants") && i + 1 < argc) {
       variants.clear();
@@ -242,6 +242,8 @@ int main(int argc, char** argv) {
       for (std::string v; std::getline(ss, v, ',');) variants.push_back(std::stoi(v));
     } else if (!std::strcmp(argv[i], "--pairs-only")) {
       pairs_only = true;
+    } else if (!std::strcmp(argv[i], "--no-sgbm")) {
+      sgbm = false;
     }
   }
   cv::setNumThreads(2);
@@ -300,6 +302,7 @@ int main(int argc, char** argv) {
       vision::clear_camera_setup_model(setup);
     }
 
+    if (!sgbm) continue;
     const double scpu0 = CpuSeconds();
     double srect = 0, smatch = 0, smatch_cpu = 0;
     std::vector<Eigen::Vector3d> sg;

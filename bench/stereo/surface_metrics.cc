@@ -141,4 +141,52 @@ std::string Format(const SurfaceFigures& f) {
   return buf;
 }
 
+Eigen::Vector3d SurfaceNormal(const synth::Surface& s, const Eigen::Vector3d& p) {
+  const double h = s.step;
+  const double gx = (s.ZAt(p.x() + h, p.y()) - s.ZAt(p.x() - h, p.y())) / (2 * h);
+  const double gy = (s.ZAt(p.x(), p.y() + h) - s.ZAt(p.x(), p.y() - h)) / (2 * h);
+  return Eigen::Vector3d(gx, gy, -1).normalized();
+}
+
+Eigen::Vector2d PixelFootprint(const vision::CamParams& cam, const Eigen::Isometry3d& cam_to_world,
+                               const Eigen::Vector3d& p, const Eigen::Vector3d& normal) {
+  const Eigen::Vector3d q = cam_to_world.inverse() * p;
+  const double col = cam.focus * q.x() / q.z() / cam.sx + cam.cx, row = cam.focus * q.y() / q.z() / cam.sy + cam.cy;
+  const Eigen::Vector3d eye = cam_to_world.translation();
+  // The ray through a pixel centre meets the plane.
+  auto hit = [&](double r, double c) {
+    const Eigen::Vector3d d =
+        cam_to_world.linear() * Eigen::Vector3d((c - cam.cx) * cam.sx, (r - cam.cy) * cam.sy, cam.focus);
+    return Eigen::Vector3d(eye + d * (normal.dot(p - eye) / normal.dot(d)));
+  };
+  const Eigen::Vector3d at = hit(row, col);
+  return Eigen::Vector2d((hit(row, col + 1) - at).norm(), (hit(row + 1, col) - at).norm());
+}
+
+Eigen::Vector3d ExactDepth(const synth::Surface& s, const Eigen::Vector3d& eye, const Eigen::Vector3d& p) {
+  const Eigen::Vector3d d = (p - eye).normalized();
+  const double l = (p - eye).norm();
+  auto inside = [&](double t) {
+    const Eigen::Vector3d q = eye + t * d;
+    return q.z() >= s.ZAt(q.x(), q.y());
+  };
+  // March in 5 um steps from 2 mm before p to the first point inside, then bisect.
+  double lo = l - 2e-3;
+  if (inside(lo)) return p;
+  double hi = lo;
+  for (double t = lo; t <= l + 2e-3; t += 5e-6) {
+    if (inside(t)) {
+      hi = t;
+      break;
+    }
+    lo = t;
+  }
+  if (hi <= lo) return p;
+  for (int k = 0; k < 30; ++k) {
+    const double m = 0.5 * (lo + hi);
+    (inside(m) ? hi : lo) = m;
+  }
+  return eye + hi * d;
+}
+
 }  // namespace velmora::bench

@@ -6,6 +6,7 @@
 #include <Eigen/Core>
 
 #include "stereo/synthetic_rig.h"
+#include "vision/calib/camera_params.h"
 
 namespace velmora::bench {
 
@@ -44,5 +45,20 @@ std::vector<bool> CoveredTops(const std::vector<TopSample>& tops, const std::vec
 SurfaceFigures Evaluate(const synth::Rig& rig, const std::vector<Eigen::Vector3d>& pts);
 
 std::string Format(const SurfaceFigures& f);
+
+// Unit normal of the height field at (p.x, p.y), facing the cameras (-z).
+Eigen::Vector3d SurfaceNormal(const synth::Surface& s, const Eigen::Vector3d& p);
+
+// Footprint of one pixel of a distortion-free (rectified) camera on the plane
+// through p with the given normal: how far apart the points of neighbouring
+// pixels lie there, along the image rows (x) and across them (y). One pair's
+// points lie this far apart on that surface.
+Eigen::Vector2d PixelFootprint(const vision::CamParams& cam, const Eigen::Isometry3d& cam_to_world,
+                               const Eigen::Vector3d& p, const Eigen::Vector3d& normal);
+
+// The point where the line of sight from `eye` through p meets the height
+// field within 2 mm of p: p with the exact depth. p itself where the line
+// meets nothing there.
+Eigen::Vector3d ExactDepth(const synth::Surface& s, const Eigen::Vector3d& eye, const Eigen::Vector3d& p);
 
 }  // namespace velmora::bench

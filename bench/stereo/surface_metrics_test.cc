@@ -72,5 +72,54 @@ TEST(SurfaceMetrics, OnlyWhatAPairSeesIsAskedFor) {
   EXPECT_FALSE(SeenBy(narrow, 0, Eigen::Vector3d(9e-3, 9e-3, 0)));
 }
 
+TEST(SurfaceMetrics, PixelFootprintGrowsWithDistanceAndSlant) {
+  // A camera looking straight down onto the board from `distance`; 5 um
+  // cells at 20 mm focal length. The plane is slanted about the world y axis
+  // (stretching the rows) or the x axis (stretching across them).
+  vision::CamParams cam;
+  cam.focus = 0.02;
+  cam.sx = cam.sy = 5e-6;
+  cam.cx = 320;
+  cam.cy = 240;
+  cam.width = 640;
+  cam.height = 480;
+  const struct { double distance, about_y_deg, about_x_deg, u_um, v_um; } cases[] = {
+      {0.1, 0, 0, 25, 25}, {0.2, 0, 0, 50, 50}, {0.2, 60, 0, 100, 50}, {0.2, 0, 45, 50, 50 * std::sqrt(2.0)}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.distance << " " << c.about_y_deg << " " << c.about_x_deg);
+    Eigen::Isometry3d cam_to_world = Eigen::Isometry3d::Identity();
+    cam_to_world.translation() = Eigen::Vector3d(0, 0, -c.distance);
+    const Eigen::Vector3d normal = Eigen::AngleAxisd(c.about_y_deg * M_PI / 180, Eigen::Vector3d::UnitY()) *
+                                   Eigen::AngleAxisd(c.about_x_deg * M_PI / 180, Eigen::Vector3d::UnitX()) *
+                                   Eigen::Vector3d(0, 0, -1);
+    const Eigen::Vector2d f = PixelFootprint(cam, cam_to_world, Eigen::Vector3d::Zero(), normal);
+    // Perspective makes the neighbouring pixel's step on a slanted plane
+    // differ from the local one by a few parts in ten thousand.
+    EXPECT_NEAR(f.x() * 1e6, c.u_um, 1e-3 * c.u_um);
+    EXPECT_NEAR(f.y() * 1e6, c.v_um, 1e-3 * c.v_um);
+  }
+}
+
+TEST(SurfaceMetrics, ExactDepthMovesAPointAlongItsLineOfSightOntoTheSurface) {
+  const synth::Surface s = Plateau(1e-3);
+  const struct { Eigen::Vector3d eye, truth; double off_mm; bool moves; } cases[] = {
+      {{0, 0, -0.1}, {0.5e-3, 0.2e-3, -1e-3}, 0.3, true},    // too deep, onto the plateau
+      {{0, 0, -0.1}, {0.5e-3, 0.2e-3, -1e-3}, -0.3, true},   // too shallow
+      {{0.06, 0.02, -0.1}, {-1e-3, 1e-3, -1e-3}, 1.5, true},  // slanted line of sight
+      {{0.06, 0.02, -0.1}, {4e-3, 0, 0}, -0.2, true},         // the board beside the plateau
+      {{0, 0, -0.1}, {0.5e-3, 0.2e-3, -1e-3}, -2.5, false},  // the surface is more than 2 mm away
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.off_mm);
+    const Eigen::Vector3d d = (c.truth - c.eye).normalized();
+    const Eigen::Vector3d p = c.truth + c.off_mm * 1e-3 * d;
+    const Eigen::Vector3d q = ExactDepth(s, c.eye, p);
+    if (c.moves)
+      EXPECT_LT((q - c.truth).norm(), 1e-7);
+    else
+      EXPECT_EQ(q, p);
+  }
+}
+
 }  // namespace
 }  // namespace velmora::bench
