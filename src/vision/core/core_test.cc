@@ -6,41 +6,6 @@
 namespace vision {
 namespace {
 
-TEST(TupleTest, ArithmeticKeepsIntegerDivisionAndBroadcasts) {
-  struct Case {
-    HTuple a, b, sum, quot;
-  } cases[] = {
-      {HTuple(7), HTuple(2), HTuple(9), HTuple(3)},
-      {HTuple(-7), HTuple(2), HTuple(-5), HTuple(-3)},  // truncates toward zero
-      {HTuple(7.0), HTuple(2), HTuple(9.0), HTuple(3.5)},
-      {HTuple{1, 2, 3}, HTuple(2), HTuple{3, 4, 5}, HTuple{0, 1, 1}},
-  };
-  for (const auto& c : cases) {
-    EXPECT_EQ(c.a + c.b, c.sum) << c.a.ToString();
-    EXPECT_EQ(c.a / c.b, c.quot) << c.a.ToString();
-  }
-  EXPECT_TRUE((HTuple(7) / HTuple(2)).IsInt(0));
-  EXPECT_TRUE((HTuple(7.0) / HTuple(2)).IsReal(0));
-  EXPECT_EQ((HTuple("a") + HTuple(1)).S(), "a1");
-  EXPECT_THROW(HTuple(1) / HTuple(0), HException);
-  EXPECT_THROW((HTuple{1, 2} + HTuple{1, 2, 3}), HException);
-  EXPECT_THROW(HTuple("x").D(), HException);
-  EXPECT_TRUE((HTuple() + HTuple(1)).Empty());
-}
-
-struct FakeHandle : HandleBase {
-  const char* TypeName() const override { return "fake"; }
-};
-
-TEST(TupleTest, ClearedHandlesAreRefused) {
-  auto h = std::make_shared<FakeHandle>();
-  HTuple t{HHandle(h)};
-  EXPECT_EQ(HandleCast<FakeHandle>(t, "op"), h.get());
-  h->Clear();
-  EXPECT_THROW(HandleCast<FakeHandle>(t, "op"), HException);
-  EXPECT_THROW(HandleCast<FakeHandle>(HTuple(3), "op"), HException);
-}
-
 TEST(RegionTest, NormalisationMergesTouchingRuns) {
   Region r = Region::FromRuns({{1, 5, 6}, {0, 0, 2}, {1, 0, 4}, {0, 3, 3}, {2, 4, 3}});
   std::vector<vision::Run> want{{0, 0, 3}, {1, 0, 6}};

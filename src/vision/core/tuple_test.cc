@@ -128,6 +128,11 @@ TEST(TupleStorageTest, PackedAndMixedTransitions) {
        Packed::Real},
       {"integers plus a string", [] { return HTuple::Ints({1, 2}) + HTuple("a"); },
        V{std::string("1a"), std::string("2a")}, Packed::None},
+      {"string plus an integer", [] { return HTuple("a") + HTuple(1); }, V{std::string("a1")}, Packed::None},
+      {"integers plus one integer", [] { return HTuple::Ints({1, 2, 3}) + HTuple(2); },
+       V{Hlong(3), Hlong(4), Hlong(5)}, Packed::Int},
+      {"real divided by an integer", [] { return HTuple(7.0) / HTuple(2); }, V{3.5}, Packed::Real},
+      {"nothing plus one", [] { return HTuple() + HTuple(1); }, V{}, Packed::None},
   };
   for (const Case& c : cases) ExpectHolds(c.make(), c.want, c.packed, c.what);
 }
@@ -177,6 +182,17 @@ TEST(TupleStorageTest, CopiesErrorsAndComparisonAgreeAcrossStorage) {
   EXPECT_THROW(ints.Set(1, Hlong(2)), HException);
   EXPECT_THROW(ints[1] = HValue(2.0), HException);
   EXPECT_THROW(HTuple::Ints({1, 2}) / HTuple::Ints({1, 0}), HException);
+  EXPECT_THROW((HTuple{1, 2} + HTuple{1, 2, 3}), HException);  // lengths neither equal nor one
+  EXPECT_THROW(HTuple("x").D(), HException);
+}
+
+TEST(TupleStorageTest, ClearedHandlesAreRefused) {
+  auto h = std::make_shared<Dummy>();
+  HTuple t{HHandle(h)};
+  EXPECT_EQ(HandleCast<Dummy>(t, "op"), h.get());
+  h->Clear();
+  EXPECT_THROW(HandleCast<Dummy>(t, "op"), HException);
+  EXPECT_THROW(HandleCast<Dummy>(HTuple(3), "op"), HException);
 }
 
 }  // namespace
