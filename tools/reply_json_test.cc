@@ -27,18 +27,14 @@ TEST(ReplyJsonTest, OcrRecordRendersRectsFromLittleEndianInt16) {
             "\"ocr_angle\":180,\"blob\":\"AwD+/wIB/38=\",\"ok\":true,\"score\":0.25}]");
 }
 
-TEST(ReplyJsonTest, RealsAreRoundedToFourDecimals) {
-  struct Case {
-    double value;
-    const char* text;
-  } cases[] = {{0.987654321, "0.9877"}, {1.0, "1.0"}, {-0.00001, "0.0"}, {0.5, "0.5"}, {123.45678, "123.4568"}};
-  for (const Case& c : cases) EXPECT_EQ(ToJson(MakeDouble(c.value)), c.text) << c.value;
-}
-
-TEST(ReplyJsonTest, EmptyAndNull) {
-  EXPECT_EQ(ToJson(nullptr), "null");
-  EXPECT_EQ(ToJson(MakeArray()), "[]");
-  EXPECT_EQ(ToJson(MakeDictionary()), "{}");
+// Reals rounded to four decimals, and the empty values.
+TEST(ReplyJsonTest, ScalarsAndEmpties) {
+  const std::pair<ObjectPtr, const char*> cases[] = {
+      {MakeDouble(0.987654321), "0.9877"}, {MakeDouble(1.0), "1.0"},         {MakeDouble(-0.00001), "0.0"},
+      {MakeDouble(0.5), "0.5"},            {MakeDouble(123.45678), "123.4568"}, {nullptr, "null"},
+      {MakeArray(), "[]"},                 {MakeDictionary(), "{}"},
+  };
+  for (const auto& [object, text] : cases) EXPECT_EQ(ToJson(object), text) << text;
 }
 
 TEST(ReplyJsonTest, Base64Padding) {
