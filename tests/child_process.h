@@ -24,6 +24,13 @@ extern char** environ;
 
 namespace velmora::testing {
 
+inline std::string ReadText(const std::string& path) {
+  std::ifstream in(path);
+  std::stringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
 class ChildProcess {
  public:
   // `env`: variables to set (an empty value removes one). Output files go to
@@ -68,8 +75,8 @@ class ChildProcess {
   ChildProcess& operator=(const ChildProcess&) = delete;
 
   pid_t pid() const { return pid_; }
-  std::string Stdout() const { return Read(stdout_path_); }
-  std::string Stderr() const { return Read(stderr_path_); }
+  std::string Stdout() const { return ReadText(stdout_path_); }
+  std::string Stderr() const { return ReadText(stderr_path_); }
 
   bool WaitForLog(const std::string& text, double seconds) {
     const auto deadline = Clock::now() + ToDuration(seconds);
@@ -124,18 +131,21 @@ class ChildProcess {
   static Clock::duration ToDuration(double s) {
     return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(s));
   }
-  static std::string Read(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-  }
   pid_t pid_ = -1;
   std::optional<int> status_;
   std::string stdout_path_, stderr_path_;
 };
 
-// A private runtime folder (ports) and data folder for one test.
+// The exit code of a process (a ChildProcess or an AddinProcess) that ends by
+// itself within `seconds`; -1 while it runs or when a signal ended it.
+template <class Process>
+int ExitCode(Process& process, double seconds) {
+  const std::optional<int> status = process.WaitExit(seconds);
+  return status && WIFEXITED(*status) ? WEXITSTATUS(*status) : -1;
+}
+
+// A private runtime folder (ports) and data folder for one test, under a
+// scratch root; all removed at the end.
 struct PrivateFolders {
   PrivateFolders() {
     char tmpl[] = "/tmp/velmora-rig-XXXXXX";
@@ -166,8 +176,7 @@ struct RunResult {
 inline RunResult RunToEnd(const std::string& program, const std::vector<std::string>& args,
                           const PrivateFolders& folders, int timeout_s) {
   ChildProcess p(program, args, folders.Env(), folders.root);
-  const auto status = p.WaitExit(timeout_s);
-  return {status && WIFEXITED(*status) ? WEXITSTATUS(*status) : -1, p.Stdout(), p.Stderr()};
+  return {ExitCode(p, timeout_s), p.Stdout(), p.Stderr()};  // in this order: the output once ended
 }
 
 }  // namespace velmora::testing

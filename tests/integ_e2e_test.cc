@@ -30,33 +30,10 @@ namespace {
 
 namespace fs = std::filesystem;
 using testing::AddinProcess;
+using testing::ExitCode;
+using testing::PrivateFolders;
+using testing::ReadText;
 using Clock = std::chrono::steady_clock;
-
-std::string Slurp(const std::string& path) {
-  std::ifstream in(path);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-// A temporary folder removed at the end of the test.
-struct TempDir {
-  TempDir() {
-    char tmpl[] = "/tmp/velmora-integ-XXXXXX";
-    if (!mkdtemp(tmpl)) throw std::runtime_error("mkdtemp failed");
-    path = tmpl;
-  }
-  ~TempDir() {
-    std::error_code ignored;
-    fs::remove_all(path, ignored);
-  }
-  std::string path;
-};
-
-void ExpectExit(AddinProcess& addin, int code, const std::string& what) {
-  const std::optional<int> status = addin.WaitExit(15);
-  ASSERT_TRUE(status.has_value()) << what << ": still running";
-  ASSERT_TRUE(WIFEXITED(*status)) << what << ": ended by signal " << WTERMSIG(*status);
-  EXPECT_EQ(WEXITSTATUS(*status), code) << what;
-}
 
 void ExpectServing(AddinProcess& addin, const std::string& after) {
   const auto status = addin.Request(RequestLibraryStatus);
@@ -95,26 +72,26 @@ archive::RawBitmap GreyBitmap(const cv::Mat& grey, int bits) {
 // ---- installation ------------------------------------------------------------------
 
 TEST(Install, IntoATemporaryPrefixAndRunFromThere) {
-  TempDir prefix;
+  PrivateFolders prefix;
   const std::string cmd = std::string(VELMORA_CMAKE_COMMAND) + " --install " + VELMORA_BINARY_DIR + " --prefix " +
-                          prefix.path + " >" + prefix.path + "/install.log 2>&1";
-  ASSERT_EQ(std::system(cmd.c_str()), 0) << Slurp(prefix.path + "/install.log");
-  const std::string exe = prefix.path + "/bin/VelmoraAddin";
+                          prefix.root + " >" + prefix.root + "/install.log 2>&1";
+  ASSERT_EQ(std::system(cmd.c_str()), 0) << ReadText(prefix.root + "/install.log");
+  const std::string exe = prefix.root + "/bin/VelmoraAddin";
   ASSERT_TRUE(fs::exists(exe));
-  ASSERT_TRUE(fs::exists(prefix.path + "/bin/velmora"));
+  ASSERT_TRUE(fs::exists(prefix.root + "/bin/velmora"));
   // The unit and the autostart entry name the installed executable, under the prefix.
-  const std::string unit = Slurp(prefix.path + "/lib/systemd/user/velmora-addin.service");
+  const std::string unit = ReadText(prefix.root + "/lib/systemd/user/velmora-addin.service");
   EXPECT_NE(unit.find("\nExecStart=" + exe + "\n"), std::string::npos) << unit;
-  const std::string entry = Slurp(prefix.path + "/etc/xdg/autostart/velmora-addin.desktop");
+  const std::string entry = ReadText(prefix.root + "/etc/xdg/autostart/velmora-addin.desktop");
   EXPECT_NE(entry.find("\nExec=" + exe + "\n"), std::string::npos) << entry;
-  ASSERT_TRUE(fs::exists(prefix.path + "/share/velmora/vision/Info.plist"));
+  ASSERT_TRUE(fs::exists(prefix.root + "/share/velmora/vision/Info.plist"));
 
   // Run from there without VELMORA_VISION_DIR: the library is found beside
   // the executable, said so at launch, and the services work (the OCR reads
   // its font files from the same folder).
   AddinProcess addin({.env = {{"VELMORA_VISION_DIR", ""}}, .executable = exe});
   const std::string log = addin.Stderr();
-  EXPECT_NE(log.find(prefix.path + "/share/velmora/vision (beside the executable): present, version 12.0"),
+  EXPECT_NE(log.find(prefix.root + "/share/velmora/vision (beside the executable): present, version 12.0"),
             std::string::npos)
       << log;
   ExpectServing(addin, "an installed start");
@@ -128,19 +105,19 @@ TEST(Install, IntoATemporaryPrefixAndRunFromThere) {
 }
 
 TEST(VisionFolder, LaunchLineSaysWhereAndWhat) {
-  TempDir dir;
+  PrivateFolders dir;
   struct Case {
     std::string folder;
     std::string says;
   } cases[] = {
-      {dir.path + "/absent", "(VELMORA_VISION_DIR): no such folder"},
-      {dir.path + "/empty", "(VELMORA_VISION_DIR): no Info.plist"},
-      {dir.path + "/v13", "(VELMORA_VISION_DIR): version 13.1, not 12"},
+      {dir.root + "/absent", "(VELMORA_VISION_DIR): no such folder"},
+      {dir.root + "/empty", "(VELMORA_VISION_DIR): no Info.plist"},
+      {dir.root + "/v13", "(VELMORA_VISION_DIR): version 13.1, not 12"},
       {VELMORA_BUILD_VISION_DIR, "(VELMORA_VISION_DIR): present, version 12.0"},
   };
-  fs::create_directories(dir.path + "/empty");
-  fs::create_directories(dir.path + "/v13");
-  std::ofstream(dir.path + "/v13/Info.plist")
+  fs::create_directories(dir.root + "/empty");
+  fs::create_directories(dir.root + "/v13");
+  std::ofstream(dir.root + "/v13/Info.plist")
       << "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>CFBundleShortVersionString</key>"
          "<string>13.1</string></dict></plist>";
   for (const Case& c : cases) {
@@ -157,7 +134,7 @@ TEST(Signals, EachTerminationSignalEndsCleanly) {
     AddinProcess addin;
     ExpectServing(addin, "start");
     addin.Signal(sig);
-    ExpectExit(addin, 0, strsignal(sig));
+    EXPECT_EQ(ExitCode(addin, 15), 0) << strsignal(sig);
     EXPECT_FALSE(fs::exists(addin.socket_path())) << strsignal(sig) << " left the socket file";
   }
 }
@@ -211,7 +188,7 @@ TEST(Signals, DuringALongRequestNothingLaterIsServed) {
     EXPECT_TRUE(ReplyArrives(slow, 60)) << "the request in hand must still be answered";
     EXPECT_FALSE(late.get()) << "a request sent after " << strsignal(sig) << " was answered";
     ::close(slow);
-    ExpectExit(addin, 0, strsignal(sig));
+    EXPECT_EQ(ExitCode(addin, 15), 0) << strsignal(sig);
     EXPECT_FALSE(fs::exists(addin.socket_path()));
   }
 }
@@ -303,11 +280,11 @@ struct ClientRun {
 ClientRun Client(const std::string& dir, const std::string& args) {
   const std::string cmd = std::string(VELMORA_CLI_PATH) + " " + args + " >" + dir + "/out 2>" + dir + "/err";
   const int status = std::system(cmd.c_str());
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, Slurp(dir + "/out"), Slurp(dir + "/err")};
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, ReadText(dir + "/out"), ReadText(dir + "/err")};
 }
 
 TEST(Client, HelpAndUsageErrors) {
-  TempDir dir;
+  PrivateFolders dir;
   struct Case {
     const char* args;
     int code;
@@ -337,7 +314,7 @@ TEST(Client, HelpAndUsageErrors) {
       {"send 12ab5 x", 64, "the message id must be"},
   };
   for (const Case& c : cases) {
-    const ClientRun r = Client(dir.path, c.args);
+    const ClientRun r = Client(dir.root, c.args);
     EXPECT_EQ(r.code, c.code) << c.args << "\n" << r.err;
     const std::string& text = c.code == 0 ? r.out : r.err;
     EXPECT_NE(text.find(c.says), std::string::npos) << c.args << ":\n" << text;
@@ -345,8 +322,8 @@ TEST(Client, HelpAndUsageErrors) {
 }
 
 TEST(Client, ConversionsReadsAndExitCodes) {
-  TempDir dir;
-  const std::string d = dir.path;
+  PrivateFolders dir;
+  const std::string d = dir.root;
   // The same marking as grey 8-bit, grey 16-bit and planar RGB TIFF, and PNG.
   const cv::Mat grey = GreyMarking("LOT-4711");
   WriteFile(d + "/grey8.tif", archive::EncodeTiff(GreyBitmap(grey, 8)));

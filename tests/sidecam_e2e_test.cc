@@ -18,15 +18,10 @@ namespace {
 
 namespace fs = std::filesystem;
 using testing::ChildProcess;
+using testing::ExitCode;
 using testing::PrivateFolders;
 
 constexpr size_t kViewBytes = 640 * 480 * 4;
-
-// The exit code of a program that ends by itself within `seconds`; -1 otherwise.
-int ExitCode(ChildProcess& p, double seconds) {
-  const auto status = p.WaitExit(seconds);
-  return status && WIFEXITED(*status) ? WEXITSTATUS(*status) : -1;
-}
 
 class SideCamServer : public ::testing::Test {
  protected:

@@ -18,6 +18,7 @@ namespace {
 
 using testing::AddinProcess;
 using testing::Bytes;
+using testing::ExitCode;
 using Clock = std::chrono::steady_clock;
 
 Bytes DataBlock(uint64_t number) {
@@ -40,14 +41,6 @@ void ExpectServing(AddinProcess& addin, const std::string& after) {
   ASSERT_TRUE(flag) << "after " << after;
   EXPECT_EQ(flag->type(), 'c') << "after " << after;
   EXPECT_TRUE(flag->AsBool()) << "after " << after;
-}
-
-// The add-in ends by itself within 10 s with this exit code.
-void ExpectExit(AddinProcess& addin, int code, const std::string& what = "") {
-  const auto status = addin.WaitExit(10);
-  ASSERT_TRUE(status.has_value()) << what;
-  EXPECT_TRUE(WIFEXITED(*status)) << what << " ended by signal " << WTERMSIG(*status);
-  EXPECT_EQ(WEXITSTATUS(*status), code) << what;
 }
 
 int RawConnect(const std::string& path) {
@@ -173,21 +166,21 @@ TEST(AddinLifecycle, TerminateRequestRepliesThenEnds) {
   const auto reply = addin.Request(RequestTerminate);
   ASSERT_TRUE(reply && archive::AsDictionary(*reply));
   EXPECT_EQ(archive::AsDictionary(*reply)->size(), 0u);
-  ExpectExit(addin, 0);
+  EXPECT_EQ(ExitCode(addin, 10), 0);
   EXPECT_FALSE(std::filesystem::exists(addin.socket_path()));
 }
 
 TEST(AddinLifecycle, SecondInstanceEndsSilentlySigtermFreesTheNames) {
   AddinProcess first;
   AddinProcess second({.wait_for_port = false, .runtime_dir = first.runtime_dir()});
-  ExpectExit(second, 0);
+  EXPECT_EQ(ExitCode(second, 10), 0);
   EXPECT_EQ(second.Stderr(), "");
   ::setenv("XDG_RUNTIME_DIR", first.runtime_dir().c_str(), 1);
   ExpectServing(first, "a second instance");
   // SIGTERM ends the first cleanly and closes its port, freeing the names for
   // a new one.
   first.Signal(SIGTERM);
-  ExpectExit(first, 0);
+  EXPECT_EQ(ExitCode(first, 10), 0);
   EXPECT_FALSE(std::filesystem::exists(first.socket_path()));
   AddinProcess third({.runtime_dir = first.runtime_dir()});
   ExpectServing(third, "a restart");
@@ -203,7 +196,7 @@ TEST(AddinLifecycle, UnsafePortFolderIsAnError) {
   std::filesystem::permissions(runtime + "/velmora", std::filesystem::perms(0750));
   {
     AddinProcess addin({.wait_for_port = false, .runtime_dir = runtime});
-    ExpectExit(addin, 1);
+    EXPECT_EQ(ExitCode(addin, 10), 1);
     EXPECT_NE(addin.Stderr().find("not a private folder"), std::string::npos) << addin.Stderr();
   }
   std::filesystem::remove_all(runtime);
@@ -221,7 +214,7 @@ TEST(AddinLifecycle, StatusItemOnlyWithExactlyMetaAlt) {
     // The hook chooses the item's "Quit", as a user would.
     addin.Signal(SIGUSR1);
     if (c.shown) {
-      ExpectExit(addin, 0, c.modifiers);
+      EXPECT_EQ(ExitCode(addin, 10), 0) << c.modifiers;
       EXPECT_FALSE(std::filesystem::exists(addin.socket_path()));
     } else {
       EXPECT_TRUE(addin.WaitForLog("test hook: no status item", 5)) << c.modifiers;
