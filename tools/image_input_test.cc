@@ -4,7 +4,6 @@
 #include "image_input.h"
 
 #include <gtest/gtest.h>
-#include <tiffio.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -115,30 +114,6 @@ TEST(ImageInputTest, EveryTiffLayoutBecomesTheSameRgba) {
     ExpectPixels(LoadRgbaBitmap(path), c.pixels, c.layout.alpha, c.layout.name);
     std::filesystem::remove(path);
   }
-}
-
-TEST(ImageInputTest, PaletteTiffIsExpanded) {
-  const std::string path = std::filesystem::temp_directory_path() / ("velmora-palette-" + std::to_string(getpid()) + ".tif");
-  TIFF* tif = TIFFOpen(path.c_str(), "w");
-  ASSERT_NE(tif, nullptr);
-  TIFFSetField(tif, TIFFTAG_IMAGEWIDTH, 3);
-  TIFFSetField(tif, TIFFTAG_IMAGELENGTH, 2);
-  TIFFSetField(tif, TIFFTAG_BITSPERSAMPLE, 8);
-  TIFFSetField(tif, TIFFTAG_SAMPLESPERPIXEL, 1);
-  TIFFSetField(tif, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_PALETTE);
-  TIFFSetField(tif, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
-  std::vector<uint16_t> r(256), g(256), b(256);
-  for (int i = 0; i < 6; ++i) {
-    r[i] = uint16_t(kRgb[i][0] * 257);
-    g[i] = uint16_t(kRgb[i][1] * 257);
-    b[i] = uint16_t(kRgb[i][2] * 257);
-  }
-  TIFFSetField(tif, TIFFTAG_COLORMAP, r.data(), g.data(), b.data());
-  uint8_t rows[2][3] = {{0, 1, 2}, {3, 4, 5}};
-  for (uint32_t y = 0; y < 2; ++y) ASSERT_EQ(TIFFWriteScanline(tif, rows[y], y, 0), 1);
-  TIFFClose(tif);
-  ExpectPixels(LoadRgbaBitmap(path), {0, 1, 2, 3, 4, 5}, false, "palette");
-  std::filesystem::remove(path);
 }
 
 TEST(ImageInputTest, ErrorsNameTheFileAndTheProblem) {

@@ -126,19 +126,24 @@ TEST(Tiff, DecodesTiledCompressedPaletteAndBigEndianFiles) {
       }
     ExpectSamePixels(rgb, DecodeTiff(file.Close()), "tiled");
   }
-  {
-    SCOPED_TRACE("palette, 4 bits");
-    TiffFile file(3, 1, 1, 4, PHOTOMETRIC_PALETTE);
-    std::vector<uint16_t> r(16, 0), g(16, 0), b(16, 0);
+  for (const int bits : {4, 8}) {
+    SCOPED_TRACE("palette, " + std::to_string(bits) + " bits");
+    TiffFile file(3, 2, 1, bits, PHOTOMETRIC_PALETTE);
+    std::vector<uint16_t> r(1 << bits, 0), g(1 << bits, 0), b(1 << bits, 0);
     r[1] = 0xFF00;
     g[2] = 0x8000;
     b[15] = 0x1000;
     TIFFSetField(file.get(), TIFFTAG_COLORMAP, r.data(), g.data(), b.data());
-    uint8_t row[2] = {0x12, 0xF0};  // indices 1, 2, 15
-    TIFFWriteScanline(file.get(), row, 0, 0);
+    const uint8_t index[2][3] = {{1, 2, 15}, {15, 2, 1}};
+    for (int y = 0; y < 2; ++y) {
+      uint8_t row[3] = {};
+      for (int x = 0; x < 3; ++x) row[x * bits / 8] |= uint8_t(index[y][x] << (8 - bits - x * bits % 8));
+      TIFFWriteScanline(file.get(), row, y, 0);
+    }
     const RawBitmap decoded = DecodeTiff(file.Close());
     EXPECT_EQ(decoded.samples_per_pixel, 3);
-    EXPECT_EQ(decoded.data, (std::vector<uint8_t>{0xFF, 0, 0, 0, 0x80, 0, 0, 0, 0x10}));
+    EXPECT_EQ(decoded.data, (std::vector<uint8_t>{0xFF, 0, 0, 0, 0x80, 0, 0, 0, 0x10,  //
+                                                  0, 0, 0x10, 0, 0x80, 0, 0xFF, 0, 0}));
   }
   {
     SCOPED_TRACE("big-endian 16-bit grey");
