@@ -99,7 +99,7 @@ struct PairClouds {
 // along the rows (u) and across them (v).
 PairClouds RunPair(const synth::Rig& rig, const std::vector<cv::Mat>& views, const std::vector<cv::Mat>& clean,
                    int a, int b, const std::vector<bench::TopSample>& tops, std::vector<double>* foot_u,
-                   std::vector<double>* foot_v, std::vector<int>* foot_part) {
+                   std::vector<double>* foot_v, std::vector<int>* foot_part, std::vector<double>* depth_per_px) {
   const synth::RigCamera& ca = rig.cameras[size_t(a)];
   const Eigen::Isometry3d rel = ca.camera_to_world.inverse() * rig.cameras[size_t(b)].camera_to_world;
   HObject m1, m2;
@@ -198,8 +198,12 @@ PairClouds RunPair(const synth::Rig& rig, const std::vector<cv::Mat>& views, con
   const vision::CamParams cr = vision::CamParams::FromTuple(r1, "bench");
   const Eigen::Vector3d eye = world.translation();
   const synth::Surface& s = rig.surface;
+  const double baseline = vision::PoseToIsometry(rr, "").translation().norm();
   for (const bench::TopSample& t : tops) {
     if (!bench::SeenBy(rig, a, t.p) || !bench::SeenBy(rig, b, t.p)) continue;
+    // Depth along the line of sight per pixel of disparity: Z^2 / (f B).
+    const double zc = (world.inverse() * t.p).z();
+    depth_per_px->push_back(zc * zc / (cr.focus / cr.sx * baseline));
     const Eigen::Vector2d f = bench::PixelFootprint(cr, world, t.p, bench::SurfaceNormal(s, t.p));
     foot_u->push_back(f.x());
     foot_v->push_back(f.y());
@@ -284,8 +288,9 @@ int main(int argc, char** argv) {
     std::vector<PairClouds> pairs;
     std::vector<double> fu, fv;
     std::vector<int> fp;
+    std::vector<double> dpp;
     for (int k = 0; k < 4; ++k)
-      pairs.push_back(RunPair(rig, views, clean, kFrom[k], kTo[k], tops, &fu, &fv, &fp));
+      pairs.push_back(RunPair(rig, views, clean, kFrom[k], kTo[k], tops, &fu, &fv, &fp, &dpp));
 
     // Steps 13 to 18 on the pairs' clouds.
     HTuple models, all, sel, parts2, big2, u2, sampled, smoothed, tri, info;
@@ -337,8 +342,8 @@ int main(int argc, char** argv) {
       if (pi > 0 && p.z() < -0.35e-3) spread[size_t(pi)].push_back(bench::DistanceToSurface(rig.surface, p) * 1e6);
     }
 
-    std::printf("\n== variant %d: %zu top samples, %ld components of the merged cloud at 50 um\n", v, tops.size(),
-                long(parts2.Length()));
+    std::printf("\n== variant %d: %zu top samples, %ld components of the merged cloud at 50 um; on the tops one pixel "
+                "of disparity is %.0f um of depth (median)\n", v, tops.size(), long(parts2.Length()), Median(dpp) * 1e6);
     std::printf("%-9s %6s |", "part", "tops");
     for (const char* s : kStage) std::printf(" %12s", s);
     std::printf(" | footprint u x v um | spread um (median, p90) | merged pts in comps < 1000 |"
