@@ -104,16 +104,17 @@ TEST(Install, IntoATemporaryPrefixAndRunFromThere) {
   EXPECT_EQ(archive::ReadString(archive::AsArray(*reply)->items[0], "ocr_text"), "LOT-4711");
 }
 
-TEST(VisionFolder, LaunchLineSaysWhereAndWhat) {
+TEST(VisionFolder, LaunchLineAndStatusSayWhereAndWhat) {
   PrivateFolders dir;
   struct Case {
     std::string folder;
     std::string says;
+    bool present;  // what the status request answers
   } cases[] = {
-      {dir.root + "/absent", "(VELMORA_VISION_DIR): no such folder"},
-      {dir.root + "/empty", "(VELMORA_VISION_DIR): no Info.plist"},
-      {dir.root + "/v13", "(VELMORA_VISION_DIR): version 13.1, not 12"},
-      {VELMORA_BUILD_VISION_DIR, "(VELMORA_VISION_DIR): present, version 12.0"},
+      {dir.root + "/absent", "(VELMORA_VISION_DIR): no such folder", false},
+      {dir.root + "/empty", "(VELMORA_VISION_DIR): no Info.plist", false},
+      {dir.root + "/v13", "(VELMORA_VISION_DIR): version 13.1, not 12", false},
+      {VELMORA_BUILD_VISION_DIR, "(VELMORA_VISION_DIR): present, version 12.0", true},
   };
   fs::create_directories(dir.root + "/empty");
   fs::create_directories(dir.root + "/v13");
@@ -124,6 +125,9 @@ TEST(VisionFolder, LaunchLineSaysWhereAndWhat) {
     AddinProcess addin({.env = {{"VELMORA_VISION_DIR", c.folder}}});
     EXPECT_NE(addin.Stderr().find("vision library: " + c.folder + " " + c.says), std::string::npos)
         << addin.Stderr();
+    const auto status = addin.Request(RequestLibraryStatus);
+    ASSERT_TRUE(status.has_value()) << c.folder;
+    EXPECT_EQ(archive::ReadBool(*status, "isHalconExist", !c.present), c.present) << c.folder;
   }
 }
 

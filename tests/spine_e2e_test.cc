@@ -140,13 +140,6 @@ TEST(AddinDispatcher, RepliesOfEveryRow) {
   ExpectServing(addin, "every row");
 }
 
-TEST(AddinDispatcher, LibraryAbsentIsReported) {
-  AddinProcess addin({.env = {{"VELMORA_VISION_DIR", "/nonexistent/velmora/vision"}}});
-  const auto status = addin.Request(RequestLibraryStatus);
-  ASSERT_TRUE(status.has_value());
-  EXPECT_FALSE(archive::ReadBool(*status, "isHalconExist", true));
-}
-
 // A client that connects and sends nothing is closed unanswered at the
 // add-in's read deadline (5 s); that it delays nobody meanwhile is port_test's.
 TEST(AddinPort, IdleClientIsDroppedAtTheReadDeadline) {
