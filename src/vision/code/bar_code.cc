@@ -32,16 +32,18 @@ class BarCodeModel : public HandleBase {
   int trained_variant = -1;
   std::string trained_polarity;  // "dark_on_light" or "light_on_dark"
   double orientation = 0, contrast = 0;
-  // The image of the last training pass when it held nothing bar-like: the
-  // reading pass on the same image (what the reading service does) answers
-  // at once. Shares the image's planes, which are immutable.
-  std::vector<cv::Mat> empty_planes;
+  // The image of the last training pass and its bar-like regions: the
+  // reading pass on the same image (what the reading service does) does not
+  // look for them again, and answers at once when there are none. Shares
+  // the image's planes, which are immutable.
+  std::vector<cv::Mat> trained_planes;
+  std::vector<code::BarRegion> trained_regions;
 
-  bool IsEmptyImage(const Image& img) const {
-    if (empty_planes.empty() || empty_planes.size() != img.planes.size()) return false;
+  bool IsTrainedImage(const Image& img) const {
+    if (trained_planes.empty() || trained_planes.size() != img.planes.size()) return false;
     for (size_t k = 0; k < img.planes.size(); ++k)
-      if (empty_planes[k].data != img.planes[k].data || empty_planes[k].size() != img.planes[k].size() ||
-          empty_planes[k].step != img.planes[k].step)
+      if (trained_planes[k].data != img.planes[k].data || trained_planes[k].size() != img.planes[k].size() ||
+          trained_planes[k].step != img.planes[k].step)
         return false;
     return true;
   }
@@ -310,15 +312,15 @@ void find_bar_code(const HObject& image, HObject* symbol_regions, const HTuple& 
            SecondLineAgrees(gray, f, (quiet + 1) * std::max(1.0, e));
   };
   // An image without anything bar-like answers before any decoder runs; the
-  // reading pass on the image training found empty does not look again.
-  bool no_candidates = false;
+  // reading pass on the image training looked at does not look again.
+  std::vector<code::BarRegion> looked_at;
   req.stop_without_candidates = true;
-  req.no_candidates = &no_candidates;
-  req.assume_no_candidates = !m->training && m->IsEmptyImage(img);
+  req.known_regions = !m->training && m->IsTrainedImage(img) ? &m->trained_regions : nullptr;
+  req.regions_seen = &looked_at;
   std::vector<code::Found> found = code::ReadCodes(gray, req);
   if (m->training) {
-    m->empty_planes.clear();
-    if (no_candidates) m->empty_planes = img.planes;
+    m->trained_planes = img.planes;
+    m->trained_regions = std::move(looked_at);
   }
   if (m->training && !found.empty()) {
     const code::Found& f = found.front();

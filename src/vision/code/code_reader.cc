@@ -346,7 +346,14 @@ Work RegionCrop(const cv::Mat& gray, const BarRegion& r, bool invert, int scale)
   cv::warpAffine(gray, wk.img, cv::Mat(cv::Matx23d(n.x, t.x, origin.x, n.y, t.y, origin.y)), cv::Size(w, h),
                  cv::INTER_LINEAR | cv::WARP_INVERSE_MAP, cv::BORDER_REPLICATE);
   if (invert) cv::bitwise_not(wk.img, wk.img);
-  const cv::Rect inside(kMargin, kMargin, w - 2 * kMargin, h - 2 * kMargin);
+  cv::Rect inside(kMargin, kMargin, w - 2 * kMargin, h - 2 * kMargin);
+  // The region's own light ground fills everything beyond the label: a
+  // part as dark as the bars right after a narrow quiet zone (inside the
+  // region's rough ends) would be taken for one more bar.
+  const auto [left, right] = LabelEdges(wk.img, inside);
+  if (left > inside.x) inside.width -= left - inside.x, inside.x = left;
+  if (right < inside.x + inside.width) inside.width = right - inside.x;
+  if (inside.width < 16) return Work{};
   const cv::Mat roi = wk.img(inside);
   std::vector<uint8_t> v(roi.begin<uint8_t>(), roi.end<uint8_t>());
   if (v.empty()) return wk;
@@ -400,6 +407,9 @@ std::vector<Variant> BuildVariants(Symbology s) {
     v.push_back({P::Ground});
     v.push_back({P::Ground, 2});
     both({P::Region});
+    Variant region{P::Region};
+    region.fixed_binarizer = true;
+    both(region);
     v.push_back({P::Candidates});
     return v;
   }
@@ -421,6 +431,43 @@ std::vector<Variant> BuildVariants(Symbology s) {
 }
 
 }  // namespace
+
+// The profile across the bars, from the middle half of the region's
+// height (a label's top and bottom edges stay out of it).
+std::pair<int, int> LabelEdges(const cv::Mat& img, const cv::Rect& inside) {
+  std::pair<int, int> out(0, img.cols);
+  const cv::Range rows(inside.y + inside.height / 4, inside.y + 3 * inside.height / 4);
+  if (rows.size() < 2 || inside.width < 16) return out;
+  cv::Mat prof;
+  cv::reduce(img.rowRange(rows), prof, 0, cv::REDUCE_AVG, CV_32F);
+  const float* pv = prof.ptr<float>(0);
+  std::vector<float> sorted(pv + inside.x, pv + inside.x + inside.width);
+  std::sort(sorted.begin(), sorted.end());
+  const float lo = sorted[sorted.size() / 10], hi = sorted[sorted.size() * 9 / 10];
+  if (hi - lo < 8) return out;
+  const float mid = 0.5f * (lo + hi);
+  struct Run { int begin, end; bool dark; };
+  std::vector<Run> runs;
+  for (int x = 0; x < img.cols; ++x) {
+    const bool dark = pv[x] < mid;
+    if (runs.empty() || runs.back().dark != dark) runs.push_back({x, x + 1, dark});
+    else runs.back().end = x + 1;
+  }
+  // The narrow element: the lower quartile of the runs within the crop.
+  std::vector<int> widths;
+  for (size_t k = 1; k + 1 < runs.size(); ++k) widths.push_back(runs[k].end - runs[k].begin);
+  if (widths.size() < 8) return out;
+  std::nth_element(widths.begin(), widths.begin() + long(widths.size() / 4), widths.end());
+  const int wide = std::max(8, 6 * widths[widths.size() / 4]);
+  const int centre = img.cols / 2;
+  for (size_t k = 0; k < runs.size(); ++k) {
+    const Run& r = runs[k];
+    if (!r.dark || r.end - r.begin < wide) continue;
+    if (r.end <= centre) out.first = std::max(out.first, r.end);
+    else if (r.begin >= centre) out.second = std::min(out.second, r.begin);
+  }
+  return out;
+}
 
 std::vector<BarRegion> BarCandidateRegions(const cv::Mat& gray) {
   std::vector<BarRegion> out;
@@ -529,6 +576,29 @@ std::vector<BarRegion> BarCandidateRegions(const cv::Mat& gray) {
     r.half_height = (std::sqrt(3 * across) * kCell + 8) / f;
     out.push_back(r);
   }
+  // A symbol whose wide elements break the chain of windows shows as
+  // several patches in a row: patches with one bar direction, on one line
+  // along it and closer than their bars are high are one symbol.
+  for (bool merged = true; merged;) {
+    merged = false;
+    for (size_t i = 0; i < out.size() && !merged; ++i)
+      for (size_t j = i + 1; j < out.size() && !merged; ++j) {
+        BarRegion& a = out[i].half_length >= out[j].half_length ? out[i] : out[j];
+        const BarRegion& b = &a == &out[i] ? out[j] : out[i];
+        const cv::Point2d d = b.center - a.center;
+        const double along = d.dot(a.normal), side = std::abs(d.x * a.normal.y - d.y * a.normal.x);
+        const double height = std::min(a.half_height, b.half_height);
+        if (std::abs(a.normal.dot(b.normal)) < 0.996 || side > 0.5 * height ||
+            std::abs(along) - a.half_length - b.half_length > height)
+          continue;
+        const double lo = std::min(-a.half_length, along - b.half_length), hi = std::max(a.half_length, along + b.half_length);
+        a.center += a.normal * (0.5 * (lo + hi));
+        a.half_length = 0.5 * (hi - lo);
+        a.half_height = std::max(a.half_height, b.half_height);
+        out.erase(out.begin() + long(&a == &out[i] ? j : i));
+        merged = true;
+      }
+  }
   return out;
 }
 
@@ -635,8 +705,15 @@ std::vector<Found> ReadCodes(const cv::Mat& gray, const ReadRequest& req) {
   // Nothing bar-like in the image: no preparation would find a symbol, and
   // answering at once is what a camera frame without a code deserves.
   std::vector<BarRegion> regions;
+  bool looked = false;
+  auto look = [&] {
+    if (looked) return;
+    looked = true;
+    regions = req.known_regions ? *req.known_regions : BarCandidateRegions(gray);
+    if (req.regions_seen) *req.regions_seen = regions;
+  };
   if (linear && req.stop_without_candidates) {
-    if (!req.assume_no_candidates) regions = BarCandidateRegions(gray);
+    look();
     if (regions.empty()) {
       if (req.no_candidates) *req.no_candidates = true;
       return found;
@@ -726,7 +803,7 @@ std::vector<Found> ReadCodes(const cv::Mat& gray, const ReadRequest& req) {
         if (req.timeout_ms > 0 && elapsed_ms() > req.timeout_ms) break;
       }
     } else if (v.prep == Variant::Prep::Region) {
-      if (regions.empty() && !req.assume_no_candidates) regions = BarCandidateRegions(gray);
+      look();
       for (const BarRegion& r : regions) {
         Work w = RegionCrop(gray, r, v.invert, v.scale);
         if (w.img.empty()) continue;

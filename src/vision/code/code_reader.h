@@ -9,6 +9,7 @@
 #include <chrono>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <opencv2/core.hpp>
@@ -42,6 +43,13 @@ struct Found {
   double contrast = 0;    // grey-level spread inside the symbol
 };
 
+// A region that looks like bars: many parallel edges of alternating sign,
+// side by side. In input pixels; `normal` runs across the bars.
+struct BarRegion {
+  cv::Point2d center, normal;
+  double half_length = 0, half_height = 0;  // across and along the bars
+};
+
 struct ReadRequest {
   Symbology symbology = Symbology::QR;
   int formats = 0;              // ZXing::BarcodeFormats mask; 0 = every format of the symbology
@@ -60,7 +68,10 @@ struct ReadRequest {
   // Linear codes: when no bar-like region exists in the image, stop before
   // any decoder runs.
   bool stop_without_candidates = false;
-  bool assume_no_candidates = false;  // known from an earlier look at the same image
+  // The bar-like regions when an earlier look at the same image found them
+  // (nullptr: look here), and where to leave those this call used.
+  const std::vector<BarRegion>* known_regions = nullptr;
+  std::vector<BarRegion>* regions_seen = nullptr;
   bool* no_candidates = nullptr;  // set when the search stopped for that reason
 };
 
@@ -71,18 +82,19 @@ const std::vector<Variant>& Variants(Symbology s);
 // checksum or error correction failed.
 std::vector<Found> ReadCodes(const cv::Mat& gray, const ReadRequest& req);
 
-// A region that looks like bars: many parallel edges of alternating sign,
-// side by side. In input pixels; `normal` runs across the bars.
-struct BarRegion {
-  cv::Point2d center, normal;
-  double half_length = 0, half_height = 0;  // across and along the bars
-};
-
 // The bar-like regions of the image. Cheap (about a millisecond on a
 // camera frame); meant to end the search on images without any bar code
 // and once every region holds a symbol.
 std::vector<BarRegion> BarCandidateRegions(const cv::Mat& gray);
 bool HasBarCandidate(const cv::Mat& gray);
+
+// Where the label a linear symbol is printed on ends, in an upright crop
+// (bars vertical, dark on light) whose rectangle `inside` holds the bars:
+// the first dark run on either side of the crop's centre that is far wider
+// (six narrow elements) than any element a symbol has, i.e. a part as dark
+// as the bars beyond a narrow light margin. Columns [first, second) lie on
+// the label; 0 and the crop's width where no such run is seen.
+std::pair<int, int> LabelEdges(const cv::Mat& upright, const cv::Rect& inside);
 
 // Whether the linear symbol read as `f` lies across the region's bars.
 bool Explains(const Found& f, const BarRegion& r);
