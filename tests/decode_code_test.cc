@@ -427,14 +427,18 @@ TEST(BarCode, NarrowQuietZoneOnDarkerGroundReads) {
 }
 
 // The label's edges in an upright crop: a part as dark as the bars beyond
-// the light margin is found on the side where it lies, the widest elements
+// the light margin is found on the side where it lies; the widest elements
 // a symbol has (three modules for the two-width codes, four for the
-// others) never are, nor is a light part. Narrow elements of two pixels.
+// others), a dark smudge within the symbol and a light part never are.
+// Narrow elements of two pixels.
 TEST(BarCode, LabelEdgesLieWhereADarkPartBegins) {
   struct Case { const char* what; std::vector<int> elements; bool dark_left, dark_right; };
   const std::vector<int> two_widths{1, 1, 1, 1, 3, 1, 3, 3, 1, 1, 3, 3, 1, 1, 1, 3, 1, 3, 1, 1, 3, 1, 1, 3, 1, 3, 1};
   const std::vector<int> four_widths{2, 1, 1, 4, 1, 2, 4, 1, 1, 1, 3, 2, 1, 4, 1, 1, 2, 3, 1, 2, 2, 4, 1, 1, 3, 1, 2};
+  std::vector<int> smudged = two_widths;  // a wide space, then a dark smudge over bars
+  smudged.insert(smudged.begin() + 13, {5, 8});
   const Case cases[] = {{"dark part both sides", two_widths, true, true},
+                        {"dark smudge within the symbol", smudged, false, false},
                         {"dark part left only", two_widths, true, false},
                         {"light part", two_widths, false, false},
                         {"four-module elements, light part", four_widths, false, false},
@@ -491,6 +495,73 @@ TEST(BarCode, NarrowQuietZoneOnAsDarkPartReads) {
     EXPECT_EQ(strings, HTuple(s.text));
     clear_bar_code_model(h);
   }
+}
+
+// The reading pass on the image the training pass looked at skips the
+// preparations where training read nothing it accepted: the same texts as
+// on a copy of the image (which is looked at afresh), nothing tried again
+// where the whole chain read nothing, and no skip once the model accepts
+// more than training did (a quiet zone asked narrower afterwards).
+TEST(BarCode, ReadingPassSkipsWhatTrainingFoundEmpty) {
+  const RenderParams p{.module_px = 2.5, .quiet_modules = 10, .background = 200, .noise_sigma = 2};
+  RenderParams light = p;
+  light.invert = true, light.background = 40;
+  const cv::Mat modules = velmora::symgen::SymbolModules(Kind::ITF, "90817263");
+  RenderParams cut = p;  // a third of the symbol beyond the right border
+  cut.center_x = 1.0 - modules.cols * p.module_px / 6.0 / p.canvas_w;
+  struct Case { const char* what; cv::Mat image; std::string text; };
+  const Case cases[] = {{"dark on light", Symbol(Kind::Code128, "Skip 128", p), "Skip 128"},
+                        {"light on dark", Symbol(Kind::ITF, "90817263", light), "90817263"},
+                        {"cut by the border", velmora::symgen::Render(modules, true, cut), ""}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    auto service = [](const HObject& train, const HObject& read) {
+      HTuple h, strings;
+      HObject regions;
+      create_bar_code_model("train", "all", &h);
+      set_bar_code_param(h, "quiet_zone", 1);
+      find_bar_code(train, &regions, h, "Code 39", &strings);
+      set_bar_code_param(h, "train", "~all");
+      find_bar_code(read, &regions, h, "auto", &strings);
+      clear_bar_code_model(h);
+      return strings;
+    };
+    const HObject img = Gray(c.image);
+    const HTuple same = service(img, img), copy = service(img, Gray(c.image));
+    EXPECT_EQ(same, copy);
+    EXPECT_EQ(same, c.text.empty() ? HTuple() : HTuple(c.text));
+  }
+  // Where the whole chain read nothing, a second search skips all of it.
+  code::ReadRequest req;
+  req.symbology = code::Symbology::Linear;
+  req.stop_without_candidates = true;
+  req.accept = [](const code::Found&) { return false; };
+  std::vector<int> barren, again;
+  req.barren_seen = &barren;
+  const cv::Mat g = Symbol(Kind::Code128, "Skip 128", p);
+  EXPECT_TRUE(code::ReadCodes(g, req).empty());
+  EXPECT_EQ(barren.size(), code::Variants(code::Symbology::Linear).size());
+  req.barren = &barren;
+  req.barren_seen = &again;
+  EXPECT_TRUE(code::ReadCodes(g, req).empty());
+  EXPECT_TRUE(again.empty());
+  // Trained with the standard quiet zone beside a dark stripe six modules
+  // away, which refuses the symbol; read with one module, which does not.
+  cv::Mat striped = g.clone();
+  const int x = striped.cols / 2 - int(velmora::symgen::SymbolModules(Kind::Code128, "Skip 128").cols * p.module_px / 2) -
+                int(6 * p.module_px);
+  cv::rectangle(striped, cv::Rect(x - 2, striped.rows / 2 - 60, 3, 120), cv::Scalar(p.dark), cv::FILLED);
+  HTuple h, strings;
+  HObject regions;
+  const HObject img = Gray(striped);
+  create_bar_code_model("train", "all", &h);
+  set_bar_code_param(h, "quiet_zone", "true");
+  find_bar_code(img, &regions, h, "auto", &strings);
+  EXPECT_EQ(strings.Length(), 0);
+  set_bar_code_param(h, HTuple{"train", "quiet_zone"}, HTuple{"~all", 1});
+  find_bar_code(img, &regions, h, "auto", &strings);
+  EXPECT_EQ(strings, HTuple("Skip 128"));
+  clear_bar_code_model(h);
 }
 
 // A light band over a few bars of a Codabar symbol (no check character):

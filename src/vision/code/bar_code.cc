@@ -38,6 +38,24 @@ class BarCodeModel : public HandleBase {
   // the image's planes, which are immutable.
   std::vector<cv::Mat> trained_planes;
   std::vector<code::BarRegion> trained_regions;
+  // The preparations in which that pass read no symbol it accepted, and
+  // what it accepted with: a reading pass of the same image that accepts no
+  // more skips them (it would read there what training read, and refuse it).
+  std::vector<int> trained_barren;
+  struct Acceptance {
+    std::string polarity;
+    Hlong quiet_zone = 0, stop_after_result_num = 0;
+    double element_size_min = 0, element_size_max = 0;
+  } trained_acceptance;
+
+  Acceptance CurrentAcceptance() const {
+    return {polarity, quiet_zone, stop_after_result_num, element_size_min, element_size_max};
+  }
+  bool AcceptsNoMoreThanTraining() const {
+    const Acceptance& t = trained_acceptance;
+    return polarity == t.polarity && quiet_zone >= t.quiet_zone && stop_after_result_num == t.stop_after_result_num &&
+           element_size_min >= t.element_size_min && element_size_max <= t.element_size_max;
+  }
 
   bool IsTrainedImage(const Image& img) const {
     if (trained_planes.empty() || trained_planes.size() != img.planes.size()) return false;
@@ -314,13 +332,20 @@ void find_bar_code(const HObject& image, HObject* symbol_regions, const HTuple& 
   // An image without anything bar-like answers before any decoder runs; the
   // reading pass on the image training looked at does not look again.
   std::vector<code::BarRegion> looked_at;
+  std::vector<int> barren;
+  const bool trained_image = !m->training && m->IsTrainedImage(img);
   req.stop_without_candidates = true;
-  req.known_regions = !m->training && m->IsTrainedImage(img) ? &m->trained_regions : nullptr;
+  req.known_regions = trained_image ? &m->trained_regions : nullptr;
   req.regions_seen = &looked_at;
+  req.barren = trained_image && m->AcceptsNoMoreThanTraining() ? &m->trained_barren : nullptr;
+  req.barren_seen = &barren;
+  const BarCodeModel::Acceptance acceptance = m->CurrentAcceptance();
   std::vector<code::Found> found = code::ReadCodes(gray, req);
   if (m->training) {
     m->trained_planes = img.planes;
     m->trained_regions = std::move(looked_at);
+    m->trained_barren = std::move(barren);
+    m->trained_acceptance = acceptance;
   }
   if (m->training && !found.empty()) {
     const code::Found& f = found.front();

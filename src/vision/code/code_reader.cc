@@ -458,14 +458,15 @@ std::pair<int, int> LabelEdges(const cv::Mat& img, const cv::Rect& inside) {
   for (size_t k = 1; k + 1 < runs.size(); ++k) widths.push_back(runs[k].end - runs[k].begin);
   if (widths.size() < 8) return out;
   std::nth_element(widths.begin(), widths.begin() + long(widths.size() / 4), widths.end());
-  const int wide = std::max(8, 6 * widths[widths.size() / 4]);
+  const int narrow = widths[widths.size() / 4];
+  // The part: a dark run from the crop's end, far wider than any element,
+  // after a light margin of at least four narrow elements (a quiet zone).
+  auto part = [&](const Run& dark, const Run& margin) {
+    return dark.dark && dark.end - dark.begin >= std::max(8, 6 * narrow) && margin.end - margin.begin >= 4 * narrow;
+  };
   const int centre = img.cols / 2;
-  for (size_t k = 0; k < runs.size(); ++k) {
-    const Run& r = runs[k];
-    if (!r.dark || r.end - r.begin < wide) continue;
-    if (r.end <= centre) out.first = std::max(out.first, r.end);
-    else if (r.begin >= centre) out.second = std::min(out.second, r.begin);
-  }
+  if (part(runs[0], runs[1]) && runs[0].end <= centre) out.first = runs[0].end;
+  if (part(runs.back(), runs[runs.size() - 2]) && runs.back().begin >= centre) out.second = runs.back().begin;
   return out;
 }
 
@@ -733,7 +734,9 @@ std::vector<Found> ReadCodes(const cv::Mat& gray, const ReadRequest& req) {
     });
   };
 
+  size_t accepted = 0;  // symbols the decoder read and `accept` let through
   auto add = [&](std::vector<Found> fs, int idx) {
+    accepted += fs.size();
     for (auto& f : fs) {
       bool dup = std::any_of(found.begin(), found.end(), [&](const Found& o) {
         // Linear symbols are reported as scan lines: one read again further
@@ -760,6 +763,9 @@ std::vector<Found> ReadCodes(const cv::Mat& gray, const ReadRequest& req) {
     if (k > 0 && req.timeout_ms > 0 && elapsed_ms() > req.timeout_ms) break;
     const int idx = order[k];
     const Variant& v = variants[idx];
+    if (req.barren && std::find(req.barren->begin(), req.barren->end(), idx) != req.barren->end()) continue;
+    const size_t accepted_before = accepted + others.size();
+    bool complete = true;  // every form of the preparation was read
     if (v.prep == Variant::Prep::Candidates) {
       std::vector<std::pair<cv::RotatedRect, bool>> crops;
       for (const auto& c : Candidates(gray, linear)) {
@@ -779,7 +785,10 @@ std::vector<Found> ReadCodes(const cv::Mat& gray, const ReadRequest& req) {
         forms.push_back({std::move(binary), true});
       }
       for (const auto& [base, extra] : forms) {
-        if (extra && req.timeout_ms > 0 && elapsed_ms() > req.timeout_ms) break;
+        if (extra && req.timeout_ms > 0 && elapsed_ms() > req.timeout_ms) {
+          complete = false;
+          break;
+        }
         // Both inversions: the polarity of what is read is measured, not assumed.
         for (int inv = 0; inv < 2; ++inv) {
           // A linear symbol's polarity is that of the crop it was read on.
@@ -800,7 +809,10 @@ std::vector<Found> ReadCodes(const cv::Mat& gray, const ReadRequest& req) {
             if (enough() || (found.empty() && !others.empty() && all_explained())) return found;
           }
         }
-        if (req.timeout_ms > 0 && elapsed_ms() > req.timeout_ms) break;
+        if (req.timeout_ms > 0 && elapsed_ms() > req.timeout_ms) {
+          complete = false;
+          break;
+        }
       }
     } else if (v.prep == Variant::Prep::Region) {
       look();
@@ -844,6 +856,8 @@ std::vector<Found> ReadCodes(const cv::Mat& gray, const ReadRequest& req) {
       if (!Prepare(gray, v, req.symbology, req.strict_quiet_zone, &w)) continue;
       add(Zxing(w, v, req.symbology, formats, req.max_results, req.accept, also, &others), idx);
     }
+    if (linear && req.barren_seen && complete && accepted + others.size() == accepted_before)
+      req.barren_seen->push_back(idx);
     if (enough()) break;
     if (found.empty() && !others.empty() && all_explained()) break;
     // One preparation that read something ends the search even when fewer

@@ -73,6 +73,14 @@ struct ReadRequest {
   const std::vector<BarRegion>* known_regions = nullptr;
   std::vector<BarRegion>* regions_seen = nullptr;
   bool* no_candidates = nullptr;  // set when the search stopped for that reason
+  // Linear codes: preparations (indices into Variants) in which an earlier
+  // search of the same image read nothing that its `accept` let through,
+  // skipped here; valid only when this search's formats, polarity, result
+  // count and `accept` admit no more than that search's did (every linear
+  // kind is read whenever the image has a bar-like region). And where to
+  // leave the preparations this search read in full and found nothing in.
+  const std::vector<int>* barren = nullptr;
+  std::vector<int>* barren_seen = nullptr;
 };
 
 // The preparations for a symbology, in the order they are tried.
@@ -89,11 +97,12 @@ std::vector<BarRegion> BarCandidateRegions(const cv::Mat& gray);
 bool HasBarCandidate(const cv::Mat& gray);
 
 // Where the label a linear symbol is printed on ends, in an upright crop
-// (bars vertical, dark on light) whose rectangle `inside` holds the bars:
-// the first dark run on either side of the crop's centre that is far wider
-// (six narrow elements) than any element a symbol has, i.e. a part as dark
-// as the bars beyond a narrow light margin. Columns [first, second) lie on
-// the label; 0 and the crop's width where no such run is seen.
+// (bars vertical, dark on light) whose rectangle `inside` holds the bars and
+// which reaches beyond them: a dark run from either end of the crop, far
+// wider (six narrow elements) than any element a symbol has, after a light
+// margin of at least four narrow elements, i.e. a part as dark as the bars
+// beyond a narrow quiet zone. Columns [first, second) lie on the label; 0
+// and the crop's width where no such run is seen.
 std::pair<int, int> LabelEdges(const cv::Mat& upright, const cv::Rect& inside);
 
 // Whether the linear symbol read as `f` lies across the region's bars.
