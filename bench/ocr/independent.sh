@@ -2,7 +2,7 @@
 # The reader on markings made outside the training program, Tesseract 5 beside
 # it on the same windows.
 #
-#   bench/ocr/independent.sh [build-dir] [markings-per-family-and-grade]
+#   bench/ocr/independent.sh [build-dir] [markings-per-family-and-grade] [seed]
 #
 # bench_ocr_independent plans the markings (faces and strings training never
 # saw); pango-view lays out and rasterises each text (Pango/Cairo, not the
@@ -14,10 +14,13 @@
 set -euo pipefail
 build=${1:-build}
 n=${2:-100}
+# A third argument plans other markings (same faces and kinds, other strings,
+# sizes and degradations): tune on those, publish with the default.
+seed=${3:-424242}
 work=$(mktemp -d /tmp/ocr-independent-XXXXXX)
 trap 'rm -rf "$work"' EXIT
 export VELMORA_VISION_DIR=${VELMORA_VISION_DIR:-$(cd "$build" && pwd)/share/velmora/vision}
-"$build/bench/bench_ocr_independent" plan --markings "$n" >"$work/plan.tsv"
+"$build/bench/bench_ocr_independent" plan --markings "$n" --seed "$seed" >"$work/plan.tsv"
 while IFS=$'\t' read -r id family grade face px tilt text; do
   aa=gray
   [ "$family" = DotPrint ] && aa=none
@@ -26,7 +29,7 @@ while IFS=$'\t' read -r id family grade face px tilt text; do
     2>/dev/null || true
 done <"$work/plan.tsv"
 echo "bench_ocr_independent: $n markings per family and grade, Pango $(pango-view --version | awk '{print $NF}')"
-"$build/bench/bench_ocr_independent" read --dir "$work" 2>/dev/null | tee "$work/ours.txt"
+"$build/bench/bench_ocr_independent" read --dir "$work" --confusions 1 2>/dev/null | tee "$work/ours.txt"
 
 declare -A alphabet=(
   [Industrial]="0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ-+:./#%()*="

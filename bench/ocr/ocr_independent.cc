@@ -11,8 +11,13 @@
 // frame and with the "text_window" setting.
 //
 //   bench_ocr_independent plan --markings N [--seed S]   > plan.tsv
-//   bench_ocr_independent read --dir DIR [--errors 1]    (DIR holds plan.tsv
-//                                                          and Pango's PNGs)
+//   bench_ocr_independent read --dir DIR [--errors 1] [--confusions 1]
+//                                          (DIR holds plan.tsv and Pango's PNGs)
+//
+// --errors 1 lists every misread marking (window and text window) with its
+// piece count; --confusions 1 adds where the lost characters come from
+// (markings cut into the right number of pieces, into fewer, into more) and
+// which characters become which where the count is right.
 //
 // `read` writes DIR/win_<id>.png and DIR/truth.tsv (window, family, grade,
 // text without blanks, our text, our ms) for Tesseract beside us.
@@ -83,6 +88,69 @@ std::vector<bool> AlignedRight(const std::string& truth, const std::string& got)
     }
   }
   return right;
+}
+
+// The substitutions (truth character, character read) of a least-edit
+// alignment.
+std::vector<std::pair<char, char>> Substitutions(const std::string& truth, const std::string& got) {
+  const size_t n = truth.size(), m = got.size();
+  std::vector<std::vector<size_t>> d(n + 1, std::vector<size_t>(m + 1));
+  for (size_t i = 0; i <= n; ++i) d[i][0] = i;
+  for (size_t j = 0; j <= m; ++j) d[0][j] = j;
+  for (size_t i = 1; i <= n; ++i)
+    for (size_t j = 1; j <= m; ++j)
+      d[i][j] = std::min({d[i - 1][j] + 1, d[i][j - 1] + 1,
+                          d[i - 1][j - 1] + (truth[i - 1] != got[j - 1])});
+  std::vector<std::pair<char, char>> subs;
+  for (size_t i = n, j = m; i > 0 || j > 0;) {
+    if (i > 0 && j > 0 && d[i][j] == d[i - 1][j - 1] + (truth[i - 1] != got[j - 1])) {
+      if (truth[i - 1] != got[j - 1]) subs.push_back({truth[i - 1], got[j - 1]});
+      --i, --j;
+    } else if (i > 0 && d[i][j] == d[i - 1][j] + 1) {
+      --i;
+    } else {
+      --j;
+    }
+  }
+  return subs;
+}
+
+// Where the errors of a reading come from: markings cut into as many pieces
+// as they have characters (what is lost there, the classifiers lose, unless
+// one merge and one break cancel), into fewer (merged pairs) or into more
+// (broken strokes, specks); and which characters become which where the count
+// is right.
+struct ErrorSplit {
+  size_t chars = 0, err[3] = {0, 0, 0}, marks[3] = {0, 0, 0};
+  std::map<std::string, int> subs;
+  void Add(const std::string& truth, const velmora::OcrTextRecord& rec) {
+    chars += truth.size();
+    const size_t e = std::min(EditDistance(truth, rec.text), truth.size());
+    if (e == 0) return;
+    const int kind = rec.rects.size() == truth.size() ? 0 : rec.rects.size() < truth.size() ? 1 : 2;
+    err[kind] += e;
+    ++marks[kind];
+    if (kind == 0)
+      for (const auto& [t, g] : Substitutions(truth, rec.text)) ++subs[std::string{t, '>', g}];
+  }
+  std::string Split() const {
+    char b[160];
+    std::snprintf(b, sizeof b, "%5.1f%% (%2zu) %5.1f%% (%2zu) %5.1f%% (%2zu)",
+                  Pct(err[0]), marks[0], Pct(err[1]), marks[1], Pct(err[2]), marks[2]);
+    return b;
+  }
+  double Pct(size_t e) const { return chars ? 100.0 * double(e) / double(chars) : 0; }
+};
+
+// The most frequent substitutions, "t>g count" separated by blanks.
+std::string TopSubstitutions(const std::map<std::string, int>& subs, size_t n) {
+  std::vector<std::pair<int, std::string>> v;
+  for (const auto& [k, c] : subs) v.push_back({-c, k});
+  std::sort(v.begin(), v.end());
+  std::string out;
+  for (size_t i = 0; i < v.size() && i < n; ++i)
+    out += (i ? " " : "") + v[i].second + " " + std::to_string(-v[i].first);
+  return out;
 }
 
 // How well the confidences tell right characters from wrong ones: right
@@ -313,6 +381,7 @@ struct Score {
 struct Row {
   Score window, ceiling, by_number, frame, frame_window;
   Confidence confidence;
+  ErrorSplit window_errors, text_window_errors;
   std::vector<double> ms, frame_ms, frame_window_ms;
   size_t unread = 0;
 };
@@ -336,7 +405,7 @@ velmora::OcrTextRecord Read(const cv::Mat& rgb, const std::string& family, long 
   return recs.empty() ? velmora::OcrTextRecord() : recs[0];
 }
 
-int ReadAll(const std::string& dir, bool show_errors) {
+int ReadAll(const std::string& dir, bool show_errors, bool confusions) {
   std::ifstream plan(dir + "/plan.tsv");
   std::ofstream truth(dir + "/truth.tsv");
   std::map<std::pair<std::string, std::string>, Row> rows;
@@ -373,6 +442,7 @@ int ReadAll(const std::string& dir, bool show_errors) {
     double ms = 0;
     const velmora::OcrTextRecord rec = Read(win, family, 0, &ms);
     row.window.Add(want, rec.text);
+    row.window_errors.Add(want, rec);
     row.confidence.Add(want, rec);
     row.ms.push_back(ms);
     if (show_errors && rec.text != want)
@@ -398,6 +468,7 @@ int ReadAll(const std::string& dir, bool show_errors) {
     row.frame_ms.push_back(ms);
     const velmora::OcrTextRecord fw = Read(frame, family, 0, &ms, true);
     row.frame_window.Add(want, fw.text);
+    row.text_window_errors.Add(want, fw);
     if (show_errors && fw.text != want)
       std::printf("  text window %s [%s, %s px]: %s -> %s (%zu pieces)\n", id.c_str(), face.c_str(),
                   px.c_str(), want.c_str(), fw.text.c_str(), fw.rects.size());
@@ -427,6 +498,26 @@ int ReadAll(const std::string& dir, bool show_errors) {
         r.confidence.RightHigh(), r.confidence.WrongLow());
     if (r.unread) std::printf("  (%zu markings without a Pango image)\n", r.unread);
   }
+  if (!confusions) return 0;
+  // Characters lost (edit distance, % of all characters, and the markings)
+  // by how the cut went, then the substitutions where the count was right,
+  // over the clean and moderate grades of each family.
+  std::printf("\ncharacters lost where the cut has the right count / fewer pieces / more pieces\n");
+  std::printf("%-10s %-9s %-44s %s\n", "family", "grade", "window", "frame, text window");
+  std::map<std::string, std::map<std::string, int>> subs_w, subs_tw;
+  for (const auto& key : order) {
+    const Row& r = rows[key];
+    std::printf("%-10s %-9s %-44s %s\n", key.first.c_str(), key.second.c_str(),
+                r.window_errors.Split().c_str(), r.text_window_errors.Split().c_str());
+    if (key.second == "hard") continue;
+    for (const auto& [k, c] : r.window_errors.subs) subs_w[key.first][k] += c;
+    for (const auto& [k, c] : r.text_window_errors.subs) subs_tw[key.first][k] += c;
+  }
+  std::printf("\nsubstitutions (true>read count) where the cut has the right count, clean and moderate\n");
+  for (const auto& [family, subs] : subs_w) {
+    std::printf("%-10s window:      %s\n", family.c_str(), TopSubstitutions(subs, 14).c_str());
+    std::printf("%-10s text window: %s\n", "", TopSubstitutions(subs_tw[family], 14).c_str());
+  }
   return 0;
 }
 
@@ -446,16 +537,17 @@ int main(int argc, char** argv) {
   int markings = 100;
   uint32_t seed = 424242;
   std::string dir;
-  bool show_errors = false;
+  bool show_errors = false, confusions = false;
   for (int i = 2; i + 1 < argc; i += 2) {
     const std::string a = argv[i], v = argv[i + 1];
     if (a == "--markings") markings = std::stoi(v);
     else if (a == "--seed") seed = uint32_t(std::stoul(v));
     else if (a == "--dir") dir = v;
     else if (a == "--errors") show_errors = v == "1";
+    else if (a == "--confusions") confusions = v == "1";
   }
   if (mode == "plan") return Plan(markings, seed);
-  if (mode == "read" && !dir.empty()) return ReadAll(dir, show_errors);
+  if (mode == "read" && !dir.empty()) return ReadAll(dir, show_errors, confusions);
   std::fprintf(stderr, "bench_ocr_independent: unknown mode or missing --dir\n");
   return 2;
 }

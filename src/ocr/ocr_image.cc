@@ -154,37 +154,14 @@ std::vector<OcrTextRecord> RecognizeText(HObject image, double width, double hei
   try {
     readOCRFont(settings.font_name, classifiers);
     HObject read_image = std::move(image);
-    cv::Rect window(0, 0, 0, 0);
-    double zoom = 1.0;  // enlargement of the window before reading
-    if (settings.text_window) {
-      HObject ho_Gray;
-      vision::rgb1_to_gray(read_image, &ho_Gray);
-      const cv::Mat& gray = ho_Gray.ImageAt(0).planes[0];
-      const TextWindowReading how = TextWindowReadingFor(settings.font_name.value_or(""));
-      int line_h = 0;
-      if (gray.type() == CV_8U && FindTextWindow(gray, &window, &line_h, how.margin) &&
-          window.width <= width && window.height <= height) {
-        HObject ho_Rect, ho_Reduced;
-        vision::gen_rectangle1(&ho_Rect, HTuple(window.y), HTuple(window.x),
-                               HTuple(window.br().y - 1), HTuple(window.br().x - 1));
-        vision::reduce_domain(read_image, ho_Rect, &ho_Reduced);
-        vision::crop_domain(ho_Reduced, &read_image);
-        width = window.width;
-        height = window.height;
-        if (line_h > 0 && line_h < how.min_line_height) {
-          zoom = std::min(how.max_zoom, double(how.min_line_height) / line_h);
-          HObject ho_Zoomed;
-          vision::zoom_image_factor(read_image, &ho_Zoomed, HTuple(zoom), HTuple(zoom),
-                                    HTuple("weighted"));
-          read_image = std::move(ho_Zoomed);
-          const cv::Mat& plane = read_image.ImageAt(0).planes[0];
-          width = plane.cols;
-          height = plane.rows;
-        }
-      } else {
-        window = cv::Rect(0, 0, 0, 0);
-      }
+    TextWindowCut cut;  // the whole image unless a text window is cut
+    if (settings.text_window &&
+        CutTextWindow(&read_image, width, height, settings.font_name.value_or(""), &cut)) {
+      width = cut.width;
+      height = cut.height;
     }
+    const cv::Rect window = cut.window;
+    const double zoom = cut.zoom;
     const int passes = settings.reverse ? 2 : 1;
     for (int pass = 0; pass < passes; ++pass) {
       OcrTextRecord r;

@@ -5,6 +5,10 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include "vision/filter/filters.h"
+#include "vision/filter/image_ops.h"
+#include "vision/region/region_ops.h"
+
 namespace velmora {
 
 bool FindTextWindow(const cv::Mat& gray, cv::Rect* window, int* line_height, double margin) {
@@ -103,6 +107,42 @@ TextWindowReading TextWindowReadingFor(const std::string& family) {
   // characters to split cells with it.
   if (family != "DotPrint") r.margin = 0.3;
   return r;
+}
+
+bool CutTextWindow(vision::HObject* image, double width, double height, const std::string& family,
+                   TextWindowCut* cut) {
+  using vision::HObject;
+  using vision::HTuple;
+  HObject ho_Gray;
+  vision::rgb1_to_gray(*image, &ho_Gray);
+  const cv::Mat& gray = ho_Gray.ImageAt(0).planes[0];
+  const TextWindowReading how = TextWindowReadingFor(family);
+  cv::Rect window;
+  int line_h = 0;
+  if (gray.type() != CV_8U || !FindTextWindow(gray, &window, &line_h, how.margin) ||
+      window.width > width || window.height > height)
+    return false;
+  HObject ho_Rect, ho_Reduced, ho_Window;
+  vision::gen_rectangle1(&ho_Rect, HTuple(window.y), HTuple(window.x), HTuple(window.br().y - 1),
+                         HTuple(window.br().x - 1));
+  vision::reduce_domain(*image, ho_Rect, &ho_Reduced);
+  vision::crop_domain(ho_Reduced, &ho_Window);
+  cut->window = window;
+  cut->zoom = 1.0;
+  cut->width = window.width;
+  cut->height = window.height;
+  if (line_h > 0 && line_h < how.min_line_height) {
+    cut->zoom = std::min(how.max_zoom, double(how.min_line_height) / line_h);
+    HObject ho_Zoomed;
+    vision::zoom_image_factor(ho_Window, &ho_Zoomed, HTuple(cut->zoom), HTuple(cut->zoom),
+                              HTuple("weighted"));
+    ho_Window = std::move(ho_Zoomed);
+    const cv::Mat& plane = ho_Window.ImageAt(0).planes[0];
+    cut->width = plane.cols;
+    cut->height = plane.rows;
+  }
+  *image = std::move(ho_Window);
+  return true;
 }
 
 }  // namespace velmora

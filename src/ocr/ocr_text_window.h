@@ -10,6 +10,7 @@
 #include <opencv2/core.hpp>
 
 #include "imaging/halcon_utility.h"
+#include "vision/core/object.h"
 
 namespace velmora {
 
@@ -35,5 +36,21 @@ struct TextWindowReading {
   double max_zoom = 4.0;
 };
 TextWindowReading TextWindowReadingFor(const std::string& family);
+
+// Where the window of a recognition lies: its place in the image read (an
+// empty rectangle: the whole image) and the enlargement of its pixels.
+struct TextWindowCut {
+  cv::Rect window{0, 0, 0, 0};
+  double zoom = 1.0;
+  double width = 0, height = 0;  // the size of the image then read
+};
+
+// Replaces the (three-channel byte) image of nominal size width x height by
+// the window around its text line, read as TextWindowReadingFor(family)
+// says; false, with the image unchanged, when no line stands out or the
+// window does not fit the nominal size. The recognition and the training
+// program cut windows with this one function.
+bool CutTextWindow(vision::HObject* image, double width, double height, const std::string& family,
+                   TextWindowCut* cut);
 
 }  // namespace velmora

@@ -119,8 +119,8 @@ void TrainFamily(const Family& fam, const Options& o, uint32_t seed) {
       pieces += long(cut.classes.size());
     } catch (const vision::HException& e) {
       ++dropped;
-      Say("%s: marking skipped: %s\n", fam.name, 0, 0);
-      (void)e;
+      std::lock_guard<std::mutex> lock(g_print);
+      std::printf("%s: marking skipped: %s\n", fam.name.c_str(), e.ErrorMessage().c_str());
     }
   }
   const auto t1 = std::chrono::steady_clock::now();
