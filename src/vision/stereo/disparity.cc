@@ -398,13 +398,26 @@ void Aggregate(Search* s, int p1, int p2) {
 void Winner(const Search& s, cv::Mat* disp, cv::Mat* best) {
   *disp = cv::Mat(s.h, s.w, CV_32F);
   *best = cv::Mat(s.h, s.w, CV_32S);
+#if CV_SIMD128
+  // Eight lanes a pixel: the lanes past K hold sums near the 16-bit limit,
+  // above any real one, so the first lowest lane is the first lowest of K.
+  const bool lanes = s.stride == 8;
+#endif
   for (int y = 0; y < s.h; ++y) {
     float* d = disp->ptr<float>(y);
     int* bb = best->ptr<int>(y);
     for (int x = 0; x < s.w; ++x) {
       const size_t pix = size_t(y) * s.w + x;
       const uint16_t* v = &s.sum[pix * s.stride];
-      int i = int(std::min_element(v, v + s.k) - v);
+      int i;
+#if CV_SIMD128
+      if (lanes) {
+        const cv::v_uint16x8 all = cv::v_load(v);
+        const cv::v_uint16x8 low = cv::v_setall_u16(cv::v_reduce_min(all));
+        i = std::countr_zero(unsigned(cv::v_signmask(all == low)));
+      } else
+#endif
+        i = int(std::min_element(v, v + s.k) - v);
       float sub = 0;
       if (i > 0 && i < s.k - 1) {
         const float a = v[i - 1], b = v[i], c = v[i + 1];
@@ -525,19 +538,54 @@ void RefineSubPixel(const std::vector<cv::Mat>& c1, const std::vector<cv::Mat>& 
       vm[k] = in ? m2[k].ptr<float>(y) : zeros.data();
       g[k] = in ? gx[k].ptr<float>(y) : zeros.data();
     }
-    if (e1)
-      for (int x = 0; x < w; ++x)
-        for (int k = 0; k < 4 * ng; ++k) *e1++ = a[k][x] - am[k][x];
-    if (src2)
-      for (int x = 0; x < w2; ++x)
-        for (int gk = 0; gk < ng; ++gk, src2 += 16)
+    // Four columns at a time: a group's four channels are transposed from
+    // rows of a channel into vectors of a column.
+    if (e1) {
+      int x = 0;
+      for (; x + 4 <= w; x += 4)
+        for (int gk = 0; gk < ng; ++gk) {
+          v_float32x4 r[4], t[4];
+          for (int l = 0; l < 4; ++l) r[l] = cv::v_load(a[4 * gk + l] + x) - cv::v_load(am[4 * gk + l] + x);
+          cv::v_transpose4x4(r[0], r[1], r[2], r[3], t[0], t[1], t[2], t[3]);
+          for (int j = 0; j < 4; ++j) cv::v_store(e1 + (size_t(x + j) * ng + gk) * 4, t[j]);
+        }
+      for (; x < w; ++x)
+        for (int k = 0; k < 4 * ng; ++k) e1[size_t(x) * 4 * ng + k] = a[k][x] - am[k][x];
+    }
+    if (src2) {
+      int x = 0;
+      for (; x + 4 <= w2; x += 4)
+        for (int gk = 0; gk < ng; ++gk) {
+          v_float32x4 pv[4], pm[4], pg[4], pn[4], t[4];
+          for (int l = 0; l < 4; ++l) {
+            const int k = 4 * gk + l;
+            pv[l] = cv::v_load(v[k] + x);
+            pg[l] = cv::v_load(g[k] + x);
+            cv::v_load_deinterleave(vm[k] + 2 * x, pm[l], pn[l]);
+          }
+          float* o = src2 + (size_t(x) * ng + gk) * 16;
+          const size_t col = size_t(ng) * 16;
+          cv::v_transpose4x4(pv[0], pv[1], pv[2], pv[3], t[0], t[1], t[2], t[3]);
+          for (int j = 0; j < 4; ++j) cv::v_store(o + j * col, t[j]);
+          cv::v_transpose4x4(pm[0], pm[1], pm[2], pm[3], t[0], t[1], t[2], t[3]);
+          for (int j = 0; j < 4; ++j) cv::v_store(o + j * col + 4, t[j]);
+          cv::v_transpose4x4(pg[0], pg[1], pg[2], pg[3], t[0], t[1], t[2], t[3]);
+          for (int j = 0; j < 4; ++j) cv::v_store(o + j * col + 8, t[j]);
+          cv::v_transpose4x4(pn[0], pn[1], pn[2], pn[3], t[0], t[1], t[2], t[3]);
+          for (int j = 0; j < 4; ++j) cv::v_store(o + j * col + 12, t[j]);
+        }
+      for (; x < w2; ++x)
+        for (int gk = 0; gk < ng; ++gk) {
+          float* o = src2 + (size_t(x) * ng + gk) * 16;
           for (int lane = 0; lane < 4; ++lane) {
             const int k = gk * 4 + lane;
-            src2[lane] = v[k][x];
-            src2[4 + lane] = vm[k][2 * x];
-            src2[8 + lane] = g[k][x];
-            src2[12 + lane] = vm[k][2 * x + 1];
+            o[lane] = v[k][x];
+            o[4 + lane] = vm[k][2 * x];
+            o[8 + lane] = g[k][x];
+            o[12 + lane] = vm[k][2 * x + 1];
           }
+        }
+    }
   };
   cv::Mat nd(h, w, CV_32FC2);  // numerator and denominator, interleaved
   cv::Mat wg(h, w, CV_32FC(8 * ng));  // last pass: image 2 and its gradient resampled

@@ -5,6 +5,7 @@
 #include <limits>
 
 #include <Eigen/Geometry>
+#include <opencv2/core/hal/intrin.hpp>
 #include <opencv2/imgproc.hpp>
 
 #include "vision/calib/camera_params.h"
@@ -53,7 +54,47 @@ void FillMap(cv::Mat* rows, cv::Mat* cols, const CamParams& src, const Eigen::Ma
     for (int r = range.start; r < range.end; ++r) {
       float* pr = rows->ptr<float>(r);
       float* pc = cols->ptr<float>(r);
-      for (int c = 0; c < rect.width; ++c) {
+      int c = 0;
+#if CV_SIMD128_64F
+      // Two pixels at a time, with the projection's operations in its
+      // order; pixels it refuses are marked after the vector part.
+      using cv::v_float64x2;
+      const Eigen::Matrix3d& m = rect_to_src;
+      const double d1 = (r - rect.cy) * rect.sy, d2 = rect.focus;
+      const v_float64x2 x1 = cv::v_setall_f64(m(0, 1) * d1), x2 = cv::v_setall_f64(m(0, 2) * d2);
+      const v_float64x2 y1 = cv::v_setall_f64(m(1, 1) * d1), y2 = cv::v_setall_f64(m(1, 2) * d2);
+      const v_float64x2 z1 = cv::v_setall_f64(m(2, 1) * d1), z2 = cv::v_setall_f64(m(2, 2) * d2);
+      const v_float64x2 m0x = cv::v_setall_f64(m(0, 0)), m0y = cv::v_setall_f64(m(1, 0)), m0z = cv::v_setall_f64(m(2, 0));
+      const v_float64x2 focus = cv::v_setall_f64(src.focus), four_kappa = cv::v_setall_f64(4.0 * src.kappa);
+      const v_float64x2 one = cv::v_setall_f64(1.0), two = cv::v_setall_f64(2.0), zero = cv::v_setzero_f64();
+      const v_float64x2 ssx = cv::v_setall_f64(src.sx), ssy = cv::v_setall_f64(src.sy);
+      const v_float64x2 scx = cv::v_setall_f64(src.cx), scy = cv::v_setall_f64(src.cy);
+      const bool distorted = src.kappa != 0;
+      for (; c + 2 <= rect.width; c += 2) {
+        const v_float64x2 d0 = (v_float64x2(double(c), double(c + 1)) - cv::v_setall_f64(rect.cx)) *
+                               cv::v_setall_f64(rect.sx);
+        const v_float64x2 x = (m0x * d0 + x1) + x2, y = (m0y * d0 + y1) + y2, z = (m0z * d0 + z1) + z2;
+        const v_float64x2 u = focus * x / z, v = focus * y / z;
+        v_float64x2 sc = one;
+        v_float64x2 ok = z > zero;
+        if (distorted) {
+          const v_float64x2 d = one - four_kappa * (u * u + v * v);
+          ok = ok & (d >= zero);
+          sc = two / (one + cv::v_sqrt(cv::v_max(d, zero)));
+        }
+        const v_float64x2 col = sc * u / ssx + scx, row = sc * v / ssy + scy;
+        double cr[2], cc[2];
+        cv::v_store(cr, row);
+        cv::v_store(cc, col);
+        const int mask = cv::v_signmask(ok);
+        for (int j = 0; j < 2; ++j) {
+          const bool in = mask >> j & 1;
+          pr[c + j] = in ? float(cr[j]) : -1e6f;
+          pc[c + j] = in ? float(cc[j]) : -1e6f;
+        }
+      }
+#endif
+      for (; c < rect.width; ++c) {
         Eigen::Vector3d d((c - rect.cx) * rect.sx, (r - rect.cy) * rect.sy, rect.focus);
         double row, col;
         if (src.Project(rect_to_src * d, &row, &col)) {

@@ -71,6 +71,20 @@ TEST(Rectification, WorldPointsLandOnOneRowAndTriangulateBack) {
   EXPECT_LT((rect1.inverse() * rig.rel * rect2).matrix().isApprox(rr.matrix(), 1e-9) ? 0 : 1, 1);
   const Image& m1 = map1.ImageAt(0);
   const Image& m2 = map2.ImageAt(0);
+  // Every entry of map 1 is camera 1's projection of its rectified pixel's
+  // line of sight (or far outside where the camera cannot see it).
+  size_t off = 0, refused = 0;
+  for (int r = 0; r < q1.height; ++r)
+    for (int c = 0; c < q1.width; ++c) {
+      const Eigen::Vector3d d((c - q1.cx) * q1.sx, (r - q1.cy) * q1.sy, q1.focus);
+      double row, col;
+      const bool seen = c1.Project(rect1.linear() * d, &row, &col);
+      refused += !seen;
+      const float mr = m1.planes[0].at<float>(r, c), mc = m1.planes[1].at<float>(r, c);
+      off += seen ? std::abs(mr - row) > 1e-3 || std::abs(mc - col) > 1e-3 : mr != -1e6f || mc != -1e6f;
+    }
+  EXPECT_EQ(off, 0u);
+  EXPECT_LT(refused, size_t(q1.height) * q1.width);
 
   std::mt19937 rng(3);
   std::uniform_real_distribution<double> u(-0.008, 0.008), t(-0.001, 0.001);
