@@ -313,61 +313,73 @@ class VecStep {
   int16_t buf_[32];  // previous costs at 12..19, kInf16 around
 };
 
-inline void AddTo(uint16_t* o, const cv::v_int16x8& l) {
-  cv::v_store(o, cv::v_load(o) + cv::v_reinterpret_as_u16(l));
-}
+inline cv::v_uint16x8 U16(const cv::v_int16x8& v) { return cv::v_reinterpret_as_u16(v); }
 
+// Each sum is written once by the rows' pass (left to right plus right to
+// left, kept a row at a time) and read and written once more by the
+// columns' pass (down plus up, kept for a block of columns), in the order
+// of the four directions.
 void AggregateVec(Search* s, int p1, int p2) {
   const int w = s->w, h = s->h, k = s->k;
-  s->sum.assign(size_t(w) * h * 8, 0);
+  s->sum.resize(size_t(w) * h * 8);
   const uint8_t* cost = s->cost.data();
   uint16_t* sum = s->sum.data();
   const int* base = s->base.data();
-  // Rows, both ways, one row per task.
-  cv::parallel_for_(cv::Range(0, h), [&](const cv::Range& rg) {
-    VecStep step(k, p1, p2);
-    for (int y = rg.start; y < rg.end; ++y) {
-      const size_t row = size_t(y) * w;
-      cv::v_int16x8 l = step.First(cost + row * 8);
-      AddTo(sum + row * 8, l);
-      for (int x = 1; x < w; ++x) {
-        const size_t pix = row + x;
-        l = step(cost + pix * 8, l, cv::v_reduce_min(l), base[pix] - base[pix - 1]);
-        AddTo(sum + pix * 8, l);
+  // Rows, two at a time: their recursions are independent, so that one
+  // runs while the other waits for its minimum.
+  cv::parallel_for_(cv::Range(0, (h + 1) / 2), [&](const cv::Range& rg) {
+    VecStep step[2] = {VecStep(k, p1, p2), VecStep(k, p1, p2)};
+    std::vector<cv::v_int16x8> right(size_t(2) * w);  // left-to-right costs of both rows
+    for (int yy = rg.start; yy < rg.end; ++yy) {
+      const int n = 2 * yy + 1 < h ? 2 : 1;
+      const size_t row[2] = {size_t(2 * yy) * w, size_t(2 * yy + n - 1) * w};
+      cv::v_int16x8 l[2];
+      for (int j = 0; j < n; ++j) right[size_t(j) * w] = l[j] = step[j].First(cost + row[j] * 8);
+      for (int x = 1; x < w; ++x)
+        for (int j = 0; j < n; ++j) {
+          const size_t pix = row[j] + x;
+          l[j] = step[j](cost + pix * 8, l[j], cv::v_reduce_min(l[j]), base[pix] - base[pix - 1]);
+          right[size_t(j) * w + x] = l[j];
+        }
+      for (int j = 0; j < n; ++j) {
+        const size_t pix = row[j] + w - 1;
+        l[j] = step[j].First(cost + pix * 8);
+        cv::v_store(sum + pix * 8, U16(right[size_t(j) * w + w - 1]) + U16(l[j]));
       }
-      l = step.First(cost + (row + w - 1) * 8);
-      AddTo(sum + (row + w - 1) * 8, l);
-      for (int x = w - 2; x >= 0; --x) {
-        const size_t pix = row + x;
-        l = step(cost + pix * 8, l, cv::v_reduce_min(l), base[pix] - base[pix + 1]);
-        AddTo(sum + pix * 8, l);
-      }
+      for (int x = w - 2; x >= 0; --x)
+        for (int j = 0; j < n; ++j) {
+          const size_t pix = row[j] + x;
+          l[j] = step[j](cost + pix * 8, l[j], cv::v_reduce_min(l[j]), base[pix] - base[pix + 1]);
+          cv::v_store(sum + pix * 8, U16(right[size_t(j) * w + x]) + U16(l[j]));
+        }
     }
   });
   // Columns, both ways, in blocks of columns.
   const int block = 32;
   cv::parallel_for_(cv::Range(0, (w + block - 1) / block), [&](const cv::Range& rg) {
     VecStep step(k, p1, p2);
-    std::vector<int16_t> prev(size_t(block) * 8);
+    std::vector<cv::v_int16x8> down(size_t(block) * h);  // top-to-bottom costs of the block
     for (int bi = rg.start; bi < rg.end; ++bi) {
-      const int x0 = bi * block, x1 = std::min(w, x0 + block);
-      for (int dir = 0; dir < 2; ++dir) {
-        for (int n = 0; n < h; ++n) {
-          const int y = dir == 0 ? n : h - 1 - n;
-          const int yq = dir == 0 ? y - 1 : y + 1;
-          for (int x = x0; x < x1; ++x) {
-            const size_t pix = size_t(y) * w + x;
-            int16_t* pl = &prev[size_t(x - x0) * 8];
-            cv::v_int16x8 l;
-            if (n == 0) {
-              l = step.First(cost + pix * 8);
-            } else {
-              const cv::v_int16x8 q = cv::v_load(pl);
-              l = step(cost + pix * 8, q, cv::v_reduce_min(q), base[pix] - base[size_t(yq) * w + x]);
-            }
-            cv::v_store(pl, l);
-            AddTo(sum + pix * 8, l);
-          }
+      const int x0 = bi * block, x1 = std::min(w, x0 + block), bw = x1 - x0;
+      for (int x = x0; x < x1; ++x) down[size_t(x - x0)] = step.First(cost + size_t(x) * 8);
+      for (int y = 1; y < h; ++y) {
+        const cv::v_int16x8* q = &down[size_t(y - 1) * bw];
+        cv::v_int16x8* o = &down[size_t(y) * bw];
+        for (int x = x0; x < x1; ++x) {
+          const size_t pix = size_t(y) * w + x;
+          const cv::v_int16x8 p = q[x - x0];
+          o[x - x0] = step(cost + pix * 8, p, cv::v_reduce_min(p), base[pix] - base[pix - w]);
+        }
+      }
+      cv::v_int16x8 up[block];
+      for (int y = h - 1; y >= 0; --y) {
+        const cv::v_int16x8* d = &down[size_t(y) * bw];
+        for (int x = x0; x < x1; ++x) {
+          const size_t pix = size_t(y) * w + x;
+          cv::v_int16x8& l = up[x - x0];
+          l = y == h - 1 ? step.First(cost + pix * 8)
+                         : step(cost + pix * 8, l, cv::v_reduce_min(l), base[pix] - base[pix + w]);
+          cv::v_store(sum + pix * 8, (cv::v_load(sum + pix * 8) + U16(d[x - x0])) + U16(l));
         }
       }
     }
