@@ -57,11 +57,16 @@ class UnionFind {
 
 // Joins the points closer than `dist` on a grid of cells of edge `dist`:
 // two such points lie in the same cell or in adjacent ones, so each cell is
-// compared with itself and its 13 later neighbours. False when the grid would
-// be too fine.
-bool JoinByCells(const std::vector<Eigen::Vector3f>& pts, double dist, UnionFind* uf) {
+// compared with itself and its 13 later neighbours. Gives each point a
+// representative of its part (points without coordinates their own). False
+// when the grid would be too fine.
+bool JoinByCells(const std::vector<Eigen::Vector3f>& pts, double dist, std::vector<int32_t>* rep) {
+  rep->resize(pts.size());
+  std::iota(rep->begin(), rep->end(), 0);
   constexpr int64_t kMaxCells = int64_t(1) << 20;
-  const double cell = dist;
+  // A hair above the distance, so that rounding never puts two points
+  // closer than it two cells apart.
+  const double cell = dist * (1 + 1e-9), inv = 1 / cell;
   Eigen::Vector3d lo = Eigen::Vector3d::Constant(std::numeric_limits<double>::infinity()), hi = -lo;
   size_t finite = 0;
   for (const auto& p : pts) {
@@ -76,9 +81,9 @@ bool JoinByCells(const std::vector<Eigen::Vector3f>& pts, double dist, UnionFind
   // both ends of each axis, so that a neighbour's number is the cell's plus
   // a constant and never wraps: cells in number order see their neighbours
   // of each direction in number order too.
-  const uint64_t nx = uint64_t(std::floor((hi.x() - lo.x()) / cell)) + 3;
-  const uint64_t ny = uint64_t(std::floor((hi.y() - lo.y()) / cell)) + 3;
-  const uint64_t nz = uint64_t(std::floor((hi.z() - lo.z()) / cell)) + 3;
+  const uint64_t nx = uint64_t((hi.x() - lo.x()) * inv) + 3;
+  const uint64_t ny = uint64_t((hi.y() - lo.y()) * inv) + 3;
+  const uint64_t nz = uint64_t((hi.z() - lo.z()) * inv) + 3;
   const uint64_t num_keys = nx * ny * nz;
   std::vector<uint64_t> key(finite);
   std::vector<int32_t> id(finite);
@@ -86,8 +91,11 @@ bool JoinByCells(const std::vector<Eigen::Vector3f>& pts, double dist, UnionFind
     size_t k = 0;
     for (size_t i = 0; i < pts.size(); ++i) {
       if (!pts[i].allFinite()) continue;
-      const Eigen::Vector3d c = ((pts[i].cast<double>() - lo) / cell).array().floor() + 1;
-      key[k] = (uint64_t(c.z()) * ny + uint64_t(c.y())) * nx + uint64_t(c.x());
+      // Offsets from the low corner are never negative: truncation floors.
+      const uint64_t cx = uint64_t((double(pts[i].x()) - lo.x()) * inv) + 1;
+      const uint64_t cy = uint64_t((double(pts[i].y()) - lo.y()) * inv) + 1;
+      const uint64_t cz = uint64_t((double(pts[i].z()) - lo.z()) * inv) + 1;
+      key[k] = (cz * ny + cy) * nx + cx;
       id[k++] = int32_t(i);
     }
   }
@@ -134,8 +142,8 @@ bool JoinByCells(const std::vector<Eigen::Vector3f>& pts, double dist, UnionFind
     k = e;
   }
   const float r2 = float(dist * dist);
-  // Joined first by position in cell order, where a cell's neighbours lie
-  // close in memory; the parts go to `uf` at the end.
+  // Joined by position in cell order, where a cell's neighbours lie close
+  // in memory.
   UnionFind local(finite);
   auto join_close = [&](uint32_t ab, uint32_t ae, uint32_t bb, uint32_t be, bool same) {
     for (uint32_t i = ab; i < ae; ++i)
@@ -187,10 +195,7 @@ bool JoinByCells(const std::vector<Eigen::Vector3f>& pts, double dist, UnionFind
       for (size_t t = j; t < nc && cells[t].key <= first + 2; ++t) visit(c, t);
     }
   }
-  for (uint32_t k = 0; k < finite; ++k) {
-    const int32_t r = local.Find(int32_t(k));
-    if (r != int32_t(k)) uf->Join(id[k], id[size_t(r)]);
-  }
+  for (uint32_t k = 0; k < finite; ++k) (*rep)[size_t(id[k])] = id[size_t(local.Find(int32_t(k)))];
   return true;
 }
 
@@ -241,8 +246,13 @@ void connection_object_model_3d(const HTuple& ObjectModel3D, const HTuple& Featu
       uf.Join(t[0], t[1]);
       uf.Join(t[0], t[2]);
     }
-    if (by_distance && dist > 0 && JoinByCells(m->points, dist, &uf)) {
-      // done on cells
+    std::vector<int32_t> rep;
+    // Without triangles the representatives name the parts themselves.
+    bool by_rep = false;
+    if (by_distance && dist > 0 && JoinByCells(m->points, dist, &rep)) {
+      by_rep = m->triangles.empty();
+      if (!by_rep)
+        for (size_t i = 0; i < n; ++i) uf.Join(int32_t(i), rep[i]);
     } else if (by_distance && dist > 0) {
       const NeighbourGrid grid(m->points, dist);
       // Edges to later points are gathered in parallel, joined afterwards.
@@ -268,7 +278,7 @@ void connection_object_model_3d(const HTuple& ObjectModel3D, const HTuple& Featu
     std::vector<int32_t> label(n), comp_of_root(n, -1);
     size_t count = 0;
     for (size_t i = 0; i < n; ++i) {
-      const int32_t r = uf.Find(int32_t(i));
+      const int32_t r = by_rep ? rep[i] : uf.Find(int32_t(i));
       if (comp_of_root[size_t(r)] < 0) comp_of_root[size_t(r)] = int32_t(count++);
       label[i] = comp_of_root[size_t(r)];
     }
