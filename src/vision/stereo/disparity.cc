@@ -60,25 +60,36 @@ cv::Mat DomainMask(const Image& img) {
 // centres `c` of a padded image with `step` floats a row; compiled twice so
 // that processors with AVX2 compare eight values at a time.
 template <int R>
-inline void CensusRowT(const float* c, size_t step, int w, uint64_t* o) {
-  std::fill(o, o + w, uint64_t(0));
+inline void CensusRowT(const float* c, size_t step, int w, uint64_t* o, uint32_t* first, uint32_t* second) {
   // One neighbour offset at a time over the whole row, so that the
-  // comparisons run on vectors.
+  // comparisons run on vectors; the signature's upper and lower halves
+  // (first and second half of the offsets) gather in 32-bit lanes, twice as
+  // many a vector as 64-bit ones.
+  constexpr int kBits = (2 * R + 1) * (2 * R + 1) - 1;
+  static_assert(kBits % 2 == 0 && kBits / 2 <= 32);
+  std::fill(first, first + w, 0u);
+  std::fill(second, second + w, 0u);
+  int bit = 0;
   for (int dy = -R; dy <= R; ++dy) {
     const float* row = c + std::ptrdiff_t(dy) * std::ptrdiff_t(step);
     for (int dx = -R; dx <= R; ++dx) {
       if (dx == 0 && dy == 0) continue;
       const float* n = row + dx;
-      for (int x = 0; x < w; ++x) o[x] = (o[x] << 1) | uint64_t(n[x] < c[x]);
+      uint32_t* h = bit++ < kBits / 2 ? first : second;
+      for (int x = 0; x < w; ++x) h[x] = (h[x] << 1) | uint32_t(n[x] < c[x]);
     }
   }
+  for (int x = 0; x < w; ++x) o[x] = (uint64_t(first[x]) << (kBits / 2)) | second[x];
 }
 #if defined(__x86_64__)
-__attribute__((target("avx2"))) void CensusRowAvx2(const float* c, size_t step, int w, uint64_t* o) {
-  CensusRowT<kCensusR>(c, step, w, o);
+__attribute__((target("avx2"))) void CensusRowAvx2(const float* c, size_t step, int w, uint64_t* o, uint32_t* first,
+                                                   uint32_t* second) {
+  CensusRowT<kCensusR>(c, step, w, o, first, second);
 }
 #endif
-void CensusRow(const float* c, size_t step, int w, uint64_t* o) { CensusRowT<kCensusR>(c, step, w, o); }
+void CensusRow(const float* c, size_t step, int w, uint64_t* o, uint32_t* first, uint32_t* second) {
+  CensusRowT<kCensusR>(c, step, w, o, first, second);
+}
 
 cv::Mat Census(const cv::Mat& g) {
   const int h = g.rows, w = g.cols, r = kCensusR;
@@ -90,16 +101,17 @@ cv::Mat Census(const cv::Mat& g) {
 #endif
   const size_t step = padded.step1();
   cv::parallel_for_(cv::Range(0, h), [&](const cv::Range& rg) {
+    std::vector<uint32_t> first(w), second(w);
     for (int y = rg.start; y < rg.end; ++y) {
       uint64_t* o = reinterpret_cast<uint64_t*>(out.ptr(y));
       const float* c = padded.ptr<float>(y + r) + r;
 #if defined(__x86_64__)
       if (avx2) {
-        CensusRowAvx2(c, step, w, o);
+        CensusRowAvx2(c, step, w, o, first.data(), second.data());
         continue;
       }
 #endif
-      CensusRow(c, step, w, o);
+      CensusRow(c, step, w, o, first.data(), second.data());
     }
   });
   return out;
