@@ -24,23 +24,9 @@ constexpr int kRefineRadius = 3;
 constexpr int kCoarseSpan = 40;
 constexpr int kCensusR = 3;  // 7 x 7 census, 48 bits
 
-cv::Mat Gray(const Image& img) {
-  cv::Mat g;
+std::vector<cv::Mat> Channels(const Image& img) {
   if (img.type == PixelType::VectorField || img.planes.empty())
     throw HException(kOp, "Wrong image type: grey values expected", kErrWrongParamValue);
-  if (img.planes.size() >= 3) {
-    cv::Mat r, gg, b;
-    img.planes[0].convertTo(r, CV_32F);
-    img.planes[1].convertTo(gg, CV_32F);
-    img.planes[2].convertTo(b, CV_32F);
-    g = 0.299f * r + 0.587f * gg + 0.114f * b;
-  } else {
-    img.planes[0].convertTo(g, CV_32F);
-  }
-  return g;
-}
-
-std::vector<cv::Mat> Channels(const Image& img) {
   std::vector<cv::Mat> out;
   for (const cv::Mat& p : img.planes) {
     cv::Mat f;
@@ -48,6 +34,12 @@ std::vector<cv::Mat> Channels(const Image& img) {
     out.push_back(f);
   }
   return out;
+}
+
+// Grey values of an image from its channels as floats (Channels).
+cv::Mat Gray(const std::vector<cv::Mat>& ch) {
+  if (ch.size() >= 3) return 0.299f * ch[0] + 0.587f * ch[1] + 0.114f * ch[2];
+  return ch[0].clone();
 }
 
 cv::Mat DomainMask(const Image& img) {
@@ -816,9 +808,11 @@ void binocular_disparity_ms(const HObject& image_rect1, const HObject& image_rec
     throw HException(kOp, "Image too small", kErrImageSize);
 
   // Pyramid deep enough that the coarsest level searches at most kCoarseSpan.
+  // The channels as floats serve the grey values and the refinement.
+  const std::vector<cv::Mat> ch1 = Channels(i1), ch2 = Channels(i2);
   std::vector<Level> levels(1);
-  levels[0].g1 = Gray(i1);
-  levels[0].g2 = Gray(i2);
+  levels[0].g1 = Gray(ch1);
+  levels[0].g2 = Gray(ch2);
   levels[0].m1 = DomainMask(i1);
   levels[0].m2 = DomainMask(i2);
   while ((dmax - dmin) >> (levels.size() - 1) > kCoarseSpan && levels.back().g1.cols >= 64 &&
@@ -873,12 +867,12 @@ void binocular_disparity_ms(const HObject& image_rect1, const HObject& image_rec
   cv::Mat ncc, sigma_d;
   cv::Mat coarse = disp.clone();
   if (sub) {
-    RefineSubPixel(Channels(i1), Channels(i2), l0.g1, l0.g2, &disp, &ncc, &sigma_d);
+    RefineSubPixel(ch1, ch2, l0.g1, l0.g2, &disp, &ncc, &sigma_d);
   } else {
     for (int y = 0; y < h; ++y)
       for (int x = 0; x < w; ++x) disp.at<float>(y, x) = std::round(disp.at<float>(y, x));
     cv::Mat keep = disp.clone();
-    RefineSubPixel(Channels(i1), Channels(i2), l0.g1, l0.g2, &keep, &ncc, &sigma_d);
+    RefineSubPixel(ch1, ch2, l0.g1, l0.g2, &keep, &ncc, &sigma_d);
   }
 
   // Consistency: among the pixels of a row that land on the same pixel of
@@ -912,9 +906,11 @@ void binocular_disparity_ms(const HObject& image_rect1, const HObject& image_rec
     }
   }
   cv::Mat sc(h, w, CV_32F);
-  for (int y = 0; y < h; ++y)
-    for (int x = 0; x < w; ++x)
-      sc.at<float>(y, x) = 1000.f / (1.f + Sq(sigma_d.at<float>(y, x) / kScoreSigma));
+  for (int y = 0; y < h; ++y) {
+    const float* sd = sigma_d.ptr<float>(y);
+    float* o = sc.ptr<float>(y);
+    for (int x = 0; x < w; ++x) o[x] = 1000.f / (1.f + Sq(sd[x] / kScoreSigma));
+  }
 
   Region dom = Region::FromMask(valid);
   Image di = Image::FromPlanes(PixelType::Real, {disp});
