@@ -16,6 +16,13 @@
 
 namespace vision::filter_detail {
 
+// Solves the Poisson equation with Neumann borders in place (f: CV_32F,
+// the right-hand side in, the solution with zero mean out). The pivots of
+// the column sweeps are kept whole when they take at most
+// `whole_plane_bytes`, else in checkpoint rows and computed again; both
+// ways give the same bits.
+void SolveNeumannPoisson(cv::Mat& f, size_t whole_plane_bytes = size_t(4) << 20);
+
 // Every element of `obj` must be an image; returns them in order.
 std::vector<const Image*> Images(const HObject& obj, const char* op);
 

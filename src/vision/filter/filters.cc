@@ -96,7 +96,10 @@ void AntisymmetricRow(const float* const* a, const float* const* b, const float*
   }
 }
 
-void AntisymmetricRowAny(const float* const* a, const float* const* b, const float* k, int r, float* d, int w) {
+// Each pixel's sum runs in the same order at any vector width (and without
+// fused multiply-adds), so the AVX2 clone gives the same bits.
+__attribute__((target_clones("avx2", "default"))) void AntisymmetricRowAny(
+    const float* const* a, const float* const* b, const float* k, int r, float* d, int w) {
   switch (r) {
     case 1: return AntisymmetricRow<1>(a, b, k, d, w);
     case 2: return AntisymmetricRow<2>(a, b, k, d, w);
@@ -709,19 +712,49 @@ namespace {
 
 // Pivots of Thomas' algorithm for the column systems (see below): row r
 // from row r - 1 (nullptr for the first row). They depend on the grid alone.
-inline double PivotInverse(const std::vector<double>& lambda, double edge, const float* dp, int k) {
-  return 1.0 / (lambda[size_t(k)] + edge - (dp ? double(dp[k]) : 0.0));
+// The sweeps are elementwise across the frequencies, in the same operations
+// for every width of vector, so the AVX2 clone computes the same bits.
+__attribute__((target_clones("avx2", "default"))) void PivotRow(const double* lambda, double edge,
+                                                                const float* dp, float* di, int W) {
+  if (dp) {
+    for (int k = 1; k < W; ++k) di[k] = float(1.0 / (lambda[k] + edge - double(dp[k])));
+  } else {
+    for (int k = 1; k < W; ++k) di[k] = float(1.0 / (lambda[k] + edge - 0.0));
+  }
 }
 
-void PivotRow(const std::vector<double>& lambda, double edge, const float* dp, float* di, int W) {
-  for (int k = 1; k < W; ++k) di[k] = float(PivotInverse(lambda, edge, dp, k));
+// Forward sweep of one row: its pivots into di, its right-hand sides
+// eliminated against the row above (gp, nullptr for the first row).
+__attribute__((target_clones("avx2", "default"))) void ForwardSweepRow(const double* lambda, double edge,
+                                                                       const float* dp, float* di,
+                                                                       float* g, const float* gp, int W) {
+  if (dp) {
+    for (int k = 1; k < W; ++k) {
+      const double inv = 1.0 / (lambda[k] + edge - double(dp[k]));
+      di[k] = float(inv);
+      g[k] = float((double(g[k]) - double(gp[k])) * inv);
+    }
+  } else {
+    for (int k = 1; k < W; ++k) {
+      const double inv = 1.0 / (lambda[k] + edge - 0.0);
+      di[k] = float(inv);
+      g[k] = float((double(g[k]) - 0.0) * inv);
+    }
+  }
 }
+
+__attribute__((target_clones("avx2", "default"))) void BackSubstituteRow(float* u, const float* below,
+                                                                         const float* di, int W) {
+  for (int k = 1; k < W; ++k) u[k] = float(double(u[k]) - double(di[k]) * below[k]);
+}
+
+}  // namespace
 
 // Solves L u = f in place for the Neumann Laplacian L of f's grid: the
 // Laplacian is diagonal in the cosine basis along the rows, and each cosine
 // frequency leaves a tridiagonal system down the columns, solved for all
 // frequencies at once row by row.
-void SolveNeumannPoisson(cv::Mat& f) {
+void filter_detail::SolveNeumannPoisson(cv::Mat& f, size_t whole_plane_bytes) {
   const int H = f.rows, W = f.cols;
   const RowCosineTransform dct(W);
   cv::Mat& F = f;
@@ -730,40 +763,34 @@ void SolveNeumannPoisson(cv::Mat& f) {
   // column Laplacian (diagonal -1 at the ends, -2 inside, 1 beside). Thomas'
   // algorithm: the forward sweep leaves its right-hand sides in F; the
   // pivots' inverses (single precision; each step computes in double) depend
-  // on the grid alone, so only every S-th row of them is kept and the rows
-  // between are computed again, the same way, for the backward sweep: a
-  // strip of S rows instead of a whole plane.
+  // on the grid alone. A small grid keeps all of them; on a large one only
+  // every S-th row is kept and the rows between are computed again, the same
+  // way, for the backward sweep: a strip of S rows instead of a whole plane.
   std::vector<double> lambda(static_cast<size_t>(W));
   for (int k = 0; k < W; ++k) lambda[size_t(k)] = 2.0 * std::cos(CV_PI * k / W) - 2.0;
   auto edge_of = [H](int r) { return H == 1 ? 0.0 : (r == 0 || r == H - 1) ? -1.0 : -2.0; };
-  const int S = std::max(1, int(std::ceil(std::sqrt(double(H)))));
-  cv::Mat checkpoints((H + S - 1) / S, W, CV_32F), strip(S, W, CV_32F);
+  const bool whole = size_t(H) * size_t(W) * sizeof(float) <= whole_plane_bytes;
+  const int S = whole ? H : std::max(1, int(std::ceil(std::sqrt(double(H)))));
+  cv::Mat checkpoints(whole ? 1 : (H + S - 1) / S, W, CV_32F), strip(S, W, CV_32F);
   std::vector<float> prev_row(size_t(W), 0.0f), cur_row(size_t(W), 0.0f);
   for (int r = 0; r < H; ++r) {
-    const double edge = edge_of(r);
-    float* g = F.ptr<float>(r);
-    const float* gp = r ? F.ptr<float>(r - 1) : nullptr;
-    const float* dp = r ? prev_row.data() : nullptr;
-    float* di = cur_row.data();
-    for (int k = 1; k < W; ++k) {
-      const double inv = PivotInverse(lambda, edge, dp, k);
-      di[k] = float(inv);
-      g[k] = float((double(g[k]) - (r ? double(gp[k]) : 0.0)) * inv);
+    float* di = whole ? strip.ptr<float>(r) : cur_row.data();
+    const float* dp = r == 0 ? nullptr : whole ? strip.ptr<float>(r - 1) : prev_row.data();
+    ForwardSweepRow(lambda.data(), edge_of(r), dp, di, F.ptr<float>(r), r ? F.ptr<float>(r - 1) : nullptr, W);
+    if (!whole) {
+      if (r % S == 0) std::copy(cur_row.begin(), cur_row.end(), checkpoints.ptr<float>(r / S));
+      prev_row.swap(cur_row);
     }
-    if (r % S == 0) std::copy(cur_row.begin(), cur_row.end(), checkpoints.ptr<float>(r / S));
-    prev_row.swap(cur_row);
   }
   for (int block = (H - 1) / S; block >= 0; --block) {
     const int r0 = block * S, r1 = std::min(H, r0 + S);
-    std::copy(checkpoints.ptr<float>(block), checkpoints.ptr<float>(block) + W, strip.ptr<float>(0));
-    for (int r = r0 + 1; r < r1; ++r)
-      PivotRow(lambda, edge_of(r), strip.ptr<float>(r - r0 - 1), strip.ptr<float>(r - r0), W);
-    for (int r = std::min(r1 - 1, H - 2); r >= r0; --r) {
-      float* u = F.ptr<float>(r);
-      const float* below = F.ptr<float>(r + 1);
-      const float* di = strip.ptr<float>(r - r0);
-      for (int k = 1; k < W; ++k) u[k] = float(double(u[k]) - double(di[k]) * below[k]);
+    if (!whole) {
+      std::copy(checkpoints.ptr<float>(block), checkpoints.ptr<float>(block) + W, strip.ptr<float>(0));
+      for (int r = r0 + 1; r < r1; ++r)
+        PivotRow(lambda.data(), edge_of(r), strip.ptr<float>(r - r0 - 1), strip.ptr<float>(r - r0), W);
     }
+    for (int r = std::min(r1 - 1, H - 2); r >= r0; --r)
+      BackSubstituteRow(F.ptr<float>(r), F.ptr<float>(r + 1), strip.ptr<float>(r - r0), W);
   }
   // Frequency 0 is the singular Neumann problem: the edge differences are the
   // running sums of the right-hand side; the free constant gives zero mean.
@@ -780,6 +807,8 @@ void SolveNeumannPoisson(cv::Mat& f) {
   }
   dct.Inverse(F, f);  // in place
 }
+
+namespace {
 
 // Least-squares integration of a gradient field with the discrete Poisson
 // equation. The central-difference gradients are averaged onto the edges

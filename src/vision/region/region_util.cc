@@ -226,16 +226,19 @@ Moments ComputeMoments(const Region& r) {
 }
 
 void AreaCenter(const Region& r, double* area, double* row, double* col) {
-  double sr = 0, sc = 0, a = 0;
+  // The sums are of integers (twice the column sum is one), so integer
+  // accumulators give exactly the sums a double would, without a chain of
+  // floating-point additions per run.
+  int64_t a = 0, sr = 0, sc2 = 0;
   for (const Run& x : r.Runs()) {
-    double n = double(x.ce) - x.cb + 1;
+    const int64_t n = int64_t(x.ce) - x.cb + 1;
     a += n;
-    sr += n * double(x.row);
-    sc += n * (double(x.cb) + x.ce) / 2.0;
+    sr += n * x.row;
+    sc2 += n * (int64_t(x.cb) + x.ce);
   }
-  *area = a > 0 ? a : 0;
-  *row = a > 0 ? sr / a : 0;
-  *col = a > 0 ? sc / a : 0;
+  *area = a > 0 ? double(a) : 0;
+  *row = a > 0 ? double(sr) / double(a) : 0;
+  *col = a > 0 ? double(sc2) / 2.0 / double(a) : 0;
 }
 
 void EllipticAxis(const Moments& m, double* ra, double* rb, double* phi) {
