@@ -148,10 +148,18 @@ __attribute__((target("avx2"))) void RealRowAvx2(const float* q, int n, float lo
   int i = 0;
   for (; i + 64 <= n; i += 64) w.Add(InRangeBits64Avx2(q + i, l, h));
   if (i < n) {
-    float buf[64];
-    std::fill(buf + (n - i), buf + 64, std::numeric_limits<float>::quiet_NaN());
-    std::copy(q + i, q + n, buf);
-    w.Add(InRangeBits64Avx2(buf, l, h));
+    // The last k < 64 pixels: masked loads read nothing past the row (lanes
+    // left out read 0), and their bits are cleared.
+    const int k = n - i;
+    uint64_t bits = 0;
+    for (int j = 0; 8 * j < k; ++j) {
+      const int left = k - 8 * j;
+      const __m256i lanes = _mm256_cmpgt_epi32(_mm256_set1_epi32(left), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
+      const __m256 v = _mm256_maskload_ps(q + i + 8 * j, lanes);
+      const __m256 in = _mm256_and_ps(_mm256_cmp_ps(v, l, _CMP_GE_OQ), _mm256_cmp_ps(v, h, _CMP_LE_OQ));
+      bits |= uint64_t(unsigned(_mm256_movemask_ps(in))) << (8 * j);
+    }
+    w.Add(bits & (~uint64_t(0) >> (64 - k)));
   }
   w.Finish();
 }
