@@ -134,6 +134,14 @@ class AddinProcess {
     return body->empty() ? archive::ObjectPtr{} : archive::Unarchive(*body);
   }
 
+  // Whether request 1 is answered, with the library flag a boolean number
+  // saying yes (the build tree's library folder is there): the add-in serves.
+  bool Serving() {
+    const std::optional<archive::ObjectPtr> reply = Request(RequestLibraryStatus);
+    const auto flag = reply ? archive::AsNumber(archive::ReadObject(*reply, "isHalconExist")) : nullptr;
+    return flag && flag->type() == 'c' && flag->AsBool();
+  }
+
   // The body of an enveloped reply, after checking magic and length field.
   static std::optional<Bytes> CheckedEnvelopeBody(const Bytes& block) {
     std::optional<Bytes> body = EnvelopeBody(block);

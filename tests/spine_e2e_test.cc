@@ -32,17 +32,6 @@ Bytes Concat(Bytes a, const Bytes& b) {
   return a;
 }
 
-// Request 1 answers and says, as a boolean number, that the library is there
-// (the build tree's library folder, version 12.0): the add-in still serves.
-void ExpectServing(AddinProcess& addin, const std::string& after) {
-  const auto reply = addin.Request(RequestLibraryStatus);
-  ASSERT_TRUE(reply.has_value()) << "after " << after;
-  const auto flag = archive::AsNumber(archive::ReadObject(*reply, "isHalconExist"));
-  ASSERT_TRUE(flag) << "after " << after;
-  EXPECT_EQ(flag->type(), 'c') << "after " << after;
-  EXPECT_TRUE(flag->AsBool()) << "after " << after;
-}
-
 int RawConnect(const std::string& path) {
   const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_un addr{};
@@ -137,7 +126,7 @@ TEST(AddinDispatcher, RepliesOfEveryRow) {
     EXPECT_EQ(code->type(), 'i');
     EXPECT_EQ(code->AsInt64(), -100);
   }
-  ExpectServing(addin, "every row");
+  EXPECT_TRUE(addin.Serving()) << "after every row";
 }
 
 // A client that connects and sends nothing is closed unanswered at the
@@ -151,7 +140,7 @@ TEST(AddinPort, IdleClientIsDroppedAtTheReadDeadline) {
   char byte;
   EXPECT_EQ(::recv(idle, &byte, 1, 0), 0) << "answered, or still open after 10 s";
   ::close(idle);
-  ExpectServing(addin, "an idle client");
+  EXPECT_TRUE(addin.Serving()) << "after an idle client";
 }
 
 TEST(AddinLifecycle, TerminateRequestRepliesThenEnds) {
@@ -169,14 +158,14 @@ TEST(AddinLifecycle, SecondInstanceEndsSilentlySigtermFreesTheNames) {
   EXPECT_EQ(ExitCode(second, 10), 0);
   EXPECT_EQ(second.Stderr(), "");
   ::setenv("XDG_RUNTIME_DIR", first.runtime_dir().c_str(), 1);
-  ExpectServing(first, "a second instance");
+  EXPECT_TRUE(first.Serving()) << "after a second instance";
   // SIGTERM ends the first cleanly and closes its port, freeing the names for
   // a new one.
   first.Signal(SIGTERM);
   EXPECT_EQ(ExitCode(first, 10), 0);
   EXPECT_FALSE(std::filesystem::exists(first.socket_path()));
   AddinProcess third({.runtime_dir = first.runtime_dir()});
-  ExpectServing(third, "a restart");
+  EXPECT_TRUE(third.Serving()) << "after a restart";
 }
 
 // A port folder others can enter is refused: the add-in says so and fails,
@@ -211,7 +200,7 @@ TEST(AddinLifecycle, StatusItemOnlyWithExactlyMetaAlt) {
       EXPECT_FALSE(std::filesystem::exists(addin.socket_path()));
     } else {
       EXPECT_TRUE(addin.WaitForLog("test hook: no status item", 5)) << c.modifiers;
-      ExpectServing(addin, c.modifiers);
+      EXPECT_TRUE(addin.Serving()) << "after " << c.modifiers;
     }
   }
 }
