@@ -50,12 +50,19 @@ bool HaveTools() {
 // An X server of our own for the test.
 class Xvfb {
  public:
-  Xvfb() : display_(":" + std::to_string(70 + ::getpid() % 200)), dir_(fs::temp_directory_path() / ("xvfb" + std::to_string(::getpid()))) {
+  // A display number another server holds makes Xvfb quit at once: then the
+  // next number is tried. A busy machine may need seconds to bring it up.
+  Xvfb() : dir_(fs::temp_directory_path() / ("xvfb" + std::to_string(::getpid()))) {
     fs::create_directories(dir_);
-    server_ = std::make_unique<ChildProcess>("/usr/bin/Xvfb", std::vector<std::string>{display_, "-screen", "0", "1024x768x24", "-nolisten", "tcp"},
-                                             std::map<std::string, std::string>{}, dir_.string());
-    for (int i = 0; i < 100 && Run("DISPLAY=" + display_ + " xdpyinfo >/dev/null 2>&1 && echo up").empty(); ++i)
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    for (int attempt = 0; attempt < 8; ++attempt) {
+      display_ = ":" + std::to_string(70 + (::getpid() + attempt * 37) % 200);
+      server_ = std::make_unique<ChildProcess>("/usr/bin/Xvfb", std::vector<std::string>{display_, "-screen", "0", "1024x768x24", "-nolisten", "tcp"},
+                                               std::map<std::string, std::string>{}, dir_.string());
+      for (int i = 0; i < 600 && !server_->Exited(); ++i) {
+        if (!Run("DISPLAY=" + display_ + " xdpyinfo >/dev/null 2>&1 && echo up").empty()) return;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+      }
+    }
   }
   ~Xvfb() {
     server_.reset();
