@@ -221,10 +221,19 @@ void map_image(const HObject& image, const HObject& map, HObject* image_mapped) 
     if (src.type == PixelType::VectorField)
       throw HException(op, "Wrong image type: vector fields cannot be mapped", kErrWrongParamValue);
     std::vector<cv::Mat> planes;
-    for (const cv::Mat& p : src.planes) {
-      cv::Mat dst;
-      cv::remap(p, dst, fixed_xy, fixed_frac, cv::INTER_LINEAR, cv::BORDER_REPLICATE);
-      planes.push_back(dst);
+    if (src.planes.size() == 3 && src.planes[0].depth() == CV_8U) {
+      // Colour in one pass: the coordinates and weights of each pixel are
+      // worked out once for its three values.
+      cv::Mat packed, dst;
+      cv::merge(src.planes, packed);
+      cv::remap(packed, dst, fixed_xy, fixed_frac, cv::INTER_LINEAR, cv::BORDER_REPLICATE);
+      cv::split(dst, planes);
+    } else {
+      for (const cv::Mat& p : src.planes) {
+        cv::Mat dst;
+        cv::remap(p, dst, fixed_xy, fixed_frac, cv::INTER_LINEAR, cv::BORDER_REPLICATE);
+        planes.push_back(dst);
+      }
     }
     // Pixels whose source lies inside the source and its domain.
     cv::Mat mask(mrow.size(), CV_8U);
