@@ -77,13 +77,18 @@ bool JoinByCells(const std::vector<Eigen::Vector3f>& pts, double dist, std::vect
   }
   if (finite == 0) return true;
   if (!((hi - lo).maxCoeff() / cell < double(kMaxCells - 4))) return false;
-  // Cells are numbered along x, then y, then z, from 1 with a spare cell at
-  // both ends of each axis, so that a neighbour's number is the cell's plus
-  // a constant and never wraps: cells in number order see their neighbours
-  // of each direction in number order too.
-  const uint64_t nx = uint64_t((hi.x() - lo.x()) * inv) + 3;
-  const uint64_t ny = uint64_t((hi.y() - lo.y()) * inv) + 3;
-  const uint64_t nz = uint64_t((hi.z() - lo.z()) * inv) + 3;
+  // Cells are numbered along the cloud's shortest axis, then the middle
+  // one, then the longest (so that the cells of one layer, and a layer and
+  // the next, lie close together), from 1 with a spare cell at both ends of
+  // each axis, so that a neighbour's number is the cell's plus a constant
+  // and never wraps: cells in number order see their neighbours of each
+  // direction in number order too.
+  int ax[3] = {0, 1, 2};  // longest, middle, shortest
+  const Eigen::Vector3d extent = hi - lo;
+  std::sort(ax, ax + 3, [&](int a, int b) { return extent[a] > extent[b] || (extent[a] == extent[b] && a < b); });
+  const uint64_t nx = uint64_t(extent[ax[2]] * inv) + 3;
+  const uint64_t ny = uint64_t(extent[ax[1]] * inv) + 3;
+  const uint64_t nz = uint64_t(extent[ax[0]] * inv) + 3;
   const uint64_t num_keys = nx * ny * nz;
   std::vector<uint64_t> key(finite);
   std::vector<int32_t> id(finite);
@@ -92,9 +97,9 @@ bool JoinByCells(const std::vector<Eigen::Vector3f>& pts, double dist, std::vect
     for (size_t i = 0; i < pts.size(); ++i) {
       if (!pts[i].allFinite()) continue;
       // Offsets from the low corner are never negative: truncation floors.
-      const uint64_t cx = uint64_t((double(pts[i].x()) - lo.x()) * inv) + 1;
-      const uint64_t cy = uint64_t((double(pts[i].y()) - lo.y()) * inv) + 1;
-      const uint64_t cz = uint64_t((double(pts[i].z()) - lo.z()) * inv) + 1;
+      const uint64_t cx = uint64_t((double(pts[i][ax[2]]) - lo[ax[2]]) * inv) + 1;
+      const uint64_t cy = uint64_t((double(pts[i][ax[1]]) - lo[ax[1]]) * inv) + 1;
+      const uint64_t cz = uint64_t((double(pts[i][ax[0]]) - lo[ax[0]]) * inv) + 1;
       key[k] = (cz * ny + cy) * nx + cx;
       id[k++] = int32_t(i);
     }
