@@ -736,7 +736,26 @@ void RefineSubPixel(const std::vector<cv::Mat>& c1, const std::vector<cv::Mat>& 
     const float* q = b2.ptr<float>(y);
     float* n = ncc->ptr<float>(y);
     float* sd = sigma_d->ptr<float>(y);
-    for (int x = 0; x < w; ++x) {
+    int x = 0;
+    {
+      // Four pixels at a time, each value by the same operations as below.
+      using cv::v_float32x4;
+      const v_float32x4 zero = cv::v_setzero_f32(), one = cv::v_setall_f32(1.f), two = cv::v_setall_f32(2.f);
+      const v_float32x4 small = cv::v_setall_f32(1e-3f), tiny = cv::v_setall_f32(1e-6f);
+      const v_float32x4 varea = cv::v_setall_f32(area), min_noise = cv::v_setall_f32(kMinNoise);
+      for (; x + 4 <= w; x += 4) {
+        v_float32x4 m1, s1, g1, m2, s2, c2;
+        cv::v_load_deinterleave(p + 3 * x, m1, s1, g1);
+        cv::v_load_deinterleave(q + 3 * x, m2, s2, c2);
+        const v_float32x4 v1 = s1 - m1 * m1, v2 = s2 - m2 * m2, cv12 = c2 - m1 * m2;
+        const v_float32x4 nv = cv::v_select((v1 > small) & (v2 > small), cv12 / cv::v_sqrt(v1 * v2), zero);
+        cv::v_store(n + x, nv);
+        const v_float32x4 info = g1 * varea;
+        const v_float32x4 noise = cv::v_max(zero, one - cv::v_max(zero, nv)) * cv::v_max(zero, v1);
+        cv::v_store(sd + x, cv::v_sqrt(two * cv::v_max(noise, min_noise) / cv::v_max(info, tiny)));
+      }
+    }
+    for (; x < w; ++x) {
       const float m1 = p[3 * x], m2 = q[3 * x];
       const float v1 = p[3 * x + 1] - m1 * m1, v2 = q[3 * x + 1] - m2 * m2, cv12 = q[3 * x + 2] - m1 * m2;
       n[x] = v1 > 1e-3f && v2 > 1e-3f ? cv12 / std::sqrt(v1 * v2) : 0.f;
