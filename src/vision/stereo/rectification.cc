@@ -277,7 +277,54 @@ void disparity_image_to_xyz(const HObject& disparity, HObject* x, HObject* y, HO
     if (run.row < 0 || run.row >= disp.rows) continue;
     const float* dr = disp.ptr<float>(run.row);
     float *ox = px.ptr<float>(run.row), *oy = py.ptr<float>(run.row), *oz = pz.ptr<float>(run.row);
-    for (int c = std::max(run.cb, 0); c <= std::min(run.ce, disp.cols - 1); ++c) {
+    int c = std::max(run.cb, 0);
+    const int ce = std::min(run.ce, disp.cols - 1);
+#if CV_SIMD128_64F
+    {
+      // Two pixels at a time, each value by the operations below in their
+      // order.
+      using cv::v_float64x2;
+      auto all = [](double v) { return cv::v_setall_f64(v); };
+      auto neg = [](const v_float64x2& v) {  // the sign flipped, as unary minus
+        return cv::v_reinterpret_as_f64(cv::v_reinterpret_as_u64(v) ^ cv::v_setall_u64(uint64_t(1) << 63));
+      };
+      const v_float64x2 vt1 = all((run.row - c1.cy) * c1.sy), vt2 = all((run.row - c2.cy) * c2.sy);
+      const v_float64x2 one = all(1.0), half = all(0.5), f1 = all(c1.focus), f2 = all(c2.focus);
+      const v_float64x2 ox2 = all(o2.x()), oy2 = all(o2.y()), oz2 = all(o2.z());
+      for (; c + 1 <= ce; c += 2) {
+        const v_float64x2 col1(double(c), double(c + 1));
+        const v_float64x2 col2(double(float(c) + dr[c]), double(float(c + 1) + dr[c + 1]));
+        const v_float64x2 u1 = (col1 - all(c1.cx)) * all(c1.sx);
+        const v_float64x2 k1 = one + all(c1.kappa) * (u1 * u1 + vt1 * vt1);
+        const v_float64x2 x1 = u1 / k1, y1 = vt1 / k1, z1 = f1;
+        const v_float64x2 u2 = (col2 - all(c2.cx)) * all(c2.sx);
+        const v_float64x2 k2 = one + all(c2.kappa) * (u2 * u2 + vt2 * vt2);
+        const v_float64x2 e0 = u2 / k2, e1 = vt2 / k2, e2 = f2;
+        const v_float64x2 x2 = (all(r2(0, 0)) * e0 + all(r2(0, 1)) * e1) + all(r2(0, 2)) * e2;
+        const v_float64x2 y2 = (all(r2(1, 0)) * e0 + all(r2(1, 1)) * e1) + all(r2(1, 2)) * e2;
+        const v_float64x2 z2 = (all(r2(2, 0)) * e0 + all(r2(2, 1)) * e1) + all(r2(2, 2)) * e2;
+        const v_float64x2 a = (x1 * x1 + y1 * y1) + z1 * z1, b = (x1 * x2 + y1 * y2) + z1 * z2;
+        const v_float64x2 cc = (x2 * x2 + y2 * y2) + z2 * z2;
+        const v_float64x2 dd = neg((x1 * ox2 + y1 * oy2) + z1 * oz2), e = neg((x2 * ox2 + y2 * oy2) + z2 * oz2);
+        const v_float64x2 den = a * cc - b * b;
+        const v_float64x2 s = (b * e - cc * dd) / den, u = (a * e - b * dd) / den;
+        const v_float64x2 qx = half * ((s * x1 + ox2) + u * x2), qy = half * ((s * y1 + oy2) + u * y2),
+                          qz = half * ((s * z1 + oz2) + u * z2);
+        double bx[2], by[2], bz[2], bd[2];
+        cv::v_store(bx, qx);
+        cv::v_store(by, qy);
+        cv::v_store(bz, qz);
+        cv::v_store(bd, den);
+        for (int j = 0; j < 2; ++j) {
+          if (!(std::abs(bd[j]) > 1e-30)) continue;
+          ox[c + j] = float(bx[j]);
+          oy[c + j] = float(by[j]);
+          oz[c + j] = float(bz[j]);
+        }
+      }
+    }
+#endif
+    for (; c <= ce; ++c) {
       // Midpoint of the two lines of sight.
       const Eigen::Vector3d d1 = c1.Unproject(run.row, c);
       const Eigen::Vector3d d2 = r2 * c2.Unproject(run.row, c + dr[c]);
