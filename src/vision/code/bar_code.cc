@@ -167,7 +167,7 @@ bool SecondLineAgrees(const cv::Mat& gray, const code::Found& f, double margin) 
   const double band = 0.5 * std::max(cv::norm(f.corners[3] - f.corners[0]), cv::norm(f.corners[2] - f.corners[1]));
   for (double gap : {4.0, 8.0, 13.0})
     for (double side : {1.0, -1.0})
-      if (code::ReadAlongLine(gray, f, side * (band + gap), margin) == f.text) return true;
+      if (code::ReadAlongLine(gray, f, side * (band + gap), margin, ElementSize(f)) == f.text) return true;
   return false;
 }
 

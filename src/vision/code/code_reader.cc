@@ -617,20 +617,21 @@ bool Explains(const Found& f, const BarRegion& r) {
          off <= r.half_height + 8 && len >= 0.5 * r.half_length;
 }
 
-std::string ReadAlongLine(const cv::Mat& gray, const Found& f, double offset, double margin) {
+std::string ReadAlongLine(const cv::Mat& gray, const Found& f, double offset, double margin, double element) {
   const cv::Point2d a = (f.corners[0] + f.corners[3]) * 0.5, b = (f.corners[1] + f.corners[2]) * 0.5;
   const double len = cv::norm(b - a);
   if (len < 8) return {};
   const cv::Point2d dir = (b - a) / len, across(-dir.y, dir.x);
-  // Three lines one pixel apart, centred on the shifted line, in the
+  // Five lines one pixel apart, centred on the shifted line, in the
   // symbol's own upright frame: x along the scan line from `margin` before
   // its start. Averaged into one profile, they are one scan line with less
   // noise; outside the image counts as light ground.
+  constexpr int kRows = 5;
   const int w = int(std::ceil(len + 2 * margin));
-  const cv::Point2d origin = a - dir * margin + across * (offset - 1);
+  const cv::Point2d origin = a - dir * margin + across * (offset - (kRows - 1) / 2);
   const cv::Matx23d m(dir.x, across.x, origin.x, dir.y, across.y, origin.y);  // strip -> image
   cv::Mat lines, profile;
-  cv::warpAffine(gray, lines, cv::Mat(m), cv::Size(w, 3), cv::INTER_LINEAR | cv::WARP_INVERSE_MAP,
+  cv::warpAffine(gray, lines, cv::Mat(m), cv::Size(w, kRows), cv::INTER_LINEAR | cv::WARP_INVERSE_MAP,
                  cv::BORDER_CONSTANT, cv::Scalar(f.inverted ? 0 : 255));
   cv::reduce(lines, profile, 0, cv::REDUCE_AVG);
   if (f.inverted) cv::bitwise_not(profile, profile);
@@ -639,20 +640,36 @@ std::string ReadAlongLine(const cv::Mat& gray, const Found& f, double offset, do
   // adaptive binarizers see too little of the image to settle.
   ZXing::DecodeHints hints;
   hints.setFormats(BarcodeFormat(f.format)).setTryHarder(true).setTryRotate(false).setTryDownscale(false);
-  // Narrow elements of two pixels or less read better enlarged (cubic
-  // interpolation keeps their grey dips apart).
-  for (int scale : {1, 2}) {
-    cv::Mat line = Stretch(profile), strip;
+  auto read = [&](cv::Mat line, int scale, ZXing::Binarizer bin) {
+    cv::Mat strip;
     if (scale > 1) cv::resize(line, line, cv::Size(), scale, 1, cv::INTER_CUBIC);
     cv::repeat(line, 8, 1, strip);
     cv::copyMakeBorder(strip, strip, 0, 0, 16 * scale, 16 * scale, cv::BORDER_CONSTANT, cv::Scalar(255));
-    for (auto bin : {ZXing::Binarizer::FixedThreshold, ZXing::Binarizer::LocalAverage}) {
-      hints.setBinarizer(bin);
-      ZXing::ImageView view(strip.data, strip.cols, strip.rows, ZXing::ImageFormat::Lum, int(strip.step));
-      ZXing::Result r = ZXing::ReadBarcode(view, hints);
-      if (r.isValid()) return r.text();
-    }
+    hints.setBinarizer(bin);
+    ZXing::ImageView view(strip.data, strip.cols, strip.rows, ZXing::ImageFormat::Lum, int(strip.step));
+    const ZXing::Result r = ZXing::ReadBarcode(view, hints);
+    return r.isValid() ? r.text() : std::string();
+  };
+  // Narrow elements of two pixels or less read better enlarged (cubic
+  // interpolation keeps their grey dips apart).
+  for (int scale : {1, 2})
+    for (auto bin : {ZXing::Binarizer::FixedThreshold, ZXing::Binarizer::LocalAverage})
+      if (std::string t = read(Stretch(profile), scale, bin); !t.empty()) return t;
+  // Glare and fading move the levels along the line: each sample set
+  // between the darkest and the lightest value within four elements either
+  // side (a window that holds a bar and a space wherever it lies inside a
+  // symbol; flat, it is quiet zone and counts as light).
+  const int half = std::max(3, int(std::lround(4 * element)));
+  cv::Mat lo, hi, levelled(1, profile.cols, CV_8U);
+  const cv::Mat window = cv::Mat::ones(1, 2 * half + 1, CV_8U);
+  cv::erode(profile, lo, window, cv::Point(-1, -1), 1, cv::BORDER_REPLICATE);
+  cv::dilate(profile, hi, window, cv::Point(-1, -1), 1, cv::BORDER_REPLICATE);
+  for (int x = 0; x < profile.cols; ++x) {
+    const int l = lo.at<uint8_t>(0, x), h = hi.at<uint8_t>(0, x), v = profile.at<uint8_t>(0, x);
+    levelled.at<uint8_t>(0, x) = h - l < 8 ? 255 : uint8_t(255 * (v - l) / (h - l));
   }
+  for (int scale : {1, 2})
+    if (std::string t = read(levelled, scale, ZXing::Binarizer::FixedThreshold); !t.empty()) return t;
   return {};
 }
 

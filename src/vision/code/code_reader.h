@@ -111,8 +111,8 @@ bool Explains(const Found& f, const BarRegion& r);
 // The text zxing-cpp reads on a thin strip of the image along the scan line
 // of a linear symbol `f`, shifted by `offset` pixels across its bars and
 // extended by `margin` pixels beyond both ends; empty when nothing of the
-// same format reads there.
-std::string ReadAlongLine(const cv::Mat& gray, const Found& f, double offset, double margin);
+// same format reads there. `element`: the narrow element's width in pixels.
+std::string ReadAlongLine(const cv::Mat& gray, const Found& f, double offset, double margin, double element);
 
 // Second Data Matrix engine (libdmtx). Empty when the library is absent or
 // nothing was decoded within the budget.
