@@ -19,3 +19,7 @@ add_executable(bench_ocr_digest ocr/ocr_digest.cc)
 target_link_libraries(bench_ocr_digest PRIVATE ocr_markings opencv_imgproc)
 target_include_directories(bench_ocr_digest PRIVATE "${CMAKE_SOURCE_DIR}/tests")
 target_compile_definitions(bench_ocr_digest PRIVATE VELMORA_BUILD_VISION_DIR="${VELMORA_VISION_BUILD_DIR}")
+# Processor time of the window reads of the independent benchmark
+# (bench/ocr/cpu.sh runs it beside Tesseract's).
+add_executable(bench_ocr_cpu ocr/ocr_cpu.cc)
+target_link_libraries(bench_ocr_cpu PRIVATE ocr_markings opencv_imgcodecs opencv_imgproc)

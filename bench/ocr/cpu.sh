@@ -1,0 +1,50 @@
+#!/usr/bin/env bash
+# Processor time per marking, ours against Tesseract 5 (--psm 7, the
+# family's characters as whitelist), on the windows of the independent
+# benchmark (independent.sh): on a shared machine wall times say more about
+# the other processes than about the readers. Ours: the least thread time of
+# --repeat reads of each window (bench_ocr_cpu); Tesseract: user + system
+# time of one process reading each family's and grade's list, divided by
+# the windows (its start-up spread over them, as independent.sh does). Both
+# pinned to one core.
+#
+#   bench/ocr/cpu.sh [build-dir] [markings-per-family-and-grade] [repeat]
+set -euo pipefail
+build=${1:-build}
+n=${2:-100}
+repeat=${3:-5}
+work=$(mktemp -d /tmp/ocr-cpu-XXXXXX)
+trap 'rm -rf "$work"' EXIT
+export VELMORA_VISION_DIR=${VELMORA_VISION_DIR:-$(cd "$build" && pwd)/share/velmora/vision}
+"$build/bench/bench_ocr_independent" plan --markings "$n" >"$work/plan.tsv"
+while IFS=$'\t' read -r id family grade face px tilt text; do
+  aa=gray
+  [ "$family" = DotPrint ] && aa=none
+  pango-view -q --pixels --font="$face $px" --antialias=$aa --hinting=slight --margin=4 \
+    --background=white --foreground=black --rotate="$tilt" --text="$text" -o "$work/$id.png" \
+    2>/dev/null || true
+done <"$work/plan.tsv"
+"$build/bench/bench_ocr_independent" read --dir "$work" >/dev/null 2>&1
+echo "bench/ocr/cpu.sh: $n markings per family and grade, ours best of $repeat reads; load average $(cut -d' ' -f1-3 /proc/loadavg)"
+taskset -c 1 "$build/bench/bench_ocr_cpu" --dir "$work" --repeat "$repeat" 2>/dev/null >"$work/ours.txt"
+
+declare -A alphabet=(
+  [Industrial]="0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ-+:./#%()*="
+  [Document]="0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz-+:./#%()*="
+  [DotPrint]="0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ-+:./#%()*="
+  [OCRA]="0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ-+:./#%()*="
+  [OCRB]="0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ-+:./#%()*="
+)
+printf '%-10s %-9s %5s %9s %9s %8s\n' family grade marks ours_cpu tess_cpu ratio
+tail -n +2 "$work/ours.txt" | while read -r family grade marks ours; do
+  awk -F'\t' -v f="$family" -v g="$grade" -v d="$work" '$2==f && $3==g {print d "/" $1}' \
+    "$work/truth.tsv" >"$work/list.txt"
+  /usr/bin/time -f '%U %S' -o "$work/time.txt" env OMP_THREAD_LIMIT=1 taskset -c 1 \
+    tesseract "$work/list.txt" "$work/tess" --psm 7 -c tessedit_char_whitelist="${alphabet[$family]}" \
+    </dev/null >/dev/null 2>&1
+  read -r user sys <"$work/time.txt"
+  awk -v f="$family" -v g="$grade" -v m="$marks" -v o="$ours" -v u="$user" -v s="$sys" 'BEGIN {
+    t = 1000 * (u + s) / m
+    printf "%-10s %-9s %5d %9.2f %9.2f %8.1f\n", f, g, m, o, t, t / o }'
+done
+echo "load average at the end: $(cut -d' ' -f1-3 /proc/loadavg)"
