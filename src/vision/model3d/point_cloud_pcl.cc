@@ -212,21 +212,35 @@ void SplitByLabel(const ObjectModel3DData& m, const std::vector<int32_t>& label,
   for (int32_t l : label) ++sizes[size_t(l)];
   for (size_t c = 0; c < count; ++c) {
     parts[c] = NewObjectModel3D();
-    parts[c]->points.reserve(sizes[c]);
-    if (m.HasNormals()) parts[c]->normals.reserve(sizes[c]);
-    for (const auto& [name, v] : m.attribs) parts[c]->attribs[name].reserve(sizes[c]);
   }
+  // Each point's place in its part, then every array filled by place.
   std::vector<int32_t> local(m.NumPoints());
+  {
+    std::vector<int32_t> next(count, 0);
+    for (size_t i = 0; i < m.NumPoints(); ++i) local[i] = next[size_t(label[i])]++;
+  }
+  const bool normals = m.HasNormals();
+  for (size_t c = 0; c < count; ++c) {
+    parts[c]->points.resize(sizes[c]);
+    if (normals) parts[c]->normals.resize(sizes[c]);
+  }
   for (size_t i = 0; i < m.NumPoints(); ++i) {
     ObjectModel3DData& p = *parts[size_t(label[i])];
-    local[i] = int32_t(p.points.size());
-    p.points.push_back(m.points[i]);
-    if (m.HasNormals()) p.normals.push_back(m.normals[i]);
+    p.points[size_t(local[i])] = m.points[i];
+    if (normals) p.normals[size_t(local[i])] = m.normals[i];
   }
   for (const auto& [name, v] : m.attribs) {
-    std::vector<std::vector<double>*> dst(count);
-    for (size_t c = 0; c < count; ++c) dst[c] = &parts[c]->attribs[name];
-    for (size_t i = 0; i < v.size(); ++i) dst[size_t(label[i])]->push_back(v[i]);
+    if (v.size() != m.NumPoints()) {  // not one value a point: split as far as it goes
+      for (size_t i = 0; i < v.size() && i < m.NumPoints(); ++i) parts[size_t(label[i])]->attribs[name].push_back(v[i]);
+      continue;
+    }
+    std::vector<double*> dst(count);
+    for (size_t c = 0; c < count; ++c) {
+      std::vector<double>& a = parts[c]->attribs[name];
+      a.resize(sizes[c]);
+      dst[c] = a.data();
+    }
+    for (size_t i = 0; i < v.size(); ++i) dst[size_t(label[i])][local[i]] = v[i];
   }
   for (const auto& t : m.triangles)
     parts[size_t(label[size_t(t[0])])]->triangles.push_back(
