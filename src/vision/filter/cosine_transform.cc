@@ -120,9 +120,16 @@ void RowCosineTransform::Forward(const cv::Mat& src, cv::Mat& dst) const {
   dst.create(src.rows, n_, CV_32F);  // keeps src's own plane when dst is src
   for (int r0 = 0; r0 < src.rows; r0 += BlockRows()) {
     const int r1 = std::min(src.rows, r0 + BlockRows());
-    cv::Mat block;
-    ForwardBlock(src.rowRange(r0, r1), block);
-    block.copyTo(dst.rowRange(r0, r1));
+    cv::Mat out = dst.rowRange(r0, r1);
+    if (direct_) {
+      cv::Mat block;
+      ForwardBlock(src.rowRange(r0, r1), block);
+      block.copyTo(out);
+    } else {
+      // The chirp path has read its rows before it writes any: the block
+      // goes straight to dst, also when dst is src.
+      ForwardBlock(src.rowRange(r0, r1), out);
+    }
   }
 }
 
@@ -132,9 +139,14 @@ void RowCosineTransform::Inverse(const cv::Mat& src, cv::Mat& dst) const {
   dst.create(src.rows, n_, CV_32F);
   for (int r0 = 0; r0 < src.rows; r0 += BlockRows()) {
     const int r1 = std::min(src.rows, r0 + BlockRows());
-    cv::Mat block;
-    InverseBlock(src.rowRange(r0, r1), block);
-    block.copyTo(dst.rowRange(r0, r1));
+    cv::Mat out = dst.rowRange(r0, r1);
+    if (direct_) {
+      cv::Mat block;
+      InverseBlock(src.rowRange(r0, r1), block);
+      block.copyTo(out);
+    } else {
+      InverseBlock(src.rowRange(r0, r1), out);
+    }
   }
 }
 
