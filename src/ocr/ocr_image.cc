@@ -48,6 +48,17 @@ Rect UnzoomRect(Rect r, double zoom) {
   return r;
 }
 
+// How much a reading of a window is to be trusted: each character of the
+// first record counts by how far its confidence lies above 0.5, so two
+// characters read with confidence outweigh the one low piece their merge
+// makes, and one character the two low halves of its break.
+double ReadingScore(const std::vector<OcrTextRecord>& recs) {
+  if (recs.empty()) return -1e9;
+  double score = 0;
+  for (const auto& c : recs.front().candidates) score += (c.empty() ? 0.0 : c.front().confidence) - 0.5;
+  return score;
+}
+
 // One pass (segmentation and classification) into `record`; false when the
 // pass produced no text.
 bool RunPass(HObject image, double w, double h, int pass, const OcrSettings& s,
@@ -153,34 +164,56 @@ std::vector<OcrTextRecord> RecognizeText(HObject image, double width, double hei
   HTuple classifiers[3];
   try {
     readOCRFont(settings.font_name, classifiers);
-    HObject read_image = std::move(image);
-    TextWindowCut cut;  // the whole image unless a text window is cut
-    if (settings.text_window &&
-        CutTextWindow(&read_image, width, height, settings.font_name.value_or(""), &cut)) {
-      width = cut.width;
-      height = cut.height;
-    }
-    const cv::Rect window = cut.window;
-    const double zoom = cut.zoom;
-    const int passes = settings.reverse ? 2 : 1;
-    for (int pass = 0; pass < passes; ++pass) {
-      OcrTextRecord r;
-      // The last pass takes the image: it goes once prepared.
-      HObject pass_image;
-      if (pass + 1 < passes) pass_image = read_image;
-      else pass_image = std::move(read_image);
-      if (RunPass(std::move(pass_image), width, height, pass, settings, classifiers, fn, &r)) {
-        // Boxes of a window are given in the whole image's coordinates.
-        for (Rect& rc : r.rects) {
-          if (zoom != 1.0) rc = UnzoomRect(rc, zoom);
-          rc.top = int16_t(rc.top + window.y);
-          rc.bottom = int16_t(rc.bottom + window.y);
-          rc.left = int16_t(rc.left + window.x);
-          rc.right = int16_t(rc.right + window.x);
+    // Reads `img` (of nominal size w x h) in one or two passes into `out`,
+    // record by record (a failing second pass keeps the first); boxes of a
+    // window come back in the whole image's coordinates.
+    auto read = [&](HObject img, double w, double h, const TextWindowCut& cut,
+                    std::vector<OcrTextRecord>* out) {
+      const int passes = settings.reverse ? 2 : 1;
+      for (int pass = 0; pass < passes; ++pass) {
+        OcrTextRecord r;
+        // The last pass takes the image: it goes once prepared.
+        HObject pass_image;
+        if (pass + 1 < passes) pass_image = img;
+        else pass_image = std::move(img);
+        if (RunPass(std::move(pass_image), w, h, pass, settings, classifiers, fn, &r)) {
+          for (Rect& rc : r.rects) {
+            if (cut.zoom != 1.0) rc = UnzoomRect(rc, cut.zoom);
+            rc.top = int16_t(rc.top + cut.window.y);
+            rc.bottom = int16_t(rc.bottom + cut.window.y);
+            rc.left = int16_t(rc.left + cut.window.x);
+            rc.right = int16_t(rc.right + cut.window.x);
+          }
+          out->push_back(std::move(r));
         }
-        records.push_back(std::move(r));
+      }
+    };
+    bool done = false;
+    cv::Rect line;
+    if (settings.text_window) {
+      HObject ho_Gray;
+      vision::rgb1_to_gray(image, &ho_Gray);
+      const cv::Mat& gray = ho_Gray.ImageAt(0).planes[0];
+      if (gray.type() != CV_8U || !FindTextLine(gray, &line)) line = cv::Rect();
+    }
+    if (!line.empty()) {
+      // Each window is read whole; the reading trusted most is answered.
+      double best = 0;
+      for (const TextWindowReading& how : TextWindowReadingsFor(settings.font_name.value_or(""))) {
+        HObject window_image = image;
+        TextWindowCut cut;
+        if (!CutTextWindow(&window_image, width, height, line, how, &cut)) continue;
+        std::vector<OcrTextRecord> recs;
+        read(std::move(window_image), cut.width, cut.height, cut, &recs);
+        const double score = ReadingScore(recs);
+        if (!done || score > best) {
+          best = score;
+          records = std::move(recs);
+        }
+        done = true;
       }
     }
+    if (!done) read(std::move(image), width, height, TextWindowCut(), &records);
     for (auto& c : classifiers) vision::clear_ocr_class_mlp(c);
   } catch (const vision::HException& e) {
     Log("%s exception:%s", kMethodName, e.ErrorMessage().c_str());

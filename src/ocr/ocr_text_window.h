@@ -6,6 +6,7 @@
 // tenth of the image is scaled away with the ground; a window with about half
 // a text height of ground on each side keeps the print in range.
 #include <string>
+#include <vector>
 
 #include <opencv2/core.hpp>
 
@@ -14,28 +15,37 @@
 
 namespace velmora {
 
-// The window around the strongest text line of a gray image: the line's box
-// grown by `margin` times its height on each side (at least 4 pixels),
-// clipped to the image; `line_height`, when given, receives the line's
-// height. False when no line stands out (the caller then reads the whole
-// image).
+// The box of the strongest text line of a gray image (edges of print joined
+// along the line). False when no line stands out (the caller then reads the
+// whole image).
+bool FindTextLine(const cv::Mat& gray, cv::Rect* line);
+
+// The window around that line: its box grown by `margin` times its height on
+// each side (at least 4 pixels), clipped to the image; `line_height`, when
+// given, receives the line's height.
 bool FindTextWindow(const cv::Mat& gray, cv::Rect* window, int* line_height = nullptr,
                     double margin = 0.5);
 
-// How the recognition reads the window of one font family. Outline print is
-// read with a third of a line height of ground on each side: more ground
-// moves the flattening's lower percentile off the print, which then swells
-// into the ground between characters and pairs merge. Dot print keeps half a
-// line height: its characters hold together only where the ground between
-// their dots is counted as print. Lines lower than 56 pixels are enlarged to
-// that height (at most 4 times), so that the stroke-width opening and the
+// One way of reading the window: the ground kept on each side of the line
+// and the enlargement of low lines. Lines lower than 56 pixels are enlarged
+// to that height (at most 4 times), so that the stroke-width opening and the
 // area limit of the cut keep points and thin strokes of small print.
 struct TextWindowReading {
   double margin = 0.5;       // ground on each side, in line heights
   int min_line_height = 56;  // lower lines are enlarged to this height
   double max_zoom = 4.0;
 };
-TextWindowReading TextWindowReadingFor(const std::string& family);
+
+// The windows the recognition reads, the usual one first. The ground around
+// the line decides what the background flattening makes of the print: with
+// too much, its lower percentile falls on the ground and the thresholded
+// print swells into the gaps (pairs merge); with too little, thin strokes
+// and the ground between dots drop out (characters break). Outline print is
+// read with a third of a line height, then with 0.15 and 0.5; dot print,
+// whose characters hold together only where the ground between their dots is
+// thresholded with them, with a half and then 0.7 line heights. The reading
+// whose characters stand furthest above a confidence of 0.5 is answered.
+std::vector<TextWindowReading> TextWindowReadingsFor(const std::string& family);
 
 // Where the window of a recognition lies: its place in the image read (an
 // empty rectangle: the whole image) and the enlargement of its pixels.
@@ -46,11 +56,9 @@ struct TextWindowCut {
 };
 
 // Replaces the (three-channel byte) image of nominal size width x height by
-// the window around its text line, read as TextWindowReadingFor(family)
-// says; false, with the image unchanged, when no line stands out or the
-// window does not fit the nominal size. The recognition and the training
-// program cut windows with this one function.
-bool CutTextWindow(vision::HObject* image, double width, double height, const std::string& family,
-                   TextWindowCut* cut);
+// the window `how` makes around `line` (from FindTextLine); false, with the
+// image unchanged, when the window is empty or does not fit the nominal size.
+bool CutTextWindow(vision::HObject* image, double width, double height, const cv::Rect& line,
+                   const TextWindowReading& how, TextWindowCut* cut);
 
 }  // namespace velmora
