@@ -196,13 +196,20 @@ std::vector<OcrTextRecord> RecognizeText(HObject image, double width, double hei
       const cv::Mat& gray = ho_Gray.ImageAt(0).planes[0];
       if (gray.type() != CV_8U || !FindTextLine(gray, &line)) line = cv::Rect();
     }
-    if (!line.empty()) {
-      // Each window is read whole; the reading trusted most is answered.
-      double best = 0;
+    // The windows are cut first, so that a large frame goes before they are
+    // read; each is read whole, and the reading trusted most is answered.
+    std::vector<std::pair<HObject, TextWindowCut>> windows;
+    if (!line.empty())
       for (const TextWindowReading& how : TextWindowReadingsFor(settings.font_name.value_or(""))) {
         HObject window_image = image;
         TextWindowCut cut;
-        if (!CutTextWindow(&window_image, width, height, line, how, &cut)) continue;
+        if (CutTextWindow(&window_image, width, height, line, how, &cut))
+          windows.emplace_back(std::move(window_image), cut);
+      }
+    if (!windows.empty()) {
+      image.Clear();
+      double best = 0;
+      for (auto& [window_image, cut] : windows) {
         std::vector<OcrTextRecord> recs;
         read(std::move(window_image), cut.width, cut.height, cut, &recs);
         const double score = ReadingScore(recs);
