@@ -1,6 +1,7 @@
 // The data-code and bar-code operators on generated symbol images.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <random>
 #include <vector>
 
@@ -531,12 +532,13 @@ TEST(BarCode, SecondLineFollowsGlareAndFading) {
   }
 }
 
-// The reading pass on the image the training pass looked at skips the
-// preparations where training read nothing it accepted: the same texts as
-// on a copy of the image (which is looked at afresh), nothing tried again
-// where the whole chain read nothing, and no skip once the model accepts
-// more than training did (a quiet zone asked narrower afterwards).
-TEST(BarCode, ReadingPassSkipsWhatTrainingFoundEmpty) {
+// The reading pass on the image the training pass looked at takes what
+// training read in each preparation instead of decoding it again: the same
+// texts as on a copy of the image (which is looked at afresh), nothing
+// decoded again where the whole chain read nothing, and nothing taken once
+// the model accepts more than training did (a quiet zone asked narrower
+// afterwards).
+TEST(BarCode, ReadingPassTakesWhatTrainingRead) {
   const RenderParams p{.module_px = 2.5, .quiet_modules = 10, .background = 200, .noise_sigma = 2};
   RenderParams light = p;
   light.invert = true, light.background = 40;
@@ -565,20 +567,43 @@ TEST(BarCode, ReadingPassSkipsWhatTrainingFoundEmpty) {
     EXPECT_EQ(same, copy);
     EXPECT_EQ(same, c.text.empty() ? HTuple() : HTuple(c.text));
   }
-  // Where the whole chain read nothing, a second search skips all of it.
+  // Where the whole chain read nothing, a second search decodes none of it;
+  // where the first preparation read the symbol, a second search takes
+  // that read and asks only `accept` again.
   code::ReadRequest req;
   req.symbology = code::Symbology::Linear;
   req.stop_without_candidates = true;
-  req.accept = [](const code::Found&) { return false; };
-  std::vector<int> barren, again;
-  req.barren_seen = &barren;
+  int asked = 0;
+  req.accept = [&](const code::Found&) { return ++asked, false; };
+  std::vector<code::PreparationRead> first, again;
+  req.reads_seen = &first;
   const cv::Mat g = Symbol(Kind::Code128, "Skip 128", p);
   EXPECT_TRUE(code::ReadCodes(g, req).empty());
-  EXPECT_EQ(barren.size(), code::Variants(code::Symbology::Linear).size());
-  req.barren = &barren;
-  req.barren_seen = &again;
+  EXPECT_EQ(first.size(), code::Variants(code::Symbology::Linear).size());
+  EXPECT_TRUE(std::all_of(first.begin(), first.end(), [](const auto& r) { return r.accepted.empty(); }));
+  req.known_reads = &first;
+  req.reads_seen = &again;
+  asked = 0;
   EXPECT_TRUE(code::ReadCodes(g, req).empty());
   EXPECT_TRUE(again.empty());
+  EXPECT_EQ(asked, 0);
+  req.accept = [&](const code::Found&) { return ++asked, true; };
+  req.known_reads = nullptr;
+  req.reads_seen = &first;
+  first.clear();
+  const std::vector<code::Found> read = code::ReadCodes(g, req);
+  ASSERT_EQ(read.size(), 1u);
+  ASSERT_EQ(first.size(), 1u);
+  ASSERT_EQ(first[0].accepted.size(), 1u);
+  req.known_reads = &first;
+  asked = 0;
+  const std::vector<code::Found> reread = code::ReadCodes(g, req);
+  ASSERT_EQ(reread.size(), 1u);
+  EXPECT_EQ(reread[0].text, read[0].text);
+  EXPECT_EQ(reread[0].corners, read[0].corners);
+  EXPECT_EQ(asked, 1);
+  req.accept = [](const code::Found&) { return false; };
+  EXPECT_TRUE(code::ReadCodes(g, req).empty()) << "accept is asked again";
   // Trained with the standard quiet zone beside a dark stripe six modules
   // away, which refuses the symbol; read with one module, which does not.
   cv::Mat striped = g.clone();

@@ -38,10 +38,10 @@ class BarCodeModel : public HandleBase {
   // the image's planes, which are immutable.
   std::vector<cv::Mat> trained_planes;
   std::vector<code::BarRegion> trained_regions;
-  // The preparations in which that pass read no symbol it accepted, and
-  // what it accepted with: a reading pass of the same image that accepts no
-  // more skips them (it would read there what training read, and refuse it).
-  std::vector<int> trained_barren;
+  // What that pass read in the preparations it tried, and what it accepted
+  // with: a reading pass of the same image that accepts no more does not
+  // decode them again (it would read there what training read).
+  std::vector<code::PreparationRead> trained_reads;
   struct Acceptance {
     std::string polarity;
     Hlong quiet_zone = 0, stop_after_result_num = 0;
@@ -332,19 +332,19 @@ void find_bar_code(const HObject& image, HObject* symbol_regions, const HTuple& 
   // An image without anything bar-like answers before any decoder runs; the
   // reading pass on the image training looked at does not look again.
   std::vector<code::BarRegion> looked_at;
-  std::vector<int> barren;
+  std::vector<code::PreparationRead> reads;
   const bool trained_image = !m->training && m->IsTrainedImage(img);
   req.stop_without_candidates = true;
   req.known_regions = trained_image ? &m->trained_regions : nullptr;
   req.regions_seen = &looked_at;
-  req.barren = trained_image && m->AcceptsNoMoreThanTraining() ? &m->trained_barren : nullptr;
-  req.barren_seen = &barren;
+  req.known_reads = trained_image && m->AcceptsNoMoreThanTraining() ? &m->trained_reads : nullptr;
+  req.reads_seen = &reads;
   const BarCodeModel::Acceptance acceptance = m->CurrentAcceptance();
   std::vector<code::Found> found = code::ReadCodes(gray, req);
   if (m->training) {
     m->trained_planes = img.planes;
     m->trained_regions = std::move(looked_at);
-    m->trained_barren = std::move(barren);
+    m->trained_reads = std::move(reads);
     m->trained_acceptance = acceptance;
   }
   if (m->training && !found.empty()) {

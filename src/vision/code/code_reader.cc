@@ -212,7 +212,7 @@ Found FromResult(const ZXing::Result& r, const Work& w, const Variant& v) {
 // the rest) and painted over instead of ending the look.
 std::vector<Found> Zxing(const Work& w, const Variant& v, Symbology s, BarcodeFormats formats, int max_results,
                          const std::function<bool(const Found&)>& accept = nullptr, BarcodeFormats also = {},
-                         std::vector<Found>* others = nullptr) {
+                         std::vector<Found>* others = nullptr, std::vector<Found>* accepted = nullptr) {
   std::vector<Found> out;
   if (w.img.empty() || w.img.cols < 3 || w.img.rows < 3) return out;
   ZXing::DecodeHints hints;
@@ -252,6 +252,7 @@ std::vector<Found> Zxing(const Work& w, const Variant& v, Symbology s, BarcodeFo
     }
     Found f = FromResult(r, w, v);
     if (!accept || accept(f)) {
+      if (accepted) accepted->push_back(f);
       if (formats.testFlag(r.format())) out.push_back(std::move(f));
       else if (others) others->push_back(std::move(f));
     }
@@ -780,10 +781,23 @@ std::vector<Found> ReadCodes(const cv::Mat& gray, const ReadRequest& req) {
     if (k > 0 && req.timeout_ms > 0 && elapsed_ms() > req.timeout_ms) break;
     const int idx = order[k];
     const Variant& v = variants[idx];
-    if (req.barren && std::find(req.barren->begin(), req.barren->end(), idx) != req.barren->end()) continue;
+    const PreparationRead* known = nullptr;
+    if (req.known_reads)
+      for (const PreparationRead& r : *req.known_reads)
+        if (r.variant == idx) known = &r;
+    if (known && known->accepted.empty()) continue;
     const size_t accepted_before = accepted + others.size();
     bool complete = true;  // every form of the preparation was read
-    if (v.prep == Variant::Prep::Candidates) {
+    std::vector<Found> in_order;  // what a single-image preparation accepted
+    if (known) {
+      // The decoder would read the same symbols again: only `accept` is
+      // asked again, as it may let through fewer now.
+      std::vector<Found> fs;
+      for (const Found& f : known->accepted)
+        if (!req.accept || req.accept(f)) (formats.testFlag(BarcodeFormat(f.format)) ? fs : others).push_back(f);
+      add(std::move(fs), idx);
+      complete = false;
+    } else if (v.prep == Variant::Prep::Candidates) {
       std::vector<std::pair<cv::RotatedRect, bool>> crops;
       for (const auto& c : Candidates(gray, linear)) {
         crops.push_back({c, false});
@@ -871,10 +885,11 @@ std::vector<Found> ReadCodes(const cv::Mat& gray, const ReadRequest& req) {
     } else {
       Work w;
       if (!Prepare(gray, v, req.symbology, req.strict_quiet_zone, &w)) continue;
-      add(Zxing(w, v, req.symbology, formats, req.max_results, req.accept, also, &others), idx);
+      add(Zxing(w, v, req.symbology, formats, req.max_results, req.accept, also, &others, &in_order), idx);
+      if (linear && req.reads_seen && !in_order.empty()) req.reads_seen->push_back({idx, std::move(in_order)});
     }
-    if (linear && req.barren_seen && complete && accepted + others.size() == accepted_before)
-      req.barren_seen->push_back(idx);
+    if (linear && req.reads_seen && complete && accepted + others.size() == accepted_before)
+      req.reads_seen->push_back({idx, {}});
     if (enough()) break;
     if (found.empty() && !others.empty() && all_explained()) break;
     // One preparation that read something ends the search even when fewer

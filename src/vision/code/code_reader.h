@@ -50,6 +50,14 @@ struct BarRegion {
   double half_length = 0, half_height = 0;  // across and along the bars
 };
 
+// What a search read in one preparation (an index into Variants): the
+// symbols `accept` let through, in the decoder's order; for preparations
+// that decode several cut-outs (candidates, regions) only ever nothing.
+struct PreparationRead {
+  int variant = -1;
+  std::vector<Found> accepted;
+};
+
 struct ReadRequest {
   Symbology symbology = Symbology::QR;
   int formats = 0;              // ZXing::BarcodeFormats mask; 0 = every format of the symbology
@@ -73,14 +81,15 @@ struct ReadRequest {
   const std::vector<BarRegion>* known_regions = nullptr;
   std::vector<BarRegion>* regions_seen = nullptr;
   bool* no_candidates = nullptr;  // set when the search stopped for that reason
-  // Linear codes: preparations (indices into Variants) in which an earlier
-  // search of the same image read nothing that its `accept` let through,
-  // skipped here; valid only when this search's formats, polarity, result
-  // count and `accept` admit no more than that search's did (every linear
-  // kind is read whenever the image has a bar-like region). And where to
-  // leave the preparations this search read in full and found nothing in.
-  const std::vector<int>* barren = nullptr;
-  std::vector<int>* barren_seen = nullptr;
+  // Linear codes: what an earlier search of the same image read in the
+  // preparations it read in full, taken instead of reading them again (the
+  // decoder sees every linear kind whenever the image has a bar-like
+  // region, so what it reads does not depend on the kinds asked); valid
+  // only when this search's polarity and result count are those of that
+  // search and its `accept` lets through no more. And where to leave what
+  // this search read.
+  const std::vector<PreparationRead>* known_reads = nullptr;
+  std::vector<PreparationRead>* reads_seen = nullptr;
 };
 
 // The preparations for a symbology, in the order they are tried.
