@@ -3,7 +3,8 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <deque>
+#include <condition_variable>
+#include <mutex>
 #include <exception>
 #include <thread>
 
@@ -253,22 +254,31 @@ HTuple ReconstructSurface(const HTuple& hv_WindowHandle, const HTuple& hv_Serial
       res.error = std::current_exception();
     }
   };
-  auto start_pair = [&](Hlong hv_Index) {
-    disp_message(hv_WindowHandle,
-                 HTuple("Now Reconstructing Surface ... ") + HTuple(hv_Index) + HTuple("/") + HTuple(n), "window",
-                 36, 12, "black", "true");
-    return std::thread(run_pair, hv_Index);
-  };
   {
-    std::deque<std::thread> running;
+    // The next pair starts as soon as any running one is done.
+    std::mutex lock;
+    std::condition_variable done;
+    size_t active = 0;
+    std::vector<std::thread> threads;
     for (Hlong hv_Index = 1; hv_Index <= n; ++hv_Index) {
-      if (running.size() == kPairsAtOnce) {
-        running.front().join();
-        running.pop_front();
+      {
+        std::unique_lock<std::mutex> g(lock);
+        done.wait(g, [&] { return active < kPairsAtOnce; });
+        ++active;
       }
-      running.push_back(start_pair(hv_Index));
+      disp_message(hv_WindowHandle,
+                   HTuple("Now Reconstructing Surface ... ") + HTuple(hv_Index) + HTuple("/") + HTuple(n),
+                   "window", 36, 12, "black", "true");
+      threads.emplace_back([&, hv_Index] {
+        run_pair(hv_Index);
+        {
+          std::lock_guard<std::mutex> g(lock);
+          --active;
+        }
+        done.notify_one();
+      });
     }
-    for (std::thread& t : running) t.join();
+    for (std::thread& t : threads) t.join();
   }
   // The first failing pair's error, as a sequential run would raise it; the
   // models made by the others are released.
