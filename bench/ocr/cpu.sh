@@ -10,6 +10,7 @@
 #
 #   bench/ocr/cpu.sh [build-dir] [markings-per-family-and-grade] [repeat]
 set -euo pipefail
+source "$(dirname "$0")/common.sh"
 build=${1:-build}
 n=${2:-100}
 repeat=${3:-5}
@@ -17,24 +18,11 @@ work=$(mktemp -d /tmp/ocr-cpu-XXXXXX)
 trap 'rm -rf "$work"' EXIT
 export VELMORA_VISION_DIR=${VELMORA_VISION_DIR:-$(cd "$build" && pwd)/share/velmora/vision}
 "$build/bench/bench_ocr_independent" plan --markings "$n" >"$work/plan.tsv"
-while IFS=$'\t' read -r id family grade face px tilt text; do
-  aa=gray
-  [ "$family" = DotPrint ] && aa=none
-  pango-view -q --pixels --font="$face $px" --antialias=$aa --hinting=slight --margin=4 \
-    --background=white --foreground=black --rotate="$tilt" --text="$text" -o "$work/$id.png" \
-    2>/dev/null || true
-done <"$work/plan.tsv"
+render_plan "$work/plan.tsv" "$work"
 "$build/bench/bench_ocr_independent" read --dir "$work" >/dev/null 2>&1
 echo "bench/ocr/cpu.sh: $n markings per family and grade, ours best of $repeat reads; load average $(cut -d' ' -f1-3 /proc/loadavg)"
 taskset -c 1 "$build/bench/bench_ocr_cpu" --dir "$work" --repeat "$repeat" 2>/dev/null >"$work/ours.txt"
 
-declare -A alphabet=(
-  [Industrial]="0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ-+:./#%()*="
-  [Document]="0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz-+:./#%()*="
-  [DotPrint]="0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ-+:./#%()*="
-  [OCRA]="0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ-+:./#%()*="
-  [OCRB]="0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ-+:./#%()*="
-)
 printf '%-10s %-9s %5s %9s %9s %8s\n' family grade marks ours_cpu tess_cpu ratio
 tail -n +2 "$work/ours.txt" | while read -r family grade marks ours; do
   awk -F'\t' -v f="$family" -v g="$grade" -v d="$work" '$2==f && $3==g {print d "/" $1}' \

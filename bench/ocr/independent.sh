@@ -12,6 +12,7 @@
 # whitelist reads the same windows. Needs pango1.0-tools and tesseract-ocr
 # (scripts/setup.sh).
 set -euo pipefail
+source "$(dirname "$0")/common.sh"
 build=${1:-build}
 n=${2:-100}
 # A third argument plans other markings (same faces and kinds, other strings,
@@ -21,23 +22,10 @@ work=$(mktemp -d /tmp/ocr-independent-XXXXXX)
 trap 'rm -rf "$work"' EXIT
 export VELMORA_VISION_DIR=${VELMORA_VISION_DIR:-$(cd "$build" && pwd)/share/velmora/vision}
 "$build/bench/bench_ocr_independent" plan --markings "$n" --seed "$seed" >"$work/plan.tsv"
-while IFS=$'\t' read -r id family grade face px tilt text; do
-  aa=gray
-  [ "$family" = DotPrint ] && aa=none
-  pango-view -q --pixels --font="$face $px" --antialias=$aa --hinting=slight --margin=4 \
-    --background=white --foreground=black --rotate="$tilt" --text="$text" -o "$work/$id.png" \
-    2>/dev/null || true
-done <"$work/plan.tsv"
+render_plan "$work/plan.tsv" "$work"
 echo "bench_ocr_independent: $n markings per family and grade, Pango $(pango-view --version | awk '{print $NF}')"
 "$build/bench/bench_ocr_independent" read --dir "$work" --confusions 1 2>/dev/null | tee "$work/ours.txt"
 
-declare -A alphabet=(
-  [Industrial]="0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ-+:./#%()*="
-  [Document]="0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz-+:./#%()*="
-  [DotPrint]="0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ-+:./#%()*="
-  [OCRA]="0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ-+:./#%()*="
-  [OCRB]="0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ-+:./#%()*="
-)
 echo
 tesseract --version 2>&1 | head -1
 echo "tesseract --psm 7 on the same windows"

@@ -65,9 +65,9 @@ size_t EditDistance(const std::string& a, const std::string& b) {
   return prev[b.size()];
 }
 
-// Which characters of `got` an alignment with `truth` (least edits) keeps as
-// they are: the others are substituted or inserted.
-std::vector<bool> AlignedRight(const std::string& truth, const std::string& got) {
+// The least-edit table of `truth` against `got`: d[i][j] edits turn the
+// first i characters of one into the first j of the other.
+std::vector<std::vector<size_t>> EditTable(const std::string& truth, const std::string& got) {
   const size_t n = truth.size(), m = got.size();
   std::vector<std::vector<size_t>> d(n + 1, std::vector<size_t>(m + 1));
   for (size_t i = 0; i <= n; ++i) d[i][0] = i;
@@ -76,6 +76,14 @@ std::vector<bool> AlignedRight(const std::string& truth, const std::string& got)
     for (size_t j = 1; j <= m; ++j)
       d[i][j] = std::min({d[i - 1][j] + 1, d[i][j - 1] + 1,
                           d[i - 1][j - 1] + (truth[i - 1] != got[j - 1])});
+  return d;
+}
+
+// Which characters of `got` an alignment with `truth` (least edits) keeps as
+// they are: the others are substituted or inserted.
+std::vector<bool> AlignedRight(const std::string& truth, const std::string& got) {
+  const size_t n = truth.size(), m = got.size();
+  const std::vector<std::vector<size_t>> d = EditTable(truth, got);
   std::vector<bool> right(m, false);
   for (size_t i = n, j = m; j > 0;) {
     if (i > 0 && d[i][j] == d[i - 1][j - 1] + (truth[i - 1] != got[j - 1])) {
@@ -94,13 +102,7 @@ std::vector<bool> AlignedRight(const std::string& truth, const std::string& got)
 // alignment.
 std::vector<std::pair<char, char>> Substitutions(const std::string& truth, const std::string& got) {
   const size_t n = truth.size(), m = got.size();
-  std::vector<std::vector<size_t>> d(n + 1, std::vector<size_t>(m + 1));
-  for (size_t i = 0; i <= n; ++i) d[i][0] = i;
-  for (size_t j = 0; j <= m; ++j) d[0][j] = j;
-  for (size_t i = 1; i <= n; ++i)
-    for (size_t j = 1; j <= m; ++j)
-      d[i][j] = std::min({d[i - 1][j] + 1, d[i][j - 1] + 1,
-                          d[i - 1][j - 1] + (truth[i - 1] != got[j - 1])});
+  const std::vector<std::vector<size_t>> d = EditTable(truth, got);
   std::vector<std::pair<char, char>> subs;
   for (size_t i = n, j = m; i > 0 || j > 0;) {
     if (i > 0 && j > 0 && d[i][j] == d[i - 1][j - 1] + (truth[i - 1] != got[j - 1])) {

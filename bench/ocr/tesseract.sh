@@ -13,6 +13,7 @@
 # start per batch); ours is the mean of the per-marking times, so both are
 # throughput figures.
 set -euo pipefail
+source "$(dirname "$0")/common.sh"
 build=${1:-build}
 n=${2:-200}
 
@@ -30,14 +31,6 @@ trap 'rm -rf "$work"' EXIT
 export VELMORA_VISION_DIR=${VELMORA_VISION_DIR:-$(cd "$build" && pwd)/share/velmora/vision}
 "$build/bench/bench_ocr_accuracy" --markings "$n" --dump "$work" >"$work/ours.txt"
 cat "$work/ours.txt"
-
-declare -A alphabet=(
-  [Industrial]="0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ-+:./#%()*="
-  [Document]="0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz-+:./#%()*="
-  [DotPrint]="0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ-+:./#%()*="
-  [OCRA]="0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ-+:./#%()*="
-  [OCRB]="0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ-+:./#%()*="
-)
 
 echo
 echo "tesseract --psm 7 on the same markings"

@@ -213,6 +213,27 @@ PairClouds RunPair(const synth::Rig& rig, const std::vector<cv::Mat>& views, con
   return out;
 }
 
+// Steps 13 to 18 of the reconstruction on the pairs' clouds; the models are
+// cleared with the steps.
+struct SurfaceSteps {
+  HTuple all, sel, parts2, big2, u2, sampled, smoothed, tri, info;
+  explicit SurfaceSteps(const HTuple& models) {
+    vision::union_object_model_3d(models, "points_surface", &all);
+    vision::select_points_object_model_3d(all, "point_coord_z", -0.1, -0.0003, &sel);
+    vision::connection_object_model_3d(sel, "distance_3d", 0.00005, &parts2);
+    vision::select_object_model_3d(parts2, "num_points", "and", 1000, HTuple(vision::Hlong(100000000000000LL)), &big2);
+    vision::union_object_model_3d(big2, "points_surface", &u2);
+    vision::sample_object_model_3d(u2, "fast", 0.00003, HTuple(), HTuple(), &sampled);
+    vision::smooth_object_model_3d(sampled, "mls", HTuple(), HTuple(), &smoothed);
+    vision::triangulate_object_model_3d(smoothed, "greedy", HTuple(), HTuple(), &tri, &info);
+  }
+  ~SurfaceSteps() {
+    for (const HTuple* h : {&all, &sel, &u2, &sampled, &smoothed, &tri}) vision::clear_object_model_3d(*h);
+    if (!parts2.Empty()) vision::clear_object_model_3d(parts2);
+    if (!big2.Empty()) vision::clear_object_model_3d(big2);
+  }
+};
+
 // Steps k to 18 on clouds given per pair (world frame, not cropped): the
 // top-surface coverage after the merged components and after the
 // triangulation.
@@ -240,24 +261,14 @@ void FromPairClouds(const std::vector<Cloud>& clouds, const std::vector<bench::T
     if (!parts.Empty()) vision::clear_object_model_3d(parts);
     if (!big.Empty()) vision::clear_object_model_3d(big);
   }
-  HTuple all, sel, parts2, big2, u2, sampled, smoothed, tri, info;
-  vision::union_object_model_3d(models, "points_surface", &all);
-  vision::select_points_object_model_3d(all, "point_coord_z", -0.1, -0.0003, &sel);
-  vision::connection_object_model_3d(sel, "distance_3d", 0.00005, &parts2);
-  vision::select_object_model_3d(parts2, "num_points", "and", 1000, HTuple(vision::Hlong(100000000000000LL)), &big2);
-  vision::union_object_model_3d(big2, "points_surface", &u2);
-  vision::sample_object_model_3d(u2, "fast", 0.00003, HTuple(), HTuple(), &sampled);
-  vision::smooth_object_model_3d(sampled, "mls", HTuple(), HTuple(), &smoothed);
-  vision::triangulate_object_model_3d(smoothed, "greedy", HTuple(), HTuple(), &tri, &info);
+  const SurfaceSteps steps(models);
   auto pct = [&](const HTuple& m) {
     const std::vector<bool> c = bench::CoveredTops(tops, PointsOf(m));
     return Pct(size_t(std::count(c.begin(), c.end(), true)), c.size());
   };
-  *merged = pct(u2);
-  *final = pct(tri);
-  for (HTuple* h : {&models, &all, &sel, &u2, &sampled, &smoothed, &tri}) vision::clear_object_model_3d(*h);
-  if (!parts2.Empty()) vision::clear_object_model_3d(parts2);
-  if (!big2.Empty()) vision::clear_object_model_3d(big2);
+  *merged = pct(steps.u2);
+  *final = pct(steps.tri);
+  vision::clear_object_model_3d(models);
 }
 
 }  // namespace
@@ -293,16 +304,11 @@ int main(int argc, char** argv) {
       pairs.push_back(RunPair(rig, views, clean, kFrom[k], kTo[k], tops, &fu, &fv, &fp, &dpp));
 
     // Steps 13 to 18 on the pairs' clouds.
-    HTuple models, all, sel, parts2, big2, u2, sampled, smoothed, tri, info;
+    HTuple models;
     for (const PairClouds& p : pairs) models.Append(p.model);
-    vision::union_object_model_3d(models, "points_surface", &all);
-    vision::select_points_object_model_3d(all, "point_coord_z", -0.1, -0.0003, &sel);
-    vision::connection_object_model_3d(sel, "distance_3d", 0.00005, &parts2);
-    vision::select_object_model_3d(parts2, "num_points", "and", 1000, HTuple(vision::Hlong(100000000000000LL)), &big2);
-    vision::union_object_model_3d(big2, "points_surface", &u2);
-    vision::sample_object_model_3d(u2, "fast", 0.00003, HTuple(), HTuple(), &sampled);
-    vision::smooth_object_model_3d(sampled, "mls", HTuple(), HTuple(), &smoothed);
-    vision::triangulate_object_model_3d(smoothed, "greedy", HTuple(), HTuple(), &tri, &info);
+    const SurfaceSteps steps(models);
+    const HTuple &sel = steps.sel, &parts2 = steps.parts2, &u2 = steps.u2, &sampled = steps.sampled,
+                 &smoothed = steps.smoothed, &tri = steps.tri;
 
     // Coverage after each stage.
     const char* kStage[] = {"disparity", "Score>=200", "pair comp.", "merged comp.", "sampled", "smoothed",
@@ -403,9 +409,6 @@ int main(int argc, char** argv) {
       std::printf("exact depths on the pixels of %s: merged components %.2f %%, triangulated %.2f %%\n",
                   which ? "Score >= 200" : "every disparity", merged_pct, final_pct);
     }
-    for (HTuple* h : {&all, &sel, &u2, &sampled, &smoothed, &tri}) vision::clear_object_model_3d(*h);
-    if (!parts2.Empty()) vision::clear_object_model_3d(parts2);
-    if (!big2.Empty()) vision::clear_object_model_3d(big2);
     vision::clear_object_model_3d(models);
   }
   return 0;

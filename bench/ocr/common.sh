@@ -1,0 +1,23 @@
+# Shared pieces of the OCR bench scripts (sourced, not run).
+
+# The family's characters, Tesseract's whitelist for that family.
+declare -A alphabet=(
+  [Industrial]="0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ-+:./#%()*="
+  [Document]="0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz-+:./#%()*="
+  [DotPrint]="0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ-+:./#%()*="
+  [OCRA]="0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ-+:./#%()*="
+  [OCRB]="0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ-+:./#%()*="
+)
+
+# render_plan PLAN DIR: pango-view lays out and rasterises every planned
+# marking into DIR/<id>.png (dot print without anti-aliasing).
+render_plan() {
+  local id family grade face px tilt text aa
+  while IFS=$'\t' read -r id family grade face px tilt text; do
+    aa=gray
+    [ "$family" = DotPrint ] && aa=none
+    pango-view -q --pixels --font="$face $px" --antialias=$aa --hinting=slight --margin=4 \
+      --background=white --foreground=black --rotate="$tilt" --text="$text" -o "$2/$id.png" \
+      2>/dev/null || true
+  done <"$1"
+}
