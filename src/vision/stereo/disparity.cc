@@ -604,7 +604,29 @@ void RefineSubPixel(const std::vector<cv::Mat>& c1, const std::vector<cv::Mat>& 
     }
   };
   cv::Mat nd(h, w, CV_32FC2);  // numerator and denominator, interleaved
-  cv::Mat wg(h, w, CV_32FC(8 * ng));  // last pass: image 2 and its gradient resampled
+  // Last pass: image 2 and its gradient resampled, nc channels a pixel (the
+  // unused lanes of a group are not stored, so not blurred either). A group
+  // is read and written four lanes at a time; lanes past the channels belong
+  // to the next pixel and are masked to 0 (they held 0 in a full group).
+  cv::Mat wv(h, w, CV_32FC(nc)), wd(h, w, CV_32FC(nc));
+  std::vector<v_float32x4> lane_mask(ng);
+  for (int gk = 0; gk < ng; ++gk) {
+    unsigned m[4];
+    for (int l = 0; l < 4; ++l) m[l] = 4 * gk + l < nc ? 0xffffffffu : 0u;
+    lane_mask[gk] = cv::v_reinterpret_as_f32(cv::v_uint32x4(m[0], m[1], m[2], m[3]));
+  }
+  // Whether a group's four lanes at pixel x stay inside the row; where not
+  // (the row's last pixels) they go through a copy, so that no row reads or
+  // writes another's (rows are filled in parallel).
+  const size_t row_len = size_t(w) * nc;
+  auto whole = [nc, row_len](int x, int gk) { return size_t(x) * nc + 4 * gk + 4 <= row_len; };
+  // A pixel's group gk from a row of nc channels a pixel.
+  auto load_group = [&](const float* row, int x, int gk, float* tmp) {
+    const float* p = row + size_t(x) * nc + 4 * gk;
+    if (whole(x, gk)) return cv::v_load(p);
+    for (int l = 0; l < 4; ++l) tmp[l] = 4 * gk + l < nc ? p[l] : 0.f;
+    return cv::v_load(tmp);
+  };
   for (int it = 0; it < kRefinePasses; ++it) {
     // The local means of image 2 and of its gradient: in the first passes
     // taken before resampling (the field changes little over a window, and
@@ -616,7 +638,7 @@ void RefineSubPixel(const std::vector<cv::Mat>& c1, const std::vector<cv::Mat>& 
     // gradient weights would move each estimate towards the window's
     // strongest texture, an error of the slope times that offset.)
     const cv::Mat mean_d = Blur(*disp, sigma);
-    cv::Mat bwg;
+    cv::Mat bwv, bwd;
     if (last) {
       cv::parallel_for_(cv::Range(0, h), [&](const cv::Range& rg) {
         std::vector<float> ps(size_t(w2) * 16 * ng);
@@ -624,21 +646,37 @@ void RefineSubPixel(const std::vector<cv::Mat>& c1, const std::vector<cv::Mat>& 
         for (int y = rg.start; y < rg.end; ++y) {
           fill_row(y, nullptr, ps.data());
           const float* d = disp->ptr<float>(y);
-          float* o = wg.ptr<float>(y);
+          float* ov = wv.ptr<float>(y);
+          float* od = wd.ptr<float>(y);
           for (int x = 0; x < w; ++x) {
             const Tap p = MakeTap(float(x) + d[x], w2);
             const v_float32x4 t = cv::v_setall_f32(p.lt);
-            for (int gk = 0; gk < ng; ++gk, o += 8) {
+            for (int gk = 0; gk < ng; ++gk) {
               const float *a1, *a2;
               const v_float32x4 v = CubicGroup(row, p, ng, gk, &a1, &a2);
               const v_float32x4 g1v = cv::v_load(a1 + 8);
-              cv::v_store(o, v);
-              cv::v_store(o + 4, g1v + t * (cv::v_load(a2 + 8) - g1v));
+              const v_float32x4 gv = g1v + t * (cv::v_load(a2 + 8) - g1v);
+              // Lanes past the channels spill into the next pixels, which
+              // are written after; at the row's end they are left out.
+              const size_t at = size_t(x) * nc + 4 * gk;
+              if (whole(x, gk)) {
+                cv::v_store(ov + at, v);
+                cv::v_store(od + at, gv);
+              } else {
+                float tv[4], tg[4];
+                cv::v_store(tv, v);
+                cv::v_store(tg, gv);
+                for (int l = 0; 4 * gk + l < nc; ++l) {
+                  ov[at + l] = tv[l];
+                  od[at + l] = tg[l];
+                }
+              }
             }
           }
         }
       });
-      bwg = Blur(wg, sigma);
+      bwv = Blur(wv, sigma);
+      bwd = Blur(wd, sigma);
     }
     cv::parallel_for_(cv::Range(0, h), [&](const cv::Range& rg) {
       std::vector<float> pev(size_t(w) * 4 * ng), psv(size_t(w2) * 16 * ng);
@@ -648,19 +686,22 @@ void RefineSubPixel(const std::vector<cv::Mat>& c1, const std::vector<cv::Mat>& 
         fill_row(y, pev.data(), last ? nullptr : psv.data());
         const float* d = disp->ptr<float>(y);
         const float* md = mean_d.ptr<float>(y);
-        const float* pw = last ? wg.ptr<float>(y) : nullptr;
-        const float* pb = last ? bwg.ptr<float>(y) : nullptr;
+        const float* pw = last ? wv.ptr<float>(y) : nullptr;
+        const float* pwd = last ? wd.ptr<float>(y) : nullptr;
+        const float* pb = last ? bwv.ptr<float>(y) : nullptr;
+        const float* pbd = last ? bwd.ptr<float>(y) : nullptr;
+        float tmp[4][4];
         float* o = nd.ptr<float>(y);
         for (int x = 0; x < w; ++x) {
           v_float32x4 num = cv::v_setzero_f32(), den = cv::v_setzero_f32();
           const v_float32x4 dv = cv::v_setall_f32(d[x] - md[x]);  // the field's detail
           const float* e = pe + size_t(x) * 4 * ng;
           if (last) {
-            const float* a = pw + size_t(x) * 8 * ng;
-            const float* b = pb + size_t(x) * 8 * ng;
             for (int gk = 0; gk < ng; ++gk) {
-              const v_float32x4 ev = cv::v_load(e + 4 * gk) - (cv::v_load(a + 8 * gk) - cv::v_load(b + 8 * gk));
-              const v_float32x4 g = cv::v_load(a + 8 * gk + 4) - cv::v_load(b + 8 * gk + 4);
+              const v_float32x4 ev =
+                  (cv::v_load(e + 4 * gk) - (load_group(pw, x, gk, tmp[0]) - load_group(pb, x, gk, tmp[1]))) &
+                  lane_mask[gk];
+              const v_float32x4 g = (load_group(pwd, x, gk, tmp[2]) - load_group(pbd, x, gk, tmp[3])) & lane_mask[gk];
               // Each window holds one correction of the smooth field: the
               // detail under it, weighted by the gradients, plus the shift
               // that aligns it; a noisy field would otherwise keep its

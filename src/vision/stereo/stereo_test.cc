@@ -276,6 +276,46 @@ TEST(BinocularDisparityMs, RecoversAKnownShiftFieldAndScoresItsReliability) {
   EXPECT_EQ(flat_kept, 0);  // no texture, no trusted disparity
 }
 
+// The refinement reads colour channels four to a vector; lanes past the last
+// channel must weigh nothing. A channel that is 0 everywhere adds nothing
+// either, so each pair of images must give the same disparities and scores
+// with and without it (one channel and one group, four channels and a second
+// group); the width leaves the last vector of each row part-filled.
+TEST(BinocularDisparityMs, EmptyExtraChannelChangesNothing) {
+  ShiftScene s;
+  const cv::Rect roi(0, 0, 397, 300);
+  auto planes = [&](const cv::Mat& f, int n) {
+    std::vector<cv::Mat> out;
+    for (int k = 0; k < n; ++k) {
+      cv::Mat b;
+      // Channels that differ: the scene, its negative, and two contrasts.
+      const double gain[] = {1.0, -1.0, 0.6, 0.8}, offset[] = {0.0, 255.0, 40.0, 20.0};
+      f(roi).convertTo(b, CV_8U, gain[k], offset[k]);
+      out.push_back(b);
+    }
+    return out;
+  };
+  for (int n : {1, 4}) {
+    SCOPED_TRACE(testing::Message() << n << " channels");
+    HObject d[2], sc[2];
+    for (int extra = 0; extra < 2; ++extra) {
+      std::vector<cv::Mat> p1 = planes(s.i1, n), p2 = planes(s.i2, n);
+      if (extra) {
+        p1.push_back(cv::Mat::zeros(p1[0].size(), CV_8U));
+        p2.push_back(cv::Mat::zeros(p2[0].size(), CV_8U));
+      }
+      binocular_disparity_ms(HObject(Image::FromPlanes(PixelType::Byte, p1)),
+                             HObject(Image::FromPlanes(PixelType::Byte, p2)), &d[extra], &sc[extra], -120, 120, 100,
+                             100, "sub_disparity", "true");
+    }
+    const Image &d0 = d[0].ImageAt(0), &d1 = d[1].ImageAt(0);
+    ASSERT_GT(d0.domain.Area(), 397 * 300 / 2);
+    EXPECT_EQ(d0.domain, d1.domain);
+    EXPECT_EQ(cv::norm(d0.planes[0], d1.planes[0], cv::NORM_INF), 0.0);
+    EXPECT_EQ(cv::norm(sc[0].ImageAt(0).planes[0], sc[1].ImageAt(0).planes[0], cv::NORM_INF), 0.0);
+  }
+}
+
 // Planes seen at a slant have disparity fields with steep gradients (a board
 // viewed from low elevation changes disparity by a quarter pixel per row).
 // The refined disparity must follow the field at each pixel, not drift towards
