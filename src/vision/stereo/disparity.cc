@@ -527,15 +527,14 @@ void RefineSubPixel(const std::vector<cv::Mat>& c1, const std::vector<cv::Mat>& 
   // channels go four to a vector (groups of four lanes, unused lanes 0).
   const int ng = (nc + 3) / 4;
   // Per channel: image 1's local mean, image 2's gradient and the local
-  // means of image 2 and of its gradient (interleaved).
-  std::vector<cv::Mat> m1(nc), gx(nc), m2(nc);
+  // means of image 2 and of its gradient.
+  std::vector<cv::Mat> m1(nc), gx(nc), m2(nc), mg(nc);
   cv::parallel_for_(cv::Range(0, nc), [&](const cv::Range& rg) {
     for (int k = rg.start; k < rg.end; ++k) {
       m1[k] = Blur(c1[k], sigma);
       cv::Sobel(c2[k], gx[k], CV_32F, 1, 0, 3, 1.0 / 8.0, 0, cv::BORDER_REPLICATE);
-      cv::Mat both;
-      cv::merge(std::vector<cv::Mat>{c2[k], gx[k]}, both);
-      m2[k] = Blur(both, sigma);
+      m2[k] = Blur(c2[k], sigma);
+      mg[k] = Blur(gx[k], sigma);
     }
   });
   // One row at a time (so that nothing image-sized is written): image 1
@@ -545,13 +544,14 @@ void RefineSubPixel(const std::vector<cv::Mat>& c1, const std::vector<cv::Mat>& 
   const std::vector<float> zeros(size_t(2 * std::max(w, w2)), 0.f);
   // Either part may be skipped (null).
   auto fill_row = [&](int y, float* e1, float* src2) {
-    std::vector<const float*> a(4 * ng), am(4 * ng), v(4 * ng), vm(4 * ng), g(4 * ng);
+    std::vector<const float*> a(4 * ng), am(4 * ng), v(4 * ng), vm(4 * ng), gm(4 * ng), g(4 * ng);
     for (int k = 0; k < 4 * ng; ++k) {
       const bool in = k < nc;
       a[k] = in ? c1[k].ptr<float>(y) : zeros.data();
       am[k] = in ? m1[k].ptr<float>(y) : zeros.data();
       v[k] = in ? c2[k].ptr<float>(y) : zeros.data();
       vm[k] = in ? m2[k].ptr<float>(y) : zeros.data();
+      gm[k] = in ? mg[k].ptr<float>(y) : zeros.data();
       g[k] = in ? gx[k].ptr<float>(y) : zeros.data();
     }
     // Four columns at a time: a group's four channels are transposed from
@@ -577,7 +577,8 @@ void RefineSubPixel(const std::vector<cv::Mat>& c1, const std::vector<cv::Mat>& 
             const int k = 4 * gk + l;
             pv[l] = cv::v_load(v[k] + x);
             pg[l] = cv::v_load(g[k] + x);
-            cv::v_load_deinterleave(vm[k] + 2 * x, pm[l], pn[l]);
+            pm[l] = cv::v_load(vm[k] + x);
+            pn[l] = cv::v_load(gm[k] + x);
           }
           float* o = src2 + (size_t(x) * ng + gk) * 16;
           const size_t col = size_t(ng) * 16;
@@ -596,9 +597,9 @@ void RefineSubPixel(const std::vector<cv::Mat>& c1, const std::vector<cv::Mat>& 
           for (int lane = 0; lane < 4; ++lane) {
             const int k = gk * 4 + lane;
             o[lane] = v[k][x];
-            o[4 + lane] = vm[k][2 * x];
+            o[4 + lane] = vm[k][x];
             o[8 + lane] = g[k][x];
-            o[12 + lane] = vm[k][2 * x + 1];
+            o[12 + lane] = gm[k][x];
           }
         }
     }
@@ -756,7 +757,16 @@ void RefineSubPixel(const std::vector<cv::Mat>& c1, const std::vector<cv::Mat>& 
       const float* gx = gx1.ptr<float>(y);
       float* o1 = s1.ptr<float>(y);
       float* o2 = s2.ptr<float>(y);
-      for (int x = 0; x < w; ++x) {
+      int x = 0;
+      // Four pixels at a time (products as below, lane by lane).
+      for (; x + 4 <= w; x += 4) {
+        float vs[4];
+        for (int j = 0; j < 4; ++j) vs[j] = Cubic(b, MakeTap(float(x + j) + d[x + j], w2));
+        const cv::v_float32x4 av = cv::v_load(a + x), gv = cv::v_load(gx + x), v = cv::v_load(vs);
+        cv::v_store_interleave(o1 + 3 * x, av, av * av, gv * gv);
+        cv::v_store_interleave(o2 + 3 * x, v, v * v, av * v);
+      }
+      for (; x < w; ++x) {
         const float v = Cubic(b, MakeTap(float(x) + d[x], w2));
         o1[3 * x] = a[x];
         o1[3 * x + 1] = a[x] * a[x];
