@@ -517,15 +517,18 @@ inline float Linear(const float* row, const Tap& p) { return row[p.l0] + p.lt * 
 // best aligns the two windows after removing their local means. Also returns
 // the correlation of the aligned grey windows and the disparity's expected
 // standard deviation (`sigma_d`).
-void RefineSubPixel(const std::vector<cv::Mat>& c1, const std::vector<cv::Mat>& c2, const cv::Mat& g1,
-                    const cv::Mat& g2, cv::Mat* disp, cv::Mat* ncc, cv::Mat* sigma_d) {
+// kGroups: the number of groups of four channels when known at compile time
+// (one: up to four channels, the usual case), 0 for any.
+template <int kGroups>
+void RefineSubPixelT(const std::vector<cv::Mat>& c1, const std::vector<cv::Mat>& c2, const cv::Mat& g1,
+                     const cv::Mat& g2, cv::Mat* disp, cv::Mat* ncc, cv::Mat* sigma_d) {
   using cv::v_float32x4;
   const double sigma = 2.0;  // window: Gaussian, about 9 x 9 pixels
   const int h = disp->rows, w = disp->cols, w2 = g2.cols;
   const int nc = int(std::min(c1.size(), c2.size()));
   // Every colour channel adds its own evidence to the same shift; the
   // channels go four to a vector (groups of four lanes, unused lanes 0).
-  const int ng = (nc + 3) / 4;
+  const int ng = kGroups > 0 ? kGroups : (nc + 3) / 4;
   // Per channel: image 1's local mean, image 2's gradient and the local
   // means of image 2 and of its gradient.
   std::vector<cv::Mat> m1(nc), gx(nc), m2(nc), mg(nc);
@@ -818,6 +821,14 @@ void RefineSubPixel(const std::vector<cv::Mat>& c1, const std::vector<cv::Mat>& 
       sd[x] = std::sqrt(2.f * std::max(noise, kMinNoise) / std::max(info, 1e-6f));
     }
   }
+}
+
+void RefineSubPixel(const std::vector<cv::Mat>& c1, const std::vector<cv::Mat>& c2, const cv::Mat& g1,
+                    const cv::Mat& g2, cv::Mat* disp, cv::Mat* ncc, cv::Mat* sigma_d) {
+  if (std::min(c1.size(), c2.size()) <= 4)
+    RefineSubPixelT<1>(c1, c2, g1, g2, disp, ncc, sigma_d);
+  else
+    RefineSubPixelT<0>(c1, c2, g1, g2, disp, ncc, sigma_d);
 }
 
 bool Flag(const HTuple& names, const HTuple& values, const char* name, bool dflt) {

@@ -280,7 +280,9 @@ TEST(BinocularDisparityMs, RecoversAKnownShiftFieldAndScoresItsReliability) {
 // channel must weigh nothing. A channel that is 0 everywhere adds nothing
 // either, so each pair of images must give the same disparities and scores
 // with and without it (one channel and one group, four channels and a second
-// group); the width leaves the last vector of each row part-filled.
+// group, which also takes the refinement's general path instead of the one
+// for a single group); the width leaves the last vector of each row
+// part-filled.
 TEST(BinocularDisparityMs, EmptyExtraChannelChangesNothing) {
   ShiftScene s;
   const cv::Rect roi(0, 0, 397, 300);
