@@ -112,42 +112,41 @@ void RowCosineTransform::Convolve(cv::Mat& a) const {
   cv::dft(a, a, cv::DFT_ROWS | cv::DFT_INVERSE | cv::DFT_COMPLEX_OUTPUT, a.rows);
 }
 
-// Two real rows travel as one complex row (first + i second): the transform
-// is linear and the spectra of real rows are Hermitian, which separates them.
-void RowCosineTransform::Forward(const cv::Mat& src, cv::Mat& dst) const {
-  CV_Assert(src.type() == CV_32F && src.cols == n_);
-  if (n_ == 1) return src.copyTo(dst);
-  dst.create(src.rows, n_, CV_32F);  // keeps src's own plane when dst is src
-  for (int r0 = 0; r0 < src.rows; r0 += BlockRows()) {
-    const int r1 = std::min(src.rows, r0 + BlockRows());
+namespace {
+
+// Runs `block` over src's rows, a block at a time (`block_rows()` of them:
+// asked only when there is more than one column), into dst. The chirp path
+// has read its rows before it writes any, so its blocks go straight to dst,
+// also when dst is src; the direct path writes through a block of its own.
+template <typename Rows, typename Block>
+void ByBlocks(const cv::Mat& src, cv::Mat& dst, int n, Rows block_rows, bool direct, Block block) {
+  CV_Assert(src.type() == CV_32F && src.cols == n);
+  if (n == 1) return src.copyTo(dst);
+  dst.create(src.rows, n, CV_32F);  // keeps src's own plane when dst is src
+  const int step = block_rows();
+  for (int r0 = 0; r0 < src.rows; r0 += step) {
+    const int r1 = std::min(src.rows, r0 + step);
     cv::Mat out = dst.rowRange(r0, r1);
-    if (direct_) {
-      cv::Mat block;
-      ForwardBlock(src.rowRange(r0, r1), block);
-      block.copyTo(out);
+    if (direct) {
+      cv::Mat tmp;
+      block(src.rowRange(r0, r1), tmp);
+      tmp.copyTo(out);
     } else {
-      // The chirp path has read its rows before it writes any: the block
-      // goes straight to dst, also when dst is src.
-      ForwardBlock(src.rowRange(r0, r1), out);
+      block(src.rowRange(r0, r1), out);
     }
   }
 }
 
+}  // namespace
+
+// Two real rows travel as one complex row (first + i second): the transform
+// is linear and the spectra of real rows are Hermitian, which separates them.
+void RowCosineTransform::Forward(const cv::Mat& src, cv::Mat& dst) const {
+  ByBlocks(src, dst, n_, [this] { return BlockRows(); }, direct_, [this](const cv::Mat& in, cv::Mat& out) { ForwardBlock(in, out); });
+}
+
 void RowCosineTransform::Inverse(const cv::Mat& src, cv::Mat& dst) const {
-  CV_Assert(src.type() == CV_32F && src.cols == n_);
-  if (n_ == 1) return src.copyTo(dst);
-  dst.create(src.rows, n_, CV_32F);
-  for (int r0 = 0; r0 < src.rows; r0 += BlockRows()) {
-    const int r1 = std::min(src.rows, r0 + BlockRows());
-    cv::Mat out = dst.rowRange(r0, r1);
-    if (direct_) {
-      cv::Mat block;
-      InverseBlock(src.rowRange(r0, r1), block);
-      block.copyTo(out);
-    } else {
-      InverseBlock(src.rowRange(r0, r1), out);
-    }
-  }
+  ByBlocks(src, dst, n_, [this] { return BlockRows(); }, direct_, [this](const cv::Mat& in, cv::Mat& out) { InverseBlock(in, out); });
 }
 
 int RowCosineTransform::BlockRows() const {
