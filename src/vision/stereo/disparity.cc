@@ -495,6 +495,56 @@ inline Tap MakeTap(float xs, int w) {
   p.lt = t;
   return p;
 }
+#if CV_SIMD128
+// MakeTap for the four pixels x .. x + 3 of a row of disparities, by the
+// same operations lane by lane (the comparisons in the order that keeps
+// NaN as std::min / std::max do).
+inline void MakeTaps4(const float* d, int x, int w, Tap* out) {
+  using cv::v_float32x4;
+  using cv::v_int32x4;
+  constexpr float A = -0.75f;
+  auto all = [](float v) { return cv::v_setall_f32(v); };
+  const v_float32x4 xs0 = cv::v_cvt_f32(v_int32x4(x, x + 1, x + 2, x + 3)) + cv::v_load(d + x);
+  const v_float32x4 xs = cv::v_min(all(float(w + 1)), cv::v_max(all(-2.f), xs0));
+  const v_int32x4 x0 = cv::v_trunc(xs + all(4.f)) - cv::v_setall_s32(4);
+  const v_float32x4 t = xs - cv::v_cvt_f32(x0);
+  const v_float32x4 t1 = t + all(1.f), u = all(1.f) - t;
+  v_float32x4 c[4];
+  c[0] = ((all(A) * t1 - all(5 * A)) * t1 + all(8 * A)) * t1 - all(4 * A);
+  c[1] = (all(A + 2) * t - all(A + 3)) * t * t + all(1.f);
+  c[2] = (all(A + 2) * u - all(A + 3)) * u * u + all(1.f);
+  c[3] = all(1.f) - c[0] - c[1] - c[2];
+  v_int32x4 i[4];
+  const v_int32x4 zero = cv::v_setzero_s32(), last = cv::v_setall_s32(w - 1);
+  for (int j = 0; j < 4; ++j) i[j] = cv::v_min(cv::v_max(x0 + cv::v_setall_s32(j - 1), zero), last);
+  v_float32x4 ct[4];
+  v_int32x4 it[4];
+  cv::v_transpose4x4(c[0], c[1], c[2], c[3], ct[0], ct[1], ct[2], ct[3]);
+  cv::v_transpose4x4(i[0], i[1], i[2], i[3], it[0], it[1], it[2], it[3]);
+  float ts[4];
+  cv::v_store(ts, t);
+  for (int j = 0; j < 4; ++j) {
+    Tap& p = out[j];
+    cv::v_store(p.c, ct[j]);
+    cv::v_store(p.i, it[j]);
+    p.l0 = p.i[1];
+    p.l1 = p.i[2];
+    p.lt = ts[j];
+  }
+}
+#endif
+// The taps of pixels from .. to - 1 of a row of disparities d into a row
+// of w2 columns, out[0] for pixel from.
+inline void MakeTaps(const float* d, int from, int to, int w2, Tap* out, bool vector = true) {
+  int x = from;
+#if CV_SIMD128
+  if (vector)
+    for (; x + 4 <= to; x += 4) MakeTaps4(d, x, w2, out + (x - from));
+#else
+  (void)vector;
+#endif
+  for (; x < to; ++x) out[x - from] = MakeTap(float(x) + d[x], w2);
+}
 inline float Cubic(const float* row, const Tap& p) {
   return p.c[0] * row[p.i[0]] + p.c[1] * row[p.i[1]] + p.c[2] * row[p.i[2]] + p.c[3] * row[p.i[3]];
 }
@@ -646,14 +696,16 @@ void RefineSubPixelT(const std::vector<cv::Mat>& c1, const std::vector<cv::Mat>&
     if (last) {
       cv::parallel_for_(cv::Range(0, h), [&](const cv::Range& rg) {
         std::vector<float> ps(size_t(w2) * 16 * ng);
+        std::vector<Tap> taps(w);
         const float* row = ps.data();
         for (int y = rg.start; y < rg.end; ++y) {
           fill_row(y, nullptr, ps.data());
           const float* d = disp->ptr<float>(y);
           float* ov = wv.ptr<float>(y);
           float* od = wd.ptr<float>(y);
+          MakeTaps(d, 0, w, w2, taps.data());
           for (int x = 0; x < w; ++x) {
-            const Tap p = MakeTap(float(x) + d[x], w2);
+            const Tap& p = taps[x];
             const v_float32x4 t = cv::v_setall_f32(p.lt);
             for (int gk = 0; gk < ng; ++gk) {
               const float *a1, *a2;
@@ -684,6 +736,7 @@ void RefineSubPixelT(const std::vector<cv::Mat>& c1, const std::vector<cv::Mat>&
     }
     cv::parallel_for_(cv::Range(0, h), [&](const cv::Range& rg) {
       std::vector<float> pev(size_t(w) * 4 * ng), psv(size_t(w2) * 16 * ng);
+      std::vector<Tap> taps(last ? 0 : w);
       const float* row = psv.data();
       const float* pe = pev.data();
       for (int y = rg.start; y < rg.end; ++y) {
@@ -696,6 +749,7 @@ void RefineSubPixelT(const std::vector<cv::Mat>& c1, const std::vector<cv::Mat>&
         const float* pbd = last ? bwd.ptr<float>(y) : nullptr;
         float tmp[4][4];
         float* o = nd.ptr<float>(y);
+        if (!last) MakeTaps(d, 0, w, w2, taps.data());
         for (int x = 0; x < w; ++x) {
           v_float32x4 num = cv::v_setzero_f32(), den = cv::v_setzero_f32();
           const v_float32x4 dv = cv::v_setall_f32(d[x] - md[x]);  // the field's detail
@@ -714,7 +768,7 @@ void RefineSubPixelT(const std::vector<cv::Mat>& c1, const std::vector<cv::Mat>&
               den += g * g;
             }
           } else {
-            const Tap p = MakeTap(float(x) + d[x], w2);
+            const Tap& p = taps[x];
             const v_float32x4 t = cv::v_setall_f32(p.lt);
             for (int gk = 0; gk < ng; ++gk) {
               const float *a1, *a2;
@@ -764,7 +818,9 @@ void RefineSubPixelT(const std::vector<cv::Mat>& c1, const std::vector<cv::Mat>&
       // Four pixels at a time (products as below, lane by lane).
       for (; x + 4 <= w; x += 4) {
         float vs[4];
-        for (int j = 0; j < 4; ++j) vs[j] = Cubic(b, MakeTap(float(x + j) + d[x + j], w2));
+        Tap p[4];
+        MakeTaps(d, x, x + 4, w2, p);
+        for (int j = 0; j < 4; ++j) vs[j] = Cubic(b, p[j]);
         const cv::v_float32x4 av = cv::v_load(a + x), gv = cv::v_load(gx + x), v = cv::v_load(vs);
         cv::v_store_interleave(o1 + 3 * x, av, av * av, gv * gv);
         cv::v_store_interleave(o2 + 3 * x, v, v * v, av * v);
@@ -860,6 +916,20 @@ std::vector<uint16_t> AggregateCosts(const std::vector<uint8_t>& cost, const std
   std::vector<uint16_t> out(size_t(w) * h * k);
   for (size_t p = 0; p < size_t(w) * h; ++p)
     std::copy(&s.sum[p * s.stride], &s.sum[p * s.stride] + k, &out[p * k]);
+  return out;
+}
+
+std::vector<int32_t> ResamplingTaps(const std::vector<float>& d, int w2, bool vector) {
+  std::vector<Tap> taps(d.size());
+  MakeTaps(d.data(), 0, int(d.size()), w2, taps.data(), vector);
+  std::vector<int32_t> out;
+  for (const Tap& p : taps) {
+    out.insert(out.end(), p.i, p.i + 4);
+    for (float c : p.c) out.push_back(std::bit_cast<int32_t>(c));
+    out.push_back(p.l0);
+    out.push_back(p.l1);
+    out.push_back(std::bit_cast<int32_t>(p.lt));
+  }
   return out;
 }
 

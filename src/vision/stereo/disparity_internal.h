@@ -17,4 +17,11 @@ bool VectorAggregation(int k, int p2);
 std::vector<uint16_t> AggregateCosts(const std::vector<uint8_t>& cost, const std::vector<int>& base, int w,
                                      int h, int k, int p1, int p2, bool vector);
 
+// The sub-pixel refinement's resampling taps of pixels 0 .. d.size() - 1 at
+// x + d[x] in a row of w2 columns, four pixels at a time where `vector`
+// allows, else one at a time: per pixel the four source columns, the bit
+// patterns of the four cubic weights, the two linear columns and the bit
+// pattern of the linear weight (11 values).
+std::vector<int32_t> ResamplingTaps(const std::vector<float>& d, int w2, bool vector);
+
 }  // namespace vision::disparity_internal

@@ -1,4 +1,5 @@
 #include <cmath>
+#include <limits>
 #include <random>
 
 #include <gtest/gtest.h>
@@ -395,6 +396,46 @@ TEST(BinocularDisparityMs, VectorAggregationEqualsScalar) {
   }
   EXPECT_FALSE(disparity_internal::VectorAggregation(9, 33));
   EXPECT_FALSE(disparity_internal::VectorAggregation(7, 5000));
+}
+
+// The refinement's resampling taps four pixels at a time against one at a
+// time, bit for bit: fields that leave the row on either side, land on
+// whole columns or just short of them, and values that are not numbers.
+TEST(BinocularDisparityMs, VectorResamplingTapsEqualScalar) {
+  const float inf = std::numeric_limits<float>::infinity(), nan = std::numeric_limits<float>::quiet_NaN();
+  struct Case {
+    int w, w2;
+    float lo, hi;                 // random disparities in [lo, hi]
+    std::vector<float> specials;  // placed at the first pixels
+  };
+  const Case cases[] = {
+      {640, 640, -130.f, 130.f, {}},
+      {37, 37, -40.f, 40.f, {-0.f, 0.f, 1.f, -1.f, 0.99999994f, -0.99999994f, 35.f, 36.5f}},
+      {23, 9, -30.f, 30.f, {nan, inf, -inf, 1e30f, -1e30f, -2.f, -3.f, 8.f}},
+      {13, 1, -5.f, 5.f, {-2.0000002f, -1.9999999f, 2.f, 0.5f, nan}},
+      {9, 640, -1e9f, 1e9f, {}},
+  };
+  std::mt19937 rng(11);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << "w " << c.w << " w2 " << c.w2);
+    std::uniform_real_distribution<float> dist(c.lo, c.hi);
+    std::vector<float> d(size_t(c.w));
+    for (float& v : d) v = dist(rng);
+    // Every third pixel on a whole column.
+    for (size_t i = 0; i < d.size(); i += 3) d[i] = std::round(d[i]);
+    for (size_t i = 0; i < c.specials.size() && i < d.size(); ++i) d[i] = c.specials[i] - float(i);
+    const auto scalar = disparity_internal::ResamplingTaps(d, c.w2, false);
+    const auto vector = disparity_internal::ResamplingTaps(d, c.w2, true);
+    ASSERT_EQ(scalar.size(), d.size() * 11);
+    ASSERT_EQ(vector.size(), scalar.size());
+    for (size_t i = 0; i < scalar.size(); ++i) {
+      ASSERT_EQ(scalar[i], vector[i]) << "pixel " << i / 11 << " value " << i % 11;
+      if (i % 11 < 4) {
+        EXPECT_GE(scalar[i], 0);
+        EXPECT_LT(scalar[i], c.w2);
+      }
+    }
+  }
 }
 
 TEST(StereoModel, ParametersRoundTripAndBadValuesAreRefused) {
