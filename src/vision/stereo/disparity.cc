@@ -887,6 +887,13 @@ void RefineSubPixel(const std::vector<cv::Mat>& c1, const std::vector<cv::Mat>& 
     RefineSubPixelT<0>(c1, c2, g1, g2, disp, ncc, sigma_d);
 }
 
+// std::lround of a value in [0, 2^23] without the library call: the whole
+// part, plus one where the remainder (exact there) is at least a half.
+inline int RoundNonNegative(float v) {
+  const int i = int(v);
+  return i + int(v - float(i) >= 0.5f);
+}
+
 bool Flag(const HTuple& names, const HTuple& values, const char* name, bool dflt) {
   for (Hlong i = 0; i < names.Length(); ++i)
     if (ParamString(names, kOp, "GenParamName", i) == name) return ParamBool(values, kOp, "GenParamValue", i);
@@ -918,6 +925,8 @@ std::vector<uint16_t> AggregateCosts(const std::vector<uint8_t>& cost, const std
     std::copy(&s.sum[p * s.stride], &s.sum[p * s.stride] + k, &out[p * k]);
   return out;
 }
+
+int NearestColumn(float x) { return RoundNonNegative(x); }
 
 std::vector<int32_t> ResamplingTaps(const std::vector<float>& d, int w2, bool vector) {
   std::vector<Tap> taps(d.size());
@@ -1044,7 +1053,7 @@ void binocular_disparity_ms(const HObject& image_rect1, const HObject& image_rec
       if (!m1[x] || !(d[x] >= dmin && d[x] <= dmax)) continue;
       const float x2f = x + d[x];
       if (!(x2f >= 0 && x2f <= w2 - 1)) continue;
-      const int x2 = int(std::lround(x2f));
+      const int x2 = RoundNonNegative(x2f);
       if (!m2[x2]) continue;
       if (check) {
         if (std::abs(d[x] - dc[x]) > 1.0f) continue;

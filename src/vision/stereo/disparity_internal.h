@@ -24,4 +24,8 @@ std::vector<uint16_t> AggregateCosts(const std::vector<uint8_t>& cost, const std
 // pattern of the linear weight (11 values).
 std::vector<int32_t> ResamplingTaps(const std::vector<float>& d, int w2, bool vector);
 
+// The column of image 2 nearest to x (0 <= x <= 2^23) for the consistency
+// check, halves rounded up as std::lround does.
+int NearestColumn(float x);
+
 }  // namespace vision::disparity_internal

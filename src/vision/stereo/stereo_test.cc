@@ -438,6 +438,20 @@ TEST(BinocularDisparityMs, VectorResamplingTapsEqualScalar) {
   }
 }
 
+// The consistency check's nearest column against std::lround: halves,
+// the floats either side of them and of whole columns, and random values.
+TEST(BinocularDisparityMs, NearestColumnRoundsAsLround) {
+  std::vector<float> xs = {0.f, 0.5f, 1.5f, 2.5f, 639.f, 638.5f, 1e6f + 0.5f, 8388608.f, 8388607.5f};
+  for (float h : {0.5f, 1.f, 1.5f, 2.f, 2.5f, 100.5f, 639.f, 638.5f, 4194303.5f}) {
+    xs.push_back(std::nextafter(h, 0.f));
+    xs.push_back(std::nextafter(h, 1e9f));
+  }
+  std::mt19937 rng(5);
+  std::uniform_real_distribution<float> dist(0.f, 700.f);
+  for (int i = 0; i < 10000; ++i) xs.push_back(dist(rng));
+  for (float x : xs) ASSERT_EQ(disparity_internal::NearestColumn(x), int(std::lround(x))) << x;
+}
+
 TEST(StereoModel, ParametersRoundTripAndBadValuesAreRefused) {
   HTuple setup, model;
   create_camera_setup_model(4, &setup);
