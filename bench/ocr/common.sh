@@ -21,3 +21,11 @@ render_plan() {
       2>/dev/null || true
   done <"$1"
 }
+
+# bench_workdir BUILD NAME: a scratch folder in $work, removed on exit, and
+# the build's classifier files unless VELMORA_VISION_DIR names others.
+bench_workdir() {
+  work=$(mktemp -d "/tmp/ocr-$2-XXXXXX")
+  trap 'rm -rf "$work"' EXIT
+  export VELMORA_VISION_DIR=${VELMORA_VISION_DIR:-$(cd "$1" && pwd)/share/velmora/vision}
+}

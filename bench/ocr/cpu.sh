@@ -14,9 +14,7 @@ source "$(dirname "$0")/common.sh"
 build=${1:-build}
 n=${2:-100}
 repeat=${3:-5}
-work=$(mktemp -d /tmp/ocr-cpu-XXXXXX)
-trap 'rm -rf "$work"' EXIT
-export VELMORA_VISION_DIR=${VELMORA_VISION_DIR:-$(cd "$build" && pwd)/share/velmora/vision}
+bench_workdir "$build" cpu
 "$build/bench/bench_ocr_independent" plan --markings "$n" >"$work/plan.tsv"
 render_plan "$work/plan.tsv" "$work"
 "$build/bench/bench_ocr_independent" read --dir "$work" >/dev/null 2>&1

@@ -18,9 +18,7 @@ n=${2:-100}
 # A third argument plans other markings (same faces and kinds, other strings,
 # sizes and degradations): tune on those, publish with the default.
 seed=${3:-424242}
-work=$(mktemp -d /tmp/ocr-independent-XXXXXX)
-trap 'rm -rf "$work"' EXIT
-export VELMORA_VISION_DIR=${VELMORA_VISION_DIR:-$(cd "$build" && pwd)/share/velmora/vision}
+bench_workdir "$build" independent
 "$build/bench/bench_ocr_independent" plan --markings "$n" --seed "$seed" >"$work/plan.tsv"
 render_plan "$work/plan.tsv" "$work"
 echo "bench_ocr_independent: $n markings per family and grade, Pango $(pango-view --version | awk '{print $NF}')"

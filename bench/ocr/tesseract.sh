@@ -18,17 +18,12 @@ build=${1:-build}
 n=${2:-200}
 
 if ! command -v tesseract >/dev/null; then
-  SUDO=""
-  [ "$(id -u)" -eq 0 ] || SUDO="sudo"
-  echo "tesseract.sh: installing tesseract-ocr"
-  flock /tmp/apt.lock $SUDO env DEBIAN_FRONTEND=noninteractive \
-    apt-get install -y --no-install-recommends tesseract-ocr tesseract-ocr-eng >/dev/null
+  echo "tesseract.sh: tesseract not found; run scripts/setup.sh" >&2
+  exit 1
 fi
 tesseract --version 2>&1 | head -1
 
-work=$(mktemp -d /tmp/ocr-tesseract-XXXXXX)
-trap 'rm -rf "$work"' EXIT
-export VELMORA_VISION_DIR=${VELMORA_VISION_DIR:-$(cd "$build" && pwd)/share/velmora/vision}
+bench_workdir "$build" tesseract
 "$build/bench/bench_ocr_accuracy" --markings "$n" --dump "$work" >"$work/ours.txt"
 cat "$work/ours.txt"
 
