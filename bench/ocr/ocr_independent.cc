@@ -79,41 +79,37 @@ std::vector<std::vector<size_t>> EditTable(const std::string& truth, const std::
   return d;
 }
 
-// Which characters of `got` an alignment with `truth` (least edits) keeps as
-// they are: the others are substituted or inserted.
-std::vector<bool> AlignedRight(const std::string& truth, const std::string& got) {
-  const size_t n = truth.size(), m = got.size();
+// The index pairs (in truth, in got) a least-edit alignment sets against
+// each other, kept or substituted, last first.
+std::vector<std::pair<size_t, size_t>> AlignedPairs(const std::string& truth, const std::string& got) {
   const std::vector<std::vector<size_t>> d = EditTable(truth, got);
-  std::vector<bool> right(m, false);
-  for (size_t i = n, j = m; j > 0;) {
-    if (i > 0 && d[i][j] == d[i - 1][j - 1] + (truth[i - 1] != got[j - 1])) {
-      right[j - 1] = truth[i - 1] == got[j - 1];
-      --i, --j;
-    } else if (i > 0 && d[i][j] == d[i - 1][j] + 1) {
+  std::vector<std::pair<size_t, size_t>> pairs;
+  for (size_t i = truth.size(), j = got.size(); i > 0 && j > 0;) {
+    if (d[i][j] == d[i - 1][j - 1] + (truth[i - 1] != got[j - 1])) {
+      pairs.push_back({--i, --j});
+    } else if (d[i][j] == d[i - 1][j] + 1) {
       --i;
     } else {
       --j;
     }
   }
+  return pairs;
+}
+
+// Which characters of `got` an alignment with `truth` (least edits) keeps as
+// they are: the others are substituted or inserted.
+std::vector<bool> AlignedRight(const std::string& truth, const std::string& got) {
+  std::vector<bool> right(got.size(), false);
+  for (const auto& [i, j] : AlignedPairs(truth, got)) right[j] = truth[i] == got[j];
   return right;
 }
 
 // The substitutions (truth character, character read) of a least-edit
 // alignment.
 std::vector<std::pair<char, char>> Substitutions(const std::string& truth, const std::string& got) {
-  const size_t n = truth.size(), m = got.size();
-  const std::vector<std::vector<size_t>> d = EditTable(truth, got);
   std::vector<std::pair<char, char>> subs;
-  for (size_t i = n, j = m; i > 0 || j > 0;) {
-    if (i > 0 && j > 0 && d[i][j] == d[i - 1][j - 1] + (truth[i - 1] != got[j - 1])) {
-      if (truth[i - 1] != got[j - 1]) subs.push_back({truth[i - 1], got[j - 1]});
-      --i, --j;
-    } else if (i > 0 && d[i][j] == d[i - 1][j] + 1) {
-      --i;
-    } else {
-      --j;
-    }
-  }
+  for (const auto& [i, j] : AlignedPairs(truth, got))
+    if (truth[i] != got[j]) subs.push_back({truth[i], got[j]});
   return subs;
 }
 
