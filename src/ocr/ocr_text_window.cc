@@ -97,6 +97,8 @@ bool FindTextLine(const cv::Mat& gray, cv::Rect* line) {
 
 namespace {
 
+// The line's box grown by `margin` times its height on each side (at least 4
+// pixels), clipped to the image.
 cv::Rect GrowLine(const cv::Rect& line, double margin, cv::Size image) {
   const int m = std::max(4, int(line.height * margin));
   return cv::Rect(line.x - m, line.y - m, line.width + 2 * m, line.height + 2 * m) &
@@ -104,14 +106,6 @@ cv::Rect GrowLine(const cv::Rect& line, double margin, cv::Size image) {
 }
 
 }  // namespace
-
-bool FindTextWindow(const cv::Mat& gray, cv::Rect* window, int* line_height, double margin) {
-  cv::Rect line;
-  if (!FindTextLine(gray, &line)) return false;
-  if (line_height) *line_height = line.height;
-  *window = GrowLine(line, margin, gray.size());
-  return window->width > 0 && window->height > 0;
-}
 
 std::vector<TextWindowReading> TextWindowReadingsFor(const std::string& family) {
   // Measured on markings of the independent benchmark's generator with a

@@ -20,12 +20,6 @@ namespace velmora {
 // whole image).
 bool FindTextLine(const cv::Mat& gray, cv::Rect* line);
 
-// The window around that line: its box grown by `margin` times its height on
-// each side (at least 4 pixels), clipped to the image; `line_height`, when
-// given, receives the line's height.
-bool FindTextWindow(const cv::Mat& gray, cv::Rect* window, int* line_height = nullptr,
-                    double margin = 0.5);
-
 // One way of reading the window: the ground kept on each side of the line
 // and the enlargement of low lines. Lines lower than 56 pixels are enlarged
 // to that height (at most 4 times), so that the stroke-width opening and the
