@@ -27,9 +27,8 @@ inline int HostileConnection(const std::string& socket_path, uint32_t announced,
   }
   uint8_t header[16] = {'V', 'M', 'P', 'Q', 'a', 't', 'a', 'd', 1, 0, 0, 0};
   std::memcpy(header + 12, &announced, 4);  // little-endian host
-  std::vector<uint8_t> data(sent, 0x5A);
-  std::vector<uint8_t> all(header, header + sizeof header);
-  all.insert(all.end(), data.begin(), data.end());
+  std::vector<uint8_t> all(sizeof header + sent, 0x5A);
+  std::memcpy(all.data(), header, sizeof header);
   size_t off = 0;
   while (off < all.size()) {
     const ssize_t w = ::send(fd, all.data() + off, all.size() - off, MSG_NOSIGNAL);
