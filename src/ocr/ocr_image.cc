@@ -219,6 +219,10 @@ std::vector<OcrTextRecord> RecognizeText(HObject image, double width, double hei
         }
         done = true;
       }
+      // A format string says what each place holds; without one, dot print's
+      // look-alikes are read as their neighbours are.
+      if (settings.format.empty() && ReadsLookAlikesByNeighbours(settings.font_name.value_or("")))
+        for (OcrTextRecord& r : records) ReadLookAlikesByNeighbours(&r.text, &r.candidates);
     }
     if (!done) read(std::move(image), width, height, TextWindowCut(), &records);
     for (auto& c : classifiers) vision::clear_ocr_class_mlp(c);

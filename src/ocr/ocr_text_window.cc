@@ -157,4 +157,92 @@ bool CutTextWindow(vision::HObject* image, double width, double height, const cv
   return true;
 }
 
+namespace {
+
+// The character of the other kind that looks like `c`, or 0.
+char LookAlike(char c) {
+  static constexpr const char* kPairs = "O0I1Z2S5G6B8";
+  for (const char* p = kPairs; *p; p += 2) {
+    if (c == p[0]) return p[1];
+    if (c == p[1]) return p[0];
+  }
+  return 0;
+}
+
+bool IsDigitChar(char c) { return c >= '0' && c <= '9'; }
+bool IsLetterChar(char c) { return c >= 'A' && c <= 'Z'; }
+bool IsAlnumChar(char c) { return IsDigitChar(c) || IsLetterChar(c); }
+
+}  // namespace
+
+void ReadLookAlikesByNeighbours(std::string* text, std::vector<std::vector<Candidate>>* candidates) {
+  std::string& t = *text;
+  const size_t n = t.size();
+  if (candidates->size() != n) return;
+  // What a character tells of its place: 'D' a digit (the classifiers
+  // rather take a digit for a letter than the other way round, so every
+  // digit counts), 'L' a letter that looks like no digit, 0 nothing (a
+  // look-alike letter, a special, a rejected piece).
+  auto kind = [&](size_t k) -> char {
+    if (IsDigitChar(t[k])) return 'D';
+    return IsLetterChar(t[k]) && !LookAlike(t[k]) ? 'L' : 0;
+  };
+  // The kind all telling characters of [from, to) share, or 0 (none, or
+  // both kinds).
+  auto shared = [&](size_t from, size_t to) {
+    char s = 0;
+    for (size_t k = from; k < to; ++k) {
+      const char c = kind(k);
+      if (!c) continue;
+      if (s && s != c) return char(0);
+      s = c;
+    }
+    return s;
+  };
+  auto change = [&](size_t i, char to) {
+    t[i] = to;
+    auto& list = (*candidates)[i];
+    auto it = std::find_if(list.begin(), list.end(),
+                           [&](const Candidate& c) { return c.klass == std::string(1, to); });
+    if (it != list.end()) std::iter_swap(list.begin(), it);
+    else if (!list.empty()) list.front().klass = std::string(1, to);
+  };
+  for (size_t i = 0; i < n; ++i) {
+    const char twin = LookAlike(t[i]);
+    if (!twin) continue;
+    // The run of letters and digits that holds i (specials part runs).
+    size_t b = i, e = i + 1;
+    while (b > 0 && IsAlnumChar(t[b - 1])) --b;
+    while (e < n && IsAlnumChar(t[e])) ++e;
+    if (IsDigitChar(t[i])) {
+      // Only a zero becomes a letter, and only between two letters that
+      // look like no digit.
+      if (t[i] == '0' && i > b && i + 1 < e && kind(i - 1) == 'L' && kind(i + 1) == 'L')
+        change(i, twin);
+      continue;
+    }
+    // A look-alike letter: the nearest telling characters on either side in
+    // its run decide when they agree; at the run's end (or with nothing
+    // telling on one side) the run decides when all it tells is one kind;
+    // a run that tells nothing goes with the line when the line tells one
+    // kind at least twice.
+    char left = 0, right = 0;
+    for (size_t k = i; k > b && !left;) left = kind(--k);
+    for (size_t k = i + 1; k < e && !right; ++k) right = kind(k);
+    char want = 0;
+    if (left && right) {
+      want = left == right ? left : 0;
+    } else if (left || right) {
+      want = shared(b, e);
+    } else {
+      size_t telling = 0;
+      for (size_t k = 0; k < n; ++k) telling += kind(k) != 0;
+      if (telling >= 2) want = shared(0, n);
+    }
+    if (want == 'D') change(i, twin);
+  }
+}
+
+bool ReadsLookAlikesByNeighbours(const std::string& family) { return family == "DotPrint"; }
+
 }  // namespace velmora

@@ -11,6 +11,7 @@
 #include <opencv2/core.hpp>
 
 #include "imaging/halcon_utility.h"
+#include "ocr/ocr_format.h"
 #include "vision/core/object.h"
 
 namespace velmora {
@@ -54,5 +55,20 @@ struct TextWindowCut {
 // image unchanged, when the window is empty or does not fit the nominal size.
 bool CutTextWindow(vision::HObject* image, double width, double height, const cv::Rect& line,
                    const TextWindowReading& how, TextWindowCut* cut);
+
+// Reads the characters that look like a character of the other kind (O and
+// 0, I and 1, Z and 2, S and 5, G and 6, B and 8) as their neighbours are:
+// between two digits a digit, between two letters a letter. Runs of letters
+// and digits (specials part them) are read as a whole: at a run's end the
+// one neighbour decides when the rest of the run is of one kind, and a run
+// of look-alikes only goes with the line when every other letter or digit
+// of it is of one kind. `candidates` holds one list per character of
+// `text` (best first); a changed character's first candidate changes with
+// it (its confidence kept). Nothing changes when the sizes differ.
+void ReadLookAlikesByNeighbours(std::string* text, std::vector<std::vector<Candidate>>* candidates);
+
+// Whether the text window of `family` reads look-alikes by their neighbours
+// (dot print, whose small cells draw O and 0 alike).
+bool ReadsLookAlikesByNeighbours(const std::string& family);
 
 }  // namespace velmora
