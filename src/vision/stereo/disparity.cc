@@ -274,7 +274,7 @@ void AggregateScalar(Search* s, int p1, int p2) {
 // The same recursion with a pixel's (at most eight) disparities in the
 // lanes of one vector of 16-bit path costs. Lanes past K hold kInf16, which
 // no step can pick; sums saturate.
-constexpr int16_t kInf16 = 16000;
+constexpr int16_t kInf16 = disparity_internal::kPathInf;
 // Penalties up to this keep every path cost far below kInf16.
 constexpr int kMaxVecPenalty = 2000;
 
@@ -402,7 +402,12 @@ bool VecAggregation(int k, int p2) {
 #endif
 }
 
-void Aggregate(Search* s, int p1, int p2) {
+void Aggregate(Search* s, int p1, int p2, bool wide = true) {
+  if (s->stride == 8 && VecAggregation(s->k, p2) && wide && disparity_internal::WideAggregation()) {
+    s->sum.resize(size_t(s->w) * s->h * 8);
+    return disparity_internal::AggregateWide(s->cost.data(), s->base.data(), s->sum.data(), s->w, s->h, s->k, p1,
+                                             p2);
+  }
 #if CV_SIMD128
   if (s->stride == 8 && VecAggregation(s->k, p2)) return AggregateVec(s, p1, p2);
 #endif
@@ -419,9 +424,15 @@ void Winner(const Search& s, cv::Mat* disp, cv::Mat* best) {
   // above any real one, so the first lowest lane is the first lowest of K.
   const bool lanes = s.stride == 8;
 #endif
+  const bool minpos = s.stride == 8 && disparity_internal::MinPosWinner();
   for (int y = 0; y < s.h; ++y) {
     float* d = disp->ptr<float>(y);
     int* bb = best->ptr<int>(y);
+    if (minpos) {
+      const size_t row = size_t(y) * s.w;
+      disparity_internal::WinnerRowMinPos(&s.sum[row * 8], &s.base[row], s.w, s.k, d, bb);
+      continue;
+    }
     for (int x = 0; x < s.w; ++x) {
       const size_t pix = size_t(y) * s.w + x;
       const uint16_t* v = &s.sum[pix * s.stride];
@@ -909,17 +920,17 @@ namespace disparity_internal {
 bool VectorAggregation(int k, int p2) { return VecAggregation(k, p2); }
 
 std::vector<uint16_t> AggregateCosts(const std::vector<uint8_t>& cost, const std::vector<int>& base, int w,
-                                     int h, int k, int p1, int p2, bool vector) {
+                                     int h, int k, int p1, int p2, AggregationPath path) {
   Search s;
   s.w = w;
   s.h = h;
   s.k = k;
-  s.stride = vector && VecAggregation(k, p2) ? 8 : k;
+  s.stride = path != AggregationPath::kScalar && VecAggregation(k, p2) ? 8 : k;
   s.base = base;
   s.cost.assign(size_t(w) * h * s.stride, kOutsideCost);
   for (size_t p = 0; p < size_t(w) * h; ++p)
     std::copy(&cost[p * k], &cost[p * k] + k, &s.cost[p * s.stride]);
-  Aggregate(&s, p1, p2);
+  Aggregate(&s, p1, p2, path == AggregationPath::kWide);
   std::vector<uint16_t> out(size_t(w) * h * k);
   for (size_t p = 0; p < size_t(w) * h; ++p)
     std::copy(&s.sum[p * s.stride], &s.sum[p * s.stride] + k, &out[p * k]);

@@ -9,13 +9,32 @@ namespace vision::disparity_internal {
 // pixel with a jump penalty of P2 (else the scalar path runs).
 bool VectorAggregation(int k, int p2);
 
+// Path costs no step can pick (the vector paths' lanes past K).
+constexpr int16_t kPathInf = 16000;
+
+// Whether the processor runs the vector path two pixels a vector
+// (AggregateWide), and the winner selection by its minimum-position
+// instruction (WinnerRowMinPos).
+bool WideAggregation();
+bool MinPosWinner();
+
+// The vector path two pixels a vector: `cost` and `sum` hold eight lanes a
+// pixel (lanes past K: costs as any, sums written as kPathInf's).
+void AggregateWide(const uint8_t* cost, const int* base, uint16_t* sum, int w, int h, int k, int p1, int p2);
+
+// The winner of n pixels' eight sums (lanes past K above any real sum) with
+// the parabola through its neighbours, as the generic path finds it.
+void WinnerRowMinPos(const uint16_t* sum, const int* base, int n, int k, float* d, int* best);
+
+enum class AggregationPath { kScalar, kVector, kWide };
+
 // The scanline aggregation on its own: `cost` holds K costs for each pixel
 // of a w x h image (row by row), `base` each pixel's first disparity. The
 // result holds the K path costs of every pixel summed over the four
-// scanlines, through the vector path if `vector` and VectorAggregation
-// allow it, else through the scalar path.
+// scanlines, through the given path where VectorAggregation (and for kWide
+// WideAggregation) allows it, else through the scalar path.
 std::vector<uint16_t> AggregateCosts(const std::vector<uint8_t>& cost, const std::vector<int>& base, int w,
-                                     int h, int k, int p1, int p2, bool vector);
+                                     int h, int k, int p1, int p2, AggregationPath path);
 
 // The sub-pixel refinement's resampling taps of pixels 0 .. d.size() - 1 at
 // x + d[x] in a row of w2 columns, four pixels at a time where `vector`

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <random>
@@ -387,15 +388,52 @@ TEST(BinocularDisparityMs, VectorAggregationEqualsScalar) {
         const int from = x > 0 ? base[size_t(y) * c.w + x - 1] : y > 0 ? base[size_t(y - 1) * c.w] : 0;
         base[size_t(y) * c.w + x] = from + jump(rng);
       }
-    const auto scalar = disparity_internal::AggregateCosts(cost, base, c.w, c.h, c.k, c.p1, c.p2, false);
-    const auto vector = disparity_internal::AggregateCosts(cost, base, c.w, c.h, c.k, c.p1, c.p2, true);
-    ASSERT_EQ(scalar.size(), vector.size());
-    size_t differ = 0;
-    for (size_t i = 0; i < scalar.size(); ++i) differ += scalar[i] != vector[i];
-    EXPECT_EQ(differ, 0u);
+    using disparity_internal::AggregationPath;
+    const auto scalar =
+        disparity_internal::AggregateCosts(cost, base, c.w, c.h, c.k, c.p1, c.p2, AggregationPath::kScalar);
+    // The 128-bit path, and the 256-bit one where the processor has it.
+    for (AggregationPath path : {AggregationPath::kVector, AggregationPath::kWide}) {
+      if (path == AggregationPath::kWide && !disparity_internal::WideAggregation()) continue;
+      const auto vector = disparity_internal::AggregateCosts(cost, base, c.w, c.h, c.k, c.p1, c.p2, path);
+      ASSERT_EQ(scalar.size(), vector.size());
+      size_t differ = 0;
+      for (size_t i = 0; i < scalar.size(); ++i) differ += scalar[i] != vector[i];
+      EXPECT_EQ(differ, 0u) << "path " << int(path);
+    }
   }
   EXPECT_FALSE(disparity_internal::VectorAggregation(9, 33));
   EXPECT_FALSE(disparity_internal::VectorAggregation(7, 5000));
+}
+
+// The winner by the minimum-position instruction against the first lowest
+// of K sums and the parabola through its neighbours, with ties, winners at
+// either end of the range and flat or downward parabolas.
+TEST(BinocularDisparityMs, MinPosWinnerEqualsFirstLowest) {
+  if (!disparity_internal::MinPosWinner()) GTEST_SKIP() << "no minimum-position instruction";
+  std::mt19937 rng(11);
+  for (int k : {1, 2, 3, 7, 8}) {
+    SCOPED_TRACE(testing::Message() << "k " << k);
+    const int n = 501;
+    std::vector<uint16_t> sum(size_t(n) * 8);
+    std::vector<int> base(n);
+    for (int x = 0; x < n; ++x) {
+      // Few distinct values, so that ties are common.
+      for (int i = 0; i < 8; ++i) sum[size_t(x) * 8 + i] = i < k ? uint16_t(100 + rng() % 6) : 64000;
+      base[x] = int(rng() % 241) - 120;
+    }
+    std::vector<float> d(n);
+    std::vector<int> best(n);
+    disparity_internal::WinnerRowMinPos(sum.data(), base.data(), n, k, d.data(), best.data());
+    for (int x = 0; x < n; ++x) {
+      const uint16_t* v = &sum[size_t(x) * 8];
+      const int i = int(std::min_element(v, v + k) - v);
+      float sub = 0;
+      if (i > 0 && i < k - 1 && v[i - 1] - 2 * v[i] + v[i + 1] > 0)
+        sub = 0.5f * float(v[i - 1] - v[i + 1]) / float(v[i - 1] - 2 * v[i] + v[i + 1]);
+      ASSERT_EQ(best[x], v[i]) << x;
+      ASSERT_EQ(d[x], float(base[x] + i) + sub) << x;
+    }
+  }
 }
 
 // The refinement's resampling taps four pixels at a time against one at a
