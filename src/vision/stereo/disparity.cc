@@ -98,6 +98,10 @@ cv::Mat Census(const cv::Mat& g) {
       uint64_t* o = reinterpret_cast<uint64_t*>(out.ptr(y));
       const float* c = padded.ptr<float>(y + r) + r;
 #if defined(__x86_64__)
+      if (avx2 && kCensusR == 3) {
+        disparity_internal::CensusRowWide(c, step, w, o);
+        continue;
+      }
       if (avx2) {
         CensusRowAvx2(c, step, w, o, first.data(), second.data());
         continue;

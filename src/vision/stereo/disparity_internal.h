@@ -1,5 +1,6 @@
 #pragma once
 // Parts of binocular_disparity_ms open to its tests.
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -25,6 +26,11 @@ void AggregateWide(const uint8_t* cost, const int* base, uint16_t* sum, int w, i
 // The winner of n pixels' eight sums (lanes past K above any real sum) with
 // the parabola through its neighbours, as the generic path finds it.
 void WinnerRowMinPos(const uint16_t* sum, const int* base, int n, int k, float* d, int* best);
+
+// One row of 7 x 7 census signatures (as the generic path makes them) from
+// the row of centres `c` of a padded image with `step` floats a row, eight
+// centres a vector; for processors with AVX2 (WideAggregation).
+void CensusRowWide(const float* c, size_t step, int w, uint64_t* o);
 
 enum class AggregationPath { kScalar, kVector, kWide };
 

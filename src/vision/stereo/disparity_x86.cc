@@ -255,6 +255,48 @@ void AggregateWide(const uint8_t* cost, const int* base, uint16_t* sum, int w, i
   });
 }
 
+__attribute__((target("avx2"))) void CensusRowWide(const float* c, size_t step, int w, uint64_t* o) {
+  // Eight centres at a time, their two halves of the signature kept in
+  // registers over all 48 neighbours (a set bit: the neighbour is darker).
+  constexpr int R = 3;
+  std::ptrdiff_t off[48];
+  int n = 0;
+  for (int dy = -R; dy <= R; ++dy)
+    for (int dx = -R; dx <= R; ++dx)
+      if (dx != 0 || dy != 0) off[n++] = std::ptrdiff_t(dy) * std::ptrdiff_t(step) + dx;
+  int x = 0;
+  for (; x + 8 <= w; x += 8) {
+    const float* p = c + x;
+    const __m256 centre = _mm256_loadu_ps(p);
+    // The comparison's all-ones lanes are -1: h * 2 + 1 where darker.
+    __m256i first = _mm256_setzero_si256(), second = _mm256_setzero_si256();
+#pragma GCC unroll 24
+    for (int i = 0; i < 24; ++i)
+      first = _mm256_sub_epi32(_mm256_slli_epi32(first, 1),
+                               _mm256_castps_si256(_mm256_cmp_ps(_mm256_loadu_ps(p + off[i]), centre, _CMP_LT_OQ)));
+#pragma GCC unroll 24
+    for (int i = 24; i < 48; ++i)
+      second = _mm256_sub_epi32(_mm256_slli_epi32(second, 1),
+                                _mm256_castps_si256(_mm256_cmp_ps(_mm256_loadu_ps(p + off[i]), centre, _CMP_LT_OQ)));
+    for (int j = 0; j < 2; ++j) {
+      const __m256i hi = _mm256_cvtepu32_epi64(j ? _mm256_extracti128_si256(first, 1) : _mm256_castsi256_si128(first));
+      const __m256i lo = _mm256_cvtepu32_epi64(j ? _mm256_extracti128_si256(second, 1) : _mm256_castsi256_si128(second));
+      _mm256_storeu_si256(reinterpret_cast<__m256i*>(o + x + 4 * j), _mm256_or_si256(_mm256_slli_epi64(hi, 24), lo));
+    }
+  }
+  for (; x < w; ++x) {
+    uint32_t half[2] = {0, 0};
+    int bit = 0;
+    for (int dy = -R; dy <= R; ++dy)
+      for (int dx = -R; dx <= R; ++dx) {
+        if (dx == 0 && dy == 0) continue;
+        uint32_t& h = half[bit++ < 24 ? 0 : 1];
+        h = (h << 1) | uint32_t(c[std::ptrdiff_t(dy) * std::ptrdiff_t(step) + x + dx] < c[x]);
+      }
+    o[x] = (uint64_t(half[0]) << 24) | half[1];
+  }
+}
+
 __attribute__((target("sse4.1"))) void WinnerRowMinPos(const uint16_t* sum, const int* base, int n, int k,
                                                        float* d, int* best) {
   for (int x = 0; x < n; ++x) {
@@ -280,6 +322,7 @@ bool WideAggregation() { return false; }
 bool MinPosWinner() { return false; }
 void AggregateWide(const uint8_t*, const int*, uint16_t*, int, int, int, int, int) {}
 void WinnerRowMinPos(const uint16_t*, const int*, int, int, float*, int*) {}
+void CensusRowWide(const float*, size_t, int, uint64_t*) {}
 
 #endif
 

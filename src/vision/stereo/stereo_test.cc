@@ -436,6 +436,30 @@ TEST(BinocularDisparityMs, MinPosWinnerEqualsFirstLowest) {
   }
 }
 
+// The census eight centres a vector against the signature bit by bit (the
+// first neighbour in the highest bit), on rows whose widths leave 0 to 7
+// centres to the end, with ties (equal is not darker) and a padded border.
+TEST(BinocularDisparityMs, WideCensusEqualsBitByBit) {
+  if (!disparity_internal::WideAggregation()) GTEST_SKIP() << "no AVX2";
+  std::mt19937 rng(5);
+  for (int w : {1, 7, 8, 13, 16, 23, 64}) {
+    SCOPED_TRACE(testing::Message() << "w " << w);
+    const int stride = w + 6 + 3;  // padded by 3 each side, and a gap
+    std::vector<float> img(size_t(stride) * 7);
+    for (float& v : img) v = float(rng() % 5) * 0.5f;  // few values: many ties
+    const float* c = &img[size_t(3) * stride + 3];
+    std::vector<uint64_t> out(static_cast<size_t>(w));
+    disparity_internal::CensusRowWide(c, size_t(stride), w, out.data());
+    for (int x = 0; x < w; ++x) {
+      uint64_t want = 0;
+      for (int dy = -3; dy <= 3; ++dy)
+        for (int dx = -3; dx <= 3; ++dx)
+          if (dx != 0 || dy != 0) want = (want << 1) | uint64_t(c[dy * stride + x + dx] < c[x]);
+      ASSERT_EQ(out[size_t(x)], want) << x;
+    }
+  }
+}
+
 // The refinement's resampling taps four pixels at a time against one at a
 // time, bit for bit: fields that leave the row on either side, land on
 // whole columns or just short of them, and values that are not numbers.
