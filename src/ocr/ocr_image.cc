@@ -7,6 +7,7 @@
 #include "messaging/log.h"
 #include "ocr/ocr_fonts.h"
 #include "imaging/halcon_utility.h"
+#include "ocr/ocr_piece_split.h"
 #include "ocr/ocr_segment.h"
 #include "ocr/ocr_text_window.h"
 #include "vision/filter/filters.h"
@@ -60,9 +61,11 @@ double ReadingScore(const std::vector<OcrTextRecord>& recs) {
 }
 
 // One pass (segmentation and classification) into `record`; false when the
-// pass produced no text.
+// pass produced no text. With `refine` (the text window's outline print) the
+// pieces are re-cut by recognition before they are named.
 bool RunPass(HObject image, double w, double h, int pass, const OcrSettings& s,
-             const HTuple classifiers[3], const OcrClassifyFn& classify, OcrTextRecord* record) {
+             const HTuple classifiers[3], const OcrClassifyFn& classify, bool refine,
+             OcrTextRecord* record) {
   OcrPassParams p;
   p.width = w;
   p.height = h;
@@ -72,33 +75,59 @@ bool RunPass(HObject image, double w, double h, int pass, const OcrSettings& s,
   p.expected_count = s.expected_count;
   const OcrLineSegmentation seg = SegmentOcrLine(std::move(image), p);
 
-  std::vector<std::string> texts;
-  HObject ho_Collected;
-  vision::gen_empty_region(&ho_Collected);
+  // The pieces, each with the answer of its classifier; re-cut pieces are
+  // read with the full font first, the position's own classifier after.
+  std::vector<PieceReading> pieces;
   HTuple hv_Count;
   vision::count_obj(seg.characters, &hv_Count);
+  refine = refine && s.expected_count <= 0;
+  auto ask = [&](const HObject& ho_Char, const HTuple& handle, PieceReading* piece) {
+    HTuple hv_Class, hv_Conf;
+    classify(ho_Char, seg.smoothed, handle, HTuple(s.num), &hv_Class, &hv_Conf);
+    piece->classes.clear();
+    piece->confidences.clear();
+    for (vision::Hlong k = 0; k < hv_Class.Length(); ++k) {
+      piece->classes.push_back(hv_Class.S(k));
+      piece->confidences.push_back(hv_Conf.D(k));
+    }
+  };
   for (long j = 1; j <= hv_Count.L(); ++j) {
-    const FormatRule rule = FormatRuleAt(s.format, size_t(j - 1), s.format_flag);
     HObject ho_Char;
     vision::select_obj(seg.characters, &ho_Char, HTuple(j));
+    PieceReading piece;
+    piece.region = ho_Char.RegionAt(0);
+    if (refine && !piece.region.Empty()) ask(ho_Char, classifiers[0], &piece);
+    pieces.push_back(std::move(piece));
+  }
+  if (refine) {
+    pieces = SplitPiecesByRecognition(std::move(pieces), [&](PieceReading* piece) {
+      ask(HObject(piece->region), classifiers[0], piece);
+    });
+  }
+
+  std::vector<std::string> texts;
+  for (size_t j = 0; j < pieces.size(); ++j) {
+    const FormatRule rule = FormatRuleAt(s.format, j, s.format_flag);
+    const HObject ho_Char(pieces[j].region);
     Rect rect;
     HRegion2Rect(ho_Char, &rect);
     const int cw = rect.right - rect.left, ch = rect.bottom - rect.top;
     if (cw < 1 || ch < 1) {
-      Log("Region invalid [%d]%d %d ", int(j), cw, ch);
+      Log("Region invalid [%d]%d %d ", int(j + 1), cw, ch);
       continue;
     }
+    if (!refine || rule.slot != 0) ask(ho_Char, classifiers[rule.slot], &pieces[j]);
     HTuple hv_Class, hv_Conf;
-    classify(ho_Char, seg.smoothed, classifiers[rule.slot], HTuple(s.num), &hv_Class, &hv_Conf);
+    for (size_t k = 0; k < pieces[j].classes.size(); ++k) {
+      hv_Class.Append(HTuple(pieces[j].classes[k]));
+      hv_Conf.Append(HTuple(pieces[j].confidences[k]));
+    }
     std::vector<Candidate> cands = BuildCandidates(rule, hv_Class, hv_Conf);
     texts.push_back(cands.front().klass);
     if (s.stretch != 1.0f) rect = UnstretchRect(rect, w, h, s.stretch);
     record->rects.push_back(rect);
     if (cands.size() > 5) cands.resize(5);
     record->candidates.push_back(std::move(cands));
-    HObject ho_Next;
-    vision::concat_obj(ho_Collected, ho_Char, &ho_Next);
-    ho_Collected = ho_Next;
   }
   if (texts.empty()) return false;
   // The text is assembled in a 256-byte buffer: longer texts are cut.
@@ -167,7 +196,7 @@ std::vector<OcrTextRecord> RecognizeText(HObject image, double width, double hei
     // Reads `img` (of nominal size w x h) in one or two passes into `out`,
     // record by record (a failing second pass keeps the first); boxes of a
     // window come back in the whole image's coordinates.
-    auto read = [&](HObject img, double w, double h, const TextWindowCut& cut,
+    auto read = [&](HObject img, double w, double h, const TextWindowCut& cut, bool refine,
                     std::vector<OcrTextRecord>* out) {
       const int passes = settings.reverse ? 2 : 1;
       for (int pass = 0; pass < passes; ++pass) {
@@ -176,7 +205,7 @@ std::vector<OcrTextRecord> RecognizeText(HObject image, double width, double hei
         HObject pass_image;
         if (pass + 1 < passes) pass_image = img;
         else pass_image = std::move(img);
-        if (RunPass(std::move(pass_image), w, h, pass, settings, classifiers, fn, &r)) {
+        if (RunPass(std::move(pass_image), w, h, pass, settings, classifiers, fn, refine, &r)) {
           for (Rect& rc : r.rects) {
             if (cut.zoom != 1.0) rc = UnzoomRect(rc, cut.zoom);
             rc.top = int16_t(rc.top + cut.window.y);
@@ -208,10 +237,13 @@ std::vector<OcrTextRecord> RecognizeText(HObject image, double width, double hei
       }
     if (!windows.empty()) {
       image.Clear();
+      // Outline print is re-cut by recognition; dot print's characters are
+      // apart by design (their pieces are dots joined by the threshold).
+      const bool refine = settings.font_name.value_or("") != "DotPrint";
       double best = 0;
       for (auto& [window_image, cut] : windows) {
         std::vector<OcrTextRecord> recs;
-        read(std::move(window_image), cut.width, cut.height, cut, &recs);
+        read(std::move(window_image), cut.width, cut.height, cut, refine, &recs);
         const double score = ReadingScore(recs);
         if (!done || score > best) {
           best = score;
@@ -224,7 +256,7 @@ std::vector<OcrTextRecord> RecognizeText(HObject image, double width, double hei
       if (settings.format.empty() && ReadsLookAlikesByNeighbours(settings.font_name.value_or("")))
         for (OcrTextRecord& r : records) ReadLookAlikesByNeighbours(&r.text, &r.candidates);
     }
-    if (!done) read(std::move(image), width, height, TextWindowCut(), &records);
+    if (!done) read(std::move(image), width, height, TextWindowCut(), false, &records);
     for (auto& c : classifiers) vision::clear_ocr_class_mlp(c);
   } catch (const vision::HException& e) {
     Log("%s exception:%s", kMethodName, e.ErrorMessage().c_str());

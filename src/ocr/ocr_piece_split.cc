@@ -1,0 +1,171 @@
+#include "ocr/ocr_piece_split.h"
+
+#include <algorithm>
+#include <cstdlib>
+
+#include <opencv2/core.hpp>
+
+namespace velmora {
+
+using vision::Region;
+using vision::Run;
+
+namespace {
+
+struct Box {
+  int r1 = 0, c1 = 0, r2 = -1, c2 = -1;
+  int Width() const { return c2 - c1 + 1; }
+  int Height() const { return r2 - r1 + 1; }
+};
+
+Box BoxOf(const Region& r) {
+  Box b;
+  if (!r.Empty()) r.BoundingBox(&b.r1, &b.c1, &b.r2, &b.c2);
+  return b;
+}
+
+// The line's pitch: the median width of the pieces at least half as high as
+// the median piece (points, hyphens and colons left out).
+double LinePitch(const std::vector<PieceReading>& pieces) {
+  std::vector<int> heights;
+  for (const auto& p : pieces) heights.push_back(BoxOf(p.region).Height());
+  if (heights.empty()) return 0;
+  std::vector<int> h = heights;
+  std::nth_element(h.begin(), h.begin() + long(h.size() / 2), h.end());
+  const int median_h = h[h.size() / 2];
+  std::vector<int> widths;
+  for (const auto& p : pieces) {
+    const Box b = BoxOf(p.region);
+    if (2 * b.Height() >= median_h) widths.push_back(b.Width());
+  }
+  if (widths.empty()) return 0;
+  std::nth_element(widths.begin(), widths.begin() + long(widths.size() / 2), widths.end());
+  return widths[widths.size() / 2];
+}
+
+// The piece as it stands, or its parts where cuts at its narrowest columns
+// read every part more surely: two parts, or three (three touching
+// characters) where the least sure of three beats the least sure of two.
+void SplitPiece(PieceReading piece, double pitch, const PieceClassifier& classify,
+                const PieceSplitOptions& o, std::vector<PieceReading>* out) {
+  const Box b = BoxOf(piece.region);
+  const int w = b.Width();
+  const int min_part = std::max(3, int(o.min_part * pitch + 0.5));
+  if (pitch <= 0 || w < 2 * min_part || w <= o.wide * pitch || piece.Best() >= o.doubtful) {
+    out->push_back(std::move(piece));
+    return;
+  }
+  // Column profile: print pixels per column, and the strokes a column
+  // crosses (its vertical runs).
+  std::vector<int> profile(size_t(w), 0), strokes(size_t(w), 0);
+  {
+    const int h = b.Height();
+    cv::Mat mask = piece.region.ToMask(h, w, b.r1, b.c1);
+    for (int x = 0; x < w; ++x) {
+      bool in = false;
+      for (int y = 0; y < h; ++y) {
+        const bool on = mask.at<uint8_t>(y, x) != 0;
+        profile[size_t(x)] += on;
+        strokes[size_t(x)] += on && !in;
+        in = on;
+      }
+    }
+  }
+  // The deepest local minima inside (each part at least min_part wide) where
+  // the column crosses few strokes: characters that touch meet at one point
+  // (or two), while a column through one character (the bowl of a B, the
+  // middle of an 0) crosses its bars.
+  std::vector<std::pair<int, int>> minima;  // (count, column offset)
+  for (int x = min_part; x <= w - min_part; ++x) {
+    const int v = profile[size_t(x)];
+    if (strokes[size_t(x)] > o.max_strokes) continue;
+    const int left = profile[size_t(x - 1)], right = x + 1 < w ? profile[size_t(x + 1)] : v;
+    if (v <= left && v <= right) minima.emplace_back(v, x);
+  }
+  std::sort(minima.begin(), minima.end());
+  std::vector<int> cols;
+  for (const auto& [v, x] : minima) {
+    if (int(cols.size()) >= o.tries) break;
+    bool near = false;
+    for (int c : cols) near = near || std::abs(c - x) < 2;
+    if (!near) cols.push_back(x);
+  }
+  if (cols.empty()) {
+    out->push_back(std::move(piece));
+    return;
+  }
+  std::sort(cols.begin(), cols.end());
+  // Bounds of the parts: the piece's edges and the cut columns; each part
+  // between two bounds is classified once.
+  std::vector<int> at{0};
+  at.insert(at.end(), cols.begin(), cols.end());
+  at.push_back(w);
+  const size_t n = at.size();
+  std::vector<std::vector<PieceReading>> part(n, std::vector<PieceReading>(n));
+  std::vector<std::vector<bool>> done(n, std::vector<bool>(n, false));
+  auto get = [&](size_t i, size_t j) -> const PieceReading* {
+    if (at[j] - at[i] < min_part) return nullptr;
+    if (!done[i][j]) {
+      done[i][j] = true;
+      Region rest, left, mid;
+      SplitRegionAtColumn(piece.region, b.c1 + at[i], &left, &rest);
+      SplitRegionAtColumn(rest, b.c1 + at[j], &mid, &left);
+      part[i][j].region = std::move(mid);
+      if (!part[i][j].region.Empty()) classify(&part[i][j]);
+    }
+    return part[i][j].region.Empty() ? nullptr : &part[i][j];
+  };
+  // The least sure part of the best cut into two and into three.
+  double best2 = -1, best3 = -1;
+  size_t a2 = 0, a3 = 0, b3 = 0;
+  for (size_t i = 1; i + 1 < n; ++i) {
+    const PieceReading *l = get(0, i), *r = l ? get(i, n - 1) : nullptr;
+    if (!l || !r) continue;
+    const double score = std::min(l->Best(), r->Best());
+    if (score > best2) best2 = score, a2 = i;
+  }
+  if (w > 2 * o.wide * pitch)
+    for (size_t i = 1; i + 2 < n; ++i)
+      for (size_t j = i + 1; j + 1 < n; ++j) {
+        const PieceReading *l = get(0, i), *m = l ? get(i, j) : nullptr;
+        const PieceReading* r = m ? get(j, n - 1) : nullptr;
+        if (!r) continue;
+        const double score = std::min({l->Best(), m->Best(), r->Best()});
+        if (score > best3) best3 = score, a3 = i, b3 = j;
+      }
+  const double needed = std::max(o.sure, piece.Best() + o.gain);
+  if (best3 > needed && best3 > best2 + o.gain) {
+    out->push_back(std::move(part[0][a3]));
+    out->push_back(std::move(part[a3][b3]));
+    out->push_back(std::move(part[b3][n - 1]));
+  } else if (best2 > needed) {
+    out->push_back(std::move(part[0][a2]));
+    out->push_back(std::move(part[a2][n - 1]));
+  } else {
+    out->push_back(std::move(piece));
+  }
+}
+
+}  // namespace
+
+void SplitRegionAtColumn(const Region& region, int col, Region* left, Region* right) {
+  std::vector<Run> l, r;
+  for (const Run& run : region.Runs()) {
+    if (run.cb < col) l.push_back({run.row, run.cb, std::min(run.ce, col - 1)});
+    if (run.ce >= col) r.push_back({run.row, std::max(run.cb, col), run.ce});
+  }
+  *left = Region::FromSortedRuns(std::move(l));
+  *right = Region::FromSortedRuns(std::move(r));
+}
+
+std::vector<PieceReading> SplitPiecesByRecognition(std::vector<PieceReading> pieces,
+                                                   const PieceClassifier& classify,
+                                                   const PieceSplitOptions& options) {
+  const double pitch = LinePitch(pieces);
+  std::vector<PieceReading> out;
+  out.reserve(pieces.size() + 4);
+  for (auto& p : pieces) SplitPiece(std::move(p), pitch, classify, options, &out);
+  return out;
+}
+
+}  // namespace velmora

@@ -1,0 +1,57 @@
+#pragma once
+// Re-cutting a line's pieces by recognition (the text window's outline
+// print): the segmentation's vertical closing joins characters that touch
+// (proportional pairs such as TT, rn, DOV) into one piece. A piece that is
+// wide against the line's pitch and read with little confidence is tried at
+// its narrowest columns, into two parts or three; the new cut is kept only
+// where the classifier is surer of every part than it was of the whole.
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "vision/core/region.h"
+
+namespace velmora {
+
+// One piece of the cut and the classifier's answer for it, best first.
+struct PieceReading {
+  vision::Region region;
+  std::vector<std::string> classes;
+  std::vector<double> confidences;
+  double Best() const { return confidences.empty() ? 0.0 : confidences.front(); }
+};
+
+// Classifies `piece->region` into its classes and confidences.
+using PieceClassifier = std::function<void(PieceReading* piece)>;
+
+struct PieceSplitOptions {
+  // A piece is tried when it is wider than `wide` times the line's pitch
+  // (the median width of its full-height pieces) and read below `doubtful`:
+  // the classifiers learnt merged pairs as no character, so a pair comes
+  // back with low confidence, while a wide single letter (W, M, m) is read
+  // surely.
+  double wide = 1.0;
+  double doubtful = 0.3;
+  // Each part of a cut is at least this share of the pitch wide.
+  double min_part = 0.25;
+  // Every part must be read at least this much more surely than the whole,
+  // and at least with `sure`.
+  double gain = 0.1;
+  double sure = 0.5;
+  // Columns tried per piece (the deepest minima of its column profile).
+  int tries = 5;
+  // Columns crossing more strokes than this are not tried.
+  int max_strokes = 1;
+};
+
+// The pieces of one line (reading order, already classified) re-cut where
+// recognition says so; new pieces come classified.
+std::vector<PieceReading> SplitPiecesByRecognition(std::vector<PieceReading> pieces,
+                                                   const PieceClassifier& classify,
+                                                   const PieceSplitOptions& options = {});
+
+// The two parts of `region` left of column `col` and from it on.
+void SplitRegionAtColumn(const vision::Region& region, int col, vision::Region* left,
+                         vision::Region* right);
+
+}  // namespace velmora
