@@ -162,6 +162,7 @@ void ComputeCost(const Level& lv, Search* s) {
 #if defined(__x86_64__)
   const bool hw = __builtin_cpu_supports("popcnt");
 #endif
+  const bool wide = s->stride == 8 && disparity_internal::WideCost();
   cv::parallel_for_(cv::Range(0, s->h), [&](const cv::Range& rg) {
     for (int y = rg.start; y < rg.end; ++y) {
       const uint64_t* a = reinterpret_cast<const uint64_t*>(c1.ptr(y));
@@ -169,6 +170,10 @@ void ComputeCost(const Level& lv, Search* s) {
       const uint8_t* m2 = lv.m2.ptr<uint8_t>(y);
       const int* base = &s->base[size_t(y) * s->w];
       uint8_t* cost = &s->cost[size_t(y) * s->w * s->stride];
+      if (wide) {
+        disparity_internal::CostRowWide(a, b, m2, s->w, w2, s->k, base, kOutsideCost, cost);
+        continue;
+      }
 #if defined(__x86_64__)
       if (hw) {
         CostRowHw(a, b, m2, s->w, w2, s->k, s->stride, base, cost);

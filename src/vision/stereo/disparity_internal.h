@@ -32,6 +32,16 @@ void WinnerRowMinPos(const uint16_t* sum, const int* base, int n, int k, float* 
 // centres a vector; for processors with AVX2 (WideAggregation).
 void CensusRowWide(const float* c, size_t step, int w, uint64_t* o);
 
+// Whether the processor has the 512-bit population count (CostRowWide).
+bool WideCost();
+
+// One row of census costs, eight lanes a pixel: the Hamming distance of
+// a[x] to b[x + base[x] + i] for the K disparities i whose column lies in
+// the row of w2 columns and in its domain (m2 non-zero), `outside` in the
+// other lanes.
+void CostRowWide(const uint64_t* a, const uint64_t* b, const uint8_t* m2, int w, int w2, int k, const int* base,
+                 uint8_t outside, uint8_t* cost);
+
 enum class AggregationPath { kScalar, kVector, kWide };
 
 // The scanline aggregation on its own: `cost` holds K costs for each pixel

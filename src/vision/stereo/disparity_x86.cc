@@ -297,6 +297,32 @@ __attribute__((target("avx2"))) void CensusRowWide(const float* c, size_t step, 
   }
 }
 
+bool WideCost() {
+  static const bool ok = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+                         __builtin_cpu_supports("avx512vl") && __builtin_cpu_supports("avx512vpopcntdq");
+  return ok;
+}
+
+__attribute__((target("avx512f,avx512bw,avx512vl,avx512vpopcntdq"))) void CostRowWide(
+    const uint64_t* a, const uint64_t* b, const uint8_t* m2, int w, int w2, int k, const int* base,
+    uint8_t outside, uint8_t* cost) {
+  const __m128i out = _mm_set1_epi8(char(outside));
+  const unsigned lanes = (1u << k) - 1;
+  for (int x = 0; x < w; ++x) {
+    // The disparities whose column of image 2 lies in the row (masked
+    // loads read nothing outside it) and in its domain.
+    const int start = x + base[x];
+    const int lo = std::max(0, -start), hi = std::min(8, w2 - start);
+    const unsigned in = hi > lo ? lanes & ((1u << hi) - 1) & ~((1u << lo) - 1) : 0u;
+    const std::ptrdiff_t at = start;
+    const __m128i m = _mm_maskz_loadu_epi8(__mmask16(in), m2 + at);
+    const __mmask8 valid = __mmask8(_mm_mask_test_epi8_mask(__mmask16(in), m, m));
+    const __m512i d = _mm512_xor_si512(_mm512_maskz_loadu_epi64(valid, b + at), _mm512_set1_epi64(int64_t(a[x])));
+    const __m128i bits = _mm512_cvtepi64_epi8(_mm512_popcnt_epi64(d));
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(cost + size_t(x) * 8), _mm_mask_blend_epi8(__mmask16(valid), out, bits));
+  }
+}
+
 __attribute__((target("sse4.1"))) void WinnerRowMinPos(const uint16_t* sum, const int* base, int n, int k,
                                                        float* d, int* best) {
   for (int x = 0; x < n; ++x) {
@@ -323,6 +349,8 @@ bool MinPosWinner() { return false; }
 void AggregateWide(const uint8_t*, const int*, uint16_t*, int, int, int, int, int) {}
 void WinnerRowMinPos(const uint16_t*, const int*, int, int, float*, int*) {}
 void CensusRowWide(const float*, size_t, int, uint64_t*) {}
+bool WideCost() { return false; }
+void CostRowWide(const uint64_t*, const uint64_t*, const uint8_t*, int, int, int, const int*, uint8_t, uint8_t*) {}
 
 #endif
 

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <limits>
 #include <random>
@@ -457,6 +458,34 @@ TEST(BinocularDisparityMs, WideCensusEqualsBitByBit) {
           if (dx != 0 || dy != 0) want = (want << 1) | uint64_t(c[dy * stride + x + dx] < c[x]);
       ASSERT_EQ(out[size_t(x)], want) << x;
     }
+  }
+}
+
+// The census costs eight lanes a pixel against one Hamming distance at a
+// time, with ranges that leave the row of image 2 on either side and
+// columns outside its domain.
+TEST(BinocularDisparityMs, WideCostEqualsOneAtATime) {
+  if (!disparity_internal::WideCost()) GTEST_SKIP() << "no 512-bit population count";
+  std::mt19937_64 rng(3);
+  for (int k : {1, 5, 7, 8}) {
+    SCOPED_TRACE(testing::Message() << "k " << k);
+    const int w = 53, w2 = 41;
+    std::vector<uint64_t> a(w), b(w2);
+    for (uint64_t& v : a) v = rng() & ((uint64_t(1) << 48) - 1);
+    for (uint64_t& v : b) v = rng() & ((uint64_t(1) << 48) - 1);
+    std::vector<uint8_t> m2(w2);
+    for (uint8_t& v : m2) v = rng() % 4 ? 255 : 0;
+    std::vector<int> base(w);
+    for (int& v : base) v = int(rng() % 81) - 60;  // x + base from -60 to 72
+    std::vector<uint8_t> cost(size_t(w) * 8, 0);
+    disparity_internal::CostRowWide(a.data(), b.data(), m2.data(), w, w2, k, base.data(), 40, cost.data());
+    for (int x = 0; x < w; ++x)
+      for (int i = 0; i < 8; ++i) {
+        const int x2 = x + base[x] + i;
+        const bool in = i < k && x2 >= 0 && x2 < w2 && m2[x2];
+        const int want = in ? std::popcount(a[x] ^ b[x2]) : 40;
+        ASSERT_EQ(int(cost[size_t(x) * 8 + i]), want) << x << " " << i;
+      }
   }
 }
 
