@@ -411,7 +411,20 @@ bool VecAggregation(int k, int p2) {
 #endif
 }
 
+// Lanes a pixel of a search of K disparities: eight for the vector paths,
+// 32 for the wide path of up to 32 (the coarsest level), else K.
+int Stride(int k, int p2, bool wide = true) {
+  if (VecAggregation(k, p2)) return 8;
+  if (wide && k <= 32 && VecAggregation(1, p2) && disparity_internal::WideCoarse()) return 32;
+  return k;
+}
+
 void Aggregate(Search* s, int p1, int p2, bool wide = true) {
+  if (s->stride == 32 && s->k <= 32 && VecAggregation(1, p2) && wide && disparity_internal::WideCoarse()) {
+    s->sum.resize(size_t(s->w) * s->h * 32);
+    return disparity_internal::AggregateWide32(s->cost.data(), s->base.data(), s->sum.data(), s->w, s->h, s->k,
+                                               p1, p2);
+  }
   if (s->stride == 8 && VecAggregation(s->k, p2) && wide && disparity_internal::WideAggregation()) {
     s->sum.resize(size_t(s->w) * s->h * 8);
     return disparity_internal::AggregateWide(s->cost.data(), s->base.data(), s->sum.data(), s->w, s->h, s->k, p1,
@@ -934,7 +947,7 @@ std::vector<uint16_t> AggregateCosts(const std::vector<uint8_t>& cost, const std
   s.w = w;
   s.h = h;
   s.k = k;
-  s.stride = path != AggregationPath::kScalar && VecAggregation(k, p2) ? 8 : k;
+  s.stride = path == AggregationPath::kScalar ? k : Stride(k, p2, path == AggregationPath::kWide);
   s.base = base;
   s.cost.assign(size_t(w) * h * s.stride, kOutsideCost);
   for (size_t p = 0; p < size_t(w) * h; ++p)
@@ -1035,7 +1048,7 @@ void binocular_disparity_ms(const HObject& image_rect1, const HObject& image_rec
         for (int x = 0; x < s.w; ++x) b[x] = std::clamp(cvRound(2.f * u[x]) - kRefineRadius, lo, hi - s.k + 1);
       }
     }
-    s.stride = VecAggregation(s.k, p2) ? 8 : s.k;
+    s.stride = Stride(s.k, p2);
     ComputeCost(lv, &s);
     Aggregate(&s, p1, p2);
     Winner(s, &disp, &best);

@@ -32,6 +32,14 @@ void WinnerRowMinPos(const uint16_t* sum, const int* base, int n, int k, float* 
 // centres a vector; for processors with AVX2 (WideAggregation).
 void CensusRowWide(const float* c, size_t step, int w, uint64_t* o);
 
+// Whether the processor runs the aggregation of 9 to 32 disparities a
+// pixel in 512-bit vectors (AggregateWide32).
+bool WideCoarse();
+
+// AggregateWide for up to 32 disparities a pixel, `cost` and `sum` with 32
+// lanes a pixel.
+void AggregateWide32(const uint8_t* cost, const int* base, uint16_t* sum, int w, int h, int k, int p1, int p2);
+
 // Whether the processor has the 512-bit population count (CostRowWide).
 bool WideCost();
 

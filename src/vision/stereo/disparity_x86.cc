@@ -297,6 +297,144 @@ __attribute__((target("avx2"))) void CensusRowWide(const float* c, size_t step, 
   }
 }
 
+bool WideCoarse() {
+  static const bool ok = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw");
+  return ok;
+}
+
+namespace {
+
+// The aggregation of up to 32 disparities a pixel (the coarsest level's
+// full range): one 512-bit vector of 16-bit path costs a pixel, lanes past
+// K at kPathInf as in the eight-lane paths.
+#define VISION_AVX512 __attribute__((target("avx512f,avx512bw"), always_inline)) inline
+
+struct Consts32 {
+  __m512i p1, p2, pad, inf, iota, rot16;
+};
+
+VISION_AVX512 Consts32 MakeConsts32(int k, int p1, int p2) {
+  Consts32 c;
+  c.p1 = _mm512_set1_epi16(int16_t(p1));
+  c.p2 = _mm512_set1_epi16(int16_t(p2));
+  c.inf = _mm512_set1_epi16(kPathInf);
+  alignas(64) int16_t pad[32], iota[32];
+  for (int i = 0; i < 32; ++i) {
+    pad[i] = i < k ? 0 : kPathInf;
+    iota[i] = int16_t(i);
+  }
+  c.pad = _mm512_load_si512(pad);
+  c.iota = _mm512_load_si512(iota);
+  alignas(64) int8_t rot[64];
+  for (int i = 0; i < 64; ++i) rot[i] = int8_t((i & ~3) | ((i + 2) & 3));  // swaps 16-bit halves in lanes
+  c.rot16 = _mm512_load_si512(rot);
+  return c;
+}
+
+VISION_AVX512 __m512i Costs32(const uint8_t* c) {
+  return _mm512_cvtepu8_epi16(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(c)));
+}
+
+VISION_AVX512 __m512i AllMin(__m512i v, const Consts32& c) {
+  __m512i m = _mm512_min_epi16(v, _mm512_shuffle_i64x2(v, v, 0x4E));
+  m = _mm512_min_epi16(m, _mm512_shuffle_i64x2(m, m, 0xB1));
+  m = _mm512_min_epi16(m, _mm512_shuffle_epi32(m, _MM_PERM_BADC));
+  m = _mm512_min_epi16(m, _mm512_shuffle_epi32(m, _MM_PERM_CDAB));
+  return _mm512_min_epi16(m, _mm512_shuffle_epi8(m, c.rot16));
+}
+
+// The previous costs at lane + s, kPathInf past either end.
+VISION_AVX512 __m512i Shifted(__m512i prev, int s, const Consts32& c) {
+  const __m512i idx = _mm512_add_epi16(c.iota, _mm512_set1_epi16(int16_t(s)));
+  const __mmask32 in = _mm512_cmplt_epu16_mask(idx, _mm512_set1_epi16(32));
+  return _mm512_mask_permutexvar_epi16(c.inf, in, idx, prev);
+}
+
+VISION_AVX512 __m512i Step32(__m512i cost, __m512i prev, int delta, const Consts32& c) {
+  const __m512i minq = AllMin(prev, c);
+  // Jumps past the 32 lanes leave nothing reachable but by the jump penalty.
+  const int d = std::clamp(delta, -40, 40);
+  const __m512i qm = Shifted(prev, d - 1, c), q = Shifted(prev, d, c), qp = Shifted(prev, d + 1, c);
+  const __m512i best = _mm512_min_epi16(_mm512_min_epi16(q, _mm512_adds_epi16(minq, c.p2)),
+                                        _mm512_adds_epi16(_mm512_min_epi16(qm, qp), c.p1));
+  return _mm512_max_epi16(_mm512_subs_epi16(_mm512_adds_epi16(cost, best), minq), c.pad);
+}
+
+struct Lanes32 {
+  __m512i v;
+};
+
+// Rows g0 * 4 .. g1 * 4 - 1 in four chains (past the last row the last one
+// again, which writes the same sums).
+__attribute__((target("avx512f,avx512bw"))) void Rows32(const uint8_t* cost, const int* base, uint16_t* sum, int w,
+                                                        int h, int k, int p1, int p2, int g0, int g1) {
+  const Consts32 c = MakeConsts32(k, p1, p2);
+  std::vector<int16_t> raw(size_t(4) * w * 32 + 32);
+  Lanes32* right = reinterpret_cast<Lanes32*>((reinterpret_cast<uintptr_t>(raw.data()) + 63) & ~uintptr_t(63));
+  for (int g = g0; g < g1; ++g) {
+    size_t r[4];
+    __m512i l[4];
+    for (int j = 0; j < 4; ++j) {
+      r[j] = size_t(std::min(4 * g + j, h - 1)) * w;
+      right[j].v = l[j] = _mm512_max_epi16(Costs32(cost + r[j] * 32), c.pad);
+    }
+    for (int x = 1; x < w; ++x)
+      for (int j = 0; j < 4; ++j) {
+        const size_t pix = r[j] + x;
+        l[j] = Step32(Costs32(cost + pix * 32), l[j], base[pix] - base[pix - 1], c);
+        right[size_t(x) * 4 + j].v = l[j];
+      }
+    for (int x = w - 1; x >= 0; --x)
+      for (int j = 0; j < 4; ++j) {
+        const size_t pix = r[j] + x;
+        l[j] = x == w - 1 ? _mm512_max_epi16(Costs32(cost + pix * 32), c.pad)
+                          : Step32(Costs32(cost + pix * 32), l[j], base[pix] - base[pix + 1], c);
+        _mm512_storeu_si512(sum + pix * 32, _mm512_adds_epu16(right[size_t(x) * 4 + j].v, l[j]));
+      }
+  }
+}
+
+// Columns in blocks of 16.
+__attribute__((target("avx512f,avx512bw"))) void Columns32(const uint8_t* cost, const int* base, uint16_t* sum,
+                                                           int w, int h, int k, int p1, int p2, int b0, int b1) {
+  constexpr int kBlock = 16;
+  const Consts32 c = MakeConsts32(k, p1, p2);
+  std::vector<int16_t> raw(size_t(kBlock) * h * 32 + 32);
+  Lanes32* down = reinterpret_cast<Lanes32*>((reinterpret_cast<uintptr_t>(raw.data()) + 63) & ~uintptr_t(63));
+  for (int bi = b0; bi < b1; ++bi) {
+    const int x0 = bi * kBlock, x1 = std::min(w, x0 + kBlock), bw = x1 - x0;
+    for (int x = x0; x < x1; ++x) down[x - x0].v = _mm512_max_epi16(Costs32(cost + size_t(x) * 32), c.pad);
+    for (int y = 1; y < h; ++y)
+      for (int x = x0; x < x1; ++x) {
+        const size_t pix = size_t(y) * w + x;
+        down[size_t(y) * bw + (x - x0)].v =
+            Step32(Costs32(cost + pix * 32), down[size_t(y - 1) * bw + (x - x0)].v, base[pix] - base[pix - w], c);
+      }
+    __m512i up[kBlock];
+    for (int y = h - 1; y >= 0; --y)
+      for (int x = x0; x < x1; ++x) {
+        const size_t pix = size_t(y) * w + x;
+        __m512i& l = up[x - x0];
+        l = y == h - 1 ? _mm512_max_epi16(Costs32(cost + pix * 32), c.pad)
+                       : Step32(Costs32(cost + pix * 32), l, base[pix] - base[pix + w], c);
+        uint16_t* o = sum + pix * 32;
+        _mm512_storeu_si512(o, _mm512_adds_epu16(_mm512_adds_epu16(_mm512_loadu_si512(o),
+                                                                   down[size_t(y) * bw + (x - x0)].v), l));
+      }
+  }
+}
+
+}  // namespace
+
+void AggregateWide32(const uint8_t* cost, const int* base, uint16_t* sum, int w, int h, int k, int p1, int p2) {
+  cv::parallel_for_(cv::Range(0, (h + 3) / 4), [&](const cv::Range& rg) {
+    Rows32(cost, base, sum, w, h, k, p1, p2, rg.start, rg.end);
+  });
+  cv::parallel_for_(cv::Range(0, (w + 15) / 16), [&](const cv::Range& rg) {
+    Columns32(cost, base, sum, w, h, k, p1, p2, rg.start, rg.end);
+  });
+}
+
 bool WideCost() {
   static const bool ok = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
                          __builtin_cpu_supports("avx512vl") && __builtin_cpu_supports("avx512vpopcntdq");
@@ -350,6 +488,8 @@ void AggregateWide(const uint8_t*, const int*, uint16_t*, int, int, int, int, in
 void WinnerRowMinPos(const uint16_t*, const int*, int, int, float*, int*) {}
 void CensusRowWide(const float*, size_t, int, uint64_t*) {}
 bool WideCost() { return false; }
+bool WideCoarse() { return false; }
+void AggregateWide32(const uint8_t*, const int*, uint16_t*, int, int, int, int, int) {}
 void CostRowWide(const uint64_t*, const uint64_t*, const uint8_t*, int, int, int, const int*, uint8_t, uint8_t*) {}
 
 #endif

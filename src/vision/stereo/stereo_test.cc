@@ -373,11 +373,14 @@ TEST(BinocularDisparityMs, VectorAggregationEqualsScalar) {
   const Case cases[] = {
       {37, 23, 7, 8, 33, 0}, {37, 23, 7, 8, 33, 3}, {40, 17, 8, 1, 2, 12},
       {19, 31, 5, 20, 2000, 9}, {16, 16, 1, 8, 33, 2}, {45, 9, 7, 3, 40, 1},
+      // Past eight lanes: the scalar path, or 32 lanes a pixel where the
+      // processor has them.
+      {21, 13, 31, 8, 33, 0}, {17, 10, 32, 8, 33, 0}, {23, 11, 9, 3, 40, 2}, {18, 9, 31, 8, 33, 40},
   };
   std::mt19937 rng(7);
   for (const Case& c : cases) {
     SCOPED_TRACE(testing::Message() << "k " << c.k << " p1 " << c.p1 << " p2 " << c.p2 << " jump " << c.max_jump);
-    ASSERT_TRUE(disparity_internal::VectorAggregation(c.k, c.p2));
+    ASSERT_EQ(disparity_internal::VectorAggregation(c.k, c.p2), c.k <= 8);
     const size_t n = size_t(c.w) * c.h;
     std::vector<uint8_t> cost(n * c.k);
     for (uint8_t& v : cost) v = uint8_t(rng() % 49);
@@ -394,7 +397,10 @@ TEST(BinocularDisparityMs, VectorAggregationEqualsScalar) {
         disparity_internal::AggregateCosts(cost, base, c.w, c.h, c.k, c.p1, c.p2, AggregationPath::kScalar);
     // The 128-bit path, and the 256-bit one where the processor has it.
     for (AggregationPath path : {AggregationPath::kVector, AggregationPath::kWide}) {
-      if (path == AggregationPath::kWide && !disparity_internal::WideAggregation()) continue;
+      if (path == AggregationPath::kWide &&
+          !(c.k <= 8 ? disparity_internal::WideAggregation() : disparity_internal::WideCoarse()))
+        continue;
+      if (path == AggregationPath::kVector && c.k > 8) continue;
       const auto vector = disparity_internal::AggregateCosts(cost, base, c.w, c.h, c.k, c.p1, c.p2, path);
       ASSERT_EQ(scalar.size(), vector.size());
       size_t differ = 0;
