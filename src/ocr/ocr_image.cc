@@ -255,6 +255,9 @@ std::vector<OcrTextRecord> RecognizeText(HObject image, double width, double hei
       // look-alikes are read as their neighbours are.
       if (settings.format.empty() && ReadsLookAlikesByNeighbours(settings.font_name.value_or("")))
         for (OcrTextRecord& r : records) ReadLookAlikesByNeighbours(&r.text, &r.candidates);
+      // Outline print: O and 0 only, which plain ovals draw alike.
+      else if (settings.format.empty() && refine)
+        for (OcrTextRecord& r : records) ReadZeroAndOhByNeighbours(&r.text, &r.candidates);
     }
     if (!done) read(std::move(image), width, height, TextWindowCut(), false, &records);
     for (auto& c : classifiers) vision::clear_ocr_class_mlp(c);

@@ -158,6 +158,55 @@ void SplitRegionAtColumn(const Region& region, int col, Region* left, Region* ri
   *right = Region::FromSortedRuns(std::move(r));
 }
 
+void ReadZeroAndOhByNeighbours(std::string* text, std::vector<std::vector<Candidate>>* candidates,
+                               double sure) {
+  std::string& t = *text;
+  const size_t n = t.size();
+  if (candidates->size() != n) return;
+  auto digit = [](char c) { return c >= '0' && c <= '9'; };
+  auto letter = [](char c) { return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z'); };
+  auto twin = [](char c) { return c == 'O' || c == '0'; };
+  // 'D' a digit, 'L' a letter, 0 nothing (an O or 0, a special).
+  auto kind = [&](size_t k) -> char {
+    if (twin(t[k])) return 0;
+    return digit(t[k]) ? 'D' : letter(t[k]) ? 'L' : 0;
+  };
+  std::string read = t;
+  for (size_t i = 0; i < n; ++i) {
+    if (!twin(t[i]) || (*candidates)[i].empty() || (*candidates)[i][0].confidence >= sure) continue;
+    size_t b = i, e = i + 1;
+    while (b > 0 && (digit(t[b - 1]) || letter(t[b - 1]))) --b;
+    while (e < n && (digit(t[e]) || letter(t[e]))) ++e;
+    char left = 0, right = 0;
+    for (size_t k = i; k > b && !left;) left = kind(--k);
+    for (size_t k = i + 1; k < e && !right; ++k) right = kind(k);
+    char want = 0;
+    if (left && right) {
+      want = left == right ? left : 0;
+    } else if (left || right) {
+      for (size_t k = b; k < e; ++k) {
+        const char c = kind(k);
+        if (!c) continue;
+        if (want && want != c) {
+          want = 0;
+          break;
+        }
+        want = c;
+      }
+    }
+    if (want) read[i] = want == 'D' ? '0' : 'O';
+  }
+  for (size_t i = 0; i < n; ++i) {
+    if (read[i] == t[i]) continue;
+    auto& list = (*candidates)[i];
+    const std::string to(1, read[i]);
+    auto it = std::find_if(list.begin(), list.end(), [&](const Candidate& c) { return c.klass == to; });
+    if (it != list.end()) std::iter_swap(list.begin(), it);
+    else if (!list.empty()) list.front().klass = to;
+  }
+  t = read;
+}
+
 std::vector<PieceReading> SplitPiecesByRecognition(std::vector<PieceReading> pieces,
                                                    const PieceClassifier& classify,
                                                    const PieceSplitOptions& options) {
@@ -165,6 +214,24 @@ std::vector<PieceReading> SplitPiecesByRecognition(std::vector<PieceReading> pie
   std::vector<PieceReading> out;
   out.reserve(pieces.size() + 4);
   for (auto& p : pieces) SplitPiece(std::move(p), pitch, classify, options, &out);
+  // A round character whose thin top and bottom the threshold lost (the 0
+  // of a high-contrast serif face) comes as two arcs read "(" and ")": an
+  // empty pair of brackets, which codes do not hold, is read as one piece
+  // when it reads surely so.
+  for (size_t i = 0; i + 1 < out.size(); ++i) {
+    if (out[i].classes.empty() || out[i + 1].classes.empty() || out[i].classes[0] != "(" ||
+        out[i + 1].classes[0] != ")")
+      continue;
+    // Together no wider than a round letter is high.
+    PieceReading both;
+    both.region = out[i].region.Union(out[i + 1].region);
+    const Box u = BoxOf(both.region);
+    if (u.Width() > 1.2 * u.Height()) continue;
+    classify(&both);
+    if (both.Best() < options.sure) continue;
+    out[i] = std::move(both);
+    out.erase(out.begin() + long(i) + 1);
+  }
   return out;
 }
 

@@ -4,11 +4,14 @@
 // (proportional pairs such as TT, rn, DOV) into one piece. A piece that is
 // wide against the line's pitch and read with little confidence is tried at
 // its narrowest columns, into two parts or three; the new cut is kept only
-// where the classifier is surer of every part than it was of the whole.
+// where the classifier is surer of every part than it was of the whole. A
+// round character whose thin top and bottom the threshold lost comes as two
+// arcs read "(" and ")"; that empty pair is read as one piece.
 #include <functional>
 #include <string>
 #include <vector>
 
+#include "ocr/ocr_format.h"
 #include "vision/core/region.h"
 
 namespace velmora {
@@ -44,11 +47,23 @@ struct PieceSplitOptions {
   int max_strokes = 1;
 };
 
-// The pieces of one line (reading order, already classified) re-cut where
-// recognition says so; new pieces come classified.
+// The pieces of one line (reading order, already classified) re-cut, and
+// bracket pairs joined, where recognition says so; new pieces come
+// classified.
 std::vector<PieceReading> SplitPiecesByRecognition(std::vector<PieceReading> pieces,
                                                    const PieceClassifier& classify,
                                                    const PieceSplitOptions& options = {});
+
+// Reads O and 0, which plain-oval faces draw alike, as their neighbours
+// are: the nearest letters or digits on both sides within its run (specials
+// part runs) decide when they agree; at a run's end, or with nothing telling
+// on one side, the run decides when it holds one kind only. `candidates`
+// holds one list per character of `text`; a changed character's first
+// candidate changes with it. A character read with at least `sure` keeps
+// its reading (a code such as LOT0M holds a 0 between letters). Nothing
+// changes when the sizes differ.
+void ReadZeroAndOhByNeighbours(std::string* text, std::vector<std::vector<Candidate>>* candidates,
+                               double sure = 0.98);
 
 // The two parts of `region` left of column `col` and from it on.
 void SplitRegionAtColumn(const vision::Region& region, int col, vision::Region* left,

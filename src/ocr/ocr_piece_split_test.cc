@@ -22,14 +22,17 @@ using ocrgen::Grade;
 using ocrgen::Marking;
 using ocrgen::MarkingRenderer;
 
-const Face& TrainingFace(const std::string& family, const std::string& file) {
-  for (const Face& f : FamilyByName(family).train_faces)
-    if (f.file.find(file) != std::string::npos) return f;
+const Face& FaceOf(const std::string& family, const std::string& file) {
+  for (const auto* faces : {&FamilyByName(family).train_faces, &FamilyByName(family).eval_faces})
+    for (const Face& f : *faces)
+      if (f.file.find(file) != std::string::npos) return f;
   ADD_FAILURE() << "no face " << file;
   return FamilyByName(family).train_faces.front();
 }
 
-// Renders `text` and pushes the characters of `pair` (index of the left one)
+// Renders `text`; with `pair` -2 the middle of the top and bottom quarter
+// of character `overlap` is painted over with ground (a round character
+// broken into two arcs by a lost thin stroke); otherwise pushes the characters of `pair` (index of the left one)
 // together until they overlap by `overlap` columns: the right part of the
 // image moves left, where both are drawn the darker pixel wins.
 Marking Rendered(const std::string& text, const Face& face, int pair, int overlap) {
@@ -37,6 +40,13 @@ Marking Rendered(const std::string& text, const Face& face, int pair, int overla
   renderer.SetMarginRange(0.6, 0.6);
   std::mt19937 rng(11);
   Marking m = renderer.Render(text, face, 40, Grade::Clean, rng);
+  if (pair == -2) {
+    const cv::Rect o = m.boxes[size_t(overlap)];
+    const cv::Vec3b ground = m.rgb.at<cv::Vec3b>(0, 0);
+    const int q = o.height / 5, x0 = o.x + (2 * o.width) / 5, x1 = o.x + (3 * o.width) / 5;
+    m.rgb(cv::Rect(x0, o.y - 2, x1 - x0, q + 2)).setTo(ground);
+    m.rgb(cv::Rect(x0, o.br().y - q, x1 - x0, q + 2)).setTo(ground);
+  }
   if (pair < 0) return m;
   const cv::Rect l = m.boxes[size_t(pair)], r = m.boxes[size_t(pair) + 1];
   const int shift = r.x - l.br().x + overlap;  // columns the right part moves
@@ -76,7 +86,8 @@ TEST(PieceSplit, TouchingPairsComeBackAsTwoAndWideCharactersStayWhole) {
     const char* family;
     const char* face;
     std::string text;
-    int pair;      // left character of the pushed pair; -1: as rendered
+    int pair;      // left character of the pushed pair; -1: as rendered,
+                   // -2: the thin top and bottom of character `overlap` lost
     int overlap;
   } cases[] = {
       {"Document", "DejaVuSerif.ttf", "HTTP", 1, 2},
@@ -84,21 +95,63 @@ TEST(PieceSplit, TouchingPairsComeBackAsTwoAndWideCharactersStayWhole) {
       {"Document", "LiberationSerif-Regular.ttf", "LOT4", 1, 2},
       {"Industrial", "DejaVuSans.ttf", "EXP7", 1, 2},
       {"Document", "DejaVuSerif.ttf", "burn", 2, 1},
-      {"Industrial", "LiberationSans-Bold.ttf", "K0T4", 1, 2},
+      {"Industrial", "LiberationSans-Bold.ttf", "40T4", 1, 2},
       {"Document", "DejaVuSerif.ttf", "AWMX", -1, 0},
+      {"Document", "DejaVuSerif.ttf", "7081", -2, 1},
       {"Document", "LiberationSerif-Regular.ttf", "mwWM", -1, 0},
       {"Industrial", "DejaVuSans.ttf", "W7M4", -1, 0},
   };
   for (const Case& c : cases) {
-    const Marking m = Rendered(c.text, TrainingFace(c.family, c.face), c.pair, c.overlap);
+    const Marking m = Rendered(c.text, FaceOf(c.family, c.face), c.pair, c.overlap);
     size_t plain_pieces = 0, window_pieces = 0;
     // Without the text window the pair is one piece and costs a character.
     const std::string plain = ReadWindow(m, c.family, false, &plain_pieces);
     const std::string window = ReadWindow(m, c.family, true, &window_pieces);
     if (c.pair >= 0) EXPECT_EQ(plain_pieces + 1, c.text.size()) << c.text << ": the pair touches";
+    if (c.pair == -2) EXPECT_EQ(plain_pieces, c.text.size() + 1) << c.text << ": the arcs are apart";
     EXPECT_EQ(window, c.text) << c.face;
     EXPECT_EQ(window_pieces, c.text.size()) << c.face;
   }
+}
+
+// O and 0 as their neighbours are; characters read surely keep their
+// reading, and so do those whose neighbours disagree.
+TEST(PieceSplit, ZeroAndOhAreReadAsTheirNeighbours) {
+  struct Case {
+    std::string read, want;
+    double confidence;  // of every O and 0
+  } cases[] = {
+      {"L0T4P-1920", "LOT4P-1920", 0.8},  // between letters
+      {"3O:O428%", "30:0428%", 0.8},      // run ends: the run is all digits
+      {"8O3RF", "803RF", 0.8},            // between digits
+      {"5152.1O.98", "5152.10.98", 0.8},
+      {"S3R1O", "S3R1O", 0.8},            // run of both kinds: unchanged
+      {"4O5T", "405T", 0.8},              // digits on both sides, a letter further
+      {"L0T4P", "L0T4P", 0.99},           // read surely
+      {"K0IX", "KOIX", 0.8},
+      {"A0-7", "AO-7", 0.8},              // the run (A0) tells letters only
+      {"O", "O", 0.5},                    // nothing tells
+  };
+  for (const Case& c : cases) {
+    std::string text = c.read;
+    std::vector<std::vector<Candidate>> cands;
+    for (char ch : c.read) {
+      const bool twin = ch == 'O' || ch == '0';
+      cands.push_back({{std::string(1, ch), twin ? c.confidence : 1.0},
+                       {std::string(1, ch == 'O' ? '0' : 'O'), 0.1}});
+    }
+    ReadZeroAndOhByNeighbours(&text, &cands);
+    EXPECT_EQ(text, c.want) << c.read;
+    for (size_t i = 0; i < text.size(); ++i) {
+      EXPECT_EQ(cands[i][0].klass, std::string(1, text[i])) << c.read << " " << i;
+      if (text[i] != c.read[i]) EXPECT_EQ(cands[i][1].klass, std::string(1, c.read[i])) << c.read;
+    }
+  }
+  // Candidates that do not match the text leave it alone.
+  std::string text = "L0T";
+  std::vector<std::vector<Candidate>> two(2, {{"X", 0.5}});
+  ReadZeroAndOhByNeighbours(&text, &two);
+  EXPECT_EQ(text, "L0T");
 }
 
 }  // namespace
