@@ -97,6 +97,7 @@ std::vector<Family> MakeFamilies() {
     f.square_dots = square;
     f.dot_lo = lo;
     f.dot_hi = hi;
+    f.dotted_zero = square ? 0.0 : 0.3;
     return f;
   };
   // Printers also make their dots from small screen faces, one dot a pixel,
@@ -107,6 +108,8 @@ std::vector<Family> MakeFamilies() {
     f.bitmap = true;
     f.dot_lo = 0.9;
     f.dot_hi = 1.3;
+    f.dotted_zero = 0.3;
+    f.vary_hinting = true;
     return f;
   };
   f.push_back({"DotPrint", digits, upper, kSpecials,
@@ -299,8 +302,12 @@ struct MarkingRenderer::Impl {
 
   // The glyph's monochrome bitmap at the face's current size, 1 where a
   // pixel is set; left/top/advance in pixels as GlyphBitmap.
-  bool MonoBitmap(FT_Face f, char c, cv::Mat* pat, int* left, int* top, int* advance) {
-    if (FT_Load_Char(f, FT_ULong(uint8_t(c)), FT_LOAD_RENDER | FT_LOAD_TARGET_MONO)) return false;
+  // `hinting`: extra load flags (FreeType's auto-hinter, or none), so that
+  // one face gives the pixel shapes of differently hinted faces.
+  bool MonoBitmap(FT_Face f, char c, cv::Mat* pat, int* left, int* top, int* advance,
+                  FT_Int32 hinting = 0) {
+    if (FT_Load_Char(f, FT_ULong(uint8_t(c)), FT_LOAD_RENDER | FT_LOAD_TARGET_MONO | hinting))
+      return false;
     const FT_Bitmap& b = f->glyph->bitmap;
     *pat = cv::Mat::zeros(int(b.rows), int(b.width), CV_8U);
     for (unsigned r = 0; r < b.rows; ++r)
@@ -373,6 +380,11 @@ Marking MarkingRenderer::Render(const std::string& text, const Face& face, int c
         for (int x = 0; x < pat.cols; ++x)
           if (pat.at<uint8_t>(r, x) && U(rng, 0, 1) < drop) pat.at<uint8_t>(r, x) = 0;
   };
+  // A dotted zero: the O's pattern with its middle dot set.
+  const bool dotted_zero = face.dotted_zero > 0 && U(rng, 0, 1) < face.dotted_zero;
+  auto dot_middle = [](cv::Mat& pat) {
+    if (!pat.empty()) pat.at<uint8_t>(pat.rows / 2, pat.cols / 2) = 1;
+  };
   if (face.bitmap) {
     // One dot per pixel of the face's small bitmap, the cap height spanning
     // char_height; the face's own advance spaces the cells.
@@ -380,12 +392,16 @@ Marking MarkingRenderer::Render(const std::string& text, const Face& face, int c
     FT_Set_Pixel_Sizes(f, 0, FT_UInt(std::uniform_int_distribution<int>(10, 13)(rng)));
     cv::Mat pat;
     int l, t, a;
-    impl_->MonoBitmap(f, 'H', &pat, &l, &t, &a);
+    const FT_Int32 hint_modes[] = {0, FT_LOAD_FORCE_AUTOHINT, FT_LOAD_NO_HINTING};
+    const FT_Int32 hinting = face.vary_hinting ? hint_modes[std::uniform_int_distribution<int>(0, 2)(rng)] : 0;
+    impl_->MonoBitmap(f, 'H', &pat, &l, &t, &a, hinting);
     const int cap = std::max(3, t);
     const double pitch = double(h2) / (cap - 1);
     const double dot_d = pitch * U(rng, face.dot_lo, face.dot_hi);
     for (char c : text) {
-      if (!impl_->MonoBitmap(f, c, &pat, &l, &t, &a)) continue;
+      const char g = c == '0' && dotted_zero ? 'O' : c;
+      if (!impl_->MonoBitmap(f, g, &pat, &l, &t, &a, hinting)) continue;
+      if (g != c) dot_middle(pat);
       drop_dots(pat);
       const cv::Mat glyph = draw_dots(pat, pitch, dot_d);
       const cv::Point at(pen + int(l * pitch), baseline + int((1 - t) * pitch - dot_d / 2) - 1);
@@ -402,7 +418,8 @@ Marking MarkingRenderer::Render(const std::string& text, const Face& face, int c
     // Character generators leave at least one blank dot column between cells.
     const double gap = pitch * U(rng, 1.0, 1.5);
     for (char c : text) {
-      cv::Mat pat = Impl::DotPattern(table, c);
+      cv::Mat pat = Impl::DotPattern(table, c == '0' && dotted_zero ? 'O' : c);
+      if (c == '0' && dotted_zero) dot_middle(pat);
       drop_dots(pat);
       const cv::Mat glyph = draw_dots(pat, pitch, dot_d);
       const cv::Point at(pen, baseline - h2 - int(dot_d / 2) - 1);

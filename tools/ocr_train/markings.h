@@ -27,6 +27,12 @@ struct Face {
   // Dots from the outline file's own monochrome bitmap at 10 to 13 pixels
   // (a printer's character generator made from a screen face), not a table.
   bool bitmap = false;
+  // Share of markings printed with a dotted zero (the face's or table's O
+  // with a dot in its middle), as coders offer beside the face's own zero.
+  double dotted_zero = 0.0;
+  // Bitmap faces: each marking hinted as the face says, by FreeType's
+  // auto-hinter or not at all (a third each), for more pixel shapes.
+  bool vary_hinting = false;
   bool IsDotMatrix() const { return !table.empty() || bitmap; }
   std::string Name() const;
 };
