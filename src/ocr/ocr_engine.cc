@@ -5,6 +5,7 @@
 #include "vision/filter/statistics.h"
 #include "vision/filter/tuple_ops.h"
 #include "vision/region/region_ops.h"
+#include "vision/region/region_util.h"
 
 namespace velmora {
 
@@ -20,6 +21,27 @@ void flat_gradient_region(const HObject& ho_Derivative, HObject* ho_Flat, const 
                           const HTuple& hv_Length2, const HTuple& hv_GradientLimit) {
   HTuple hv_Area, hv_Factor, hv_Row, hv_Column;
   hv_Area = hv_Length1 * hv_Length2;
+  // Every step's area is counted in one pass over the pixels; only the step
+  // the loop ends on is thresholded. Same limits, same decisions.
+  if (ho_Derivative.Count() == 1 && ho_Derivative.IsImage(0)) {
+    std::vector<HTuple> lo, hi;
+    std::vector<double> lo_d, hi_d;
+    for (hv_Factor = 1.0; hv_Factor.D() >= 0.3; hv_Factor = hv_Factor - 0.1) {
+      lo.push_back(-hv_GradientLimit * hv_Factor);
+      hi.push_back(hv_GradientLimit * hv_Factor);
+      lo_d.push_back(lo.back().D());
+      hi_d.push_back(hi.back().D());
+    }
+    std::vector<int64_t> areas;
+    const double limit = (hv_Length1 * hv_Length2 * 0.3).D();
+    if (!lo.empty() && hv_Area.D() > limit &&
+        detail::RealRangeAreas(ho_Derivative.ImageAt(0), lo_d, hi_d, &areas)) {
+      size_t last = 0;
+      while (last + 1 < areas.size() && double(areas[last]) > limit) ++last;
+      threshold(ho_Derivative, ho_Flat, lo[last], hi[last]);
+      return;
+    }
+  }
   hv_Factor = 1.0;
   while (hv_Factor.D() >= 0.3) {
     if (hv_Area.D() > (hv_Length1 * hv_Length2 * 0.3).D()) {

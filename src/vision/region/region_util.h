@@ -148,6 +148,14 @@ bool CpuHasAvx2();
 void RealRangeRuns(const float* q, int n, float lo, float hi, int row, int col0, bool wide,
                    std::vector<Run>* out);
 
+// The number of pixels of a one-channel real image's domain within each of
+// the ranges [lo[i], hi[i]], decided as `threshold` decides them, in one
+// pass over the pixels (a loop that narrows a threshold until its area
+// drops then needs one threshold instead of one per step). False, and
+// nothing counted, for any other image.
+bool RealRangeAreas(const Image& img, const std::vector<double>& lo, const std::vector<double>& hi,
+                    std::vector<int64_t>* areas);
+
 // Gaussian smoothing of a 256-bin histogram without mass outside the range:
 // out[i] = sum k(d) h[i + d] / sum k(d) over the bins i + d in reach,
 // k(d) = exp(-d^2 / (2 sigma^2)), |d| <= ceil(3 sigma), summed in increasing

@@ -191,6 +191,57 @@ void RealRangeRuns(const float* q, int n, float lo, float hi, int row, int col0,
 
 namespace {
 
+// The nearest floats inside [lo, hi] give exactly the same decisions as
+// comparing in double, without widening every pixel.
+template <class T>
+void InnerFloatLimits(double lo, double hi, T* tlo, T* thi) {
+  *tlo = T(lo);
+  *thi = T(hi);
+  if (double(*tlo) < lo) *tlo = std::nextafter(*tlo, std::numeric_limits<T>::infinity());
+  if (double(*thi) > hi) *thi = std::nextafter(*thi, -std::numeric_limits<T>::infinity());
+}
+
+// Adds to cnt[i] the reals of q[0..n-1] within [lo[i], hi[i]] (same
+// ordered compares as the threshold rows: NaN lies in no range).
+void CountRanges(const float* q, int n, const float* lo, const float* hi, int levels, int64_t* cnt) {
+  for (int i = 0; i < levels; ++i) {
+    int64_t c = 0;
+    for (int k = 0; k < n; ++k) c += (q[k] >= lo[i]) & (q[k] <= hi[i]);
+    cnt[i] += c;
+  }
+}
+
+#ifdef VISION_HAVE_AVX2_PATH
+__attribute__((target("avx2"))) void CountRangesAvx2(const float* q, int n, const float* lo,
+                                                     const float* hi, int levels, int64_t* cnt) {
+  int k = 0;
+  // Eight levels at a time, lane counts in 32 bits, added up per run.
+  for (int i0 = 0; i0 < levels; i0 += 8) {
+    const int m = std::min(8, levels - i0);
+    __m256 l[8], h[8];
+    __m256i acc[8];
+    for (int i = 0; i < m; ++i) {
+      l[i] = _mm256_set1_ps(lo[i0 + i]);
+      h[i] = _mm256_set1_ps(hi[i0 + i]);
+      acc[i] = _mm256_setzero_si256();
+    }
+    for (k = 0; k + 8 <= n; k += 8) {
+      const __m256 v = _mm256_loadu_ps(q + k);
+      for (int i = 0; i < m; ++i) {
+        const __m256 in = _mm256_and_ps(_mm256_cmp_ps(v, l[i], _CMP_GE_OQ), _mm256_cmp_ps(v, h[i], _CMP_LE_OQ));
+        acc[i] = _mm256_sub_epi32(acc[i], _mm256_castps_si256(in));  // a set lane is -1
+      }
+    }
+    for (int i = 0; i < m; ++i) {
+      alignas(32) int32_t lanes[8];
+      _mm256_store_si256(reinterpret_cast<__m256i*>(lanes), acc[i]);
+      for (int32_t x : lanes) cnt[i0 + i] += x;
+    }
+  }
+  if (k < n) CountRanges(q + k, n - k, lo, hi, levels, cnt);
+}
+#endif
+
 template <class T>
 Region ThresholdImage(const Image& img, const Region& dom, double lo, double hi) {
   std::vector<Run> runs;
@@ -207,12 +258,7 @@ Region ThresholdImage(const Image& img, const Region& dom, double lo, double hi)
       tlo = T(std::max(l, double(std::numeric_limits<T>::min())));
       thi = T(std::min(h, double(std::numeric_limits<T>::max())));
     } else {
-      // The nearest floats inside [lo, hi] give exactly the same decisions as
-      // comparing in double, without widening every pixel.
-      tlo = T(lo);
-      thi = T(hi);
-      if (double(tlo) < lo) tlo = std::nextafter(tlo, std::numeric_limits<T>::infinity());
-      if (double(thi) > hi) thi = std::nextafter(thi, -std::numeric_limits<T>::infinity());
+      InnerFloatLimits(lo, hi, &tlo, &thi);
     }
     if constexpr (std::is_same_v<T, float>) {
       const bool wide = detail::CpuHasAvx2();
@@ -234,6 +280,32 @@ Region ThresholdImage(const Image& img, const Region& dom, double lo, double hi)
 }
 
 }  // namespace
+
+bool detail::RealRangeAreas(const Image& img, const std::vector<double>& lo, const std::vector<double>& hi,
+                            std::vector<int64_t>* areas) {
+  if (img.type == PixelType::VectorField || img.planes.size() != 1 || img.planes[0].type() != CV_32F ||
+      lo.size() != hi.size())
+    return false;
+  const int levels = int(lo.size());
+  std::vector<float> tlo(lo.size()), thi(hi.size());
+  for (int i = 0; i < levels; ++i) InnerFloatLimits(lo[size_t(i)], hi[size_t(i)], &tlo[size_t(i)], &thi[size_t(i)]);
+  areas->assign(lo.size(), 0);
+  const bool wide = CpuHasAvx2();
+  const Region dom = ValidDomain(img);
+  for (const Run& x : dom.Runs()) {
+    const float* q = img.planes[0].ptr<float>(x.row) + x.cb;
+#ifdef VISION_HAVE_AVX2_PATH
+    if (wide) {
+      CountRangesAvx2(q, x.ce - x.cb + 1, tlo.data(), thi.data(), levels, areas->data());
+      continue;
+    }
+#else
+    (void)wide;
+#endif
+    CountRanges(q, x.ce - x.cb + 1, tlo.data(), thi.data(), levels, areas->data());
+  }
+  return true;
+}
 
 void threshold(const HObject& image, HObject* region, const HTuple& min_gray,
                const HTuple& max_gray) {

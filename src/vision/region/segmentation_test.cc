@@ -154,6 +154,39 @@ TEST_F(Segmentation, RealRowRunsAgreeForBothCompareWidths) {
   }
 }
 
+// The areas of several ranges counted at once are those of thresholding each:
+// limits that are not floats, values on the limits, NaN, a reduced domain.
+TEST_F(Segmentation, RealRangeAreasAreThoseOfEachThreshold) {
+  std::mt19937 rng(5);
+  std::uniform_int_distribution<int> level(-6, 6);
+  cv::Mat m(23, 77, CV_32F);
+  for (int r = 0; r < m.rows; ++r)
+    for (int c = 0; c < m.cols; ++c) m.at<float>(r, c) = level(rng) * 0.1f;
+  m.at<float>(3, 5) = NAN;
+  m.at<float>(4, 70) = -INFINITY;
+  Image img = Image::FromPlanes(PixelType::Real, {m});
+  HObject rect;
+  gen_rectangle1(&rect, HTuple(2), HTuple(3), HTuple(19), HTuple(71));
+  HObject full(img), reduced;
+  reduce_domain(full, rect, &reduced);
+  const std::vector<double> lo = {-0.3, -0.30000000000000004, -0.25, 0.0, -1.0, 0.5, -1e30, 0.2};
+  const std::vector<double> hi = {0.3, 0.29999999999999993, 0.25, 0.0, 1.0, 0.4, 0.1, 1e30};
+  for (const HObject* obj : {&full, &reduced}) {
+    std::vector<int64_t> areas;
+    ASSERT_TRUE(detail::RealRangeAreas(obj->ImageAt(0), lo, hi, &areas));
+    ASSERT_EQ(areas.size(), lo.size());
+    for (size_t i = 0; i < lo.size(); ++i) {
+      HObject reg;
+      HTuple a, row, col;
+      threshold(*obj, &reg, HTuple(lo[i]), HTuple(hi[i]));
+      area_center(reg, &a, &row, &col);
+      EXPECT_EQ(areas[i], a.L()) << "range " << i << (obj == &full ? " full" : " reduced");
+    }
+  }
+  std::vector<int64_t> areas;
+  EXPECT_FALSE(detail::RealRangeAreas(ByteImage(cv::Mat(3, 3, CV_8U, cv::Scalar(1))), {0}, {2}, &areas));
+}
+
 // A 256-bin histogram smoothed with a Gaussian the plain way, mass outside the gray range ignored.
 std::vector<double> PlainSmooth(const std::vector<double>& hist, double sigma) {
   const int r = int(std::ceil(3 * sigma));
