@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 #include <complex>
+#include <cstring>
+#include <vector>
 
 namespace vision::filter_detail {
 
@@ -224,6 +226,138 @@ void RowCosineTransform::InverseBlock(const cv::Mat& src, cv::Mat& dst) const {
       if (x2) x2[sample] = v[1] * norm;
     });
   }
+}
+
+
+namespace {
+
+// Eight floats; the type of an unaligned access to them.
+typedef float V8 __attribute__((vector_size(32)));
+typedef float V8u __attribute__((vector_size(32), aligned(4)));
+#define Load8(p) (*reinterpret_cast<const V8u*>(p))
+#define Store8(p, v) (*reinterpret_cast<V8u*>(p) = (v))
+
+// out[i][c] = sum over j < p of m[i p + j] in[j][c], for i < rows and c < w,
+// summed in increasing j, a product and a sum per term (no fused
+// multiply-add in either clone), so every width gives the same bits.
+__attribute__((target_clones("avx2", "default"))) void MatRows(const float* m, int rows, int p,
+                                                               const float* const* in,
+                                                               float* const* out, int w) {
+  int c = 0;
+  for (; c + 16 <= w; c += 16) {
+    int i = 0;
+    for (; i + 4 <= rows; i += 4) {
+      V8 a0 = {}, a1 = {}, b0 = {}, b1 = {}, c0 = {}, c1 = {}, d0 = {}, d1 = {};
+      const float *m0 = m + size_t(i) * p, *m1 = m0 + p, *m2 = m1 + p, *m3 = m2 + p;
+      for (int j = 0; j < p; ++j) {
+        const V8 x0 = Load8(in[j] + c), x1 = Load8(in[j] + c + 8);
+        a0 += m0[j] * x0, a1 += m0[j] * x1;
+        b0 += m1[j] * x0, b1 += m1[j] * x1;
+        c0 += m2[j] * x0, c1 += m2[j] * x1;
+        d0 += m3[j] * x0, d1 += m3[j] * x1;
+      }
+      Store8(out[i] + c, a0), Store8(out[i] + c + 8, a1);
+      Store8(out[i + 1] + c, b0), Store8(out[i + 1] + c + 8, b1);
+      Store8(out[i + 2] + c, c0), Store8(out[i + 2] + c + 8, c1);
+      Store8(out[i + 3] + c, d0), Store8(out[i + 3] + c + 8, d1);
+    }
+    for (; i < rows; ++i) {
+      V8 a0 = {}, a1 = {};
+      const float* mi = m + size_t(i) * p;
+      for (int j = 0; j < p; ++j) {
+        a0 += mi[j] * Load8(in[j] + c);
+        a1 += mi[j] * Load8(in[j] + c + 8);
+      }
+      Store8(out[i] + c, a0), Store8(out[i] + c + 8, a1);
+    }
+  }
+  for (; c + 8 <= w; c += 8)
+    for (int i = 0; i < rows; ++i) {
+      V8 a = {};
+      const float* mi = m + size_t(i) * p;
+      for (int j = 0; j < p; ++j) a += mi[j] * Load8(in[j] + c);
+      Store8(out[i] + c, a);
+    }
+  for (; c < w; ++c)
+    for (int i = 0; i < rows; ++i) {
+      float a = 0;
+      const float* mi = m + size_t(i) * p;
+      for (int j = 0; j < p; ++j) a += mi[j] * in[j][c];
+      out[i][c] = a;
+    }
+}
+
+}  // namespace
+
+ColumnCosineTransform::ColumnCosineTransform(int length)
+    : n_(length), even_((length + 1) / 2), odd_(length / 2) {
+  CV_Assert(length >= 1);
+  const int n = n_;
+  auto scale = [n](int k) { return std::sqrt((k == 0 ? 1.0 : 2.0) / n); };
+  // Entry (k, j) of the transform is scale_k cos(pi (2j + 1) k / 2n); its
+  // argument is reduced modulo 4n (a whole turn) in integers, so that 4n
+  // cosines serve every entry.
+  std::vector<double> turn(static_cast<size_t>(4 * n));
+  for (int q = 0; q < 4 * n; ++q) turn[size_t(q)] = std::cos(CV_PI * double(q) / (2.0 * n));
+  auto entry = [n, &scale, &turn](int k, int j) {
+    return scale(k) * turn[size_t((static_cast<long long>(2 * j + 1) * k) % (4LL * n))];
+  };
+  e_.resize(size_t(even_) * size_t(even_));
+  o_.resize(size_t(odd_) * size_t(odd_));
+  for (int i = 0; i < even_; ++i)
+    for (int j = 0; j < even_; ++j)  // j == h (odd n): the middle sample
+      e_[size_t(i) * size_t(even_) + size_t(j)] = float(entry(2 * i, j));
+  for (int i = 0; i < odd_; ++i)
+    for (int j = 0; j < odd_; ++j) o_[size_t(i) * size_t(odd_) + size_t(j)] = float(entry(2 * i + 1, j));
+  // The inverse multiplies by the transposed halves.
+  et_.resize(e_.size());
+  ot_.resize(o_.size());
+  for (int i = 0; i < even_; ++i)
+    for (int j = 0; j < even_; ++j) et_[size_t(j) * size_t(even_) + size_t(i)] = e_[size_t(i) * size_t(even_) + size_t(j)];
+  for (int i = 0; i < odd_; ++i)
+    for (int j = 0; j < odd_; ++j) ot_[size_t(j) * size_t(odd_) + size_t(i)] = o_[size_t(i) * size_t(odd_) + size_t(j)];
+}
+
+void ColumnCosineTransform::Forward(const cv::Mat& src, cv::Mat& dst) const {
+  CV_Assert(src.type() == CV_32F && src.rows == n_ && src.data != dst.data);
+  const int w = src.cols, h = n_ / 2;
+  dst.create(n_, w, CV_32F);
+  // Sums and differences of the mirrored rows (the middle row of an odd
+  // length joins the sums).
+  cv::Mat sums(even_, w, CV_32F), diffs(std::max(1, odd_), w, CV_32F);
+  std::vector<const float*> in_e(static_cast<size_t>(even_)), in_o(static_cast<size_t>(odd_));
+  std::vector<float*> out_e(static_cast<size_t>(even_)), out_o(static_cast<size_t>(odd_));
+  for (int j = 0; j < h; ++j) {
+    const float *a = src.ptr<float>(j), *b = src.ptr<float>(n_ - 1 - j);
+    float *s = sums.ptr<float>(j), *d = diffs.ptr<float>(j);
+    for (int c = 0; c < w; ++c) s[c] = a[c] + b[c], d[c] = a[c] - b[c];
+  }
+  if (n_ % 2) src.row(h).copyTo(sums.row(h));
+  for (int j = 0; j < even_; ++j) in_e[size_t(j)] = sums.ptr<float>(j), out_e[size_t(j)] = dst.ptr<float>(2 * j);
+  for (int j = 0; j < odd_; ++j) in_o[size_t(j)] = diffs.ptr<float>(j), out_o[size_t(j)] = dst.ptr<float>(2 * j + 1);
+  MatRows(e_.data(), even_, even_, in_e.data(), out_e.data(), w);
+  if (odd_) MatRows(o_.data(), odd_, odd_, in_o.data(), out_o.data(), w);
+}
+
+void ColumnCosineTransform::Inverse(const cv::Mat& src, cv::Mat& dst) const {
+  CV_Assert(src.type() == CV_32F && src.rows == n_ && src.data != dst.data);
+  const int w = src.cols, h = n_ / 2;
+  dst.create(n_, w, CV_32F);
+  // The transposed halves give a[j] from the even and b[j] from the odd
+  // frequencies; sample j is a + b, its mirror n-1-j is a - b.
+  cv::Mat a(even_, w, CV_32F), b(std::max(1, odd_), w, CV_32F);
+  std::vector<const float*> in_e(static_cast<size_t>(even_)), in_o(static_cast<size_t>(odd_));
+  std::vector<float*> out_e(static_cast<size_t>(even_)), out_o(static_cast<size_t>(odd_));
+  for (int j = 0; j < even_; ++j) in_e[size_t(j)] = src.ptr<float>(2 * j), out_e[size_t(j)] = a.ptr<float>(j);
+  for (int j = 0; j < odd_; ++j) in_o[size_t(j)] = src.ptr<float>(2 * j + 1), out_o[size_t(j)] = b.ptr<float>(j);
+  MatRows(et_.data(), even_, even_, in_e.data(), out_e.data(), w);
+  if (odd_) MatRows(ot_.data(), odd_, odd_, in_o.data(), out_o.data(), w);
+  for (int j = 0; j < h; ++j) {
+    const float *pa = a.ptr<float>(j), *pb = b.ptr<float>(j);
+    float *x = dst.ptr<float>(j), *y = dst.ptr<float>(n_ - 1 - j);
+    for (int c = 0; c < w; ++c) x[c] = pa[c] + pb[c], y[c] = pa[c] - pb[c];
+  }
+  if (n_ % 2) a.row(h).copyTo(dst.row(h));
 }
 
 }  // namespace vision::filter_detail

@@ -46,4 +46,29 @@ class RowCosineTransform {
   std::vector<float> scale_;       // orthonormal scale of coefficient k
 };
 
+// The same orthonormal transform down the columns of a single-precision
+// matrix, as a product with the transform's matrix, split by the symmetry
+// of its rows (even frequencies see the sums x[j] + x[n-1-j], odd ones the
+// differences): n^2/2 multiplications per column, vectorised across the
+// columns, so for short columns it beats any FFT. Every column's result is
+// the same bits whatever the vector width. Results agree with cv::dct to
+// rounding.
+class ColumnCosineTransform {
+ public:
+  explicit ColumnCosineTransform(int length);
+
+  // src: CV_32F with `length` rows; dst (not src) gets its size.
+  void Forward(const cv::Mat& src, cv::Mat& dst) const;
+  void Inverse(const cv::Mat& src, cv::Mat& dst) const;
+
+  // Column lengths up to this go through the product rather than an FFT
+  // (timed on the build machine).
+  static constexpr int kMaxLength = 192;
+
+ private:
+  int n_, even_, odd_;          // length, number of even and of odd frequencies
+  std::vector<float> e_, o_;   // even_ x even_ and odd_ x odd_, row-major
+  std::vector<float> et_, ot_;  // their transposes
+};
+
 }  // namespace vision::filter_detail

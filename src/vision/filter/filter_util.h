@@ -22,6 +22,8 @@ namespace vision::filter_detail {
 // `whole_plane_bytes`, else in checkpoint rows and computed again; both
 // ways give the same bits.
 void SolveNeumannPoisson(cv::Mat& f, size_t whole_plane_bytes = size_t(4) << 20);
+// The same, with the cosine transform down the columns (for short ones).
+void SolveNeumannPoissonByColumns(cv::Mat& f);
 
 // Every element of `obj` must be an image; returns them in order.
 std::vector<const Image*> Images(const HObject& obj, const char* op);

@@ -754,11 +754,12 @@ __attribute__((target_clones("avx2", "default"))) void BackSubstituteRow(float* 
 // Laplacian is diagonal in the cosine basis along the rows, and each cosine
 // frequency leaves a tridiagonal system down the columns, solved for all
 // frequencies at once row by row.
-void filter_detail::SolveNeumannPoisson(cv::Mat& f, size_t whole_plane_bytes) {
-  const int H = f.rows, W = f.cols;
-  const RowCosineTransform dct(W);
-  cv::Mat& F = f;
-  dct.Forward(f, F);  // in place
+namespace {
+
+// The systems left once the rows of F hold cosine coefficients (frequency k
+// in column k of W, a transform of length W), solved in place.
+void SolveFrequencySystems(cv::Mat& F, size_t whole_plane_bytes) {
+  const int H = F.rows, W = F.cols;
   // Frequency k along the rows adds lambda_k = 2 cos(pi k / W) - 2 to the
   // column Laplacian (diagonal -1 at the ends, -2 inside, 1 beside). Thomas'
   // algorithm: the forward sweep leaves its right-hand sides in F; the
@@ -805,7 +806,28 @@ void filter_detail::SolveNeumannPoisson(cv::Mat& f, size_t whole_plane_bytes) {
     }
     for (int r = 0; r < H; ++r) F.at<float>(r, 0) = float(col[size_t(r)] - sum / H);
   }
-  dct.Inverse(F, f);  // in place
+}
+
+}  // namespace
+
+void filter_detail::SolveNeumannPoisson(cv::Mat& f, size_t whole_plane_bytes) {
+  const RowCosineTransform dct(f.cols);
+  dct.Forward(f, f);  // in place
+  SolveFrequencySystems(f, whole_plane_bytes);
+  dct.Inverse(f, f);  // in place
+}
+
+// The same equation with the transform down the columns, for short columns:
+// the coefficients are turned over, so that the systems run down the
+// columns of the turned plane as above, and back.
+void filter_detail::SolveNeumannPoissonByColumns(cv::Mat& f) {
+  const ColumnCosineTransform dct(f.rows);
+  cv::Mat F, T;
+  dct.Forward(f, F);
+  cv::transpose(F, T);
+  SolveFrequencySystems(T, size_t(4) << 20);
+  cv::transpose(T, F);
+  dct.Inverse(F, f);
 }
 
 namespace {
@@ -843,6 +865,17 @@ cv::Mat PoissonIntegrate(cv::Mat gr, cv::Mat gc) {
     }
   }
   gr.release();
+  // A short side goes through the product transform down its columns.
+  if (std::min(H, W) <= ColumnCosineTransform::kMaxLength) {
+    if (H <= W) {
+      SolveNeumannPoissonByColumns(f);
+      return f;
+    }
+    cv::Mat t = f.t();
+    f.release();
+    SolveNeumannPoissonByColumns(t);
+    return cv::Mat(t.t());
+  }
   // The row transform is the only part whose cost depends on the length's
   // factors: run it along the cheaper axis (the Laplacian is the same both
   // ways round).
