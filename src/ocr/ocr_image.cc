@@ -257,7 +257,10 @@ std::vector<OcrTextRecord> RecognizeText(HObject image, double width, double hei
         for (OcrTextRecord& r : records) ReadLookAlikesByNeighbours(&r.text, &r.candidates);
       // Outline print: O and 0 only, which plain ovals draw alike.
       else if (settings.format.empty() && refine)
-        for (OcrTextRecord& r : records) ReadZeroAndOhByNeighbours(&r.text, &r.candidates);
+        for (OcrTextRecord& r : records) {
+          ReadZeroAndOhByNeighbours(&r.text, &r.candidates);
+          ReadElInCodes(&r.text, &r.candidates);
+        }
     }
     if (!done) read(std::move(image), width, height, TextWindowCut(), false, &records);
     for (auto& c : classifiers) vision::clear_ocr_class_mlp(c);

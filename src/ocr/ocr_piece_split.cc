@@ -207,6 +207,40 @@ void ReadZeroAndOhByNeighbours(std::string* text, std::vector<std::vector<Candid
   t = read;
 }
 
+void ReadElInCodes(std::string* text, std::vector<std::vector<Candidate>>* candidates,
+                         double sure) {
+  std::string& t = *text;
+  const size_t n = t.size();
+  if (candidates->size() != n) return;
+  auto lower = [](char c) { return c >= 'a' && c <= 'z'; };
+  auto code = [](char c) { return (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9'); };
+  for (size_t b = 0; b < n;) {
+    if (!lower(t[b]) && !code(t[b])) {
+      ++b;
+      continue;
+    }
+    size_t e = b;
+    bool other_lower = false, codes = false, capitals = false;
+    for (; e < n && (lower(t[e]) || code(t[e])); ++e) {
+      other_lower = other_lower || (lower(t[e]) && t[e] != 'l');
+      codes = codes || code(t[e]);
+      capitals = capitals || (t[e] >= 'A' && t[e] <= 'Z');
+    }
+    const char to = capitals ? 'I' : '1';
+    if (codes && !other_lower)
+      for (size_t i = b; i < e; ++i) {
+        auto& list = (*candidates)[i];
+        if (t[i] != 'l' || list.empty() || list.front().confidence >= sure) continue;
+        t[i] = to;
+        auto it = std::find_if(list.begin(), list.end(),
+                               [&](const Candidate& c) { return c.klass == std::string(1, to); });
+        if (it != list.end()) std::iter_swap(list.begin(), it);
+        else list.front().klass = std::string(1, to);
+      }
+    b = e;
+  }
+}
+
 std::vector<PieceReading> SplitPiecesByRecognition(std::vector<PieceReading> pieces,
                                                    const PieceClassifier& classify,
                                                    const PieceSplitOptions& options) {

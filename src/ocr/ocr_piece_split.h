@@ -65,6 +65,15 @@ std::vector<PieceReading> SplitPiecesByRecognition(std::vector<PieceReading> pie
 void ReadZeroAndOhByNeighbours(std::string* text, std::vector<std::vector<Candidate>>* candidates,
                                double sure = 0.98);
 
+// Reads a lower-case l, which faces with plain bars draw like the capital I
+// and the digit 1, as a code's character where its run of letters and
+// digits (specials part runs) holds capitals or digits and no other
+// lower-case letter: codes (SNI9CV, 8588l) are capitals and digits, words
+// are lower case. With a capital in the run the l reads I, else 1. The same
+// `sure` and candidate rules as above.
+void ReadElInCodes(std::string* text, std::vector<std::vector<Candidate>>* candidates,
+                         double sure = 0.98);
+
 // The two parts of `region` left of column `col` and from it on.
 void SplitRegionAtColumn(const vision::Region& region, int col, vision::Region* left,
                          vision::Region* right);

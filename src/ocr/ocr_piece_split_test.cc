@@ -154,5 +154,30 @@ TEST(PieceSplit, ZeroAndOhAreReadAsTheirNeighbours) {
   EXPECT_EQ(text, "L0T");
 }
 
+// A lower-case l in a code reads I beside capitals and 1 among digits; in
+// words (another lower-case letter in the run) and when read surely it
+// stays.
+TEST(PieceSplit, ElInCodesIsReadAsTheCodesCharacter) {
+  struct Case {
+    std::string read, want;
+    double confidence;  // of every l
+  } cases[] = {
+      {"SNl9CV47P7", "SNI9CV47P7", 0.8}, {"(78)4JPl5", "(78)4JPI5", 0.8},
+      {"(47)8588l", "(47)85881", 0.8},   {"Exp.9l30-42", "Exp.9130-42", 0.8},
+      {"Rl:zjT", "RI:zjT", 0.8},         {"Rlzj", "Rlzj", 0.8},
+      {"Batch", "Batch", 0.8},           {"SNl9", "SNl9", 0.99},
+      {"lll", "lll", 0.8},
+  };
+  for (const Case& c : cases) {
+    std::string text = c.read;
+    std::vector<std::vector<Candidate>> cands;
+    for (char ch : c.read) cands.push_back({{std::string(1, ch), ch == 'l' ? c.confidence : 1.0}});
+    ReadElInCodes(&text, &cands);
+    EXPECT_EQ(text, c.want) << c.read;
+    for (size_t i = 0; i < text.size(); ++i)
+      EXPECT_EQ(cands[i][0].klass, std::string(1, text[i])) << c.read << " " << i;
+  }
+}
+
 }  // namespace
 }  // namespace velmora
