@@ -81,12 +81,18 @@ bool RunPass(HObject image, double w, double h, int pass, const OcrSettings& s,
   HTuple hv_Count;
   vision::count_obj(seg.characters, &hv_Count);
   refine = refine && s.expected_count <= 0;
+  // Dot print's rejection class (mostly two cells joined) reads nothing: left
+  // out of the piece's answer, the piece counts as doubtful and is re-cut.
+  // Without it the answer is unchanged (the candidates skip that class, and
+  // a piece with no other class reads `_`).
+  const bool drop_rejection = refine && s.font_name.value_or("") == "DotPrint";
   auto ask = [&](const HObject& ho_Char, const HTuple& handle, PieceReading* piece) {
     HTuple hv_Class, hv_Conf;
     classify(ho_Char, seg.smoothed, handle, HTuple(s.num), &hv_Class, &hv_Conf);
     piece->classes.clear();
     piece->confidences.clear();
     for (vision::Hlong k = 0; k < hv_Class.Length(); ++k) {
+      if (drop_rejection && !hv_Class.S(k).empty() && (uint8_t(hv_Class.S(k)[0]) & 0x80)) continue;
       piece->classes.push_back(hv_Class.S(k));
       piece->confidences.push_back(hv_Conf.D(k));
     }
@@ -237,9 +243,10 @@ std::vector<OcrTextRecord> RecognizeText(HObject image, double width, double hei
       }
     if (!windows.empty()) {
       image.Clear();
-      // Outline print is re-cut by recognition; dot print's characters are
-      // apart by design (their pieces are dots joined by the threshold).
-      const bool refine = settings.font_name.value_or("") != "DotPrint";
+      // Pieces are re-cut by recognition: outline print's touching pairs,
+      // and dot print's cells where a screen face's glyphs fill them (RE, OT
+      // and 7T touch, and their dots join).
+      const bool refine = true;
       double best = 0;
       for (auto& [window_image, cut] : windows) {
         std::vector<OcrTextRecord> recs;

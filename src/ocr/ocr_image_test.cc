@@ -372,5 +372,46 @@ TEST(OcrFonts, CatalogueAndFileTable) {
   }
 }
 
+// Dot print's text window: a piece of two joined cells that the classifier
+// takes for no character (its rejection class, however sure) is re-cut, and
+// its parts are read; the host's window keeps the piece (read `_`).
+TEST_F(OcrImageTest, TextWindowRecutsDotPrintPiecesReadAsNoCharacter) {
+  dir_.Add("DotPrint.omc", {"F", "0"});
+  dir_.Add("DotPrint_0-9.omc", {"D", "1"});
+  dir_.Add("DotPrint_A-Z+.omc", {"L", "M"});
+  // Wide pieces are no character, narrow ones an A; both answered surely.
+  const auto by_width = [](const HObject& ch, const HObject&, const HTuple&, const HTuple& num,
+                           HTuple* klass, HTuple* conf) {
+    int r1, c1, r2, c2;
+    ch.RegionAt(0).BoundingBox(&r1, &c1, &r2, &c2);
+    klass->Clear();
+    conf->Clear();
+    klass->Append(HTuple(c2 - c1 + 1 > 40 ? std::string(1, char(0x80)) : std::string("A")));
+    conf->Append(HTuple(0.95));
+    if (num.L() > 1) {
+      klass->Append(HTuple("B"));
+      conf->Append(HTuple(0.03));
+    }
+  };
+  // Five cells 24 pixels wide and 12 apart; the second and third joined at
+  // their foot.
+  cv::Mat frame(480, 640, CV_8U, cv::Scalar(200));
+  for (int i = 0; i < 5; ++i) frame(cv::Rect(200 + 36 * i, 200, 24, 60)).setTo(30);
+  frame(cv::Rect(260, 254, 12, 6)).setTo(30);
+  OcrSettings s;
+  s.font_name = "DotPrint";
+  const cv::Mat crop = frame(cv::Rect(170, 170, 235, 120));
+  const auto window = RecognizeText(ToHObject(crop), crop.cols, crop.rows, s, by_width);
+  ASSERT_EQ(window.size(), 1u);
+  EXPECT_EQ(window[0].text, "A_AA");
+  s.text_window = true;
+  const auto framed = RecognizeText(ToHObject(frame), frame.cols, frame.rows, s, by_width);
+  ASSERT_EQ(framed.size(), 1u);
+  EXPECT_EQ(framed[0].text, "AAAAA");
+  ASSERT_EQ(framed[0].rects.size(), 5u);
+  EXPECT_NEAR(framed[0].rects[1].left, 236, 2);
+  EXPECT_NEAR(framed[0].rects[2].right, 295, 2);
+}
+
 }  // namespace
 }  // namespace velmora
