@@ -159,9 +159,10 @@ bool CutTextWindow(vision::HObject* image, double width, double height, const cv
 
 namespace {
 
-// The character of the other kind that looks like `c`, or 0.
+// The character of the other kind that looks like `c`, or 0 (a 0 looks
+// like O first).
 char LookAlike(char c) {
-  static constexpr const char* kPairs = "O0I1Z2S5G6B8";
+  static constexpr const char* kPairs = "O0U0I1Z2S5G6B8";
   for (const char* p = kPairs; *p; p += 2) {
     if (c == p[0]) return p[1];
     if (c == p[1]) return p[0];
@@ -224,8 +225,9 @@ void ReadLookAlikesByNeighbours(std::string* text, std::vector<std::vector<Candi
     // A look-alike letter: the nearest telling characters on either side in
     // its run decide when they agree; at the run's end (or with nothing
     // telling on one side) the run decides when all it tells is one kind;
-    // a run that tells nothing goes with the line when the line tells one
-    // kind at least twice.
+    // a run of two or more that tells nothing goes with the line when the
+    // line tells one kind at least twice (a lone letter before = is a
+    // letter: O=253*58).
     char left = 0, right = 0;
     for (size_t k = i; k > b && !left;) left = kind(--k);
     for (size_t k = i + 1; k < e && !right; ++k) right = kind(k);
@@ -234,7 +236,7 @@ void ReadLookAlikesByNeighbours(std::string* text, std::vector<std::vector<Candi
       want = left == right ? left : 0;
     } else if (left || right) {
       want = shared(b, e);
-    } else {
+    } else if (e - b > 1) {
       size_t telling = 0;
       for (size_t k = 0; k < n; ++k) telling += kind(k) != 0;
       if (telling >= 2) want = shared(0, n);

@@ -56,15 +56,19 @@ struct TextWindowCut {
 bool CutTextWindow(vision::HObject* image, double width, double height, const cv::Rect& line,
                    const TextWindowReading& how, TextWindowCut* cut);
 
-// Reads the characters that look like a character of the other kind (O and
-// 0, I and 1, Z and 2, S and 5, G and 6, B and 8) as their neighbours are:
-// between two digits a digit, between two letters a letter. Runs of letters
-// and digits (specials part them) are read as a whole: at a run's end the
-// one neighbour decides when the rest of the run is of one kind, and a run
-// of look-alikes only goes with the line when every other letter or digit
-// of it is of one kind. `candidates` holds one list per character of
-// `text` (best first); a changed character's first candidate changes with
-// it (its confidence kept). Nothing changes when the sizes differ.
+// Reads letters that look like digits (O and U as 0, I 1, Z 2, S 5, G 6,
+// B 8) as digits where their neighbours are digits, within the run of
+// letters and digits that holds them (specials part runs): the nearest
+// telling characters on both sides (every digit, and letters that look like
+// no digit) when both are digits; with telling characters on one side only,
+// when all the run tells is digits; a run of two or more that tells nothing
+// when the line tells digits at least twice and nothing else. The other way
+// only a zero between two letters that look like no digit becomes O: the
+// classifiers take digits for letters far more often than letters for
+// digits. `candidates` holds one list per character of `text` (best first);
+// a changed character's first candidate changes with it (its own
+// confidence if it was among them, else the old one). Nothing changes when
+// the sizes differ.
 void ReadLookAlikesByNeighbours(std::string* text, std::vector<std::vector<Candidate>>* candidates);
 
 // Whether the text window of `family` reads look-alikes by their neighbours

@@ -12,6 +12,7 @@ TEST(TextWindowLookAlikes, AreReadAsTheirNeighbours) {
     const char* want;
   } cases[] = {
       {"3O4", "304"},                // a letter between digits
+      {"8U1", "801"},
       {"REF#O185", "REF#0185"},      // at a run's end, the run all digits
       {"2026.1O.O5", "2026.10.05"},  // look-alike letters beside look-alike digits
       {"3718.OO.96", "3718.00.96"},  // a run of look-alikes goes with the line
@@ -26,6 +27,7 @@ TEST(TextWindowLookAlikes, AreReadAsTheirNeighbours) {
       {"X0", "X0"},                  // ... and a zero only between two letters
       {"AOB", "AOB"},                // look-alike letters tell nothing
       {"O", "O"},
+      {"O=253*58", "O=253*58"},      // a run of one: no run, no line to go with
       {"OB.S", "OB.S"},              // the line tells nothing either
       {"LOT4B-0O12", "LOT4B-0012"},  // a run of both kinds: its end kept
       {"_O5", "_05"},
