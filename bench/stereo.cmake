@@ -12,3 +12,8 @@ add_executable(bench_stereo_stages ${CMAKE_CURRENT_LIST_DIR}/stereo/stages_bench
                ${CMAKE_CURRENT_LIST_DIR}/stereo/surface_metrics.cc)
 target_include_directories(bench_stereo_stages PRIVATE "${CMAKE_SOURCE_DIR}")
 target_link_libraries(bench_stereo_stages PRIVATE synthetic_rig vision_model3d vision_stereo vision_region vision_filter vision_calib)
+# The Score's claimed precision against the true disparity error.
+add_executable(bench_stereo_score ${CMAKE_CURRENT_LIST_DIR}/stereo/score_bench.cc
+               ${CMAKE_CURRENT_LIST_DIR}/stereo/surface_metrics.cc)
+target_include_directories(bench_stereo_score PRIVATE "${CMAKE_SOURCE_DIR}")
+target_link_libraries(bench_stereo_score PRIVATE synthetic_rig vision_stereo vision_region vision_filter vision_calib)
