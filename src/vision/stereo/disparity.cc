@@ -485,6 +485,8 @@ constexpr float kScoreSigma = 0.1f;
 // Grey-value noise assumed at least (variance): quantisation and more, so
 // that a window without texture never looks precise.
 constexpr float kMinNoise = 0.5f;
+// Gaussian sigma (pixels) of the refinement's window: about 9 x 9 pixels.
+constexpr double kWindowSigma = 2.0;
 float Sq(float v) { return v * v; }
 cv::Mat Blur(const cv::Mat& m, double sigma) {
   if (sigma <= 0) return m;
@@ -494,6 +496,37 @@ cv::Mat Blur(const cv::Mat& m, double sigma) {
   const int r = int(std::ceil(3 * sigma));
   cv::GaussianBlur(m, o, cv::Size(2 * r + 1, 2 * r + 1), sigma, sigma, cv::BORDER_REPLICATE);
   return o;
+}
+
+// The Score of each consistent pixel (`valid`). The noise term sigma_d
+// holds where the window sees one smooth field; where the field bends or
+// breaks under the window (a part's edge, a bevel, a mismatch among good
+// neighbours) the window's answer is off by about as much as the pixel
+// departs from the Gaussian mean of the consistent disparities around it,
+// so that departure counts as a second, independent error.
+cv::Mat ScoreImage(const cv::Mat& d, const cv::Mat& valid, const cv::Mat& sigma_d) {
+  const int h = d.rows, w = d.cols;
+  // Disparities of inconsistent pixels may be anything (NaN too); they
+  // weigh 0.
+  cv::Mat vf, dv(h, w, CV_32F, cv::Scalar(0));
+  valid.convertTo(vf, CV_32F, 1.0 / 255);
+  d.copyTo(dv, valid);
+  const cv::Mat sum_d = Blur(dv, kWindowSigma), sum_v = Blur(vf, kWindowSigma);
+  cv::Mat sc(h, w, CV_32F, cv::Scalar(0));
+  for (int y = 0; y < h; ++y) {
+    const float* pd = d.ptr<float>(y);
+    const float* sd = sigma_d.ptr<float>(y);
+    const float* a = sum_d.ptr<float>(y);
+    const float* b = sum_v.ptr<float>(y);
+    const uint8_t* v = valid.ptr<uint8_t>(y);
+    float* o = sc.ptr<float>(y);
+    for (int x = 0; x < w; ++x) {
+      if (!v[x]) continue;  // b[x] > 0: the pixel itself weighs in
+      const float detail = pd[x] - a[x] / b[x];
+      o[x] = 1000.f / (1.f + (Sq(sd[x]) + Sq(detail)) / Sq(kScoreSigma));
+    }
+  }
+  return sc;
 }
 
 // Passes of the sub-pixel refinement; each moves a disparity by at most a
@@ -606,7 +639,7 @@ template <int kGroups>
 void RefineSubPixelT(const std::vector<cv::Mat>& c1, const std::vector<cv::Mat>& c2, const cv::Mat& g1,
                      const cv::Mat& g2, cv::Mat* disp, cv::Mat* ncc, cv::Mat* sigma_d) {
   using cv::v_float32x4;
-  const double sigma = 2.0;  // window: Gaussian, about 9 x 9 pixels
+  const double sigma = kWindowSigma;
   const int h = disp->rows, w = disp->cols, w2 = g2.cols;
   const int nc = int(std::min(c1.size(), c2.size()));
   // Every colour channel adds its own evidence to the same shift; the
@@ -870,8 +903,10 @@ void RefineSubPixelT(const std::vector<cv::Mat>& c1, const std::vector<cv::Mat>&
     }
   });
   const cv::Mat b1 = Blur(s1, sigma), b2 = Blur(s2, sigma);
-  // Summed squared gradient over the window's equivalent area.
-  const float area = float(2 * M_PI * sigma * sigma);
+  // Summed squared gradient over the window's equivalent area: for the
+  // precision of a weighted mean, Gaussian weights count as (sum w)^2 /
+  // sum w^2 = 4 pi sigma^2 pixels.
+  const float area = float(4 * M_PI * sigma * sigma);
   *ncc = cv::Mat(h, w, CV_32F);
   *sigma_d = cv::Mat(h, w, CV_32F);
   for (int y = 0; y < h; ++y) {
@@ -1057,15 +1092,17 @@ void binocular_disparity_ms(const HObject& image_rect1, const HObject& image_rec
 
   const Level& l0 = levels[0];
   const int w = l0.g1.cols, h = l0.g1.rows;
-  cv::Mat ncc, sigma_d;
+  cv::Mat ncc, sigma_d, refined;
   cv::Mat coarse = disp.clone();
   if (sub) {
     RefineSubPixel(ch1, ch2, l0.g1, l0.g2, &disp, &ncc, &sigma_d);
+    refined = disp;
   } else {
     for (int y = 0; y < h; ++y)
       for (int x = 0; x < w; ++x) disp.at<float>(y, x) = std::round(disp.at<float>(y, x));
     cv::Mat keep = disp.clone();
     RefineSubPixel(ch1, ch2, l0.g1, l0.g2, &keep, &ncc, &sigma_d);
+    refined = keep;
   }
 
   // Consistency: among the pixels of a row that land on the same pixel of
@@ -1098,12 +1135,7 @@ void binocular_disparity_ms(const HObject& image_rect1, const HObject& image_rec
       v[x] = 255;
     }
   }
-  cv::Mat sc(h, w, CV_32F);
-  for (int y = 0; y < h; ++y) {
-    const float* sd = sigma_d.ptr<float>(y);
-    float* o = sc.ptr<float>(y);
-    for (int x = 0; x < w; ++x) o[x] = 1000.f / (1.f + Sq(sd[x] / kScoreSigma));
-  }
+  const cv::Mat sc = ScoreImage(refined, valid, sigma_d);
 
   Region dom = Region::FromMask(valid);
   Image di = Image::FromPlanes(PixelType::Real, {disp});
