@@ -480,12 +480,16 @@ int OcrLinePitch(const cv::Mat& gray, int top, int bottom, int c1, int c2, int t
   const int band = bottom - top + 1;
   if (band < 1) return 0;
   const int x0 = std::max(0, c1 - 4 * band), x1 = std::min(gray.cols - 1, c2 + 4 * band);
+  // Dark pixels per column, counted row by row (along the memory).
+  std::vector<int> dark(size_t(std::max(0, x1 - x0 + 1)), 0);
+  for (int y = top; y <= bottom; ++y) {
+    const uint8_t* p = gray.ptr<uint8_t>(y) + x0;
+    for (size_t i = 0; i < dark.size(); ++i) dark[i] += p[i] <= threshold;
+  }
   std::vector<int> runs;
   int run = 0;
   for (int x = x0; x <= x1 + 1; ++x) {
-    int n = 0;
-    if (x <= x1)
-      for (int y = top; y <= bottom && n < 2; ++y) n += gray.ptr<uint8_t>(y)[x] <= threshold;
+    const int n = x <= x1 ? dark[size_t(x - x0)] : 0;
     if (n >= 2) {
       ++run;
       continue;
