@@ -231,53 +231,66 @@ void RowCosineTransform::InverseBlock(const cv::Mat& src, cv::Mat& dst) const {
 
 namespace {
 
-// Eight floats; the type of an unaligned access to them.
-typedef float V8 __attribute__((vector_size(32)));
-typedef float V8u __attribute__((vector_size(32), aligned(4)));
-#define Load8(p) (*reinterpret_cast<const V8u*>(p))
-#define Store8(p, v) (*reinterpret_cast<V8u*>(p) = (v))
+// Vectors of L floats, and the type of an unaligned access to them.
+template <int L>
+struct Lanes {
+  typedef float V __attribute__((vector_size(4 * L)));
+  typedef float U __attribute__((vector_size(4 * L), aligned(4)));
+};
+#define LOADV(p) (*reinterpret_cast<const typename X::U*>(p))
+#define STOREV(p, v) (*reinterpret_cast<typename X::U*>(p) = (v))
 
-// out[i][c] = sum over j < p of m[i p + j] in[j][c], for i < rows and c < w,
-// summed in increasing j, a product and a sum per term (no fused
-// multiply-add in either clone), so every width gives the same bits.
-__attribute__((target_clones("avx2", "default"))) void MatRows(const float* m, int rows, int p,
-                                                               const float* const* in,
-                                                               float* const* out, int w) {
-  int c = 0;
-  for (; c + 16 <= w; c += 16) {
+// out[i][c] = sum over j < p of m[i p + j] in[j][c], for i < rows and the
+// columns c from *c while a vector of L of them fits; *c moves past them.
+// Summed in increasing j, a product and a sum per term (never a fused
+// multiply-add), so every width gives the same bits.
+template <int L>
+__attribute__((always_inline)) inline void MatRowsBy(const float* m, int rows, int p,
+                                                    const float* const* in, float* const* out, int w,
+                                                    int* col) {
+  using X = Lanes<L>;
+  using V = typename X::V;
+  int c = *col;
+  for (; c + 2 * L <= w; c += 2 * L) {
     int i = 0;
     for (; i + 4 <= rows; i += 4) {
-      V8 a0 = {}, a1 = {}, b0 = {}, b1 = {}, c0 = {}, c1 = {}, d0 = {}, d1 = {};
+      V a0 = {}, a1 = {}, b0 = {}, b1 = {}, c0 = {}, c1 = {}, d0 = {}, d1 = {};
       const float *m0 = m + size_t(i) * p, *m1 = m0 + p, *m2 = m1 + p, *m3 = m2 + p;
       for (int j = 0; j < p; ++j) {
-        const V8 x0 = Load8(in[j] + c), x1 = Load8(in[j] + c + 8);
+        const V x0 = LOADV(in[j] + c), x1 = LOADV(in[j] + c + L);
         a0 += m0[j] * x0, a1 += m0[j] * x1;
         b0 += m1[j] * x0, b1 += m1[j] * x1;
         c0 += m2[j] * x0, c1 += m2[j] * x1;
         d0 += m3[j] * x0, d1 += m3[j] * x1;
       }
-      Store8(out[i] + c, a0), Store8(out[i] + c + 8, a1);
-      Store8(out[i + 1] + c, b0), Store8(out[i + 1] + c + 8, b1);
-      Store8(out[i + 2] + c, c0), Store8(out[i + 2] + c + 8, c1);
-      Store8(out[i + 3] + c, d0), Store8(out[i + 3] + c + 8, d1);
+      STOREV(out[i] + c, a0), STOREV(out[i] + c + L, a1);
+      STOREV(out[i + 1] + c, b0), STOREV(out[i + 1] + c + L, b1);
+      STOREV(out[i + 2] + c, c0), STOREV(out[i + 2] + c + L, c1);
+      STOREV(out[i + 3] + c, d0), STOREV(out[i + 3] + c + L, d1);
     }
     for (; i < rows; ++i) {
-      V8 a0 = {}, a1 = {};
+      V a0 = {}, a1 = {};
       const float* mi = m + size_t(i) * p;
       for (int j = 0; j < p; ++j) {
-        a0 += mi[j] * Load8(in[j] + c);
-        a1 += mi[j] * Load8(in[j] + c + 8);
+        a0 += mi[j] * LOADV(in[j] + c);
+        a1 += mi[j] * LOADV(in[j] + c + L);
       }
-      Store8(out[i] + c, a0), Store8(out[i] + c + 8, a1);
+      STOREV(out[i] + c, a0), STOREV(out[i] + c + L, a1);
     }
   }
-  for (; c + 8 <= w; c += 8)
+  for (; c + L <= w; c += L)
     for (int i = 0; i < rows; ++i) {
-      V8 a = {};
+      V a = {};
       const float* mi = m + size_t(i) * p;
-      for (int j = 0; j < p; ++j) a += mi[j] * Load8(in[j] + c);
-      Store8(out[i] + c, a);
+      for (int j = 0; j < p; ++j) a += mi[j] * LOADV(in[j] + c);
+      STOREV(out[i] + c, a);
     }
+  *col = c;
+}
+
+__attribute__((always_inline)) inline void MatRowsTail(const float* m, int rows, int p,
+                                                      const float* const* in, float* const* out, int w,
+                                                      int c) {
   for (; c < w; ++c)
     for (int i = 0; i < rows; ++i) {
       float a = 0;
@@ -285,6 +298,35 @@ __attribute__((target_clones("avx2", "default"))) void MatRows(const float* m, i
       for (int j = 0; j < p; ++j) a += mi[j] * in[j][c];
       out[i][c] = a;
     }
+}
+
+__attribute__((target_clones("avx2", "default"))) void MatRows8(const float* m, int rows, int p,
+                                                                const float* const* in,
+                                                                float* const* out, int w) {
+  int c = 0;
+  MatRowsBy<8>(m, rows, p, in, out, w, &c);
+  MatRowsTail(m, rows, p, in, out, w, c);
+}
+
+#if defined(__GNUC__) && defined(__x86_64__)
+#define VISION_HAVE_AVX512_PATH 1
+// Sixteen columns a vector; products and sums stay apart (this target has
+// fused multiply-adds, which would round once instead of twice).
+__attribute__((target("avx512f"), optimize("fp-contract=off"))) void MatRows16(
+    const float* m, int rows, int p, const float* const* in, float* const* out, int w) {
+  int c = 0;
+  MatRowsBy<16>(m, rows, p, in, out, w, &c);
+  MatRowsBy<8>(m, rows, p, in, out, w, &c);
+  MatRowsTail(m, rows, p, in, out, w, c);
+}
+#endif
+
+void MatRows(const float* m, int rows, int p, const float* const* in, float* const* out, int w) {
+#ifdef VISION_HAVE_AVX512_PATH
+  static const bool wide = __builtin_cpu_supports("avx512f");
+  if (wide) return MatRows16(m, rows, p, in, out, w);
+#endif
+  MatRows8(m, rows, p, in, out, w);
 }
 
 }  // namespace
