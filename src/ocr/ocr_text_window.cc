@@ -5,6 +5,7 @@
 
 #include <opencv2/imgproc.hpp>
 
+#include "ocr/ocr_blobs.h"
 #include "vision/filter/filters.h"
 #include "vision/filter/image_ops.h"
 #include "vision/region/region_ops.h"
@@ -38,8 +39,10 @@ bool FindTextLine(const cv::Mat& gray, cv::Rect* line) {
   mag.release();
   // The print's height: the median height of the edge blobs that are not
   // specks (a character's edges form one blob or a few).
-  cv::Mat labels, stats, centroids;
-  int n = cv::connectedComponentsWithStats(edges, labels, stats, centroids, 8, CV_32S);
+  // Boxes and areas alone, from the runs (OpenCV's table without a label
+  // image): a third of the line finding's time before.
+  cv::Mat stats;
+  int n = BlobStats(edges, &stats);
   std::vector<int> heights;
   for (int i = 1; i < n; ++i)
     if (stats.at<int>(i, cv::CC_STAT_HEIGHT) >= 6) heights.push_back(stats.at<int>(i, cv::CC_STAT_HEIGHT));
@@ -53,7 +56,7 @@ bool FindTextLine(const cv::Mat& gray, cv::Rect* line) {
   // Thin lines (the border of a part or a label) are not print.
   cv::morphologyEx(edges, edges, cv::MORPH_OPEN,
                    cv::getStructuringElement(cv::MORPH_RECT, cv::Size(3, 3)));
-  n = cv::connectedComponentsWithStats(edges, labels, stats, centroids, 8, CV_32S);
+  n = BlobStats(edges, &stats);
   int best = -1;
   double best_score = 0;
   for (int i = 1; i < n; ++i) {
