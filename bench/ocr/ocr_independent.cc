@@ -11,13 +11,16 @@
 // frame and with the "text_window" setting.
 //
 //   bench_ocr_independent plan --markings N [--seed S]   > plan.tsv
-//   bench_ocr_independent read --dir DIR [--errors 1] [--confusions 1]
+//   bench_ocr_independent read --dir DIR [--errors 1] [--confusions 1] [--frames 1]
 //                                          (DIR holds plan.tsv and Pango's PNGs)
 //
 // --errors 1 lists every misread marking (window and text window) with its
 // piece count; --confusions 1 adds where the lost characters come from
 // (markings cut into the right number of pieces, into fewer, into more) and
 // which characters become which where the count is right.
+//
+// --frames 1 also writes each whole frame as DIR/frame_<id>.png (for the
+// processor time of the text window, bench/ocr/cpu.sh).
 //
 // `read` writes DIR/win_<id>.png and DIR/truth.tsv (window, family, grade,
 // text without blanks, our text, our ms) for Tesseract beside us.
@@ -403,7 +406,7 @@ velmora::OcrTextRecord Read(const cv::Mat& rgb, const std::string& family, long 
   return recs.empty() ? velmora::OcrTextRecord() : recs[0];
 }
 
-int ReadAll(const std::string& dir, bool show_errors, bool confusions) {
+int ReadAll(const std::string& dir, bool show_errors, bool confusions, bool frames) {
   std::ifstream plan(dir + "/plan.tsv");
   std::ofstream truth(dir + "/truth.tsv");
   std::map<std::pair<std::string, std::string>, Row> rows;
@@ -474,6 +477,10 @@ int ReadAll(const std::string& dir, bool show_errors, bool confusions) {
     cv::Mat bgr;
     cv::cvtColor(win, bgr, cv::COLOR_RGB2BGR);
     cv::imwrite(dir + "/win_" + id + ".png", bgr);
+    if (frames) {
+      cv::cvtColor(frame, bgr, cv::COLOR_RGB2BGR);
+      cv::imwrite(dir + "/frame_" + id + ".png", bgr);
+    }
     truth << "win_" << id << ".png\t" << family << '\t' << grade << '\t' << want << '\t' << rec.text
           << '\t' << row.ms.back() << '\n';
   }
@@ -535,7 +542,7 @@ int main(int argc, char** argv) {
   int markings = 100;
   uint32_t seed = 424242;
   std::string dir;
-  bool show_errors = false, confusions = false;
+  bool show_errors = false, confusions = false, frames = false;
   for (int i = 2; i + 1 < argc; i += 2) {
     const std::string a = argv[i], v = argv[i + 1];
     if (a == "--markings") markings = std::stoi(v);
@@ -543,9 +550,10 @@ int main(int argc, char** argv) {
     else if (a == "--dir") dir = v;
     else if (a == "--errors") show_errors = v == "1";
     else if (a == "--confusions") confusions = v == "1";
+    else if (a == "--frames") frames = v == "1";
   }
   if (mode == "plan") return Plan(markings, seed);
-  if (mode == "read" && !dir.empty()) return ReadAll(dir, show_errors, confusions);
+  if (mode == "read" && !dir.empty()) return ReadAll(dir, show_errors, confusions, frames);
   std::fprintf(stderr, "bench_ocr_independent: unknown mode or missing --dir\n");
   return 2;
 }
