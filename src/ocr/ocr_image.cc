@@ -110,9 +110,11 @@ bool RunPass(HObject image, double w, double h, int pass, const OcrSettings& s,
     // wide and two joined ones nearly twice; tried from 1.4 pitches (on the
     // independent benchmark's seed 777, 1.0 split W and # into two and read
     // 94.0 / 95.9 / 85.9 % clean / moderate / hard, 1.4 94.5 / 96.1 / 86.3,
-    // 1.7 94.5 / 96.1 / 85.3).
+    // 1.7 94.5 / 96.1 / 85.3). Joined cells of dot print often meet at top
+    // and foot at once (two zeros, whose bars reach the cell's edges), so
+    // cuts through two strokes are tried too: 94.3 / 96.5 / 87.0.
     PieceSplitOptions split;
-    if (drop_rejection) split.wide = 1.4;
+    if (drop_rejection) split.wide = 1.4, split.max_strokes = 2;
     pieces = SplitPiecesByRecognition(std::move(pieces), [&](PieceReading* piece) {
       ask(HObject(piece->region), classifiers[0], piece);
     }, split);
