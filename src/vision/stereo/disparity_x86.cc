@@ -68,7 +68,7 @@ class LaneBuffer {
 };
 
 struct Consts {
-  __m256i p1, p2, pad, inf, inf_first, inf_last, rot16;
+  __m256i p1, p2, pad, inf, rot16;
 };
 
 #define VISION_AVX2 __attribute__((target("avx2"), always_inline)) inline
@@ -77,16 +77,10 @@ VISION_AVX2 Consts MakeConsts(int k, int p1, int p2) {
   Consts c;
   c.p1 = _mm256_set1_epi16(int16_t(p1));
   c.p2 = _mm256_set1_epi16(int16_t(p2));
-  alignas(32) int16_t pad[16], first[16], last[16];
-  for (int i = 0; i < 16; ++i) {
-    pad[i] = i % 8 < k ? 0 : kPathInf;
-    first[i] = i % 8 == 0 ? kPathInf : 0;
-    last[i] = i % 8 == 7 ? kPathInf : 0;
-  }
+  alignas(32) int16_t pad[16];
+  for (int i = 0; i < 16; ++i) pad[i] = i % 8 < k ? 0 : kPathInf;
   c.pad = _mm256_load_si256(reinterpret_cast<const __m256i*>(pad));
   c.inf = _mm256_set1_epi16(kPathInf);
-  c.inf_first = _mm256_load_si256(reinterpret_cast<const __m256i*>(first));
-  c.inf_last = _mm256_load_si256(reinterpret_cast<const __m256i*>(last));
   // Swaps the two 16-bit halves of every 32-bit element.
   c.rot16 = _mm256_setr_epi8(2, 3, 0, 1, 6, 7, 4, 5, 10, 11, 8, 9, 14, 15, 12, 13, 2, 3, 0, 1, 6, 7, 4, 5, 10, 11,
                              8, 9, 14, 15, 12, 13);
@@ -117,7 +111,8 @@ VISION_AVX2 __m256i Pick(__m256i prev, const uint8_t* lo, const uint8_t* hi, con
   const __m256i m = _mm256_inserti128_si256(
       _mm256_castsi128_si256(_mm_load_si128(reinterpret_cast<const __m128i*>(lo))),
       _mm_load_si128(reinterpret_cast<const __m128i*>(hi)), 1);
-  return _mm256_or_si256(_mm256_shuffle_epi8(prev, m), _mm256_and_si256(_mm256_srai_epi16(m, 15), c.inf));
+  // The shuffle's zero lanes (bytes 0x80) take kPathInf.
+  return _mm256_blendv_epi8(_mm256_shuffle_epi8(prev, m), c.inf, m);
 }
 
 // Path costs at two pixels whose disparities start d0 and d1 above those of
@@ -127,8 +122,9 @@ VISION_AVX2 __m256i Step(__m256i cost, __m256i prev, int d0, int d1, const Const
   __m256i q, qm, qp;  // previous costs at d, d - 1 and d + 1
   if ((d0 | d1) == 0) {
     q = prev;
-    qm = _mm256_or_si256(_mm256_bslli_epi128(prev, 2), c.inf_first);
-    qp = _mm256_or_si256(_mm256_bsrli_epi128(prev, 2), c.inf_last);
+    // Shifted by a lane within each pixel, kPathInf shifted in.
+    qm = _mm256_alignr_epi8(prev, c.inf, 14);
+    qp = _mm256_alignr_epi8(c.inf, prev, 2);
   } else {
     const int i0 = std::clamp(d0, -9, 9) + 9, i1 = std::clamp(d1, -9, 9) + 9;
     qm = Pick(prev, t.m[i0][0], t.m[i1][0], c);
