@@ -512,7 +512,7 @@ cv::Mat ScoreImage(const cv::Mat& d, const cv::Mat& valid, const cv::Mat& sigma_
   valid.convertTo(vf, CV_32F, 1.0 / 255);
   d.copyTo(dv, valid);
   const cv::Mat sum_d = Blur(dv, kWindowSigma), sum_v = Blur(vf, kWindowSigma);
-  cv::Mat sc(h, w, CV_32F, cv::Scalar(0));
+  cv::Mat sc(h, w, CV_32F);
   for (int y = 0; y < h; ++y) {
     const float* pd = d.ptr<float>(y);
     const float* sd = sigma_d.ptr<float>(y);
@@ -520,10 +520,12 @@ cv::Mat ScoreImage(const cv::Mat& d, const cv::Mat& valid, const cv::Mat& sigma_
     const float* b = sum_v.ptr<float>(y);
     const uint8_t* v = valid.ptr<uint8_t>(y);
     float* o = sc.ptr<float>(y);
+    // Without branches, so that it runs on vectors; the pixels outside
+    // `valid` get 0 (where b is 0 the quotient may be anything).
     for (int x = 0; x < w; ++x) {
-      if (!v[x]) continue;  // b[x] > 0: the pixel itself weighs in
-      const float detail = pd[x] - a[x] / b[x];
-      o[x] = 1000.f / (1.f + (Sq(sd[x]) + Sq(detail)) / Sq(kScoreSigma));
+      const float detail = pd[x] - a[x] / std::max(b[x], 1e-6f);
+      const float r = 1000.f / (1.f + (Sq(sd[x]) + Sq(detail)) * (1.f / Sq(kScoreSigma)));
+      o[x] = v[x] ? r : 0.f;
     }
   }
   return sc;
