@@ -118,6 +118,13 @@ bool RunPass(HObject image, double w, double h, int pass, const OcrSettings& s,
     pieces = SplitPiecesByRecognition(std::move(pieces), [&](PieceReading* piece) {
       ask(HObject(piece->region), classifiers[0], piece);
     }, split);
+    // Industrial and Document: a doubtful capital among digits is read again
+    // by the digits' classifier.
+    const std::string family = s.font_name.value_or("");
+    if (s.format.empty() && (family == "Industrial" || family == "Document"))
+      ReadLettersAmongDigits(&pieces, [&](PieceReading* piece) {
+        ask(HObject(piece->region), classifiers[1], piece);
+      });
   }
 
   std::vector<std::string> texts;

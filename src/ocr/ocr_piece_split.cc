@@ -241,6 +241,31 @@ void ReadElInCodes(std::string* text, std::vector<std::vector<Candidate>>* candi
   }
 }
 
+void ReadLettersAmongDigits(std::vector<PieceReading>* pieces, const PieceClassifier& digits,
+                            double sure) {
+  auto& p = *pieces;
+  auto first = [&](size_t k) { return p[k].classes.empty() || p[k].classes[0].size() != 1 ? '\0' : p[k].classes[0][0]; };
+  auto digit = [](char c) { return c >= '0' && c <= '9'; };
+  auto letter = [](char c) { return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z'); };
+  for (size_t i = 0; i < p.size(); ++i) {
+    const char c = first(i);
+    if (!(c >= 'A' && c <= 'Z') || c == 'O' || c == 'I' || p[i].Best() >= sure) continue;
+    size_t b = i, e = i + 1;
+    while (b > 0 && (digit(first(b - 1)) || letter(first(b - 1)))) --b;
+    while (e < p.size() && (digit(first(e)) || letter(first(e)))) ++e;
+    bool only_digits = e - b > 1;
+    for (size_t k = b; k < e; ++k) only_digits = only_digits && (k == i || digit(first(k)));
+    if (!only_digits) continue;
+    PieceReading again;
+    again.region = p[i].region;
+    digits(&again);
+    if (!again.classes.empty()) {
+      p[i].classes = std::move(again.classes);
+      p[i].confidences = std::move(again.confidences);
+    }
+  }
+}
+
 std::vector<PieceReading> SplitPiecesByRecognition(std::vector<PieceReading> pieces,
                                                    const PieceClassifier& classify,
                                                    const PieceSplitOptions& options) {

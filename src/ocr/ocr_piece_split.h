@@ -74,6 +74,17 @@ void ReadZeroAndOhByNeighbours(std::string* text, std::vector<std::vector<Candid
 void ReadElInCodes(std::string* text, std::vector<std::vector<Candidate>>* candidates,
                          double sure = 0.98);
 
+// A capital letter (not O, which ReadZeroAndOhByNeighbours reads, nor I,
+// which codes hold beside digits and many faces draw as their 1) whose
+// run of letters and digits (specials part runs) holds digits only besides
+// it, read below `sure`, is read again by `digits` (the family's digit
+// classifier) and takes its answer: faces the letters' classifier never
+// saw draw their 4 open (read Q or G) or their 3 flat-topped (read J).
+// A code's leading letter before digits (the N of P/N1999) read below
+// `sure` would turn into a digit too; the classifiers read those surely.
+void ReadLettersAmongDigits(std::vector<PieceReading>* pieces, const PieceClassifier& digits,
+                            double sure = 0.98);
+
 // The two parts of `region` left of column `col` and from it on.
 void SplitRegionAtColumn(const vision::Region& region, int col, vision::Region* left,
                          vision::Region* right);

@@ -179,5 +179,35 @@ TEST(PieceSplit, ElInCodesIsReadAsTheCodesCharacter) {
   }
 }
 
+// A doubtful capital whose run holds only digits besides it is read again by
+// the digits' classifier (here one that always answers 4).
+TEST(PieceSplit, DoubtfulLettersAmongDigitsAreReadAsDigits) {
+  struct Case {
+    std::string read, want;
+    double confidence;  // of every capital but N (read surely)
+  } cases[] = {
+      {"P/N1999-19Q", "P/N1999-194", 0.6}, {"REF#Q660", "REF#4660", 0.6},
+      {"78:0Q29%", "78:0429%", 0.6},       {"SNB631S5UM", "SNB631S5UM", 0.6},
+      {"I788", "I788", 0.6},               {"88:740W", "88:7404", 0.6},
+      {"19Q", "19Q", 0.99},                {"12-Q", "12-Q", 0.6},
+  };
+  for (const Case& c : cases) {
+    std::vector<PieceReading> pieces;
+    for (char ch : c.read) {
+      PieceReading p;
+      p.classes = {std::string(1, ch)};
+      p.confidences = {ch >= 'A' && ch <= 'Z' && ch != 'N' ? c.confidence : 1.0};
+      pieces.push_back(p);
+    }
+    ReadLettersAmongDigits(&pieces, [](PieceReading* p) {
+      p->classes = {"4", "9"};
+      p->confidences = {0.9, 0.05};
+    });
+    std::string text;
+    for (const auto& p : pieces) text += p.classes.front();
+    EXPECT_EQ(text, c.want) << c.read;
+  }
+}
+
 }  // namespace
 }  // namespace velmora
