@@ -119,14 +119,7 @@ struct Acc {
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::vector<int> variants;
-  for (int v = 0; v < synth::kVariantCount; ++v) variants.push_back(v);
-  for (int i = 1; i < argc; ++i)
-    if (!std::strcmp(argv[i], "--variants") && i + 1 < argc) {
-      variants.clear();
-      std::stringstream ss(argv[++i]);
-      for (std::string v; std::getline(ss, v, ',');) variants.push_back(std::stoi(v));
-    }
+  const std::vector<int> variants = bench::VariantsArg(argc, argv);
   cv::setNumThreads(2);
   std::printf("the Score's claimed sigma against the true disparity error (pixels), pairs of \"Default\"\n");
   const char* kKind[] = {"board", "tops", "flanks"};

@@ -274,14 +274,7 @@ void FromPairClouds(const std::vector<Cloud>& clouds, const std::vector<bench::T
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::vector<int> variants;
-  for (int v = 0; v < synth::kVariantCount; ++v) variants.push_back(v);
-  for (int i = 1; i < argc; ++i)
-    if (!std::strcmp(argv[i], "--variants") && i + 1 < argc) {
-      variants.clear();
-      std::stringstream ss(argv[++i]);
-      for (std::string v; std::getline(ss, v, ',');) variants.push_back(std::stoi(v));
-    }
+  const std::vector<int> variants = bench::VariantsArg(argc, argv);
   cv::setNumThreads(2);
   std::printf("top-surface coverage of the synthetic rigs after each step of the reconstruction (\"Default\")\n");
   for (int v : variants) {

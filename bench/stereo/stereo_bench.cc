@@ -232,19 +232,11 @@ int main(int argc, char** argv) {
   // buffers stay in the heap between calls instead of fresh mappings.
   mallopt(M_MMAP_THRESHOLD, 32 << 20);
   mallopt(M_TRIM_THRESHOLD, 128 << 20);
-  std::vector<int> variants;
-  for (int v = 0; v < synth::kVariantCount; ++v) variants.push_back(v);
+  const std::vector<int> variants = bench::VariantsArg(argc, argv);
   bool pairs_only = false, sgbm = true;
   for (int i = 1; i < argc; ++i) {
-    if (!std::strcmp(argv[i], "--variants") && i + 1 < argc) {
-      variants.clear();
-      std::stringstream ss(argv[++i]);
-      for (std::string v; std::getline(ss, v, ',');) variants.push_back(std::stoi(v));
-    } else if (!std::strcmp(argv[i], "--pairs-only")) {
-      pairs_only = true;
-    } else if (!std::strcmp(argv[i], "--no-sgbm")) {
-      sgbm = false;
-    }
+    if (!std::strcmp(argv[i], "--pairs-only")) pairs_only = true;
+    else if (!std::strcmp(argv[i], "--no-sgbm")) sgbm = false;
   }
   cv::setNumThreads(2);
   std::printf("stereo reconstruction on the synthetic rigs, pairs (0,1) (2,3) (4,5) (6,7), 640 x 480, 2 threads\n");

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
+#include <sstream>
 #include <unordered_map>
 
 namespace velmora::bench {
@@ -187,6 +189,18 @@ Eigen::Vector3d ExactDepth(const synth::Surface& s, const Eigen::Vector3d& eye, 
     (inside(m) ? hi : lo) = m;
   }
   return eye + hi * d;
+}
+
+std::vector<int> VariantsArg(int argc, char** argv) {
+  std::vector<int> variants;
+  for (int i = 1; i + 1 < argc; ++i)
+    if (!std::strcmp(argv[i], "--variants")) {
+      std::stringstream ss(argv[++i]);
+      for (std::string v; std::getline(ss, v, ',');) variants.push_back(std::stoi(v));
+    }
+  if (variants.empty())
+    for (int v = 0; v < synth::kVariantCount; ++v) variants.push_back(v);
+  return variants;
 }
 
 }  // namespace velmora::bench

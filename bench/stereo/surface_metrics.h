@@ -61,4 +61,8 @@ Eigen::Vector2d PixelFootprint(const vision::CamParams& cam, const Eigen::Isomet
 // meets nothing there.
 Eigen::Vector3d ExactDepth(const synth::Surface& s, const Eigen::Vector3d& eye, const Eigen::Vector3d& p);
 
+// The rig variants named by `--variants 0,1,3` on the command line; every
+// variant without it.
+std::vector<int> VariantsArg(int argc, char** argv);
+
 }  // namespace velmora::bench

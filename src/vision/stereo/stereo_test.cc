@@ -246,13 +246,17 @@ struct ShiftScene {
     cv::randn(noise, 0, 1.0);
     i2 += noise;
   }
+  // The procedure's matching of the pair: disparity and Score.
+  void Match(HObject* disp, HObject* score) const {
+    binocular_disparity_ms(HObject(ByteImage(i1)), HObject(ByteImage(i2)), disp, score, -120, 120, 100, 100,
+                           "sub_disparity", "true");
+  }
 };
 
 TEST(BinocularDisparityMs, RecoversAKnownShiftFieldAndScoresItsReliability) {
   ShiftScene s;
   HObject disp, score;
-  binocular_disparity_ms(HObject(ByteImage(s.i1)), HObject(ByteImage(s.i2)), &disp, &score, -120, 120,
-                         100, 100, "sub_disparity", "true");
+  s.Match(&disp, &score);
   const Image& d = disp.ImageAt(0);
   const Image& sc = score.ImageAt(0);
   EXPECT_EQ(d.domain, sc.domain);
@@ -286,8 +290,7 @@ TEST(BinocularDisparityMs, RecoversAKnownShiftFieldAndScoresItsReliability) {
 TEST(BinocularDisparityMs, ScoreClaimsTheErrorItDelivers) {
   ShiftScene s;
   HObject disp, score;
-  binocular_disparity_ms(HObject(ByteImage(s.i1)), HObject(ByteImage(s.i2)), &disp, &score, -120, 120,
-                         100, 100, "sub_disparity", "true");
+  s.Match(&disp, &score);
   const Image& d = disp.ImageAt(0);
   const Image& sc = score.ImageAt(0);
   double err2 = 0, claim2 = 0;
