@@ -158,6 +158,34 @@ void SplitRegionAtColumn(const Region& region, int col, Region* left, Region* ri
   *right = Region::FromSortedRuns(std::move(r));
 }
 
+char KindByNeighbours(const std::function<char(size_t)>& kind, size_t i, size_t b, size_t e,
+                      char* left, char* right) {
+  *left = *right = 0;
+  for (size_t k = i; k > b && !*left;) *left = kind(--k);
+  for (size_t k = i + 1; k < e && !*right; ++k) *right = kind(k);
+  if (*left && *right) return *left == *right ? *left : 0;
+  if (!*left && !*right) return 0;
+  return SharedKind(kind, b, e);
+}
+
+char SharedKind(const std::function<char(size_t)>& kind, size_t from, size_t to) {
+  char s = 0;
+  for (size_t k = from; k < to; ++k) {
+    const char c = kind(k);
+    if (!c) continue;
+    if (s && s != c) return 0;
+    s = c;
+  }
+  return s;
+}
+
+void PutFirst(std::vector<Candidate>* list, char to) {
+  const std::string name(1, to);
+  auto it = std::find_if(list->begin(), list->end(), [&](const Candidate& c) { return c.klass == name; });
+  if (it != list->end()) std::iter_swap(list->begin(), it);
+  else if (!list->empty()) list->front().klass = name;
+}
+
 void ReadZeroAndOhByNeighbours(std::string* text, std::vector<std::vector<Candidate>>* candidates,
                                double sure) {
   std::string& t = *text;
@@ -177,33 +205,12 @@ void ReadZeroAndOhByNeighbours(std::string* text, std::vector<std::vector<Candid
     size_t b = i, e = i + 1;
     while (b > 0 && (digit(t[b - 1]) || letter(t[b - 1]))) --b;
     while (e < n && (digit(t[e]) || letter(t[e]))) ++e;
-    char left = 0, right = 0;
-    for (size_t k = i; k > b && !left;) left = kind(--k);
-    for (size_t k = i + 1; k < e && !right; ++k) right = kind(k);
-    char want = 0;
-    if (left && right) {
-      want = left == right ? left : 0;
-    } else if (left || right) {
-      for (size_t k = b; k < e; ++k) {
-        const char c = kind(k);
-        if (!c) continue;
-        if (want && want != c) {
-          want = 0;
-          break;
-        }
-        want = c;
-      }
-    }
+    char left, right;
+    const char want = KindByNeighbours(kind, i, b, e, &left, &right);
     if (want) read[i] = want == 'D' ? '0' : 'O';
   }
-  for (size_t i = 0; i < n; ++i) {
-    if (read[i] == t[i]) continue;
-    auto& list = (*candidates)[i];
-    const std::string to(1, read[i]);
-    auto it = std::find_if(list.begin(), list.end(), [&](const Candidate& c) { return c.klass == to; });
-    if (it != list.end()) std::iter_swap(list.begin(), it);
-    else if (!list.empty()) list.front().klass = to;
-  }
+  for (size_t i = 0; i < n; ++i)
+    if (read[i] != t[i]) PutFirst(&(*candidates)[i], read[i]);
   t = read;
 }
 
@@ -232,10 +239,7 @@ void ReadElInCodes(std::string* text, std::vector<std::vector<Candidate>>* candi
         auto& list = (*candidates)[i];
         if (t[i] != 'l' || list.empty() || list.front().confidence >= sure) continue;
         t[i] = to;
-        auto it = std::find_if(list.begin(), list.end(),
-                               [&](const Candidate& c) { return c.klass == std::string(1, to); });
-        if (it != list.end()) std::iter_swap(list.begin(), it);
-        else list.front().klass = std::string(1, to);
+        PutFirst(&list, to);
       }
     b = e;
   }

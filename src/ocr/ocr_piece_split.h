@@ -85,6 +85,22 @@ void ReadElInCodes(std::string* text, std::vector<std::vector<Candidate>>* candi
 void ReadLettersAmongDigits(std::vector<PieceReading>* pieces, const PieceClassifier& digits,
                             double sure = 0.98);
 
+// Shared by the line rules that read a character by its neighbours.
+// `kind(k)` says what character k tells of its place: 'D' a digit, 'L' a
+// letter, 0 nothing. For character i of the run [b, e): the nearest telling
+// characters on either side (`*left`, `*right`, 0 where none) decide when
+// they agree; with one side telling nothing the run decides when all it
+// tells is one kind; otherwise 0.
+char KindByNeighbours(const std::function<char(size_t)>& kind, size_t i, size_t b, size_t e,
+                      char* left, char* right);
+
+// The kind all telling characters of [from, to) share, or 0 (none, or both).
+char SharedKind(const std::function<char(size_t)>& kind, size_t from, size_t to);
+
+// Makes `to` the first candidate of `list` (the class itself when listed,
+// else the first candidate renamed).
+void PutFirst(std::vector<Candidate>* list, char to);
+
 // The two parts of `region` left of column `col` and from it on.
 void SplitRegionAtColumn(const vision::Region& region, int col, vision::Region* left,
                          vision::Region* right);

@@ -6,6 +6,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "ocr/ocr_blobs.h"
+#include "ocr/ocr_piece_split.h"
 #include "vision/filter/filters.h"
 #include "vision/filter/image_ops.h"
 #include "vision/region/region_ops.h"
@@ -191,25 +192,9 @@ void ReadLookAlikesByNeighbours(std::string* text, std::vector<std::vector<Candi
     if (IsDigitChar(t[k])) return 'D';
     return IsLetterChar(t[k]) && !LookAlike(t[k]) ? 'L' : 0;
   };
-  // The kind all telling characters of [from, to) share, or 0 (none, or
-  // both kinds).
-  auto shared = [&](size_t from, size_t to) {
-    char s = 0;
-    for (size_t k = from; k < to; ++k) {
-      const char c = kind(k);
-      if (!c) continue;
-      if (s && s != c) return char(0);
-      s = c;
-    }
-    return s;
-  };
   auto change = [&](size_t i, char to) {
     t[i] = to;
-    auto& list = (*candidates)[i];
-    auto it = std::find_if(list.begin(), list.end(),
-                           [&](const Candidate& c) { return c.klass == std::string(1, to); });
-    if (it != list.end()) std::iter_swap(list.begin(), it);
-    else if (!list.empty()) list.front().klass = std::string(1, to);
+    PutFirst(&(*candidates)[i], to);
   };
   for (size_t i = 0; i < n; ++i) {
     const char twin = LookAlike(t[i]);
@@ -231,18 +216,12 @@ void ReadLookAlikesByNeighbours(std::string* text, std::vector<std::vector<Candi
     // a run of two or more that tells nothing goes with the line when the
     // line tells one kind at least twice (a lone letter before = is a
     // letter: O=253*58).
-    char left = 0, right = 0;
-    for (size_t k = i; k > b && !left;) left = kind(--k);
-    for (size_t k = i + 1; k < e && !right; ++k) right = kind(k);
-    char want = 0;
-    if (left && right) {
-      want = left == right ? left : 0;
-    } else if (left || right) {
-      want = shared(b, e);
-    } else if (e - b > 1) {
+    char left, right;
+    char want = KindByNeighbours(kind, i, b, e, &left, &right);
+    if (!left && !right && e - b > 1) {
       size_t telling = 0;
       for (size_t k = 0; k < n; ++k) telling += kind(k) != 0;
-      if (telling >= 2) want = shared(0, n);
+      if (telling >= 2) want = SharedKind(kind, 0, n);
     }
     if (want == 'D') change(i, twin);
   }
