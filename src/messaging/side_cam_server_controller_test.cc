@@ -113,9 +113,11 @@ struct RawServer : SilentServer {
 };
 
 Bytes ReplyFrame(const Bytes& body) {
-  Bytes frame = {'V', 'M', 'P', 'R', 1, 0, 0, 0, 0, 0, 0, 0};
+  Bytes frame(12 + body.size());
+  const uint8_t head[8] = {'V', 'M', 'P', 'R', 1, 0, 0, 0};
+  std::copy(head, head + 8, frame.begin());
   wire::PutU32(frame.data() + 8, static_cast<uint32_t>(body.size()));
-  frame.insert(frame.end(), body.begin(), body.end());
+  std::copy(body.begin(), body.end(), frame.begin() + 12);
   return frame;
 }
 
