@@ -308,10 +308,12 @@ __attribute__((target_clones("avx2", "default"))) void MatRows8(const float* m, 
   MatRowsTail(m, rows, p, in, out, w, c);
 }
 
-#if defined(__GNUC__) && defined(__x86_64__)
+#if defined(__GNUC__) && !defined(__clang__) && defined(__x86_64__)
 #define VISION_HAVE_AVX512_PATH 1
 // Sixteen columns a vector; products and sums stay apart (this target has
-// fused multiply-adds, which would round once instead of twice).
+// fused multiply-adds, which would round once instead of twice). Only GCC
+// honours the per-function fp-contract switch, so other compilers keep the
+// eight-column path.
 __attribute__((target("avx512f"), optimize("fp-contract=off"))) void MatRows16(
     const float* m, int rows, int p, const float* const* in, float* const* out, int w) {
   int c = 0;
