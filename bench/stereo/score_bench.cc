@@ -60,28 +60,8 @@ int Kind(const synth::Rig& rig, const Eigen::Vector3d& q, int* part) {
 // The line of sight from `eye` through p meets the surface: first near p,
 // else anywhere within 2 mm of it.
 Eigen::Vector3d TruePoint(const synth::Surface& s, const Eigen::Vector3d& eye, const Eigen::Vector3d& p) {
-  const Eigen::Vector3d d = (p - eye).normalized();
-  const double l = (p - eye).norm();
-  auto inside = [&](double t) {
-    const Eigen::Vector3d q = eye + t * d;
-    return q.z() >= s.ZAt(q.x(), q.y());
-  };
-  double lo = l - 0.3e-3;
-  if (inside(lo)) return bench::ExactDepth(s, eye, p);
-  double hi = lo;
-  for (double t = lo; t <= l + 0.3e-3; t += 5e-6) {
-    if (inside(t)) {
-      hi = t;
-      break;
-    }
-    lo = t;
-  }
-  if (hi <= lo) return bench::ExactDepth(s, eye, p);
-  for (int k = 0; k < 30; ++k) {
-    const double m = 0.5 * (lo + hi);
-    (inside(m) ? hi : lo) = m;
-  }
-  return eye + hi * d;
+  Eigen::Vector3d hit;
+  return bench::MarchToSurface(s, eye, p, 0.3e-3, &hit) ? hit : bench::ExactDepth(s, eye, p);
 }
 
 // Bands of the disparity field's slope |grad d| (pixels a pixel).
@@ -210,27 +190,23 @@ int main(int argc, char** argv) {
     };
     for (int kind = 0; kind < 3; ++kind)
       for (int bi = 0; bi < kBands; ++bi) row(kKind[kind], bi, band[kind][bi]);
-    std::printf("Score >= 200 by the field's slope |grad d| (px/px):\n");
-    for (int kind = 0; kind < 3; ++kind)
-      for (int si = 0; si < kSlopes; ++si) {
-        Acc& q = slope_band[kind][si];
-        if (!q.n) continue;
-        size_t big = 0;
-        for (float e : q.abs_err) big += e > 0.25f;
-        std::printf("%-9s slope %4.2f- %8zu  robust sd %6.3f  claim RMS %6.3f  |err| > 0.25 px %6.2f %%\n", kKind[kind],
-                    kSlope[si], q.n, q.Robust(), std::sqrt(q.s2 / double(q.n)), 100.0 * double(big) / double(q.n));
-      }
-    std::printf("Score >= 200 by the field's detail |d - mean d| (px):\n");
-    for (int kind = 0; kind < 3; ++kind)
-      for (int di = 0; di < kDetails; ++di) {
-        Acc& q = detail_band[kind][di];
-        if (!q.n) continue;
-        size_t big = 0;
-        for (float e : q.abs_err) big += e > 0.25f;
-        std::printf("%-9s detail %4.2f- %8zu  robust sd %6.3f  claim RMS %6.3f  |err| > 0.25 px %6.2f %%\n",
-                    kKind[kind], kDetail[di], q.n, q.Robust(), std::sqrt(q.s2 / double(q.n)),
-                    100.0 * double(big) / double(q.n));
-      }
+    // Kept pixels by bands of one property of the field (lower bounds `lower`).
+    auto by_band = [&](const char* title, const char* name, const double* lower, int count, Acc (*acc)[kSlopes]) {
+      std::printf("Score >= 200 by the field's %s:\n", title);
+      for (int kind = 0; kind < 3; ++kind)
+        for (int i = 0; i < count; ++i) {
+          Acc& q = acc[kind][i];
+          if (!q.n) continue;
+          size_t big = 0;
+          for (float e : q.abs_err) big += e > 0.25f;
+          std::printf("%-9s %s %4.2f- %8zu  robust sd %6.3f  claim RMS %6.3f  |err| > 0.25 px %6.2f %%\n",
+                      kKind[kind], name, lower[i], q.n, q.Robust(), std::sqrt(q.s2 / double(q.n)),
+                      100.0 * double(big) / double(q.n));
+        }
+    };
+    by_band("slope |grad d| (px/px)", "slope", kSlope, kSlopes, slope_band);
+    static_assert(kDetails == kSlopes, "both band tables share one row type");
+    by_band("detail |d - mean d| (px)", "detail", kDetail, kDetails, detail_band);
     for (int pi = 1; pi <= np; ++pi)
       for (int bi = 0; bi < kBands; ++bi)
         row((std::string("top ") + rig.parts[size_t(pi - 1)].kind).c_str(), bi, part_band[size_t(pi)][size_t(bi)]);

@@ -165,30 +165,37 @@ Eigen::Vector2d PixelFootprint(const vision::CamParams& cam, const Eigen::Isomet
   return Eigen::Vector2d((hit(row, col + 1) - at).norm(), (hit(row + 1, col) - at).norm());
 }
 
-Eigen::Vector3d ExactDepth(const synth::Surface& s, const Eigen::Vector3d& eye, const Eigen::Vector3d& p) {
+bool MarchToSurface(const synth::Surface& s, const Eigen::Vector3d& eye, const Eigen::Vector3d& p, double reach,
+                    Eigen::Vector3d* hit) {
   const Eigen::Vector3d d = (p - eye).normalized();
   const double l = (p - eye).norm();
   auto inside = [&](double t) {
     const Eigen::Vector3d q = eye + t * d;
     return q.z() >= s.ZAt(q.x(), q.y());
   };
-  // March in 5 um steps from 2 mm before p to the first point inside, then bisect.
-  double lo = l - 2e-3;
-  if (inside(lo)) return p;
+  // March in 5 um steps from `reach` before p to the first point inside, then bisect.
+  double lo = l - reach;
+  if (inside(lo)) return false;
   double hi = lo;
-  for (double t = lo; t <= l + 2e-3; t += 5e-6) {
+  for (double t = lo; t <= l + reach; t += 5e-6) {
     if (inside(t)) {
       hi = t;
       break;
     }
     lo = t;
   }
-  if (hi <= lo) return p;
+  if (hi <= lo) return false;
   for (int k = 0; k < 30; ++k) {
     const double m = 0.5 * (lo + hi);
     (inside(m) ? hi : lo) = m;
   }
-  return eye + hi * d;
+  *hit = eye + hi * d;
+  return true;
+}
+
+Eigen::Vector3d ExactDepth(const synth::Surface& s, const Eigen::Vector3d& eye, const Eigen::Vector3d& p) {
+  Eigen::Vector3d hit;
+  return MarchToSurface(s, eye, p, 2e-3, &hit) ? hit : p;
 }
 
 std::vector<int> VariantsArg(int argc, char** argv) {

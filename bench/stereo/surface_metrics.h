@@ -61,6 +61,12 @@ Eigen::Vector2d PixelFootprint(const vision::CamParams& cam, const Eigen::Isomet
 // meets nothing there.
 Eigen::Vector3d ExactDepth(const synth::Surface& s, const Eigen::Vector3d& eye, const Eigen::Vector3d& p);
 
+// The first point where the line of sight from `eye` through p enters the
+// height field within `reach` of p, in *hit; false where the line starts
+// inside or meets nothing there.
+bool MarchToSurface(const synth::Surface& s, const Eigen::Vector3d& eye, const Eigen::Vector3d& p, double reach,
+                    Eigen::Vector3d* hit);
+
 // The rig variants named by `--variants 0,1,3` on the command line; every
 // variant without it.
 std::vector<int> VariantsArg(int argc, char** argv);
