@@ -168,6 +168,13 @@ char KindByNeighbours(const std::function<char(size_t)>& kind, size_t i, size_t 
   return SharedKind(kind, b, e);
 }
 
+void RunAround(const std::function<bool(size_t)>& in_run, size_t n, size_t i, size_t* b, size_t* e) {
+  *b = i;
+  *e = i + 1;
+  while (*b > 0 && in_run(*b - 1)) --*b;
+  while (*e < n && in_run(*e)) ++*e;
+}
+
 char SharedKind(const std::function<char(size_t)>& kind, size_t from, size_t to) {
   char s = 0;
   for (size_t k = from; k < to; ++k) {
@@ -202,9 +209,8 @@ void ReadZeroAndOhByNeighbours(std::string* text, std::vector<std::vector<Candid
   std::string read = t;
   for (size_t i = 0; i < n; ++i) {
     if (!twin(t[i]) || (*candidates)[i].empty() || (*candidates)[i][0].confidence >= sure) continue;
-    size_t b = i, e = i + 1;
-    while (b > 0 && (digit(t[b - 1]) || letter(t[b - 1]))) --b;
-    while (e < n && (digit(t[e]) || letter(t[e]))) ++e;
+    size_t b, e;
+    RunAround([&](size_t k) { return digit(t[k]) || letter(t[k]); }, n, i, &b, &e);
     char left, right;
     const char want = KindByNeighbours(kind, i, b, e, &left, &right);
     if (want) read[i] = want == 'D' ? '0' : 'O';
@@ -254,9 +260,8 @@ void ReadLettersAmongDigits(std::vector<PieceReading>* pieces, const PieceClassi
   for (size_t i = 0; i < p.size(); ++i) {
     const char c = first(i);
     if (!(c >= 'A' && c <= 'Z') || c == 'O' || c == 'I' || p[i].Best() >= sure) continue;
-    size_t b = i, e = i + 1;
-    while (b > 0 && (digit(first(b - 1)) || letter(first(b - 1)))) --b;
-    while (e < p.size() && (digit(first(e)) || letter(first(e)))) ++e;
+    size_t b, e;
+    RunAround([&](size_t k) { return digit(first(k)) || letter(first(k)); }, p.size(), i, &b, &e);
     bool only_digits = e - b > 1;
     for (size_t k = b; k < e; ++k) only_digits = only_digits && (k == i || digit(first(k)));
     if (!only_digits) continue;

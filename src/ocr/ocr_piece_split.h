@@ -94,6 +94,10 @@ void ReadLettersAmongDigits(std::vector<PieceReading>* pieces, const PieceClassi
 char KindByNeighbours(const std::function<char(size_t)>& kind, size_t i, size_t b, size_t e,
                       char* left, char* right);
 
+// The run [*b, *e) of consecutive characters k of [0, n) with in_run(k)
+// that holds character i (specials part runs).
+void RunAround(const std::function<bool(size_t)>& in_run, size_t n, size_t i, size_t* b, size_t* e);
+
 // The kind all telling characters of [from, to) share, or 0 (none, or both).
 char SharedKind(const std::function<char(size_t)>& kind, size_t from, size_t to);
 

@@ -200,9 +200,8 @@ void ReadLookAlikesByNeighbours(std::string* text, std::vector<std::vector<Candi
     const char twin = LookAlike(t[i]);
     if (!twin) continue;
     // The run of letters and digits that holds i (specials part runs).
-    size_t b = i, e = i + 1;
-    while (b > 0 && IsAlnumChar(t[b - 1])) --b;
-    while (e < n && IsAlnumChar(t[e])) ++e;
+    size_t b, e;
+    RunAround([&](size_t k) { return IsAlnumChar(t[k]); }, n, i, &b, &e);
     if (IsDigitChar(t[i])) {
       // Only a zero becomes a letter, and only between two letters that
       // look like no digit.
